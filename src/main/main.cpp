@@ -1,0 +1,143 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "anyoption/anyoption.h"
+#include "socket_errors/socket_errors.h"
+#include "tftp_server/tftp_server.h"
+#include "worker_thread/worker_thread.h"
+
+// The one server. It keeps its value after the server was deleted; it is meant.
+TFTPServer* server = nullptr;
+
+// SIGINT and SIGTERM: stops and deletes the server, and exits with the signal's number.
+void signalHandler(int signal_number);
+
+namespace {
+
+constexpr int kDefaultPort = 69;  // TFTP, RFC 1350; the PPT server's too
+constexpr int kDefaultMessagePort = 12345;
+constexpr char kDefaultServerIp[] = "127.0.0.1";
+constexpr char kDefaultPptServerIp[] = "172.30.0.254";
+constexpr int kExitFailure = 1;
+
+constexpr const char* kUsage[] = {
+    "",
+    "Usage: TFTP [-h] [-p port] [-s server]",
+    "",
+    " -h Prints this help",
+    " -n Specifies the server port, if none is specified default 69 is used",
+    " -o Specifies the server ip, if none is specified default 127.0.0.1 is used",
+    " -p Specifies the PPT server port",
+    " -s Specifies the PPT server ip",
+    " -m Specifies the PPT message port",
+    "",
+};
+
+struct Settings {
+  int server_port;
+  std::string server_ip;
+  int ppt_port;
+  std::string ppt_ip;
+  int message_port;
+};
+
+// A parser that reports by throwing a text leaves the default in these two.
+int number_option(AnyOption& options, char letter, int default_number) {
+  try {
+    if (options.getValue(letter) != nullptr) {
+      return static_cast<int>(std::strtol(options.getValue(letter), nullptr, 10));
+    }
+  } catch (char*) {
+    return default_number;
+  }
+  return default_number;
+}
+
+std::string text_option(AnyOption& options, char letter, const char* default_text) {
+  try {
+    if (options.getValue(letter) != nullptr) return options.getValue(letter);
+  } catch (char*) {
+    return default_text;
+  }
+  return default_text;
+}
+
+Settings read_command_line(int argc, char** argv) {
+  AnyOption options;
+  for (const char* line : kUsage) options.addUsage(line);
+  options.setFlag('h');
+  options.setOption("port", 'n');
+  options.setOption("serverip", 's');
+  options.setOption("serverport", 'p');
+  options.setOption("ipaddr", 'o');
+  options.setOption("msgport", 'm');
+  options.processCommandArgs(argc, argv);
+
+  if (options.getFlag('h')) options.printUsage();  // and the server starts all the same
+  Settings settings;
+  settings.server_port = number_option(options, 'n', kDefaultPort);
+  settings.message_port = number_option(options, 'm', kDefaultMessagePort);
+  settings.ppt_port = number_option(options, 'p', kDefaultPort);
+  settings.server_ip = text_option(options, 'o', kDefaultServerIp);
+  settings.ppt_ip = text_option(options, 's', kDefaultPptServerIp);
+  if (settings.ppt_ip.empty()) options.printUsage();
+  return settings;
+}
+
+// Whether someone has begun to take the server down: the handler, on whichever thread, or main.
+std::atomic<bool> ending{false};
+
+// After this the handler finds nothing left to delete: on this thread its signals wait, on another it
+// returns.
+void keep_server_from_handler() {
+  static const SignalBlock to_the_end_of_the_process({SIGINT, SIGTERM});
+  while (ending.exchange(true)) pause();  // the handler was first, and ends the process
+}
+
+// Runs the server until its run is over. The exit status of the process.
+int run_server() {
+  try {
+    server->Start();
+    keep_server_from_handler();
+    server->Stop();
+    return server->exit_code;
+  } catch (ETFTPSocketCreate* error) {
+    std::cout << "Socket create exception: " << error->what() << std::endl;
+  } catch (ETFTPSocketBind* error) {
+    std::cout << "Socket Bind exception: " << error->what() << std::endl;
+  }
+  keep_server_from_handler();
+  return kExitFailure;
+}
+
+}  // namespace
+
+void signalHandler(int signal_number) {
+  const SignalBlock nothing_interrupts_the_end({SIGINT, SIGTERM});
+  if (ending.exchange(true)) return;
+  if (server != nullptr) {
+    server->Stop();
+    delete server;
+  }
+  std::exit(signal_number);
+}
+
+int main(int argc, char** argv) {
+  signal(SIGINT, signalHandler);
+  signal(SIGTERM, signalHandler);
+  const Settings settings = read_command_line(argc, argv);
+  if (settings.ppt_ip.empty()) return kExitFailure;
+  std::cout << "Starting TFTP server on " << settings.server_ip << ":" << settings.server_port
+            << " PPT Server: " << settings.ppt_ip << std::endl;
+  // Without a socket the constructor throws, and nobody catches: the process is aborted.
+  server = new TFTPServer(settings.server_port, settings.server_ip, settings.ppt_port, settings.ppt_ip,
+                          settings.message_port);
+  const int status = run_server();
+  delete server;
+  return status;
+}

@@ -1,0 +1,229 @@
+#include "message_server/message_server.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "ipv4_socket/ipv4_socket.h"
+#include "worker_thread/worker_thread.h"
+
+namespace {
+
+constexpr useconds_t kSendIntervalMicroseconds = 1000000;
+constexpr useconds_t kStopPollMicroseconds = 50000;
+constexpr int kRawProtocol = 255;
+constexpr int kListenBacklog = 5;
+
+constexpr char kCannotSetOptions[] = "Can't set the socket options the reason is ";
+
+// Prints the message and the text of errno as it was at the call; the result is for the caller to return.
+int fail_with_reason(const char* message) {
+  const std::string reason = std::strerror(errno);
+  std::cout << message << reason << std::endl;
+  return -1;
+}
+
+// The same, and closes the descriptor. The field that holds it keeps the number; it is meant.
+int fail_and_close(int descriptor, const char* message) {
+  fail_with_reason(message);
+  close(descriptor);
+  return -1;
+}
+
+bool switch_on(int descriptor, int socket_option) {
+  const int on = 1;
+  return setsockopt(descriptor, SOL_SOCKET, socket_option, &on, sizeof on) == 0;
+}
+
+// Asks the kernel for one IPv4 address of the interface. False when it has none.
+bool query_interface(int descriptor, const std::string& name, unsigned long request, in_addr_t* address) {
+  ifreq query = {};
+  // A name of 16 characters or more fills the field without a NUL.
+  std::memcpy(query.ifr_name, name.data(), std::min(name.size(), sizeof query.ifr_name));
+  query.ifr_addr.sa_family = AF_INET;
+  if (ioctl(descriptor, request, &query) == -1) return false;
+  sockaddr_in answer;
+  std::memcpy(&answer, &query.ifr_addr, sizeof answer);
+  *address = answer.sin_addr.s_addr;
+  return true;
+}
+
+// Creation writes *thread; after a failure no thread is alive and the destructor must not wait for one.
+int forget_if_not_created(int creation_result, pthread_t* thread) {
+  if (creation_result != 0) *thread = 0;
+  return creation_result;
+}
+
+}  // namespace
+
+MessageServer::MessageServer(int message_port) : port(message_port) {}
+
+MessageServer::~MessageServer() {
+  StopSender();
+  while (sender_thread != 0) usleep(kStopPollMicroseconds);
+  StopReceive();
+  while (receiver_thread != 0) usleep(kStopPollMicroseconds);
+  if (sender_socket != -1) close(sender_socket);
+  if (receive_socket != -1) close(receive_socket);
+  delete[] message;
+  message = nullptr;
+  std::cout << "Message Server was shut down" << std::endl;
+}
+
+void* MessageServer::operator new(std::size_t size) {
+  return ::operator new(size);
+}
+
+// Kept: the relay reads its run flag until the process ends.
+void MessageServer::operator delete(void* /*storage*/) {}
+
+int MessageServer::InitializeSender(const std::string& interface_name, bool broadcast) {
+  if (sending) {
+    std::cout << "MessageServer already sending message" << std::endl;
+    return -1;
+  }
+  const int query_socket = socket(AF_INET, SOCK_RAW, kRawProtocol);
+  if (query_socket == -1) return fail_with_reason("Can't create socket for ioctl calls  because of : ");
+  const bool has_broadcast =
+      query_interface(query_socket, interface_name, SIOCGIFBRDADDR, &broadcast_address);
+  const bool has_address = query_interface(query_socket, interface_name, SIOCGIFADDR, &interface_address);
+  if (!has_broadcast || !has_address) {
+    return fail_and_close(query_socket, "Can't get ioctl answer because of : ");
+  }
+  close(query_socket);
+
+  const protoent* const udp = getprotobyname("udp");
+  if (udp == nullptr) {
+    std::cout << "error in proto entry" << std::endl;
+    return -2;
+  }
+  sender_socket = socket(AF_INET, SOCK_DGRAM, udp->p_proto);
+  sender_address = ipv4_address(broadcast ? broadcast_address : interface_address, port);
+  if (broadcast) {
+    if (!switch_on(sender_socket, SO_BROADCAST)) return fail_and_close(sender_socket, kCannotSetOptions);
+    if (bind(sender_socket, generic(&sender_address), sizeof sender_address) == -1) {
+      return fail_and_close(sender_socket, "Can't bind socket by the reason of ");
+    }
+  }
+  std::cout << "Message Sender initialized. IP: " << inet_ntoa(sender_address.sin_addr) << " Port=" << port
+            << std::endl;
+  return 0;
+}
+
+bool MessageServer::StartSender(int count, const char* bytes, int length) {
+  if (sending) return false;
+  sending = true;
+  delete[] message;
+  message_length = length;
+  const auto byte_count = static_cast<std::size_t>(std::max(length, 0));
+  message = new char[byte_count];
+  if (byte_count != 0) std::memcpy(message, bytes, byte_count);
+  repeat_count = count;
+  const int created = create_worker_thread(&sender_thread, SenderProc, this);
+  if (forget_if_not_created(created, &sender_thread) == -1) {
+    std::cout << " Can't create sender thread" << std::endl;
+    return false;
+  }
+  return true;
+}
+
+void MessageServer::StopSender() {
+  if (sending) sending = false;
+}
+
+int MessageServer::InitializeReceiver(const std::string& local_ip, const std::string& remote_ip,
+                                      unsigned short message_port) {
+  receive_socket = socket(AF_INET, SOCK_STREAM, 0);
+  if (receive_socket == -1) {
+    std::cout << "Failed to create receive socket" << std::endl;
+    return -1;
+  }
+  if (!switch_on(receive_socket, SO_REUSEADDR)) return fail_and_close(receive_socket, kCannotSetOptions);
+  int on = 1;
+  if (ioctl(receive_socket, FIONBIO, &on) == -1) {
+    std::cout << "Ioctl failed" << std::endl;
+    close(receive_socket);
+    return -1;
+  }
+  receive_address = ipv4_address(inet_addr(local_ip.c_str()), message_port);
+  if (bind(receive_socket, generic(&receive_address), sizeof receive_address) == -1) {
+    return fail_with_reason("ERROR on binding. ");
+  }
+  if (listen(receive_socket, kListenBacklog) == -1) return fail_with_reason("ERROR on listen. ");
+
+  // The broadcast's socket goes, and the connection takes its place. The test for 0 is meant.
+  if (sender_socket != 0) close(sender_socket);
+  sender_socket = socket(AF_INET, SOCK_STREAM, 0);
+  if (sender_socket == -1) return fail_with_reason("Failed to create sender socket. ");
+  sender_address = ipv4_address(inet_addr(remote_ip.c_str()), message_port);
+  if (connect(sender_socket, generic(&sender_address), sizeof sender_address) == -1) {
+    const std::string reason = std::strerror(errno);
+    std::cout << "ERROR on connect() to " << remote_ip << ":" << message_port << ". " << reason << std::endl;
+    return -1;
+  }
+  std::cout << "Message receiver initialized. IP: " << inet_ntoa(sender_address.sin_addr)
+            << " Port=" << message_port << std::endl;
+  return 0;
+}
+
+bool MessageServer::StartReceive(const std::string& local_ip, const std::string& remote_ip,
+                                 unsigned short message_port) {
+  if (receiving) return false;
+  if (InitializeReceiver(local_ip, remote_ip, message_port) < 0) {
+    std::cout << "Error: Failed to initialize receiver" << std::endl;
+    return false;
+  }
+  receiving = true;
+  // This worker keeps its creator's signal mask: the board's commands that it starts would inherit another.
+  const int created = pthread_create(&receiver_thread, nullptr, ReceiverProc, this);
+  if (forget_if_not_created(created, &receiver_thread) == -1) {
+    std::cout << " Can't create receiver thread" << std::endl;
+    return false;
+  }
+  return true;
+}
+
+void MessageServer::StopReceive() {
+  if (receiving) receiving = false;
+}
+
+bool MessageServer::StartUDPServer(const std::string& local_ip, const std::string& remote_ip) {
+  if (udp_running) return false;
+  udp_local_ip = local_ip;
+  udp_remote_ip = remote_ip;
+  udp_running = true;
+  const int created = create_worker_thread(&udp_thread, UdpMessageServerProc, this);
+  if (created == -1) {
+    std::cout << " Can't create UDP receiver thread" << std::endl;
+    return false;
+  }
+  return true;
+}
+
+void* SenderProc(void* record) {
+  auto* const server = static_cast<MessageServer*>(record);
+  std::int32_t countdown = server->repeat_count;
+  while (server->sending) {
+    if (server->repeat_count != -1) {
+      if (countdown < 1) break;
+      --countdown;
+    }
+    const ssize_t sent =
+        sendto(server->sender_socket, server->message, static_cast<std::size_t>(server->message_length), 0,
+               generic(&server->sender_address), sizeof server->sender_address);
+    if (sent == -1) fail_with_reason("Error in \"sendto\":  the reason is ");
+    usleep(kSendIntervalMicroseconds);
+  }
+  // `sending` stays as it is: a sender whose count ran out is spent until StopSender.
+  server->sender_thread = 0;
+  std::cout << "Sender proc stopped!!!" << std::endl;
+  return nullptr;
+}

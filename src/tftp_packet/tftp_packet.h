@@ -1,0 +1,116 @@
+#ifndef TFTP_PACKET_TFTP_PACKET_H
+#define TFTP_PACKET_TFTP_PACKET_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// One TFTP datagram: a buffer of fixed capacity, a builder for every packet kind, and the parsers. All
+// knowledge of the wire format is here (RFC 1350; options: RFC 2347; their names: RFC 2348, RFC 2349).
+//
+//   kind  opcode  bytes that follow the 2-byte opcode
+//   RRQ   1       name NUL "octet" NUL { option NUL value NUL }
+//   WRQ   2       name NUL NUL "octet" NUL NUL            both NULs are doubled, and meant to be
+//   DATA  3       block number (2), 0 to n bytes of data
+//   ACK   4       block number (2)
+//   ERROR 5       error code (2), message NUL NUL         the last NUL is doubled, and meant to be
+//   OACK  6       { option NUL value NUL }
+//
+// Words are big-endian. Block numbers and error codes are cut to 16 bits when written.
+//
+// Results differ in sense from one operation to the next; each says what its own means. No operation reads or
+// writes outside the array: a text without NUL ends with the array, and bytes beyond it read as 0.
+class TFTP_Packet {
+ public:
+  // Capacity of a new packet, and the most that reSize and setSize accept, in bytes.
+  static constexpr std::int32_t kMaxSize = 32768;
+  // Opcode and block number: what a DATA packet holds besides its data, in bytes.
+  static constexpr std::int32_t kHeaderSize = 4;
+
+  // An empty packet with capacity kMaxSize, all zero.
+  TFTP_Packet();
+  ~TFTP_Packet();
+  TFTP_Packet(const TFTP_Packet&) = delete;
+  TFTP_Packet& operator=(const TFTP_Packet&) = delete;
+
+  // Empties the packet and fills its whole capacity with zero.
+  void clear();
+  // Replaces the array by one of new_capacity bytes and empties the packet; the present capacity keeps the
+  // contents. There is no lower limit: a capacity below zero holds no byte.
+  // False, and nothing changed, above kMaxSize.
+  bool reSize(int new_capacity);
+  // The same for a packet that is to hold a DATA packet of block_size data bytes: the limit applies to the
+  // data, the header comes on top. False, and nothing changed, when block_size is above kMaxSize.
+  bool reSizeForBlock(int block_size);
+  // Says how many bytes are valid. False, and nothing changed, above kMaxSize. It is kMaxSize that counts
+  // here and not the capacity; that is meant.
+  bool setSize(int new_size);
+
+  // The array from offset on, without a check of offset; null when there is no array.
+  std::uint8_t* getData(int offset);
+  // How many bytes from getData(0) are both valid and within the array: what a send may read.
+  std::int32_t sendableSize() const;
+  // How many bytes from getData(0) the array holds: what a receive may write.
+  std::int32_t receivableSize() const;
+  // Copies exactly count bytes from offset on. False, and nothing copied, when offset is beyond size or when
+  // more than count bytes remain. A count beyond what remains is copied all the same; both are meant.
+  bool copyData(int offset, char* destination, int count) const;
+  // Prints the packet in hexadecimal. Standard output stays in hexadecimal with base afterwards; it is meant.
+  void dumpData() const;
+
+  // Writers: append at the end. True when written, except for addWord.
+  bool addByte(std::uint8_t byte);
+  // True only when the high byte fitted and the low byte did not. The inverted sense is meant.
+  bool addWord(std::uint16_t word);
+  // Appends the text and a NUL. False at the first character that does not fit; the NUL may be missing then.
+  bool addString(const std::string& text);
+  // All of count bytes or none; says so on standard output when they do not fit.
+  bool addMemory(const char* source, int count);
+
+  // Readers. An offset outside the array reads as 0.
+  std::uint8_t getByte(int offset) const;
+  std::uint16_t getWord(int offset) const;
+  // Copies the text at offset into destination_length - 1 bytes of destination, padded with NULs. The last
+  // byte of destination is not touched: callers pass a zeroed buffer. False when offset is not below size.
+  bool getString(int offset, char* destination, int destination_length) const;
+  // The block number of DATA and ACK, 0 for any other packet.
+  std::uint16_t getNumber() const;
+
+  // Builders: clear, then write. All return true; what does not fit is cut off without notice.
+  // Without options when the two lists differ in length.
+  bool createRRQ(const std::string& file_name, const std::vector<std::string>& option_names,
+                 const std::vector<std::string>& option_values);
+  bool createWRQ(const std::string& file_name);
+  bool createData(int block, const char* source, int count);
+  // Leaves the packet with a capacity of 4 bytes: it needs a reSize before it holds anything longer.
+  bool createACK(int block);
+  bool createError(int code, const std::string& message);
+  // option_values must have at least as many entries as option_names.
+  bool createOACK(const std::vector<std::string>& option_names,
+                  const std::vector<std::string>& option_values);
+
+  // Whether the opcode says so; size is not consulted.
+  bool isRRQ() const;
+  bool isWRQ() const;
+  bool isData() const;
+  bool isACK() const;
+  bool isError() const;
+  // True for an OACK, also for one without options. Fills the lists, verbatim and in order.
+  bool isOACK(std::vector<std::string>& option_names, std::vector<std::string>& option_values) const;
+  // True for an RRQ or WRQ with at least one option. Fills the lists, verbatim and in order; a name without a
+  // value gets the text behind it.
+  bool hasOption(std::vector<std::string>& option_names, std::vector<std::string>& option_values) const;
+
+  std::int32_t size = 0;      // valid bytes, and where the writers append
+  std::int32_t max_size = 0;  // capacity of data in bytes; may be negative
+  std::uint8_t* data = nullptr;
+
+ private:
+  void replaceArray(std::int32_t capacity);
+  void addPairs(const std::vector<std::string>& option_names, const std::vector<std::string>& option_values);
+  std::string textAt(int offset) const;
+  void collectPairs(int offset, std::vector<std::string>& option_names,
+                    std::vector<std::string>& option_values) const;
+};
+
+#endif

@@ -1,0 +1,184 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <utility>
+
+#include "socket_errors/socket_errors.h"
+#include "tftp_client/tftp_client.h"
+#include "tftp_server/tftp_server.h"
+
+namespace {
+
+constexpr char kVerdictPrefix[] = "F_l_m_";
+constexpr char kMode[] = "octet";
+constexpr int kNameOffset = 2;
+constexpr int kNameBufferSize = 256;  // names and modes are cut to one character less
+constexpr int kMinTimeoutSeconds = 5;
+constexpr char kTestNetworkAddress[] = "172.40.0.1";
+constexpr int kExitFinalVerdict = 2;
+constexpr int kExitTimeout = 1;
+
+// Error codes, RFC 1350.
+constexpr int kNotDefined = 0;
+constexpr int kFileNotFound = 1;
+constexpr int kIllegalOperation = 4;
+constexpr int kFileExists = 6;
+
+std::string text_at(const TFTP_Packet& packet, int offset) {
+  char text[kNameBufferSize] = {};
+  packet.getString(offset, text, kNameBufferSize);
+  return text;
+}
+
+bool is_verdict(const std::string& file_name) {
+  return file_name.rfind(kVerdictPrefix, 0) == 0;
+}
+
+std::int32_t decimal_number(const std::string& text) {
+  return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+// Takes one option over into the record and edits the value that is acknowledged. An unknown option is
+// acknowledged as it came; it is meant.
+void accept_option(ServerClient* client, const std::string& name, std::string& value) {
+  if (name == "timeout") {
+    client->timeout = decimal_number(value);
+    if (client->timeout < kMinTimeoutSeconds) {
+      client->timeout = kMinTimeoutSeconds;
+      value = std::to_string(kMinTimeoutSeconds);
+    }
+  } else if (name == "blksize") {
+    // No lower limit: 0 and negative sizes are accepted. It is meant.
+    client->block_size = decimal_number(value);
+    if (client->block_size > TFTP_Packet::kMaxSize) {
+      std::cout << "Requested blksize=" << client->block_size << " we support " << TFTP_Packet::kMaxSize
+                << std::endl;
+      client->block_size = TFTP_Packet::kMaxSize;
+      value = std::to_string(TFTP_Packet::kMaxSize);
+    }
+  } else if (name == "tsize") {
+    client->input_file->seekg(0, std::ios::end);
+    client->file_size = static_cast<std::int32_t>(client->input_file->tellg());
+    value = std::to_string(client->file_size);
+  }
+}
+
+}  // namespace
+
+int TFTPServer::ProcessRequest(ServerClient* client) {
+  if (client->request_type != ServerClient::kNoRequest) return 1;
+  if (client->received_packet.isRRQ()) {
+    client->request_type = ServerClient::kReadRequest;
+    const std::string file_name = text_at(client->received_packet, kNameOffset);
+    return is_verdict(file_name) ? processVerdict(client, file_name) : processRead(client, file_name);
+  }
+  if (client->received_packet.isWRQ()) return processWrite(client);
+  std::cout << "Unexpected packet" << std::endl;
+  clientStatus(client, "Client sent unexpected packet, so we will disconnect him");
+  return refuse(client, kIllegalOperation, "");
+}
+
+int TFTPServer::processRead(ServerClient* client, const std::string& file_name) {
+  std::cout << "RRQ " << file_name << std::endl;
+  if (file_name.empty()) {
+    std::cout << "Filename is not set" << std::endl;
+    return refuse(client, kFileNotFound, "File not found");
+  }
+  const int mode_offset = kNameOffset + static_cast<int>(file_name.size()) + 1;
+  const std::string mode = text_at(client->received_packet, mode_offset);
+  if (mode != kMode) {
+    std::cout << "Mode " << mode << " not supported" << std::endl;
+    return refuse(client, kNotDefined, "Mode not supported");
+  }
+  auto file = std::make_unique<std::ifstream>(file_name, std::ios::binary);
+  const bool opened = file->is_open() && file->good();
+  client->input_file = file.release();
+  // The message is empty here, unlike for an empty name. It is meant.
+  if (!opened) return refuse(client, kFileNotFound, "");
+
+  std::vector<std::string> names;
+  std::vector<std::string> values;
+  const bool negotiates = client->received_packet.hasOption(names, values) && names.size() == values.size();
+  return negotiates ? startNegotiated(client, names, values) : startPlain(client);
+}
+
+int TFTPServer::startPlain(ServerClient* client) {
+  client->input_file->seekg(0);
+  client->received_packet.reSizeForBlock(client->block_size);
+  client->sent_packet.reSizeForBlock(client->block_size);
+  clientStatus(client, "File was found, starting GET transfer");
+  if (sendPacketData(client) != 0) client->transfer_state = ServerClient::kAwaitsAck;
+  return 1;
+}
+
+int TFTPServer::startNegotiated(ServerClient* client, const std::vector<std::string>& names,
+                                std::vector<std::string>& values) {
+  for (std::size_t i = 0; i < names.size(); ++i) accept_option(client, names[i], values[i]);
+  client->input_file->seekg(0);
+  client->sent_packet.reSizeForBlock(client->block_size);
+  client->sent_packet.createOACK(names, values);
+  client->transfer_state = ServerClient::kMaySend;
+  sendPacket(&client->sent_packet, client);
+  return 1;
+}
+
+int TFTPServer::processVerdict(ServerClient* client, const std::string& file_name) {
+  client->sent_packet.createData(1, nullptr, 0);
+  sendPacket(&client->sent_packet, client);
+  disconnectClient(client);
+
+  const bool is_final = forwardVerdict(file_name);
+  if (message_server != nullptr) {
+    alarm(0);
+    _bTimeoutFlag = false;
+    message_server->StopSender();
+    message_server->StartReceive(kTestNetworkAddress, ppt_ip, static_cast<unsigned short>(message_port));
+  }
+  if (is_final || _bTimeoutFlag) {
+    exit_code = kExitFinalVerdict;
+    deleteMessageServer();
+    running = false;
+    if (_bTimeoutFlag) exit_code = kExitTimeout;
+  }
+  return 0;
+}
+
+// Whether the name is a final verdict. Without a socket to forward it, it is not.
+bool TFTPServer::forwardVerdict(const std::string& file_name) {
+  try {
+    TFTPClient ppt_server(ppt_ip, ppt_port);
+    return ppt_server.sendMagic(file_name) == 1;
+  } catch (ETFTPSocketCreate* error) {
+    delete error;
+    return false;
+  }
+}
+
+int TFTPServer::processWrite(ServerClient* client) {
+  std::cout << "WRQ " << std::endl;
+  client->request_type = ServerClient::kWriteRequest;
+  const std::string file_name = text_at(client->received_packet, kNameOffset);
+  {
+    const std::ifstream existing(file_name, std::ios::binary | std::ios::ate);
+    if (existing.is_open() || existing.good()) {
+      clientStatus(client, "PUT failed. File already exists on server");
+      return refuse(client, kFileExists, "");
+    }
+  }
+  client->output_file = new std::ofstream(file_name, std::ios::binary);
+  clientStatus(client, "Starting PUT transfer");
+  TFTP_Packet acknowledgement;
+  acknowledgement.createACK(0);
+  const bool sent = sendPacket(&acknowledgement, client) != 0;
+  clientStatus(client, sent ? "Acknowledgement sent" : "Error in sending acknowledgement");
+  return 1;
+}
+
+int TFTPServer::refuse(ServerClient* client, int code, const std::string& message) {
+  sendError(client, code, message);
+  disconnectClient(client);
+  return 0;
+}
