@@ -29,7 +29,7 @@ int client_socket(int local_port) {
   const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
   if (descriptor == -1) return -1;
   sockaddr_in address = ipv4_address(INADDR_ANY, local_port);
-  bind(descriptor, generic(&address), sizeof address);
+  static_cast<void>(bind(descriptor, generic(&address), sizeof address));
   if (fits_descriptor_set(descriptor)) return descriptor;
   close(descriptor);
   return -1;
@@ -155,7 +155,8 @@ void TFTPServer::serveDatagram(const char* bytes, int count, const sockaddr_in& 
   clientStatus(client.get(), "Connected");
   if (ProcessRequest(client.get()) == 0) return;
   // Only -1 counts as a failure, though creation reports one by a positive number. It is meant.
-  if (create_worker_thread(&client->thread, ClientProc, client.get()) != -1) client.release();
+  const int created = create_worker_thread(&client->thread, ClientProc, client.get());
+  if (created != -1) static_cast<void>(client.release());
 }
 
 // The pointer leaves its field first, and the signals that end the process wait: whatever runs next finds
