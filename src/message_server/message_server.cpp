@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -200,11 +201,13 @@ bool MessageServer::StartUDPServer(const std::string& local_ip, const std::strin
   udp_local_ip = local_ip;
   udp_remote_ip = remote_ip;
   udp_running = true;
+  const SignalBlock while_the_relay_reads_the_texts({SIGINT, SIGTERM});
   const int created = create_worker_thread(&udp_thread, UdpMessageServerProc, this);
   if (created == -1) {
     std::cout << " Can't create UDP receiver thread" << std::endl;
     return false;
   }
+  while (created == 0 && !udp_addresses_read) sched_yield();
   return true;
 }
 

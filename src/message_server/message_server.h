@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -73,6 +74,8 @@ class MessageServer {
   pthread_t sender_thread = 0;  // 0 = none alive
   pthread_t receiver_thread = 0;
   pthread_t udp_thread = 0;
+  // The relay needs the two texts no more. StartUDPServer returns only then, since they go with the record.
+  std::atomic<bool> udp_addresses_read{false};
 };
 
 // The thread bodies. The argument is the MessageServer; the result is always null.
