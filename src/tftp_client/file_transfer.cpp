@@ -1,0 +1,192 @@
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tftp_client/tftp_client.h"
+
+namespace {
+
+constexpr int kHeaderSize = TFTP_Packet::kHeaderSize;
+constexpr int kDefaultWaitSeconds = 5;
+constexpr int kDefaultBlockSize = 512;
+constexpr int kMaxTimeOuts = 9;
+constexpr int kBlockNumbers = 65536;  // a block number has 16 bits
+constexpr int kRequestCapacity = 1024;
+// One header more than a packet takes: refused, so that the capacity stays. It is meant.
+constexpr int kReplyCapacity = TFTP_Packet::kMaxSize + kHeaderSize;
+constexpr int kUploadBlockSize = 512;
+constexpr char kTransferStarted[] = "Transfer started\n";
+
+int decimal_number(const std::string& text) {
+  return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+// One download. Each step returns its result when it ends the download, and nothing when it goes on.
+class Download {
+ public:
+  using Result = std::optional<int>;
+
+  Download(TFTPClient& client, const std::string& remote_name, const std::string& local_path)
+      : client_(client),
+        remote_name_(remote_name),
+        local_path_(local_path),
+        file_(local_path, std::ios::binary | std::ios::trunc) {}
+
+  int run() {
+    sendRequest();
+    client_.received_packet.reSize(kReplyCapacity);
+    for (;;) {
+      const Result result = takeReply(client_.waitForPacketData(wait_seconds_));
+      if (result) return *result;
+    }
+  }
+
+ private:
+  void sendRequest() {
+    TFTP_Packet request;
+    request.reSize(kRequestCapacity);
+    request.createRRQ(remote_name_, {"timeout", "blksize", "tsize"},
+                      {std::to_string(client_.timeout), std::to_string(client_.block_size), "0"});
+    client_.sendPacket(&request);
+  }
+
+  Result takeReply(int wait_result) {
+    if (wait_result == TFTPClient::kErrorPacket) return giveUp();
+    if (wait_result == TFTPClient::kTimeOut) return takeTimeOut();
+    // A failed wait or receive goes on with what the packet holds. It is meant.
+    return awaits_first_reply_ ? takeFirstReply() : takeBlock();
+  }
+
+  Result takeTimeOut() {
+    std::cout << "ERROR: Select Timeout. File: " << remote_name_ << std::endl;
+    ++time_outs_;
+    if (awaits_first_reply_ || time_outs_ > kMaxTimeOuts) {
+      std::cout << "Connection timeout" << std::endl;
+      return giveUp();
+    }
+    client_.sendPacket(&acknowledgement_);
+    wait_seconds_ = client_.timeout;
+    return {};
+  }
+
+  Result takeFirstReply() {
+    std::vector<std::string> names;
+    std::vector<std::string> values;
+    if (client_.received_packet.isOACK(names, values)) {
+      if (names.size() == values.size()) takeOptions(names, values);
+      makeRoomForBlock();
+      acknowledge(0);
+      begin();
+      return {};
+    }
+    if (client_.received_packet.isData()) {
+      client_.timeout = kDefaultWaitSeconds;
+      client_.block_size = kDefaultBlockSize;
+      begin();
+    } else if (client_.received_packet.isError()) {
+      return finish();
+    }
+    return takeBlock();
+  }
+
+  void takeOptions(const std::vector<std::string>& names, const std::vector<std::string>& values) {
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      if (names[i] == "timeout") client_.timeout = decimal_number(values[i]);
+      if (names[i] == "blksize") client_.block_size = decimal_number(values[i]);
+      if (names[i] == "tsize") std::cout << "Remote file is " << values[i] << " byte" << std::endl;
+    }
+  }
+
+  Result takeBlock() {
+    const int number = client_.received_packet.getNumber();
+    if (number != expected_block_) {
+      std::cout << "Block number mismatch. Last_packet=" << expected_block_ << " From server = " << number
+                << std::endl;
+    } else {
+      const int length = client_.received_packet.size - kHeaderSize;
+      if (length > 0)
+        file_.write(reinterpret_cast<char*>(client_.received_packet.getData(kHeaderSize)), length);
+      const bool is_short = length < client_.block_size;
+      if (acknowledge(number) != 0 && is_short) return finish();
+      expected_block_ = (expected_block_ + 1) % kBlockNumbers;
+      time_outs_ = 0;
+    }
+    makeRoomForBlock();
+    wait_seconds_ = awaits_first_reply_ ? kDefaultWaitSeconds : client_.timeout;
+    return {};
+  }
+
+  void begin() {
+    std::cout << kTransferStarted;
+    awaits_first_reply_ = false;
+    wait_seconds_ = client_.timeout;
+  }
+
+  int acknowledge(int block) {
+    acknowledgement_.createACK(block);
+    return client_.sendPacket(&acknowledgement_);
+  }
+
+  // What is too large for a packet is refused by it, and the capacity stays.
+  void makeRoomForBlock() {
+    if (client_.block_size > TFTP_Packet::kMaxSize) return;
+    client_.received_packet.reSize(client_.block_size + kHeaderSize);
+  }
+
+  int giveUp() {
+    file_.close();
+    std::remove(local_path_.c_str());
+    return 0;
+  }
+
+  int finish() {
+    file_.close();
+    return 1;
+  }
+
+  TFTPClient& client_;
+  const std::string& remote_name_;
+  const std::string& local_path_;
+  std::ofstream file_;
+  TFTP_Packet acknowledgement_;  // always the last one sent; never filled before the first
+  int expected_block_ = 1;
+  bool awaits_first_reply_ = true;
+  int time_outs_ = 0;  // since the last block that was taken
+  int wait_seconds_ = kDefaultWaitSeconds;
+};
+
+}  // namespace
+
+int TFTPClient::getFile(const std::string& remote_name, const std::string& local_path) {
+  return Download(*this, remote_name, local_path).run();
+}
+
+int TFTPClient::sendFile(const std::string& local_path, const std::string& remote_name) {
+  std::ifstream file(local_path, std::ios::binary);
+  if (!file.is_open() || !file.good()) {
+    std::cout << "Unable to open file " << local_path << std::endl;
+    return 0;
+  }
+  TFTP_Packet request;
+  request.createWRQ(remote_name);
+  request.dumpData();
+  sendPacket(&request);
+  TFTP_Packet data;
+  for (int block = 0;;) {
+    if (waitForPacketACK(block, kDefaultWaitSeconds) == 0) {
+      // The wording is meant, though an ERROR packet is the cause.
+      std::cout << "Server has timed out" << std::endl;
+      return 0;
+    }
+    char bytes[kUploadBlockSize];
+    file.read(bytes, sizeof bytes);
+    ++block;
+    data.createData(block, bytes, static_cast<int>(file.gcount()));
+    sendPacket(&data);
+    if (!file) return 1;  // at its end, or not to be read any further
+  }
+}
