@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "socket_errors/socket_errors.h"
 #include "tftp_packet/tftp_packet.h"
 
 // One UDP socket aimed at one TFTP server, with a bounded wait for one datagram and what is built from it.

@@ -6,7 +6,6 @@
 #include <iostream>
 
 #include "ipv4_socket/ipv4_socket.h"
-#include "socket_errors/socket_errors.h"
 #include "tftp_client/tftp_client.h"
 
 namespace {

@@ -6,7 +6,6 @@
 #include <memory>
 #include <utility>
 
-#include "socket_errors/socket_errors.h"
 #include "tftp_client/tftp_client.h"
 #include "tftp_server/tftp_server.h"
 

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "ipv4_socket/ipv4_socket.h"
-#include "socket_errors/socket_errors.h"
 #include "worker_thread/worker_thread.h"
 
 namespace {

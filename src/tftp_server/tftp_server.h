@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "message_server/message_server.h"
+#include "socket_errors/socket_errors.h"
 #include "tftp_packet/tftp_packet.h"
 
 // Set by TimeoutHandler when the alarm fires, read and cleared by request processing.
