@@ -14,6 +14,7 @@
 
 #include "ipv4_socket/ipv4_socket.h"
 #include "message_server/message_server.h"
+#include "worker_thread/worker_thread.h"
 
 namespace {
 
@@ -106,7 +107,7 @@ void CommandReceiver::run() {
     }
     serveReadable(readable, ready);
   } while (record_->receiving);
-  record_->receiver_thread = 0;
+  say_goodbye(&record_->receiver_thread);
   closeAll();
   std::cout << "Receiver proc stopped!!!" << std::endl;
 }

@@ -69,9 +69,9 @@ MessageServer::MessageServer(int message_port) : port(message_port) {}
 
 MessageServer::~MessageServer() {
   StopSender();
-  while (sender_thread != 0) usleep(kStopPollMicroseconds);
+  while (is_alive(&sender_thread)) usleep(kStopPollMicroseconds);
   StopReceive();
-  while (receiver_thread != 0) usleep(kStopPollMicroseconds);
+  while (is_alive(&receiver_thread)) usleep(kStopPollMicroseconds);
   if (sender_socket != -1) close(sender_socket);
   if (receive_socket != -1) close(receive_socket);
   delete[] message;
@@ -226,7 +226,7 @@ void* SenderProc(void* record) {
     usleep(kSendIntervalMicroseconds);
   }
   // `sending` stays as it is: a sender whose count ran out is spent until StopSender.
-  server->sender_thread = 0;
+  say_goodbye(&server->sender_thread);
   std::cout << "Sender proc stopped!!!" << std::endl;
   return nullptr;
 }

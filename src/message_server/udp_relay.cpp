@@ -9,6 +9,7 @@
 
 #include "ipv4_socket/ipv4_socket.h"
 #include "message_server/message_server.h"
+#include "worker_thread/worker_thread.h"
 
 namespace {
 
@@ -90,7 +91,7 @@ void* UdpMessageServerProc(void* argument) {
   }
   relay_until_stopped(*record, listener, forwarder, destination);
   close(listener);
-  record->udp_thread = 0;
+  say_goodbye(&record->udp_thread);
   std::cout << "UDP Server exited..." << std::endl;
   return nullptr;
 }

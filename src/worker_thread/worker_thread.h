@@ -35,4 +35,14 @@ inline int create_worker_thread(pthread_t* thread, void* (*body)(void*), void* r
   return pthread_create(thread, nullptr, body, record);
 }
 
+// A worker's last touch of its record: clears its handle there. Whoever then sees the worker gone sees all
+// that it did before.
+inline void say_goodbye(pthread_t* thread) {
+  __atomic_store_n(thread, pthread_t{0}, __ATOMIC_RELEASE);
+}
+
+inline bool is_alive(const pthread_t* thread) {
+  return __atomic_load_n(thread, __ATOMIC_ACQUIRE) != 0;
+}
+
 #endif
