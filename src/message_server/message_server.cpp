@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,6 +19,8 @@ namespace {
 
 constexpr useconds_t kSendIntervalMicroseconds = 1000000;
 constexpr useconds_t kStopPollMicroseconds = 50000;
+constexpr useconds_t kRelayStartPollMicroseconds = 100;
+constexpr int kRelayStartPolls = 2000;
 constexpr int kRawProtocol = 255;
 constexpr int kListenBacklog = 5;
 
@@ -207,7 +208,9 @@ bool MessageServer::StartUDPServer(const std::string& local_ip, const std::strin
     std::cout << " Can't create UDP receiver thread" << std::endl;
     return false;
   }
-  while (created == 0 && !udp_addresses_read) sched_yield();
+  for (int polls = 0; created == 0 && !udp_addresses_read && polls < kRelayStartPolls; ++polls) {
+    usleep(kRelayStartPollMicroseconds);
+  }
   return true;
 }
 

@@ -74,7 +74,8 @@ class MessageServer {
   pthread_t sender_thread = 0;  // 0 = none alive
   pthread_t receiver_thread = 0;
   pthread_t udp_thread = 0;
-  // The relay needs the two texts no more. StartUDPServer returns only then, since they go with the record.
+  // The relay needs the two texts no more. They go with the record, so that StartUDPServer waits for this,
+  // but never longer than it takes a thread to start.
   std::atomic<bool> udp_addresses_read{false};
 };
 
