@@ -1,5 +1,6 @@
 #include "support/captured_output.h"
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -31,11 +32,13 @@ CapturedOutput::CapturedOutput() : captured_(memfd_create("captured output", MFD
 }
 
 CapturedOutput::~CapturedOutput() {
-  flush();
+  const std::string everything = text();
   restore_number_format();
   dup2(standard_output_, STDOUT_FILENO);
   close(standard_output_);
   close(captured_);
+  // What GoogleTest reported meanwhile is in it.
+  if (testing::Test::HasFailure()) std::cout << "captured output:\n" << everything << std::endl;
 }
 
 std::string CapturedOutput::text() const {

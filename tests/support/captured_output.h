@@ -5,7 +5,8 @@
 #include <string>
 
 // What this process writes to standard output, on any thread, while the object lives. The output stream's
-// number format is back at its default before and after.
+// number format is back at its default before and after. When the test has failed by the end, all of it is
+// printed after all.
 class CapturedOutput {
  public:
   CapturedOutput();

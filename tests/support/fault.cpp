@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <initializer_list>
 
 // The functions below take the place of the library's in a test program, and hand each call on to it.
 
@@ -106,14 +107,20 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept {
 
 int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait) {
   static auto* const next = real<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
-  return strikes(Call::kSelect) ? -1 : next(count, read, write, except, wait);
+  if (!strikes(Call::kSelect)) return next(count, read, write, except, wait);
+  if (errno != 0) return -1;
+  for (fd_set* set : {read, write, except}) {
+    if (set != nullptr) FD_ZERO(set);
+  }
+  return 1;
 }
 
 ssize_t sendto(int descriptor, const void* bytes, size_t count, int flags, const sockaddr* address,
                socklen_t length) {
   static auto* const next =
       real<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)>("sendto");
-  return strikes(Call::kSendto) ? -1 : next(descriptor, bytes, count, flags, address, length);
+  if (strikes(Call::kSendto)) return errno == 0 ? 0 : -1;
+  return next(descriptor, bytes, count, flags, address, length);
 }
 
 ssize_t recvfrom(int descriptor, void* bytes, size_t count, int flags, sockaddr* address, socklen_t* length) {

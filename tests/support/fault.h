@@ -4,6 +4,8 @@
 // Makes a system call fail, once or a few times in a row, while the object lives:
 //   Fault no_socket(Call::kSocket, EMFILE);               the next call fails
 //   Fault second_ioctl(Call::kIoctl, EPERM, 2);           the one after it fails
+// A select that fails with the error 0 reports a ready descriptor and none in its sets.
+// A sendto that fails with the error 0 sends nothing and returns 0.
 // Every other call, on any thread, goes to the system; so do all calls without a Fault. Only calls that the
 // test program itself makes are concerned, also those of the test.
 enum class Call {

@@ -1,7 +1,10 @@
 #include "support/test_network.h"
 
 #include <fcntl.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <exception>
@@ -42,6 +45,22 @@ void in_namespace(int descriptor, const std::function<void()>& function) {
   });
 }
 
+// A new link drops what is sent before the kernel has taken note that both of its ends are up.
+void wait_until_running(const std::string& link) {
+  const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
+  ifreq request = {};
+  link.copy(request.ifr_name, IFNAMSIZ - 1);
+  constexpr int kAttempts = 2000;
+  for (int attempt = 0; attempt < kAttempts && (request.ifr_flags & IFF_RUNNING) == 0; ++attempt) {
+    usleep(5000);
+    ioctl(descriptor, SIOCGIFFLAGS, &request);
+  }
+  close(descriptor);
+  if ((request.ifr_flags & IFF_RUNNING) == 0) throw std::runtime_error(link + " does not run");
+  // Its answer waits for the note to be complete.
+  sandbox::run("ip link show " + link);
+}
+
 std::string path_of(int descriptor) {
   return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(descriptor);
 }
@@ -63,7 +82,11 @@ TestNetwork::TestNetwork()
   at_ppt_server([] {
     sandbox::run("ip address add 172.30.0.254/24 broadcast 172.30.0.255 dev ppt0");
     sandbox::run("ip link set ppt0 up");
+    wait_until_running("ppt0");
   });
+  at_unit([] { wait_until_running("lan0"); });
+  wait_until_running("lan0");
+  wait_until_running("ppt0");
 }
 
 TestNetwork::~TestNetwork() {
