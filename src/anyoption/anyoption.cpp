@@ -16,9 +16,6 @@ constexpr std::size_t kLongPrefixLength = 2;
 constexpr char kSkippedBeforeLetterValue[] = " =";
 constexpr char kFlagOn[] = "true";
 
-constexpr char kFileComment = '#';
-constexpr char kFileDelimiter = ':';
-
 constexpr char kUnknownArgument[] = "Unknown command argument option : ";
 constexpr char kIgnoredArgument[] = "Ignoring extra argument: ";
 constexpr char kUnknownInFile[] = "Unknown option in resourcefile : ";
@@ -434,8 +431,9 @@ int AnyOption::parseArgument(int index) {
 
 // Returns the name when the next argument is its value, else null.
 const char* AnyOption::parseLongOption(const char* text) {
-  const char* const equals = text[0] == '\0' ? nullptr : std::strchr(text + 1, '=');
-  if (equals != nullptr) {
+  const bool carries_value = text[0] != '\0' && std::strchr(text + 1, '=') != nullptr;
+  if (carries_value) {
+    const char* const equals = std::strchr(text, '=');
     const std::string name(text, equals);
     if (!store(slotOf(long_options_, name.c_str(), kCommandLineOptions), equals + 1)) {
       reportUnknownArgument(name);

@@ -11,8 +11,8 @@
 // query with one slot for every option registered by then; without any option nothing is parsed and every
 // query answers null or false.
 //
-// The texts of option names, usage lines and file name are kept by pointer and must outlive the parser.
-// Values are copies that are never released, so that a pointer from getValue outlives the parser.
+// argv and the texts of option names, usage lines and file name are kept by pointer and must outlive the
+// parser. Values are copies that are never released, so that a pointer from getValue outlives the parser.
 //
 // Unknown or surplus input is never an error. It is reported on standard output when setVerbose was called.
 class AnyOption {
@@ -107,6 +107,8 @@ class AnyOption {
   static constexpr Kinds kCommandLineFlags{kCommonFlag, kCommandFlag};
   static constexpr Kinds kFileOptions{kCommonOption, kFileOption};
   static constexpr Kinds kFileFlags{kCommonFlag, kFileFlag};
+  static constexpr char kFileComment = '#';
+  static constexpr char kFileDelimiter = ':';
   static constexpr int kNoSlot = -1;
   // Stands for "no letter" wherever a letter is handed about, so that a value option with the letter 0 can
   // never take its value from the next argument. It is meant.
@@ -190,8 +192,9 @@ class AnyOption {
 
   char prefix_ = '-';
   std::string long_prefix_ = "--";
-  char file_comment_ = '#';
-  char file_delimiter_ = ':';
+  // Stored and never read.
+  char file_comment_ = kFileComment;
+  char file_delimiter_ = kFileDelimiter;
 };
 
 #endif

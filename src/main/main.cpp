@@ -53,7 +53,6 @@ int number_option(AnyOption& options, char letter, int default_number) {
       return static_cast<int>(std::strtol(options.getValue(letter), nullptr, 10));
     }
   } catch (char*) {
-    return default_number;
   }
   return default_number;
 }
@@ -62,7 +61,6 @@ std::string text_option(AnyOption& options, char letter, const char* default_tex
   try {
     if (options.getValue(letter) != nullptr) return options.getValue(letter);
   } catch (char*) {
-    return default_text;
   }
   return default_text;
 }
@@ -92,10 +90,10 @@ Settings read_command_line(int argc, char** argv) {
 // Whether someone has begun to take the server down: the handler, on whichever thread, or main.
 std::atomic<bool> ending{false};
 
-// After this the handler finds nothing left to delete: on this thread its signals wait, on another it
-// returns.
+// After this the handler finds nothing left to delete: on this thread its signals wait until main has
+// returned, on another it sees `ending` and returns.
 void keep_server_from_handler() {
-  static const SignalBlock to_the_end_of_the_process({SIGINT, SIGTERM});
+  static const SignalBlock to_the_end_of_main({SIGINT, SIGTERM});
   while (ending.exchange(true)) pause();  // the handler was first, and ends the process
 }
 

@@ -30,7 +30,7 @@ constexpr char kTemporaryMac[] = "tempmac=";
 constexpr char kDefaultMac[] = "02:00:00:00:00:01";
 constexpr std::size_t kMaxMacLength = 19;
 constexpr int kLineSize = 128;
-constexpr std::uint64_t kUnitsMacAfterStations = 2;
+constexpr std::uint64_t kUnitMacOffset = 2;
 
 constexpr char kStopVoice[] = "/etc/init.d/voice stop";
 constexpr char kStartVoiceForPpt[] = "/etc/init.d/voice start_ppt";
@@ -72,15 +72,15 @@ class CommandReceiver {
   void run();
 
  private:
-  int waitForReadable(fd_set* readable);
-  void serveReadable(const fd_set& readable, int ready);
-  void acceptConnections();
+  int wait_for_readable(fd_set* readable);
+  void serve_readable(const fd_set& readable, int ready);
+  void accept_connections();
   void serve(int connection);
-  void closeConnection(int connection);
-  void closeAll();
-  void replaceTextByReply();
-  void assignMac();
-  void initializePmc();
+  void close_connection(int connection);
+  void close_all();
+  void replace_text_by_reply();
+  void assign_mac();
+  void initialize_pmc();
 
   MessageServer* const record_;
   fd_set open_;  // the listening socket and every connection
@@ -100,37 +100,37 @@ CommandReceiver::CommandReceiver(MessageServer* record) : record_(record), highe
 void CommandReceiver::run() {
   do {
     fd_set readable;
-    const int ready = waitForReadable(&readable);
+    const int ready = wait_for_readable(&readable);
     if (ready < 0) {
       std::cout << "ERROR:  select() failed" << std::endl;
       break;
     }
-    serveReadable(readable, ready);
+    serve_readable(readable, ready);
   } while (record_->receiving);
   say_goodbye(&record_->receiver_thread);
-  closeAll();
+  close_all();
   std::cout << "Receiver proc stopped!!!" << std::endl;
 }
 
-int CommandReceiver::waitForReadable(fd_set* readable) {
-  if (!fits_descriptor_set(highest_)) return -1;
+int CommandReceiver::wait_for_readable(fd_set* readable) {
+  if (highest_ >= FD_SETSIZE) return -1;
   *readable = open_;
   return select(highest_ + 1, readable, nullptr, nullptr, &wait_);
 }
 
-void CommandReceiver::serveReadable(const fd_set& readable, int ready) {
+void CommandReceiver::serve_readable(const fd_set& readable, int ready) {
   for (int descriptor = 0; descriptor <= highest_ && ready > 0; ++descriptor) {
     if (!FD_ISSET(descriptor, &readable)) continue;
     --ready;
     if (descriptor == record_->receive_socket) {
-      acceptConnections();
+      accept_connections();
     } else {
       serve(descriptor);
     }
   }
 }
 
-void CommandReceiver::acceptConnections() {
+void CommandReceiver::accept_connections() {
   int connection;
   while ((connection = accept(record_->receive_socket, nullptr, nullptr)) >= 0) {
     if (!fits_descriptor_set(connection)) {
@@ -157,47 +157,47 @@ void CommandReceiver::serve(int connection) {
     if (count < 0 && errno == EAGAIN) return;
     if (count < 0) std::cout << "  recv() failed" << std::endl;
     if (count <= 0) break;
-    replaceTextByReply();
+    replace_text_by_reply();
     if (send(connection, message_, std::strlen(message_), 0) < 0) {
       std::cout << "ERROR on send. " << std::endl;
       break;
     }
   }
-  closeConnection(connection);
+  close_connection(connection);
 }
 
-void CommandReceiver::closeConnection(int connection) {
+void CommandReceiver::close_connection(int connection) {
   close(connection);
   FD_CLR(connection, &open_);
   while (highest_ >= 0 && !FD_ISSET(highest_, &open_)) --highest_;
 }
 
-void CommandReceiver::closeAll() {
+void CommandReceiver::close_all() {
   for (int descriptor = 0; descriptor <= highest_ && fits_descriptor_set(descriptor); ++descriptor) {
     if (FD_ISSET(descriptor, &open_)) close(descriptor);
   }
 }
 
 // A text that is no command is its own reply.
-void CommandReceiver::replaceTextByReply() {
+void CommandReceiver::replace_text_by_reply() {
   if (std::strstr(message_, kAskForMac) != nullptr) {
-    assignMac();
+    assign_mac();
   } else if (std::strstr(message_, kInitializePmc) != nullptr) {
-    initializePmc();
+    initialize_pmc();
   }
 }
 
-void CommandReceiver::assignMac() {
+void CommandReceiver::assign_mac() {
   const std::string station_mac = temporary_mac();
   if (station_mac.empty()) return;
-  const std::uint64_t mac = mac_number(station_mac) + kUnitsMacAfterStations;
+  const std::uint64_t mac = mac_number(station_mac) + kUnitMacOffset;
   const auto byte = [mac](int position) { return static_cast<unsigned>((mac >> (8 * position)) & 0xFF); };
   std::snprintf(message_, sizeof message_, "%02x:%02x:%02x:%02x:%02x:%02x", byte(5), byte(4), byte(3),
                 byte(2), byte(1), byte(0));
   std::cout << "Assigned MAC is " << message_ << std::endl;
 }
 
-void CommandReceiver::initializePmc() {
+void CommandReceiver::initialize_pmc() {
   int mode = 0;
   char* rest = nullptr;
   strtok_r(message_, kSeparator, &rest);

@@ -11,8 +11,10 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <utility>
 
 #include "ipv4_socket/ipv4_socket.h"
+#include "message_server/print_with_reason.h"
 #include "worker_thread/worker_thread.h"
 
 namespace {
@@ -26,10 +28,9 @@ constexpr int kListenBacklog = 5;
 
 constexpr char kCannotSetOptions[] = "Can't set the socket options the reason is ";
 
-// Prints the message and the text of errno as it was at the call; the result is for the caller to return.
+// The result is for the caller to return.
 int fail_with_reason(const char* message) {
-  const std::string reason = std::strerror(errno);
-  std::cout << message << reason << std::endl;
+  print_with_reason(message);
   return -1;
 }
 
@@ -45,20 +46,21 @@ bool switch_on(int descriptor, int socket_option) {
   return setsockopt(descriptor, SOL_SOCKET, socket_option, &on, sizeof on) == 0;
 }
 
-// Asks the kernel for one IPv4 address of the interface. False when it has none.
+// Asks the kernel for one IPv4 address of the interface. False, and address 0, when it has none.
 bool query_interface(int descriptor, const std::string& name, unsigned long request, in_addr_t* address) {
   ifreq query = {};
   // A name of 16 characters or more fills the field without a NUL.
   std::memcpy(query.ifr_name, name.data(), std::min(name.size(), sizeof query.ifr_name));
   query.ifr_addr.sa_family = AF_INET;
-  if (ioctl(descriptor, request, &query) == -1) return false;
+  const bool answered = ioctl(descriptor, request, &query) != -1;
   sockaddr_in answer;
   std::memcpy(&answer, &query.ifr_addr, sizeof answer);
   *address = answer.sin_addr.s_addr;
-  return true;
+  return answered;
 }
 
-// Creation writes *thread; after a failure no thread is alive and the destructor must not wait for one.
+// Creation reports a failure by a positive number, and the callers take only -1 for one. It is meant; but no
+// thread is alive then, and nobody must wait for one.
 int forget_if_not_created(int creation_result, pthread_t* thread) {
   if (creation_result != 0) *thread = 0;
   return creation_result;
@@ -123,7 +125,7 @@ int MessageServer::InitializeSender(const std::string& interface_name, bool broa
 bool MessageServer::StartSender(int count, const char* bytes, int length) {
   if (sending) return false;
   sending = true;
-  delete[] message;
+  delete[] std::exchange(message, nullptr);
   message_length = length;
   const auto byte_count = static_cast<std::size_t>(std::max(length, 0));
   message = new char[byte_count];
@@ -204,7 +206,7 @@ bool MessageServer::StartUDPServer(const std::string& local_ip, const std::strin
   udp_running = true;
   const SignalBlock while_the_relay_reads_the_texts({SIGINT, SIGTERM});
   const int created = create_worker_thread(&udp_thread, UdpMessageServerProc, this);
-  if (created == -1) {
+  if (forget_if_not_created(created, &udp_thread) == -1) {
     std::cout << " Can't create UDP receiver thread" << std::endl;
     return false;
   }
@@ -222,10 +224,10 @@ void* SenderProc(void* record) {
       if (countdown < 1) break;
       --countdown;
     }
-    const ssize_t sent =
-        sendto(server->sender_socket, server->message, static_cast<std::size_t>(server->message_length), 0,
-               generic(&server->sender_address), sizeof server->sender_address);
-    if (sent == -1) fail_with_reason("Error in \"sendto\":  the reason is ");
+    const ssize_t sent = sendto(server->sender_socket, server->message,
+                                static_cast<std::size_t>(std::max(server->message_length, 0)), 0,
+                                generic(&server->sender_address), sizeof server->sender_address);
+    if (sent == -1) print_with_reason("Error in \"sendto\":  the reason is ");
     usleep(kSendIntervalMicroseconds);
   }
   // `sending` stays as it is: a sender whose count ran out is spent until StopSender.

@@ -18,8 +18,8 @@
 // How a worker is stopped: its owner clears the run flag; the worker sees it at its next check (the sender
 // after each one-second sleep, the receiver and the relay after each wait), sets its handle field to 0,
 // touches the record no more, and ends. Nobody joins a worker; the destructor polls the handles of sender and
-// receiver. Flags and handles are plain fields, shared without a lock: each is written by one side and polled
-// by the other across system calls.
+// receiver. The receiver also clears its own flag, when it can accept no more. Flags and handles are plain
+// fields, shared without a lock and polled across system calls.
 //
 // The relay is never stopped and outlives the record: it reads udp_running to the end of the process. So the
 // storage of a deleted MessageServer is kept.
@@ -42,21 +42,24 @@ class MessageServer {
   // else the interface's own address. 0 ready, -1 failure (printed), -2 the protocol "udp" is unknown.
   int InitializeSender(const std::string& interface_name, bool broadcast);
   // Copies the bytes and starts sending them, count times or, for -1, until StopSender. True when started;
-  // false while `sending` is set.
+  // false while `sending` is set, or when the creation of the thread gives -1.
   bool StartSender(int count, const char* bytes, int length);
   void StopSender();
 
   // Makes the listening socket for the unit's commands and connects sender_socket to the same port of the
   // remote address. 0 ready, -1 failure (printed). Sockets made before the failing step may stay open.
   int InitializeReceiver(const std::string& local_ip, const std::string& remote_ip, unsigned short port);
-  // InitializeReceiver, then the receiver thread. True when started; false while `receiving` is set.
+  // InitializeReceiver, then the receiver thread. True when started; false while `receiving` is set, when
+  // InitializeReceiver fails, or when the creation of the thread gives -1.
   bool StartReceive(const std::string& local_ip, const std::string& remote_ip, unsigned short port);
   void StopReceive();
 
-  // Starts the relay. True when started; false when it was started before.
+  // Starts the relay. True when started; false when it was started before, or when the creation of the thread
+  // gives -1.
   bool StartUDPServer(const std::string& local_ip, const std::string& remote_ip);
 
   std::int32_t port;
+  // A field keeps the number of a socket that was closed because a later step failed.
   std::int32_t sender_socket = -1;   // UDP of InitializeSender, later TCP of InitializeReceiver
   sockaddr_in sender_address = {};   // where SenderProc sends to; the remote end of the TCP connection
   std::int32_t receive_socket = -1;  // listening TCP socket

@@ -3,12 +3,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <iostream>
 
 #include "ipv4_socket/ipv4_socket.h"
 #include "message_server/message_server.h"
+#include "message_server/print_with_reason.h"
 #include "worker_thread/worker_thread.h"
 
 namespace {
@@ -16,11 +16,6 @@ namespace {
 constexpr int kRelayPort = 12345;  // on both sides, whatever the message port is
 constexpr int kWaitSeconds = 2;
 constexpr std::size_t kMaxDatagram = 255;
-
-void print_with_reason(const char* message) {
-  const std::string reason = std::strerror(errno);
-  std::cout << message << reason << std::endl;
-}
 
 // -1 after a failure, which was printed.
 int listening_socket(sockaddr_in local) {

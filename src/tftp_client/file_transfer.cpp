@@ -11,8 +11,7 @@
 namespace {
 
 constexpr int kHeaderSize = TFTP_Packet::kHeaderSize;
-constexpr int kDefaultWaitSeconds = 5;
-constexpr int kDefaultBlockSize = 512;
+constexpr int kDefaultWaitSeconds = TFTPClient::kDefaultTimeout;
 constexpr int kMaxTimeOuts = 9;
 constexpr int kBlockNumbers = 65536;  // a block number has 16 bits
 constexpr int kRequestCapacity = 1024;
@@ -37,16 +36,16 @@ class Download {
         file_(local_path, std::ios::binary | std::ios::trunc) {}
 
   int run() {
-    sendRequest();
+    send_request();
     client_.received_packet.reSize(kReplyCapacity);
     for (;;) {
-      const Result result = takeReply(client_.waitForPacketData(wait_seconds_));
+      const Result result = take_reply(client_.waitForPacketData(wait_seconds_));
       if (result) return *result;
     }
   }
 
  private:
-  void sendRequest() {
+  void send_request() {
     TFTP_Packet request;
     request.reSize(kRequestCapacity);
     request.createRRQ(remote_name_, {"timeout", "blksize", "tsize"},
@@ -54,46 +53,46 @@ class Download {
     client_.sendPacket(&request);
   }
 
-  Result takeReply(int wait_result) {
-    if (wait_result == TFTPClient::kErrorPacket) return giveUp();
-    if (wait_result == TFTPClient::kTimeOut) return takeTimeOut();
+  Result take_reply(int wait_result) {
+    if (wait_result == TFTPClient::kErrorPacket) return give_up();
+    if (wait_result == TFTPClient::kTimeOut) return take_time_out();
     // A failed wait or receive goes on with what the packet holds. It is meant.
-    return awaits_first_reply_ ? takeFirstReply() : takeBlock();
+    return awaits_first_reply_ ? take_first_reply() : take_block();
   }
 
-  Result takeTimeOut() {
+  Result take_time_out() {
     std::cout << "ERROR: Select Timeout. File: " << remote_name_ << std::endl;
     ++time_outs_;
     if (awaits_first_reply_ || time_outs_ > kMaxTimeOuts) {
       std::cout << "Connection timeout" << std::endl;
-      return giveUp();
+      return give_up();
     }
     client_.sendPacket(&acknowledgement_);
     wait_seconds_ = client_.timeout;
     return {};
   }
 
-  Result takeFirstReply() {
+  Result take_first_reply() {
     std::vector<std::string> names;
     std::vector<std::string> values;
     if (client_.received_packet.isOACK(names, values)) {
-      if (names.size() == values.size()) takeOptions(names, values);
-      makeRoomForBlock();
+      if (names.size() == values.size()) take_options(names, values);
+      make_room_for_block();
       acknowledge(0);
       begin();
       return {};
     }
     if (client_.received_packet.isData()) {
-      client_.timeout = kDefaultWaitSeconds;
-      client_.block_size = kDefaultBlockSize;
+      client_.timeout = TFTPClient::kDefaultTimeout;
+      client_.block_size = TFTPClient::kDefaultBlockSize;
       begin();
     } else if (client_.received_packet.isError()) {
       return finish();
     }
-    return takeBlock();
+    return take_block();
   }
 
-  void takeOptions(const std::vector<std::string>& names, const std::vector<std::string>& values) {
+  void take_options(const std::vector<std::string>& names, const std::vector<std::string>& values) {
     for (std::size_t i = 0; i < names.size(); ++i) {
       if (names[i] == "timeout") client_.timeout = decimal_number(values[i]);
       if (names[i] == "blksize") client_.block_size = decimal_number(values[i]);
@@ -101,7 +100,7 @@ class Download {
     }
   }
 
-  Result takeBlock() {
+  Result take_block() {
     const int number = client_.received_packet.getNumber();
     if (number != expected_block_) {
       std::cout << "Block number mismatch. Last_packet=" << expected_block_ << " From server = " << number
@@ -115,7 +114,7 @@ class Download {
       expected_block_ = (expected_block_ + 1) % kBlockNumbers;
       time_outs_ = 0;
     }
-    makeRoomForBlock();
+    make_room_for_block();
     wait_seconds_ = awaits_first_reply_ ? kDefaultWaitSeconds : client_.timeout;
     return {};
   }
@@ -132,12 +131,12 @@ class Download {
   }
 
   // What is too large for a packet is refused by it, and the capacity stays.
-  void makeRoomForBlock() {
+  void make_room_for_block() {
     if (client_.block_size > TFTP_Packet::kMaxSize) return;
     client_.received_packet.reSize(client_.block_size + kHeaderSize);
   }
 
-  int giveUp() {
+  int give_up() {
     file_.close();
     std::remove(local_path_.c_str());
     return 0;
@@ -187,6 +186,6 @@ int TFTPClient::sendFile(const std::string& local_path, const std::string& remot
     ++block;
     data.createData(block, bytes, static_cast<int>(file.gcount()));
     sendPacket(&data);
-    if (!file) return 1;  // at its end, or not to be read any further
+    if (file.eof()) return 1;
   }
 }

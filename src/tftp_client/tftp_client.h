@@ -19,6 +19,9 @@
 // All diagnostics go to standard output. A client is used by one thread at a time.
 class TFTPClient {
  public:
+  static constexpr std::int32_t kDefaultTimeout = 5;      // seconds
+  static constexpr std::int32_t kDefaultBlockSize = 512;  // bytes, RFC 1350
+
   // What waitForPacket and waitForPacketData return.
   enum WaitResult : int {
     kTimeOut = 0,        // nothing arrived within the wait
@@ -59,6 +62,8 @@ class TFTPClient {
 
   // Downloads a file with the options timeout, blksize and tsize. 1 when it was received to its end, 0 after
   // an ERROR packet or when the server went silent; the local file is removed then. Blocks until it ends.
+  // What the server acknowledges is used as it is: after a negative "timeout" no wait succeeds and it never
+  // ends.
   int getFile(const std::string& remote_name, const std::string& local_path);
   // Uploads a file in blocks of 512 bytes, without options and without ever repeating a block. 1 when the
   // last block was sent, 0 when the local file could not be opened or the server sent an ERROR packet.

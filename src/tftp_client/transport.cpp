@@ -10,9 +10,6 @@
 
 namespace {
 
-constexpr int kDefaultTimeoutSeconds = 5;
-constexpr int kDefaultBlockSize = 512;  // RFC 1350
-
 // Error codes and their texts, RFC 1350. Code 0 carries its text in the packet.
 constexpr const char* kErrorTexts[] = {
     nullptr,
@@ -25,6 +22,7 @@ constexpr const char* kErrorTexts[] = {
     "No such user",
 };
 constexpr int kKnownErrors = sizeof kErrorTexts / sizeof kErrorTexts[0];
+constexpr int kExpectedReplySize = 1024;
 constexpr int kErrorCodeOffset = 2;
 constexpr int kErrorTextOffset = 4;
 constexpr int kErrorTextLength = 256;
@@ -34,11 +32,12 @@ constexpr int kErrorTextLength = 256;
 TFTPClient::TFTPClient(const std::string& address, int port)
     : server_ip(address),
       server_port(port),
-      socket_fd(socket(AF_INET, SOCK_DGRAM, 0)),
+      socket_fd(-1),
       server_address(),
       server_address_length(sizeof server_address),
-      timeout(kDefaultTimeoutSeconds),
+      timeout(kDefaultTimeout),
       block_size(kDefaultBlockSize) {
+  socket_fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (!fits_descriptor_set(socket_fd)) {
     if (socket_fd != -1) close(socket_fd);
     throw new ETFTPSocketCreate;
@@ -101,7 +100,7 @@ int TFTPClient::waitForPacketData(int wait_seconds) {
 
 int TFTPClient::waitForPacketACK(int expected_block, int wait_seconds) {
   TFTP_Packet packet;
-  packet.setSize(1024);
+  packet.setSize(kExpectedReplySize);  // not its capacity, which limits the receive; it is meant
   if (waitForPacket(&packet, wait_seconds) == kTimeOut) {
     std::cout << "We have an error in waitForPacket()" << std::endl;
     return 1;

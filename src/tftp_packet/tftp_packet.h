@@ -53,7 +53,8 @@ class TFTP_Packet {
   // How many bytes from getData(0) the array holds: what a receive may write.
   std::int32_t receivableSize() const;
   // Copies exactly count bytes from offset on. False, and nothing copied, when offset is beyond size or when
-  // more than count bytes remain. A count beyond what remains is copied all the same; both are meant.
+  // more than count bytes remain. A count beyond what remains is copied all the same, as zeros from the
+  // array's end on. The refusal and the excess are meant.
   bool copyData(int offset, char* destination, int count) const;
   // Prints the packet in hexadecimal. Standard output stays in hexadecimal with base afterwards; it is meant.
   void dumpData() const;
@@ -64,7 +65,8 @@ class TFTP_Packet {
   bool addWord(std::uint16_t word);
   // Appends the text and a NUL. False at the first character that does not fit; the NUL may be missing then.
   bool addString(const std::string& text);
-  // All of count bytes or none; says so on standard output when they do not fit.
+  // All of count bytes or none. Says so on standard output when they do not fit; a count below zero is
+  // refused.
   bool addMemory(const char* source, int count);
 
   // Readers. An offset outside the array reads as 0.

@@ -285,12 +285,12 @@ TEST(TftpServer, KeepsTheStorageOfItselfAndItsMessageServiceReadable) {
   const StorageWatch servers(sizeof(TFTPServer));
   const StorageWatch message_servers(sizeof(MessageServer));
   auto server = new_server();
-  const volatile bool* const running = &server->running;
-  const volatile bool* const udp_running = &server->message_server->udp_running;
+  const TFTPServer* volatile const kept = server.get();
+  const MessageServer* volatile const kept_service = server->message_server;
   server.reset();
   EXPECT_EQ(servers.alive(), 1);
   EXPECT_EQ(message_servers.alive(), 1);
-  EXPECT_FALSE(*running && *udp_running);
+  EXPECT_FALSE(kept->running && kept_service->udp_running);
 }
 
 TEST(TftpServer, DestroysTheClientAtTheFrontAndInTheMiddleOfItsTable) {
