@@ -1,7 +1,6 @@
+#include <pthread.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -9,7 +8,6 @@
 #include "anyoption/anyoption.h"
 #include "socket_errors/socket_errors.h"
 #include "tftp_server/tftp_server.h"
-#include "worker_thread/worker_thread.h"
 
 // The one server. It keeps its value after the server was deleted; it is meant.
 TFTPServer* server = nullptr;
@@ -87,14 +85,15 @@ Settings read_command_line(int argc, char** argv) {
   return settings;
 }
 
-// Whether someone has begun to take the server down: the handler, on whichever thread, or main.
-std::atomic<bool> ending{false};
+const pthread_t main_thread = pthread_self();
 
-// After this the handler finds nothing left to delete: on this thread its signals wait until main has
-// returned, on another it sees `ending` and returns.
+// For good: what the handler would delete, main deletes.
 void keep_server_from_handler() {
-  static const SignalBlock to_the_end_of_main({SIGINT, SIGTERM});
-  while (ending.exchange(true)) pause();  // the handler was first, and ends the process
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGINT);
+  sigaddset(&blocked, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
 }
 
 // Runs the server until its run is over. The exit status of the process.
@@ -116,8 +115,12 @@ int run_server() {
 }  // namespace
 
 void signalHandler(int signal_number) {
-  const SignalBlock nothing_interrupts_the_end({SIGINT, SIGTERM});
-  if (ending.exchange(true)) return;
+  // The command receiver takes signals too, and would wait here for its own end.
+  if (pthread_equal(pthread_self(), main_thread) == 0) {
+    pthread_kill(main_thread, signal_number);
+    return;
+  }
+  keep_server_from_handler();
   if (server != nullptr) {
     server->Stop();
     delete server;

@@ -1,0 +1,264 @@
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/sanitized.h"
+#include "support/station.h"
+#include "support/tcp_listener.h"
+
+namespace {
+
+using station::InNetwork;
+using station::OnLoopback;
+using std::chrono::milliseconds;
+using tftp::data;
+using tftp::rrq;
+
+// With a sanitizer, the leak check at the exit waits for the lock that the interrupted allocation holds.
+constexpr char kCannotExitAnywhere[] = "a sanitizer cannot end the program at any moment";
+
+class Signals : public testing::TestWithParam<int> {
+ protected:
+  void SetUp() override {
+    NEEDS_SANDBOX();
+    // A shell that starts its tests in the background has them ignore SIGINT, and the daemon would inherit
+    // it.
+    signal(SIGINT, SIG_DFL);
+  }
+};
+
+const std::string kServerAndServiceGone = std::string(station::kMessageServerGone) + station::kServerGone;
+
+INSTANTIATE_TEST_SUITE_P(OfBothKinds, Signals, testing::Values(SIGINT, SIGTERM),
+                         [](const auto& kind) { return kind.param == SIGINT ? "Sigint" : "Sigterm"; });
+
+TEST_P(Signals, EndsTheWaitForRequests) {
+  const OnLoopback station;
+  station.ends_by(GetParam(), "");
+}
+
+TEST_P(Signals, AtAnyMomentOfTheStartEndsIt) {
+  if (kSanitized) GTEST_SKIP() << kCannotExitAnywhere;
+  for (int i = 0; i < 40; ++i) {
+    Daemon daemon;
+    std::this_thread::sleep_for(std::chrono::microseconds(250 * i));
+    daemon.gets_signal(GetParam());
+    const int status = daemon.exit_status();
+    // Too early for the handler, the signal itself ends it.
+    EXPECT_TRUE(status == GetParam() || status == -GetParam()) << status << " on round " << i;
+    EXPECT_EQ(daemon.errors(), "");
+  }
+}
+
+TEST_P(Signals, WaitsForTheSenderOfTheBootScript) {
+  InNetwork station;
+  station.boots();
+  station.daemon->gets_signal(GetParam());
+  EXPECT_EQ(station.daemon->exit_status(), GetParam());
+  station::expect_output(*station.daemon, InNetwork::start_lines(), kServerAndServiceGone,
+                         {station::kSenderStopped});
+}
+
+TEST_P(Signals, EndsItWithATransferOpen) {
+  const OnLoopback station;
+  write_whole_file("file", noise(2000));
+  UdpPeer client = station.client();
+  client.sends(rrq("file"));
+  client.expects(data(1, noise(2000).substr(0, 512)));
+  station.ends_by(GetParam(), "RRQ file\n");
+  client.expects_nothing(milliseconds(300));
+}
+
+TEST_P(Signals, EndsItWithManyTransfersRunning) {
+  const OnLoopback station;
+  const std::string contents = noise(1000000);
+  write_whole_file("file", contents);
+  std::atomic<bool> ends{false};
+  std::thread readers([&] {
+    std::vector<UdpPeer> peers;
+    for (int i = 0; i < 16; ++i) {
+      peers.push_back(station.client(0));
+      peers.back().sends(rrq("file"));
+    }
+    // Whatever comes is acknowledged, until the daemon is gone.
+    while (!ends) {
+      for (UdpPeer& peer : peers) {
+        const auto block = peer.receives(milliseconds(1));
+        if (block && block->size() >= 4) peer.sends(tftp::bytes("\0\4") + block->substr(2, 2));
+      }
+    }
+  });
+  std::this_thread::sleep_for(milliseconds(300));
+  std::string requests;
+  for (int i = 0; i < 16; ++i) requests += "RRQ file\n";
+  station.ends_by(GetParam(), requests);
+  ends = true;
+  readers.join();
+}
+
+TEST_P(Signals, TwoAtOnceEndItOnce) {
+  const int other = GetParam() == SIGINT ? SIGTERM : SIGINT;
+  for (int i = 0; i < 20; ++i) {
+    const OnLoopback station;
+    station.daemon->gets_signal(GetParam());
+    std::this_thread::sleep_for(std::chrono::microseconds(20 * i));
+    station.daemon->gets_signal(other);
+    const int status = station.daemon->exit_status();
+    EXPECT_TRUE(status == GetParam() || status == other) << status << " on round " << i;
+    station.has_printed(kServerAndServiceGone);
+  }
+}
+
+TEST_P(Signals, MoreOfThemWhileTheFirstWaitsForTheSenderChangeNothing) {
+  InNetwork station;
+  station.boots();
+  station.daemon->gets_signal(GetParam());
+  for (int i = 0; i < 20; ++i) {
+    std::this_thread::sleep_for(milliseconds(5));
+    station.daemon->gets_signal(SIGINT);
+    station.daemon->gets_signal(SIGTERM);
+  }
+  EXPECT_EQ(station.daemon->exit_status(), GetParam());
+  station::expect_output(*station.daemon, InNetwork::start_lines(), kServerAndServiceGone,
+                         {station::kSenderStopped});
+}
+
+TEST_P(Signals, WhileAFinalVerdictTakesTheServiceDownEndsItAfterwards) {
+  InNetwork station;
+  station.boots();
+  station.unit_reads_verdict("F_l_m_01PPT_PASSED");
+  // The service goes as soon as the sender has slept out its second.
+  ASSERT_TRUE(station.daemon->prints("Error: Failed to initialize receiver\n"));
+  std::this_thread::sleep_for(milliseconds(20));
+  station.daemon->gets_signal(GetParam());
+  EXPECT_EQ(station.daemon->exit_status(), GetParam());
+  station::expect_output(*station.daemon, InNetwork::start_lines(),
+                         "Cmd received: F_l_m_01PPT_PASSED\n"
+                         "ERROR on connect() to 172.30.0.254:12345. Connection refused\n"
+                         "Error: Failed to initialize receiver\n" +
+                             kServerAndServiceGone,
+                         {station::kSenderStopped});
+}
+
+TEST_P(Signals, AtAnyMomentOfAFinalVerdictEndsIt) {
+  if (kSanitized) GTEST_SKIP() << kCannotExitAnywhere;
+  for (int i = 0; i < 20; ++i) {
+    const OnLoopback station;
+    UdpPeer unit = station.client();
+    unit.sends(rrq("F_l_m_01PPT_PASSED"));
+    std::this_thread::sleep_for(std::chrono::microseconds(50 * i));
+    station.daemon->gets_signal(GetParam());
+    const int status = station.daemon->exit_status();
+    EXPECT_TRUE(status == GetParam() || status == 2) << status << " on round " << i;
+    EXPECT_EQ(station.daemon->errors(), "");
+  }
+}
+
+TEST_P(Signals, DuringTheQueryOfTheSilentPptServerEndsIt) {
+  InNetwork station;
+  station.boots();
+  UdpPeer ppt = station.ppt_server();
+  station.unit_reads_verdict("F_l_m_01STEP3");
+  ppt.expects(rrq("F_l_m_01CPU_2_STEP3"));
+  station.daemon->gets_signal(GetParam());
+  EXPECT_EQ(station.daemon->exit_status(milliseconds(3000)), GetParam());
+  station::expect_output(*station.daemon, InNetwork::start_lines(),
+                         "Cmd received: F_l_m_01STEP3\n" + kServerAndServiceGone, {station::kSenderStopped});
+}
+
+// A booted station whose command receiver runs.
+struct AtCommands {
+  AtCommands() {
+    station.network.at_ppt_server(
+        [&] { listener = std::make_unique<TcpListener>(TestNetwork::kPptServer, station::kMessagePort); });
+    UdpPeer ppt = station.ppt_server();
+    station.boots();
+    station.unit_reads_verdict("F_l_m_01STEP3");
+    ppt.expects(rrq("F_l_m_01CPU_2_STEP3"));
+    ppt.sends(data(1, ""));
+    EXPECT_TRUE(station.daemon->prints(kReceiverReady));
+    station.receiver_answers();
+  }
+
+  static constexpr char kReceiverReady[] = "Message receiver initialized. IP: 172.30.0.254 Port=12345\n";
+  static std::string lines() { return std::string("Cmd received: F_l_m_01STEP3\n") + kReceiverReady; }
+
+  InNetwork station;
+  std::unique_ptr<TcpListener> listener;
+};
+
+TEST_P(Signals, WaitsForTheCommandReceiver) {
+  AtCommands at_commands;
+  Daemon& daemon = *at_commands.station.daemon;
+  daemon.gets_signal(GetParam());
+  EXPECT_EQ(daemon.exit_status(), GetParam());
+  station::expect_output(daemon, InNetwork::start_lines(), AtCommands::lines() + kServerAndServiceGone,
+                         {station::kSenderStopped, station::kReceiverStopped});
+}
+
+TEST_P(Signals, WhileAFinalVerdictWaitsForTheCommandReceiverEndsIt) {
+  AtCommands at_commands;
+  Daemon& daemon = *at_commands.station.daemon;
+  at_commands.station.unit_reads_verdict("F_l_m_02PPT_PASSED");
+  ASSERT_TRUE(daemon.prints("Cmd received: F_l_m_02PPT_PASSED\n"));
+  std::this_thread::sleep_for(milliseconds(20));
+  daemon.gets_signal(GetParam());
+  EXPECT_EQ(daemon.exit_status(), GetParam());
+  EXPECT_EQ(daemon.errors(), "");
+}
+
+// The threads besides the main one that the system may choose to run the handler on.
+std::vector<pid_t> threads_that_take(int signal_number, pid_t process) {
+  std::vector<pid_t> threads;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+    const pid_t thread = std::stoi(task.path().filename());
+    std::ifstream status(task.path() / "status");
+    std::string word;
+    while (status >> word && word != "SigBlk:") {
+    }
+    unsigned long long blocked = 0;
+    status >> std::hex >> blocked;
+    if (thread != process && (blocked >> (signal_number - 1) & 1) == 0) threads.push_back(thread);
+  }
+  return threads;
+}
+
+// It does so while the main thread has the signals blocked, as it does for the creation of each client's
+// thread.
+TEST_P(Signals, OnAnyThreadThatTakesThemEndIt) {
+  AtCommands at_commands;
+  Daemon& daemon = *at_commands.station.daemon;
+  const std::vector<pid_t> threads = threads_that_take(GetParam(), daemon.pid());
+  if (threads.empty()) GTEST_SKIP() << "only the main thread takes them";
+  for (const pid_t thread : threads) syscall(SYS_tgkill, daemon.pid(), thread, GetParam());
+  EXPECT_EQ(daemon.exit_status(), GetParam());
+  EXPECT_EQ(daemon.errors(), "");
+}
+
+TEST_F(Signals, AlarmOfTheBootDoesNotEndTheProgram) {
+  InNetwork station;
+  write_whole_file("file", "contents");
+  station.boots();
+  std::this_thread::sleep_for(milliseconds(10500));
+  UdpPeer unit = station.unit();
+  EXPECT_EQ(read_by_tftp(unit, rrq("file")), "contents");
+  station.unit_reads_verdict("F_l_m_01PPT_PASSED");
+  EXPECT_EQ(station.daemon->exit_status(), 2);
+}
+
+TEST_F(Signals, AlarmDoesNotEndTheProgramWithoutABroadcastEither) {
+  const OnLoopback station;
+  station.daemon->gets_signal(SIGALRM);
+  station.printed("");
+}
+
+}  // namespace
