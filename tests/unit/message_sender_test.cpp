@@ -1,0 +1,403 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "message_server/message_server.h"
+#include "support/aimed_server.h"
+#include "support/captured_output.h"
+#include "support/descriptors.h"
+#include "support/fault.h"
+#include "support/spoiling_output.h"
+#include "support/tftp_bytes.h"
+#include "support/threads.h"
+#include "support/udp_peer.h"
+
+// The first of the message service's three workers: its start and stop, its thread.
+
+namespace {
+
+using std::chrono::milliseconds;
+using tftp::bytes;
+
+constexpr char kStopped[] = "Sender proc stopped!!!\n";
+constexpr int kMessagePort = 12345;
+constexpr milliseconds kAtOnce(800);
+constexpr milliseconds kLateForASecond(1900);
+
+bool start(MessageServer& server, int count, const std::string& message) {
+  return server.StartSender(count, message.data(), static_cast<int>(message.size()));
+}
+
+TEST(MessageSender, SendsTheCountedNumberOfTimesOneSecondApartAndIsSpentThen) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  const Stopwatch watch;
+  ASSERT_TRUE(start(server, 2, "boot"));
+  EXPECT_TRUE(server.sending);
+  EXPECT_NE(server.sender_thread, 0U);
+  EXPECT_EQ(server.repeat_count, 2);
+  peer.expects("boot", kAtOnce);
+  peer.expects("boot");
+  EXPECT_GE(watch.elapsed(), milliseconds(1000));
+  EXPECT_LT(watch.elapsed(), kLateForASecond);
+  EXPECT_EQ(output.text(), "");
+  ASSERT_TRUE(output.waits_for("\n"));
+  EXPECT_GE(watch.elapsed(), milliseconds(2000));
+  EXPECT_LT(watch.elapsed(), milliseconds(1000) + kLateForASecond);
+  EXPECT_EQ(output.text(), kStopped);
+  peer.expects_nothing(milliseconds(100));
+
+  EXPECT_TRUE(server.sending);
+  EXPECT_EQ(server.sender_thread, 0U);
+  EXPECT_FALSE(start(server, 1, "again"));
+  EXPECT_EQ(server.InitializeSender("lo", false), -1);
+  EXPECT_EQ(output.text(), std::string(kStopped) + "MessageServer already sending message\n");
+
+  server.StopSender();
+  EXPECT_FALSE(server.sending);
+  EXPECT_TRUE(start(server, 1, "again"));
+  peer.expects("again", kAtOnce);
+}
+
+TEST(MessageSender, CountZeroSendsNothingAndEndsAtOnce) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  EXPECT_TRUE(start(server, 0, "boot"));
+  EXPECT_TRUE(output.waits_for("\n", kAtOnce));
+  EXPECT_EQ(output.text(), kStopped);
+  peer.expects_nothing(milliseconds(50));
+  EXPECT_TRUE(server.sending);
+  EXPECT_EQ(server.sender_thread, 0U);
+  EXPECT_FALSE(start(server, 1, "boot"));
+}
+
+TEST(MessageSender, CountBelowMinusOneSendsNothing) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  EXPECT_TRUE(start(server, -2, "boot"));
+  EXPECT_TRUE(output.waits_for("\n", kAtOnce));
+  EXPECT_EQ(output.text(), kStopped);
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, CountMinusOneSendsUntilStoppedAndIsIdleThen) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  const Stopwatch watch;
+  ASSERT_TRUE(start(server, -1, "boot"));
+  for (int sent = 0; sent < 3; ++sent) peer.expects("boot");
+  EXPECT_GE(watch.elapsed(), milliseconds(2000));
+  EXPECT_LT(watch.elapsed(), milliseconds(1000) + kLateForASecond);
+
+  server.StopSender();
+  EXPECT_FALSE(server.sending);
+  EXPECT_NE(server.sender_thread, 0U) << "it ends after its sleep, and nobody waits for it";
+  EXPECT_EQ(output.text(), "");
+  EXPECT_TRUE(output.waits_for("\n", kLateForASecond));
+  EXPECT_GE(watch.elapsed(), milliseconds(3000));
+  EXPECT_EQ(output.text(), kStopped);
+  EXPECT_EQ(server.sender_thread, 0U);
+  EXPECT_FALSE(server.sending);
+  peer.expects_nothing(milliseconds(50));
+  EXPECT_TRUE(start(server, 0, "boot"));
+}
+
+TEST(MessageSender, AStopIsSeenBeforeTheCountRunsOut) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 2, "boot"));
+  peer.expects("boot");
+  server.StopSender();
+  EXPECT_TRUE(output.waits_for(kStopped));
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, StoppingWhatDoesNotRunDoesNothing) {
+  const CapturedOutput output;
+  MessageServer server(kMessagePort);
+  server.StopSender();
+  EXPECT_FALSE(server.sending);
+  EXPECT_EQ(output.text(), "");
+}
+
+TEST(MessageSender, IsNotStartedTwice) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 1, "boot"));
+  peer.expects("boot");
+  const char* const message = server.message;
+  const pthread_t thread = server.sender_thread;
+  EXPECT_FALSE(start(server, 5, "other words"));
+  EXPECT_EQ(output.text(), "");
+  EXPECT_EQ(server.message, message);
+  EXPECT_EQ(server.message_length, 4);
+  EXPECT_EQ(server.repeat_count, 1);
+  EXPECT_EQ(server.sender_thread, thread);
+  peer.expects_nothing(kAtOnce);
+}
+
+TEST(MessageSender, SendsACopyOfTheMessage) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  std::string mine = "boot";
+  ASSERT_TRUE(start(server, 2, mine));
+  EXPECT_NE(server.message, mine.data());
+  peer.expects("boot");
+  mine = "gone";
+  peer.expects("boot");
+}
+
+TEST(MessageSender, SendsAllBytesOfTheMessageWhateverTheyAre) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  const std::string message = bytes("\0a\0\0\xff\n\0");
+  ASSERT_TRUE(start(server, 1, message));
+  EXPECT_EQ(server.message_length, 7);
+  EXPECT_EQ(std::string(server.message, 7), message);
+  peer.expects(message);
+}
+
+TEST(MessageSender, AnEmptyMessageIsAnEmptyDatagram) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 1, ""));
+  EXPECT_EQ(server.message_length, 0);
+  EXPECT_NE(server.message, nullptr);
+  peer.expects("", kAtOnce);
+}
+
+TEST(MessageSender, ANewMessageTakesThePlaceOfTheOldOne) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 0, "the first message"));
+  ASSERT_TRUE(output.waits_for(kStopped));
+  server.StopSender();
+  ASSERT_TRUE(start(server, 1, "second"));
+  EXPECT_EQ(server.message_length, 6);
+  EXPECT_EQ(server.repeat_count, 1);
+  peer.expects("second");
+}
+
+TEST(MessageSender, RestartedBeforeItHasEndedItGoesOnBesideTheNewOne) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 2, "old"));
+  peer.expects("old");
+  // In its sleep it does not touch the message that a new start releases.
+  std::this_thread::sleep_for(milliseconds(200));
+  server.StopSender();
+  ASSERT_TRUE(start(server, 1, "new"));
+  peer.expects("new", kAtOnce);
+  peer.expects("new");
+  EXPECT_TRUE(output.waits_for(std::string(kStopped) + kStopped));
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, ACountSetToMinusOneMeanwhileMakesItGoOn) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 1, "boot"));
+  peer.expects("boot");
+  server.repeat_count = -1;
+  peer.expects("boot");
+  peer.expects("boot");
+}
+
+TEST(MessageSender, AnyOtherCountSetMeanwhileDoesNotChangeTheCountdown) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 2, "boot"));
+  peer.expects("boot");
+  server.repeat_count = 100;
+  peer.expects("boot");
+  EXPECT_TRUE(output.waits_for(kStopped));
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, AnEndlessOneGivenACountEndsAfterItsSleep) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, -1, "boot"));
+  peer.expects("boot");
+  server.repeat_count = 5;
+  EXPECT_TRUE(output.waits_for(kStopped, kLateForASecond));
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, AFailureToSendIsReportedAndTheNextSendFollows) {
+  UdpPeer peer;
+  const SpoilingOutput output;
+  AimedServer server(peer);
+  const Fault first(Call::kSendto, ENOBUFS);
+  const Stopwatch watch;
+  ASSERT_TRUE(start(server, 2, "boot"));
+  peer.expects("boot");
+  EXPECT_GE(watch.elapsed(), milliseconds(1000));
+  EXPECT_TRUE(eventually([&] { return server.sender_thread == 0; }));
+  const std::string expected = SpoilingOutput::flushed_lines(
+      "Error in \"sendto\":  the reason is No buffer space available\nSender proc stopped!!!\n");
+  EXPECT_TRUE(eventually([&] { return output.text().size() >= expected.size(); }));
+  EXPECT_EQ(output.text(), expected);
+}
+
+TEST(MessageSender, SendsOnWhateverSocketTheRecordHoldsByThen) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  const int first = server.sender_socket;
+  ASSERT_TRUE(start(server, 3, "boot"));
+  peer.expects("boot");
+  server.sender_socket = -1;
+  ASSERT_TRUE(output.waits_for("\n"));
+  EXPECT_EQ(output.text(), "Error in \"sendto\":  the reason is Bad file descriptor\n");
+  server.sender_socket = first;
+  peer.expects("boot");
+}
+
+TEST(MessageSender, BodyEndsBeforeTheFirstSendWhenStoppedByThen) {
+  UdpPeer peer;
+  const SpoilingOutput output;
+  AimedServer server(peer);
+  server.repeat_count = 1;
+  server.message_length = 0;
+  server.sender_thread = pthread_self();
+  EXPECT_EQ(SenderProc(static_cast<MessageServer*>(&server)), nullptr);
+  EXPECT_EQ(server.sender_thread, 0U);
+  EXPECT_EQ(output.text(), SpoilingOutput::flushed_lines(kStopped));
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, ThreadHasDefaultAttributesAndReturnsNull) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  ASSERT_TRUE(start(server, 1, "boot"));
+  const pthread_t thread = server.sender_thread;
+  void* result = &server;
+  ASSERT_EQ(pthread_join(thread, &result), 0);
+  EXPECT_EQ(result, nullptr);
+  EXPECT_EQ(output.text(), kStopped);
+}
+
+TEST(MessageSender, ThreadCreationThatReturnsMinusOneIsAFailureThatLeavesItSending) {
+  UdpPeer peer;
+  const SpoilingOutput output;
+  {
+    AimedServer server(peer);
+    server.sender_thread = pthread_self();  // what a failing creation may have written
+    const Fault no_thread(Call::kThread, -1);
+    EXPECT_FALSE(start(server, 4, "boot"));
+    EXPECT_EQ(output.text(), SpoilingOutput::flushed_lines(" Can't create sender thread\n"));
+    EXPECT_TRUE(server.sending);
+    EXPECT_EQ(server.sender_thread, 0U);
+    EXPECT_EQ(std::string(server.message, 4), "boot");
+    EXPECT_EQ(server.message_length, 4);
+    EXPECT_EQ(server.repeat_count, 4);
+    EXPECT_FALSE(start(server, 1, "boot"));
+    EXPECT_EQ(no_thread.struck(), 1);
+  }
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, ThreadCreationThatReturnsAnErrorNumberCountsAsSuccess) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  {
+    AimedServer server(peer);
+    server.sender_thread = pthread_self();
+    const Fault no_thread(Call::kThread, EAGAIN);
+    EXPECT_TRUE(start(server, 1, "boot"));
+    EXPECT_EQ(output.text(), "");
+    EXPECT_TRUE(server.sending);
+    EXPECT_EQ(server.sender_thread, 0U);
+  }
+  EXPECT_EQ(output.text(), "Message Server was shut down\n");
+  peer.expects_nothing(milliseconds(50));
+}
+
+TEST(MessageSender, ThreadHandleIsWrittenByTheCreationAndByNobodyAfterIt) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  const pthread_t written_meanwhile = pthread_self();
+  server.sender_thread = written_meanwhile;
+  const Fault nothing_created_but_success(Call::kThread, 0);
+  EXPECT_TRUE(start(server, 1, "boot"));
+  EXPECT_EQ(server.sender_thread, written_meanwhile);
+  server.sender_thread = 0;
+}
+
+TEST(MessageSender, ThreadClearsItsHandleBeforeItPrintsAndTouchesTheRecordNoMore) {
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void* const storage = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(storage, MAP_FAILED);
+  auto* const server = ::new (storage) MessageServer(kMessagePort);
+  pthread_t handle_when_printing = pthread_self();
+  pthread_t thread = 0;
+  {
+    const SpoilingOutput output([&](const std::string& piece) {
+      if (piece != "Sender proc stopped!!!") return;
+      handle_when_printing = server->sender_thread;
+      thread = pthread_self();
+      mprotect(storage, page, PROT_NONE);
+    });
+    ASSERT_TRUE(start(*server, 0, "boot"));
+    ASSERT_TRUE(eventually([&] { return output.text() == SpoilingOutput::flushed_lines(kStopped); }));
+    ASSERT_EQ(pthread_join(thread, nullptr), 0);
+  }
+  EXPECT_EQ(handle_when_printing, 0U);
+  mprotect(storage, page, PROT_READ | PROT_WRITE);
+  const CapturedOutput output;
+  server->~MessageServer();
+  munmap(storage, page);
+}
+
+TEST(MessageSender, ThreadBlocksTheSignalsThatAreMeantForTheMainThread) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  const BlockedSignal inherited(SIGUSR1);
+  const SignalMask mine = blocked_signals("thread-self");
+  const std::set<std::string> before = tasks();
+  ASSERT_TRUE(start(server, 1, "boot"));
+  peer.expects("boot");
+  EXPECT_EQ(blocked_signals("thread-self"), mine);
+  std::set<std::string> started = tasks();
+  for (const std::string& task : before) started.erase(task);
+  ASSERT_EQ(started.size(), 1U);
+  EXPECT_EQ(blocked_signals("self/task/" + *started.begin()), mine | mask_of({SIGALRM, SIGINT, SIGTERM}));
+}
+
+TEST(MessageSender, ThreadCreationThatFailsLeavesTheCreatorsSignalMask) {
+  const CapturedOutput output;
+  MessageServer server(kMessagePort);
+  const SignalMask mine = blocked_signals("thread-self");
+  const Fault no_thread(Call::kThread, EAGAIN);
+  EXPECT_TRUE(start(server, 1, "boot"));
+  EXPECT_EQ(blocked_signals("thread-self"), mine);
+}
+
+}  // namespace
