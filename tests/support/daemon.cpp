@@ -82,7 +82,8 @@ bool Daemon::serves() const {
   return prints("Server started , waiting for connections\n");
 }
 
-void Daemon::gets_signal(int signal_number) const {
+void Daemon::gets_signal(int signal_number) {
+  got_signal_ = true;
   kill(pid_, signal_number);
 }
 

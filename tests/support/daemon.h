@@ -30,7 +30,8 @@ class Daemon {
   bool prints(const std::string& piece, Milliseconds patience = kPatience) const;
   // Waits until it serves requests. False when it does not.
   bool serves() const;
-  void gets_signal(int signal_number) const;
+  void gets_signal(int signal_number);
+  bool got_signal() const { return got_signal_; }
   // Waits for its end: the exit status, minus the signal's number when a signal ended it, or kStillRunning.
   int exit_status(Milliseconds patience = kPatience);
 
@@ -39,6 +40,7 @@ class Daemon {
   int output_;
   int errors_;
   int status_ = kStillRunning;
+  bool got_signal_ = false;
 };
 
 #endif
