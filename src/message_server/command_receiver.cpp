@@ -40,8 +40,8 @@ constexpr char kRunPmcTest[] = "/mnt/ramdisk/t1-e1 %d -1";
 std::string last_line_of(const char* command) {
   char line[kLineSize] = {};
   if (FILE* const output = popen(command, "r")) {
-    while (std::fgets(line, sizeof line, output) != nullptr) {
-    }
+    // Up to the end of the output, and not to the first read that a signal interrupts.
+    while (std::feof(output) == 0) static_cast<void>(std::fgets(line, sizeof line, output) != nullptr);
     pclose(output);
   }
   return line;
