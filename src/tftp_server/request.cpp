@@ -4,7 +4,6 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
-#include <utility>
 
 #include "tftp_client/tftp_client.h"
 #include "tftp_server/tftp_server.h"
@@ -16,7 +15,6 @@ constexpr char kMode[] = "octet";
 constexpr int kNameOffset = 2;
 constexpr int kNameBufferSize = 256;  // names and modes are cut to one character less
 constexpr int kMinTimeoutSeconds = 5;
-constexpr char kTestNetworkAddress[] = "172.40.0.1";
 constexpr int kExitFinalVerdict = 2;
 constexpr int kExitTimeout = 1;
 
@@ -86,6 +84,7 @@ int TFTPServer::processRead(ServerClient* client, const std::string& file_name) 
     std::cout << "Filename is not set" << std::endl;
     return refuse(client, kFileNotFound, "File not found");
   }
+  // Behind the name as it was cut: of a longer one, the rest is taken for the mode.
   const int mode_offset = kNameOffset + static_cast<int>(file_name.size()) + 1;
   const std::string mode = text_at(client->received_packet, mode_offset);
   if (mode != kMode) {
@@ -109,6 +108,7 @@ int TFTPServer::startPlain(ServerClient* client) {
   client->received_packet.reSizeForBlock(client->block_size);
   client->sent_packet.reSizeForBlock(client->block_size);
   clientStatus(client, "File was found, starting GET transfer");
+  // A block that could not be sent leaves the state at 0, and no ACK moves the transfer on. It is meant.
   if (sendPacketData(client) != 0) client->transfer_state = ServerClient::kAwaitsAck;
   return 1;
 }
@@ -140,7 +140,7 @@ int TFTPServer::processVerdict(ServerClient* client, const std::string& file_nam
     exit_code = kExitFinalVerdict;
     deleteMessageServer();
     running = false;
-    if (_bTimeoutFlag) exit_code = kExitTimeout;
+    if (_bTimeoutFlag) exit_code = kExitTimeout;  // the alarm may have come during the deletion
   }
   return 0;
 }
@@ -167,6 +167,7 @@ int TFTPServer::processWrite(ServerClient* client) {
       return refuse(client, kFileExists, "");
     }
   }
+  // Whether it can be created is not looked at; the request is acknowledged all the same.
   client->output_file = new std::ofstream(file_name, std::ios::binary);
   clientStatus(client, "Starting PUT transfer");
   TFTP_Packet acknowledgement;

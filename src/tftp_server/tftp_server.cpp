@@ -16,10 +16,9 @@
 namespace {
 
 constexpr int kRequestCapacity = 512;  // bytes of a request that are looked at
-constexpr int kClientPortStep = 100;
-constexpr int kClientPortBase = 33033;
+constexpr std::uint32_t kClientPortStep = 100;
+constexpr std::uint32_t kClientPortBase = 33033;
 constexpr unsigned kAlarmSeconds = 10;
-constexpr char kTestNetworkAddress[] = "172.40.0.1";
 constexpr char kTestNetworkInterface[] = "lan0:0";
 
 // The client's own socket, on its own port if that is free. Whether it is, is not looked at.
@@ -83,7 +82,7 @@ TFTPServer::TFTPServer(int server_port, const std::string& server_ip, int ppt_se
 
 TFTPServer::~TFTPServer() {
   deleteMessageServer();
-  if (socket_fd != -1) close(socket_fd);
+  if (socket_fd != -1) close(std::exchange(socket_fd, -1));
   std::cout << "TFTP Server was shut down" << std::endl;
 }
 
@@ -139,7 +138,9 @@ void TFTPServer::serveDatagram(const char* bytes, int count, const sockaddr_in& 
   ServerClient::sClientID += 1;
   client->received_packet.reSize(kRequestCapacity);
   client->sent_packet.reSize(kRequestCapacity);
-  client->local_port = kClientPortStep * ServerClient::sClientID + kClientPortBase;
+  // Wraps after some twenty million datagrams.
+  client->local_port = static_cast<std::int32_t>(
+      kClientPortStep * static_cast<std::uint32_t>(ServerClient::sClientID) + kClientPortBase);
   client->reset();
   client->client_address = sender;
   client->client_address_length = sender_length;
@@ -148,7 +149,7 @@ void TFTPServer::serveDatagram(const char* bytes, int count, const sockaddr_in& 
     client->received_packet.setSize(count);
   }
   client->socket_fd = client_socket(client->local_port);
-  if (client->socket_fd == -1 || client->socket_fd == 0) return;
+  if (client->socket_fd == -1 || client->socket_fd == 0) return;  // 0 counts as a failure; it is meant
   client->connected = 1;
   if (sender.sin_family == AF_INET) client->client_ip = inet_ntoa(sender.sin_addr);
   clientStatus(client.get(), "Connected");

@@ -90,7 +90,7 @@ struct ServerClient {
 class TFTPServer {
  public:
   // server_ip: dotted quad to listen on, empty for every local address.
-  // Throws a new ETFTPSocketCreate, by pointer. Without memory for its message service it works without one.
+  // Throws a new ETFTPSocketCreate, by pointer. When its message service cannot be made it works without one.
   TFTPServer(int server_port, const std::string& server_ip, int ppt_port, const std::string& ppt_ip,
              int message_port);
   ~TFTPServer();
@@ -99,9 +99,12 @@ class TFTPServer {
   static void* operator new(std::size_t size);
   static void operator delete(void* storage);  // keeps the storage
 
-  // Runs the receive loop until `running` is cleared. Throws a new ETFTPSocketBind, by pointer.
+  // Binds the socket, takes SIGALRM over, starts the relay and the boot script (with an alarm ten seconds
+  // later), and runs the receive loop until `running` is cleared. For the main thread, which the signals are
+  // meant for. Throws a new ETFTPSocketBind, by pointer.
   void Start();
-  // Deletes the message service and says how many clients were in the table. Does not end Start.
+  // Destroys the clients in the table, deletes the message service, and says how many clients there were.
+  // Does not end Start.
   void Stop();
   // Takes the client out of the table and destroys it; does nothing when it is not in the table.
   void DestroyClient(ServerClient* client);
@@ -130,7 +133,7 @@ class TFTPServer {
   // Resets the record. 0 for a null pointer, else 1.
   int disconnectClient(ServerClient* client);
 
-  static TFTPServer* self;  // the one server
+  static TFTPServer* self;  // the server made last; the program makes one
 
   std::int32_t exit_code = 0;  // result of the run: 2 after a final verdict, 1 when the alarm had fired
   std::int32_t ppt_port;
@@ -144,6 +147,8 @@ class TFTPServer {
   std::vector<ServerClient*> clients;
 
  private:
+  static constexpr char kTestNetworkAddress[] = "172.40.0.1";
+
   void announceBoot();
   void serveDatagram(const char* bytes, int count, const sockaddr_in& sender, socklen_t sender_length);
   void deleteMessageServer();

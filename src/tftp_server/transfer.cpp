@@ -95,7 +95,7 @@ int TFTPServer::receivePacket(ServerClient* client) {
 
 int TFTPServer::Receive(ServerClient* client) {
   if (client->request_type != ServerClient::kReadRequest) {
-    return client->request_type == ServerClient::kWriteRequest ? 0 : 1;
+    return client->request_type == ServerClient::kWriteRequest ? 0 : 1;  // a write's thread ends at once
   }
   receivePacket(client);
   if (client->receive_status == ServerClient::kTimedOut) return 1;
