@@ -275,6 +275,23 @@ TEST_P(MessageReceiverStep, ThatFailsKeepsTheReceiverFromStarting) {
   EXPECT_EQ(receiver.starts, 0);
 }
 
+TEST_F(MessageReceiver, SetsItsSocketsOptionBeforeItsMode) {
+  const CapturedOutput output;
+  MessageServer server(kMessagePort);
+  const Fault no_option(Call::kSetsockopt, ENOPROTOOPT);
+  const Fault no_mode(Call::kIoctl, EPERM);
+  EXPECT_EQ(server.InitializeReceiver(kLocal, kRemote, 1), -1);
+  EXPECT_EQ(output.text(), "Can't set the socket options the reason is Protocol not available\n");
+}
+
+TEST_F(MessageReceiver, KnowsItsAddressAlsoWhenItCannotBeBound) {
+  const CapturedOutput output;
+  MessageServer server(kMessagePort);
+  const Fault not_bound(Call::kBind, EACCES);
+  EXPECT_EQ(server.InitializeReceiver(kLocal, kRemote, 4000), -1);
+  EXPECT_EQ(in_words(server.receive_address), "127.0.0.1:4000");
+}
+
 TEST_F(MessageReceiver, ThreadIsGivenTheRecordAndItsCreatorsSignalMask) {
   const CapturedOutput output;
   const TcpAddress ppt_server(kRemoteInDots);

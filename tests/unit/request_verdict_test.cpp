@@ -18,6 +18,7 @@
 #include "support/client_record.h"
 #include "support/fault.h"
 #include "support/sandbox.h"
+#include "support/spoiling_output.h"
 
 using namespace std::chrono_literals;
 using tftp::ack;
@@ -77,6 +78,30 @@ TEST_F(Verdict, FinalVerdictEndsRunAndMessageService) {
   ppt_server.expects_nothing(0ms);
   EXPECT_EQ(run(), "ended, exit code 2");
   EXPECT_EQ(fields(), disconnected(2, 3));
+}
+
+TEST_F(Verdict, FinalVerdictHasItsExitCodeBeforeTheServiceIsDeletedAndEndsTheLoopAfterwards) {
+  std::string meanwhile;
+  {
+    const SpoilingOutput output([&](const std::string& piece) {
+      if (kServiceDeleted == piece + "\n") meanwhile = run();
+    });
+    is_asked(rrq(kPassed));
+    EXPECT_EQ(server->ProcessRequest(&record), 0);
+  }
+  EXPECT_EQ(meanwhile, "running, exit code 2");
+  EXPECT_EQ(run(), "ended, exit code 2");
+}
+
+TEST_F(Verdict, AlarmDuringTheDeletionOfTheServiceTurnsTheExitCodeInto1) {
+  {
+    const SpoilingOutput output([&](const std::string& piece) {
+      if (kServiceDeleted == piece + "\n") TimeoutHandler(SIGALRM);
+    });
+    is_asked(rrq(kPassed));
+    EXPECT_EQ(server->ProcessRequest(&record), 0);
+  }
+  EXPECT_EQ(run(), "ended, exit code 1, timed out");
 }
 
 TEST_F(Verdict, FinalVerdictEndsRunWithoutMessageService) {
