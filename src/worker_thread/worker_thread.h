@@ -6,9 +6,8 @@
 
 #include <initializer_list>
 
-// SIGALRM, SIGINT and SIGTERM are meant for the main thread. On any other thread the alarm would interrupt a
-// wait that is not its own, and the handler of the other two, which waits for the workers to end, could wait
-// for the very thread that it runs on. Workers are therefore created with the three blocked.
+// SIGALRM, SIGINT and SIGTERM are meant for the main thread; on any other they would interrupt a wait that is
+// not theirs. Workers are therefore created with the three blocked.
 
 // Blocks signals on the calling thread for as long as it lives, then restores the mask found before.
 class SignalBlock {

@@ -69,6 +69,15 @@ TEST(MessageSender, SendsTheCountedNumberOfTimesOneSecondApartAndIsSpentThen) {
   peer.expects("again", kAtOnce);
 }
 
+TEST(MessageSender, LengthBelowZeroSendsNoByteOfItsMemory) {
+  UdpPeer peer;
+  const CapturedOutput output;
+  AimedServer server(peer);
+  EXPECT_TRUE(server.StartSender(1, "boot", -1));
+  peer.expects("", kAtOnce);
+  EXPECT_EQ(server.message_length, -1);
+}
+
 TEST(MessageSender, CountZeroSendsNothingAndEndsAtOnce) {
   UdpPeer peer;
   const CapturedOutput output;
