@@ -1,0 +1,254 @@
+#include "bench/scenario.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+namespace {
+
+// Capital words stand for values: NAME, TEXT, REPLY for any word; UNIT and SIGNAL for those below; every
+// other one for a number. What stands in brackets may be left away.
+struct Form {
+  Act act;
+  const char* words;
+};
+
+constexpr Form kForms[] = {
+    {Act::kFileHolds, "file NAME holds TEXT"},
+    {Act::kFileIs, "file NAME is SIZE UNIT"},
+    {Act::kWireLoses, "wire loses PERCENT %"},
+    {Act::kWireDuplicates, "wire duplicates PERCENT %"},
+    {Act::kWireSwaps, "wire swaps PERCENT %"},
+    {Act::kWireDelays, "wire delays MILLISECONDS ms"},
+    {Act::kWireIsCut, "wire is cut for SECONDS s"},
+    {Act::kWireIsWhole, "wire is whole"},
+    {Act::kPptIsSilent, "ppt is silent"},
+    {Act::kPptRefuses, "ppt refuses"},
+    {Act::kPptAnswersError, "ppt answers ERROR CODE TEXT"},
+    {Act::kPptAnswers, "ppt answers"},
+    {Act::kPptHears, "ppt hears NAME"},
+    {Act::kPptIsConnected, "ppt is connected"},
+    {Act::kPptReceives, "ppt receives TEXT"},
+    {Act::kBoardLinkIsCalled, "board link is called NAME"},
+    {Act::kBoardToolExits, "board tool exits STATUS"},
+    {Act::kBoardRanNothing, "board ran nothing"},
+    {Act::kBoardRan, "board ran TEXT"},
+    {Act::kBoardKeeps, "board keeps NAME TEXT"},
+    {Act::kStationStartsWith, "station starts with TEXT"},
+    {Act::kStationStarts, "station starts"},
+    {Act::kStationSays, "station says TEXT"},
+    {Act::kStationGets, "station gets SIGNAL"},
+    {Act::kStationExits, "station exits STATUS [within SECONDS s]"},
+    {Act::kUnitHears, "unit hears the boot script"},
+    {Act::kUnitHearsNothing, "unit hears nothing for SECONDS s"},
+    {Act::kUnitObeys, "unit obeys the boot script [timeout SECONDS] [tries TRIES]"},
+    {Act::kUnitReads,
+     "unit reads NAME [blksize BLOCK] [timeout SECONDS] [tries TRIES] [dies after SIZE UNIT]"},
+    {Act::kUnitCannotRead, "unit cannot read NAME [blksize BLOCK] [timeout SECONDS]"},
+    {Act::kUnitBeginsReading, "unit begins reading NAME [blksize BLOCK] [timeout SECONDS]"},
+    {Act::kUnitEndsReading, "unit ends reading"},
+    {Act::kUnitAsksInVain, "unit asks TEXT in vain"},
+    {Act::kUnitAsks, "unit asks TEXT expects REPLY"},
+    {Act::kUnitSends, "unit sends TEXT"},
+    {Act::kBenchWaits, "bench waits SECONDS s"},
+};
+
+const std::set<std::string> kFreeWords = {"NAME", "TEXT", "REPLY"};
+const std::map<std::string, double> kUnits = {{"bytes", 1}, {"KiB", 1024}, {"MiB", 1024 * 1024}};
+const std::map<std::string, int> kSignals = {{"SIGINT", SIGINT}, {"SIGTERM", SIGTERM}, {"SIGKILL", SIGKILL}};
+
+bool is_value(const std::string& word) {
+  return word != "ERROR" &&
+         std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+}
+
+bool is_number(const std::string& word) {
+  const bool plain = word.find_first_not_of("0123456789.") == std::string::npos;
+  return plain && std::count(word.begin(), word.end(), '.') <= 1 &&
+         word.find_first_of("0123456789") != std::string::npos;
+}
+
+bool fits(const std::string& wanted, const std::string& word) {
+  if (!is_value(wanted)) return word == wanted;
+  if (kFreeWords.count(wanted) != 0) return true;
+  if (wanted == "UNIT") return kUnits.count(word) != 0;
+  if (wanted == "SIGNAL") return kSignals.count(word) != 0;
+  return is_number(word);
+}
+
+std::string described(const std::string& wanted) {
+  if (!is_value(wanted)) return '"' + wanted + '"';
+  if (wanted == "UNIT") return "bytes, KiB or MiB";
+  if (wanted == "SIGNAL") return "SIGINT, SIGTERM or SIGKILL";
+  return kFreeWords.count(wanted) != 0 ? wanted : "a number (" + wanted + ")";
+}
+
+std::vector<std::string> split_at_blanks(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> words;
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
+
+// The words of a line, quotes resolved. Empty for an unclosed quote of a line that is not empty.
+std::vector<std::string> words_of(const std::string& line) {
+  std::vector<std::string> words;
+  for (std::size_t at = line.find_first_not_of(" \t"); at < line.size();
+       at = line.find_first_not_of(" \t", at)) {
+    std::string word;
+    if (line[at] != '"') {
+      const std::size_t end = std::min(line.find_first_of(" \t", at), line.size());
+      word = line.substr(at, end - at);
+      at = end;
+    } else {
+      for (++at; at < line.size() && line[at] != '"'; ++at) {
+        const bool escaped = line[at] == '\\' && at + 1 < line.size();
+        if (escaped) ++at;
+        word += !escaped ? line[at] : line[at] == 'n' ? '\n' : line[at] == 'r' ? '\r' : line[at];
+      }
+      if (at == line.size()) return {};
+      ++at;
+    }
+    words.push_back(word);
+  }
+  return words;
+}
+
+// One form against one line. matched: how many words of the line fitted; expected: what could have stood
+// behind them.
+struct Attempt {
+  bool whole = false;
+  std::size_t matched = 0;
+  std::set<std::string> expected;
+  std::map<std::string, std::string> values;
+};
+
+// Takes the words of one part of a form, all or none of them when it stands in brackets.
+class Matcher {
+ public:
+  Matcher(const Form& form, const std::vector<std::string>& words)
+      : form_(split_at_blanks(form.words)), words_(words) {}
+
+  Attempt match() {
+    for (std::size_t i = 0; i < form_.size() && !failed_; ++i) {
+      if (form_[i][0] == '[') {
+        const bool present = taken_ < words_.size() && words_[taken_] == form_[i].substr(1);
+        if (present)
+          continue_with(form_[i].substr(1));
+        else
+          attempt_.expected.insert(described(form_[i].substr(1)));
+        skipping_ = !present;
+      } else if (!skipping_) {
+        continue_with(without_bracket(form_[i]));
+      }
+      if (form_[i].back() == ']') skipping_ = false;
+    }
+    attempt_.matched = taken_;
+    attempt_.whole = !failed_ && taken_ == words_.size();
+    if (!failed_) attempt_.expected.insert("the end of the line");
+    return attempt_;
+  }
+
+ private:
+  static std::string without_bracket(const std::string& word) {
+    return word.back() == ']' ? word.substr(0, word.size() - 1) : word;
+  }
+
+  void continue_with(const std::string& wanted) {
+    if (taken_ < words_.size() && fits(wanted, words_[taken_])) {
+      if (is_value(wanted)) attempt_.values[wanted] = words_[taken_];
+      ++taken_;
+      attempt_.expected.clear();
+    } else {
+      failed_ = true;
+      attempt_.expected.insert(described(wanted));
+    }
+  }
+
+  const std::vector<std::string> form_;
+  const std::vector<std::string>& words_;
+  Attempt attempt_;
+  std::size_t taken_ = 0;
+  bool skipping_ = false;
+  bool failed_ = false;
+};
+
+std::string joined(const std::set<std::string>& items) {
+  std::string text;
+  for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
+  return text;
+}
+
+// What the forms that fit furthest wanted to see.
+std::string complaint(const std::vector<std::string>& words) {
+  std::size_t furthest = 0;
+  std::set<std::string> expected;
+  for (const Form& form : kForms) {
+    const Attempt attempt = Matcher(form, words).match();
+    if (attempt.matched < furthest) continue;
+    if (attempt.matched > furthest) expected.clear();
+    furthest = attempt.matched;
+    expected.insert(attempt.expected.begin(), attempt.expected.end());
+  }
+  const std::string found = furthest < words.size() ? '"' + words[furthest] + '"' : "the end of the line";
+  return found + " is not understood here; expected: " + joined(expected);
+}
+
+Step parse_step(const std::string& line, int number, const std::string& where) {
+  const std::vector<std::string> words = words_of(line);
+  if (words.empty()) throw ScenarioError(where + "a quote is opened and not closed; expected: \"");
+  for (const Form& form : kForms) {
+    const Attempt attempt = Matcher(form, words).match();
+    if (attempt.whole) return Step{number, line, form.act, attempt.values};
+  }
+  throw ScenarioError(where + complaint(words));
+}
+
+std::string trimmed(const std::string& line) {
+  const std::size_t begin = line.find_first_not_of(" \t\r");
+  if (begin == std::string::npos) return "";
+  return line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
+}
+
+}  // namespace
+
+double Step::number_of(const std::string& word, double otherwise) const {
+  return has(word) ? std::strtod(text_of(word).c_str(), nullptr) : otherwise;
+}
+
+double Step::bytes() const {
+  return number_of("SIZE") * kUnits.at(text_of("UNIT"));
+}
+
+int Step::signal() const {
+  return kSignals.at(text_of("SIGNAL"));
+}
+
+Scenario parse_scenario(const std::string& text, const std::string& file_name) {
+  Scenario scenario;
+  std::istringstream in(text);
+  std::string line;
+  for (int number = 1; std::getline(in, line); ++number) {
+    line = trimmed(line);
+    if (line.empty()) continue;
+    if (line[0] == '#') {
+      if (scenario.title.empty()) scenario.title = trimmed(line.substr(1));
+      continue;
+    }
+    scenario.steps.push_back(parse_step(line, number, file_name + ":" + std::to_string(number) + ": "));
+  }
+  if (scenario.steps.empty()) throw ScenarioError(file_name + ": no step at all; expected: at least one");
+  return scenario;
+}
+
+Scenario read_scenario(const std::string& file_name) {
+  std::ifstream file(file_name);
+  if (!file) throw ScenarioError(file_name + ": there is no such file; expected: a scenario (*.run)");
+  std::ostringstream text;
+  text << file.rdbuf();
+  return parse_scenario(text.str(), file_name);
+}
