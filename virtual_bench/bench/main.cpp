@@ -1,9 +1,10 @@
 // bench [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER
+// bench --steps
 //
 // Plays one scenario with the unmodified daemon on a private network of this machine, and draws it. Leaves
-// NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. Exit status: 0 the
-// run went as the scenario says, 1 it did not, 2 the call or the scenario cannot be understood, 77 this
-// machine does not allow it.
+// NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --steps lists what
+// a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or the
+// scenario cannot be understood, 77 this machine does not allow it.
 #include <filesystem>
 #include <iostream>
 #include <string>
@@ -69,22 +70,27 @@ ExitStatus play(const Call& call, const Scenario& scenario) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && argv[1] == std::string("--steps")) {
+    for (const std::string& form : step_forms()) std::cout << form << '\n';
+    return kAsExpected;
+  }
   Call call;
   if (!understood({argv + 1, argv + argc}, &call)) {
-    std::cerr << "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER\n";
+    std::cerr << "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --steps\n";
     return kNotUnderstood;
   }
   try {
     const Scenario scenario = read_scenario(call.scenario);
-    try {
-      enter_namespaces();
-    } catch (const std::runtime_error& error) {
-      std::cerr << "bench: " << error.what() << std::endl;
-      return kNotAllowed;
-    }
+    enter_namespaces();
     return play(call, scenario);
-  } catch (const std::exception& error) {
+  } catch (const ScenarioError& error) {
     std::cerr << "bench: " << error.what() << std::endl;
     return kNotUnderstood;
+  } catch (const NotAllowed& error) {
+    std::cerr << "bench: not possible on this machine: " << error.what() << std::endl;
+    return kNotAllowed;
+  } catch (const std::exception& error) {
+    std::cerr << "bench: " << error.what() << std::endl;
+    return kOtherwise;
   }
 }

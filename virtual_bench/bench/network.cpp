@@ -25,7 +25,7 @@ constexpr char kThisNetwork[] = "/proc/self/ns/net";
 constexpr int kOwnNamespaces = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
 
 [[noreturn]] void refuse(const std::string& what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
+  throw NotAllowed(what + ": " + std::strerror(errno));
 }
 
 // Root of a user namespace of one's own where one is not root.
@@ -115,7 +115,7 @@ Network::Network(const std::string& wire, const std::string& capture, const std:
     std::ifstream file(errors);
     std::string reason;
     std::getline(file, reason);
-    throw std::runtime_error("no wire: " + reason);
+    throw NotAllowed("no wire: " + reason);
   }
   run(station, "ip link set lo up && ip address add 172.40.0.1/24 broadcast 172.40.0.255 label " +
                    station_link + ":0 dev " + station_link + " && ip link set " + station_link +

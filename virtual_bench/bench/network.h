@@ -2,6 +2,7 @@
 #define BENCH_NETWORK_H
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -15,9 +16,14 @@ constexpr char kUnitIp[] = "172.40.0.2";
 constexpr char kStationIp[] = "172.40.0.1";
 constexpr char kPptServerIp[] = "172.30.0.254";
 
+// What the bench needs and this machine does not give.
+struct NotAllowed : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 // Goes into namespaces of one's own for mounts, processes and network; the caller then is the station, and
 // its children die with it. Returns in a child; the calling process waits for it there and exits with its
-// status. Throws std::runtime_error where this machine does not allow it.
+// status. Throws NotAllowed where that is not possible.
 void enter_namespaces();
 
 // A network namespace. Whoever calls its enter is in it from then on.
@@ -40,7 +46,8 @@ class Place {
 class Network {
  public:
   // wire: the program. capture, fates, errors: files that it writes. station_link: the name of the station's
-  // end of the test network, "lan0" on a board that is set up well.
+  // end of the test network, "lan0" on a board that is set up well. Throws NotAllowed where there can be no
+  // TAP device.
   Network(const std::string& wire, const std::string& capture, const std::string& fates,
           const std::string& errors, int seed, const std::string& station_link);
   // Ends the wire, so that its files are whole.

@@ -99,6 +99,8 @@ std::optional<std::string> Run::play() {
       }
     }
     if (station_ && !station_end_) throw Wrong("the station still runs; expected a step that ends it");
+  } catch (const NotAllowed&) {
+    throw;
   } catch (const std::runtime_error& error) {
     wrong = error.what();
     timeline_.says("bench", "WRONG: " + *wrong);

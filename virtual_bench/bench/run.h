@@ -38,6 +38,7 @@ class Run {
       const std::string& capture);
 
   // Nothing when all went as the scenario says, else what did not. The run's processes have ended then.
+  // Throws NotAllowed where this machine gives no network.
   std::optional<std::string> play();
 
  private:

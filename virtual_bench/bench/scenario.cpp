@@ -228,6 +228,12 @@ int Step::signal() const {
   return kSignals.at(text_of("SIGNAL"));
 }
 
+std::vector<std::string> step_forms() {
+  std::vector<std::string> forms;
+  for (const Form& form : kForms) forms.emplace_back(form.words);
+  return forms;
+}
+
 Scenario parse_scenario(const std::string& text, const std::string& file_name) {
   Scenario scenario;
   std::istringstream in(text);

@@ -76,6 +76,10 @@ struct ScenarioError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Every step that there is, as words: capital ones stand for values, what stands in brackets may be left
+// away.
+std::vector<std::string> step_forms();
+
 // text: a file's whole content; file_name: for the errors. Throws ScenarioError.
 Scenario parse_scenario(const std::string& text, const std::string& file_name);
 // Reads the file and parses it. Throws ScenarioError, also when there is no such file.

@@ -1,0 +1,212 @@
+// Whether the bench judges: a run that goes otherwise than its scenario says is told as such.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <string>
+
+#include "support/sandbox.h"
+#include "support/scratch_directory.h"
+#include "support/whole_file.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kNotAllowed = 77;
+
+struct Result {
+  int status = -1;
+  std::string output;
+
+  // The line that says what went wrong, without its time.
+  std::string wrong() const {
+    const std::size_t at = output.find("WRONG: ");
+    return at == std::string::npos ? "" : output.substr(at, output.find('\n', at) - at);
+  }
+};
+
+class Bench : public testing::Test {
+ protected:
+  void SetUp() override {
+    NEEDS_SANDBOX();
+    if (plays("station starts\nstation gets SIGKILL\nstation exits 137\n").status == kNotAllowed) {
+      GTEST_SKIP() << result_.output;
+    }
+  }
+
+  const Result& plays(const std::string& scenario, const std::string& options = "") {
+    const std::string file = directory_.file("a.run");
+    write_whole_file(file, scenario);
+    return calls(options + " " TFTP_PROGRAM " " + file + " " + results());
+  }
+
+  const Result& calls(const std::string& arguments) {
+    result_ = Result();
+    FILE* pipe = popen((BENCH_PROGRAM " " + arguments + " 2>&1").c_str(), "r");
+    for (int byte; (byte = std::fgetc(pipe)) != EOF;) result_.output += static_cast<char>(byte);
+    result_.status = WEXITSTATUS(pclose(pipe));
+    return result_;
+  }
+
+  std::string results() const { return directory_.file("results"); }
+
+  std::set<std::string> left() const {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(results())) names.insert(entry.path().filename());
+    return names;
+  }
+
+  // Plays a scenario that must go otherwise.
+  std::string goes_wrong(const std::string& scenario) {
+    const Result& result = plays(scenario);
+    EXPECT_EQ(result.status, 1) << result.output;
+    return result.wrong();
+  }
+
+  ScratchDirectory directory_;
+  Result result_;
+};
+
+TEST_F(Bench, LeavesCaptureAndPictureAlone) {
+  const Result& result =
+      plays("file a holds b\nstation starts\nunit reads a\nunit reads F_l_m_01PPT_PASSED\nstation exits 2\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"}));
+}
+
+TEST_F(Bench, KeepsTheFolderOnRequest) {
+  EXPECT_EQ(
+      plays("file a holds b\nstation starts\nunit reads a\nstation gets SIGINT\nstation exits 2\n", "--keep")
+          .status,
+      0);
+  EXPECT_EQ(left(), (std::set<std::string>{"a", "a.pcap", "a.svg"}));
+  EXPECT_EQ(whole_file(results() + "/a/unit/a"), "b");
+}
+
+TEST_F(Bench, SeesAnotherExitStatus) {
+  EXPECT_EQ(goes_wrong("station starts\nstation gets SIGTERM\nstation exits 2\n"),
+            "WRONG: line 3, station exits 2: its exit status is 15");
+}
+
+TEST_F(Bench, SeesThatTheStationDoesNotEnd) {
+  EXPECT_EQ(goes_wrong("station starts\nstation exits 2 within 1 s\n"),
+            "WRONG: line 2, station exits 2 within 1 s: the station still runs");
+}
+
+TEST_F(Bench, WantsAStepThatEndsTheStation) {
+  EXPECT_EQ(goes_wrong("station starts\n"), "WRONG: the station still runs; expected a step that ends it");
+}
+
+TEST_F(Bench, WantsTheStationToHaveStarted) {
+  EXPECT_EQ(goes_wrong("station exits 2\n"),
+            "WRONG: line 1, station exits 2: it never started; expected \"station starts\" before");
+}
+
+TEST_F(Bench, SeesThatTheStationDoesNotStart) {
+  EXPECT_EQ(goes_wrong("station starts with \"-o 172.40.0.9\"\nunit reads a timeout 1\n").substr(0, 20),
+            "WRONG: line 2, unit ");
+}
+
+TEST_F(Bench, MissesALineOfTheStation) {
+  EXPECT_EQ(goes_wrong("station starts\nstation says Serve\n"),
+            "WRONG: line 2, station says Serve: the station did not");
+}
+
+TEST_F(Bench, SeesThatAFileIsNotRead) {
+  EXPECT_EQ(goes_wrong("station starts\nunit reads a\n"), "WRONG: line 2, unit reads a: a was not read");
+}
+
+TEST_F(Bench, SeesThatAFileIsReadAgainstExpectation) {
+  EXPECT_EQ(goes_wrong("file a holds b\nstation starts\nunit cannot read a\n"),
+            "WRONG: line 3, unit cannot read a: it could");
+}
+
+TEST_F(Bench, ComparesWhatArrivesWithWhatIsServed) {
+  EXPECT_EQ(
+      goes_wrong(
+          "file a is 30 KiB\nstation starts\nwire delays 20 ms\nunit begins reading a\nbench waits 1 s\n"
+          "file a holds b\nwire is whole\nunit ends reading\n"),
+      "WRONG: line 8, unit ends reading: a arrived, but not as it is served");
+}
+
+TEST_F(Bench, SeesAnotherReply) {
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nunit asks ZIRN_ASKS_FOR_HIS_MAC expects "
+                       "02:00:00:00:00:01\n"),
+            "WRONG: line 3, unit asks ZIRN_ASKS_FOR_HIS_MAC expects 02:00:00:00:00:01: it was told "
+            "02:00:00:00:00:03");
+}
+
+TEST_F(Bench, SeesThatNobodyReplies) {
+  EXPECT_EQ(goes_wrong("station starts\nunit asks A expects A\n"),
+            "WRONG: line 2, unit asks A expects A: nobody answered");
+}
+
+TEST_F(Bench, SeesAReplyThatWasNotToCome) {
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nunit asks A in vain\n"),
+            "WRONG: line 3, unit asks A in vain: it was told A");
+}
+
+TEST_F(Bench, MissesWhatThePptServerWasToHear) {
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nppt hears F_l_m_01STEP\n"),
+            "WRONG: line 3, ppt hears F_l_m_01STEP: the PPT server has not heard F_l_m_01STEP");
+  EXPECT_EQ(goes_wrong("station starts\nppt is connected\n"),
+            "WRONG: line 2, ppt is connected: the PPT server has not connected");
+}
+
+TEST_F(Bench, MissesARelayedDatagram) {
+  EXPECT_EQ(goes_wrong("station starts\nunit sends one\nppt receives two\n"),
+            "WRONG: line 3, ppt receives two: the PPT server has not received two");
+}
+
+TEST_F(Bench, SeesWhatTheBoardRanAndKeeps) {
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01TEST_FAILED\nppt hears "
+                       "F_l_m_01CPU_2_TEST_FAILED\nboard ran nothing\n"),
+            "WRONG: line 4, board ran nothing: the board ran envtool ppt_flag=failed");
+  EXPECT_EQ(goes_wrong("station starts\nboard ran \"envtool show tempmac\"\n"),
+            "WRONG: line 2, board ran \"envtool show tempmac\": the board did not");
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01TEST_FAILED\nboard keeps ppt_flag nothing\n"),
+            "WRONG: line 3, board keeps ppt_flag nothing: it keeps failed");
+}
+
+TEST_F(Bench, SeesABootScriptThatWasNotToCome) {
+  EXPECT_EQ(goes_wrong("station starts\nunit hears nothing for 3 s\n").substr(0, 78),
+            "WRONG: line 2, unit hears nothing for 3 s: it heard ZIRN install boot script\r");
+}
+
+TEST_F(Bench, MissesTheBootScript) {
+  EXPECT_EQ(goes_wrong("board link is called lan1\nstation starts\nunit hears the boot script\n"),
+            "WRONG: line 3, unit hears the boot script: the unit heard nothing");
+}
+
+TEST_F(Bench, SeesATransferThatEndsBeforeTheUnitDies) {
+  EXPECT_EQ(goes_wrong("file a holds b\nstation starts\nunit reads a dies after 1 KiB\n"),
+            "WRONG: line 3, unit reads a dies after 1 KiB: the transfer ended before");
+}
+
+TEST_F(Bench, ShowsHowFarALongReadHasCome) {
+  const Result& result = plays(
+      "file a is 30 KiB\nstation starts\nwire delays 20 ms\nunit reads a\nstation gets SIGTERM\nstation "
+      "exits 15\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_NE(result.output.find(" of 30 KiB of a\n"), std::string::npos) << result.output;
+}
+
+TEST_F(Bench, RefusesAScenarioThatItDoesNotUnderstand) {
+  const Result& result = plays("station starts\nstaton exits 2\n");
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.output,
+            "bench: " + directory_.file("a.run") +
+                ":2: \"staton\" is not understood here; expected: \"bench\", \"board\", \"file\", \"ppt\", "
+                "\"station\", \"unit\", \"wire\"\n");
+}
+
+TEST_F(Bench, RefusesACallThatItDoesNotUnderstand) {
+  EXPECT_EQ(calls("a.run").status, 2);
+  EXPECT_EQ(result_.output,
+            "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --steps\n");
+}
+
+}  // namespace

@@ -1,0 +1,166 @@
+#include "bench/scenario.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/whole_file.h"
+
+namespace {
+
+// The one step of a scenario.
+Step step(const std::string& line) {
+  return parse_scenario(line, "a.run").steps.at(0);
+}
+
+// What is said of a scenario that is not understood.
+std::string refusal(const std::string& text) {
+  try {
+    parse_scenario(text, "a.run");
+  } catch (const ScenarioError& error) {
+    return error.what();
+  }
+  return "understood";
+}
+
+TEST(Scenario, TakesItsTitleFromTheFirstComment) {
+  EXPECT_EQ(parse_scenario("\n#  A run \n# more\nstation starts\n", "a.run").title, "A run");
+  EXPECT_EQ(parse_scenario("station starts\n", "a.run").title, "");
+}
+
+TEST(Scenario, KeepsTheStepsInTheirOrderWithTheirLines) {
+  const Scenario scenario = parse_scenario("# title\n\n  station starts \nwire is whole\r\n", "a.run");
+  ASSERT_EQ(scenario.steps.size(), 2U);
+  EXPECT_EQ(scenario.steps[0].act, Act::kStationStarts);
+  EXPECT_EQ(scenario.steps[0].line, 3);
+  EXPECT_EQ(scenario.steps[0].text, "station starts");
+  EXPECT_EQ(scenario.steps[1].act, Act::kWireIsWhole);
+  EXPECT_EQ(scenario.steps[1].line, 4);
+}
+
+struct Line {
+  const char* text;
+  Act act;
+};
+class EveryForm : public testing::TestWithParam<Line> {};
+
+TEST_P(EveryForm, IsUnderstood) {
+  EXPECT_EQ(step(GetParam().text).act, GetParam().act);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scenario, EveryForm,
+    testing::Values(
+        Line{"file a.txt holds \"x y\"", Act::kFileHolds}, Line{"file a.img is 5 MiB", Act::kFileIs},
+        Line{"wire loses 5 %", Act::kWireLoses}, Line{"wire duplicates 0.5 %", Act::kWireDuplicates},
+        Line{"wire swaps 100 %", Act::kWireSwaps}, Line{"wire delays 20 ms", Act::kWireDelays},
+        Line{"wire is cut for 3 s", Act::kWireIsCut}, Line{"wire is whole", Act::kWireIsWhole},
+        Line{"ppt is silent", Act::kPptIsSilent}, Line{"ppt refuses", Act::kPptRefuses},
+        Line{"ppt answers", Act::kPptAnswers}, Line{"ppt answers ERROR 2 no", Act::kPptAnswersError},
+        Line{"ppt hears F_l_m_01X", Act::kPptHears}, Line{"ppt is connected", Act::kPptIsConnected},
+        Line{"ppt receives \"line 1\"", Act::kPptReceives},
+        Line{"board link is called lan1", Act::kBoardLinkIsCalled},
+        Line{"board tool exits 0", Act::kBoardToolExits}, Line{"board ran nothing", Act::kBoardRanNothing},
+        Line{"board ran \"envtool show tempmac\"", Act::kBoardRan},
+        Line{"board keeps ppt_flag failed", Act::kBoardKeeps}, Line{"station starts", Act::kStationStarts},
+        Line{"station starts with \"-n 70\"", Act::kStationStartsWith},
+        Line{"station says \"RRQ a.txt\"", Act::kStationSays},
+        Line{"station gets SIGTERM", Act::kStationGets}, Line{"station exits 2", Act::kStationExits},
+        Line{"station exits 2 within 30 s", Act::kStationExits},
+        Line{"unit hears the boot script", Act::kUnitHears},
+        Line{"unit hears nothing for 3 s", Act::kUnitHearsNothing},
+        Line{"unit obeys the boot script", Act::kUnitObeys},
+        Line{"unit obeys the boot script timeout 1 tries 3", Act::kUnitObeys},
+        Line{"unit reads a.txt", Act::kUnitReads},
+        Line{"unit reads a.txt blksize 1428 timeout 1 tries 3", Act::kUnitReads},
+        Line{"unit reads a.txt tries 3", Act::kUnitReads},
+        Line{"unit reads a.txt dies after 1 MiB", Act::kUnitReads},
+        Line{"unit begins reading a.txt blksize 1428", Act::kUnitBeginsReading},
+        Line{"unit ends reading", Act::kUnitEndsReading},
+        Line{"unit cannot read a.txt timeout 1", Act::kUnitCannotRead},
+        Line{"unit asks X expects Y", Act::kUnitAsks}, Line{"unit asks X in vain", Act::kUnitAsksInVain},
+        Line{"unit sends \"a text\"", Act::kUnitSends}, Line{"bench waits 0.5 s", Act::kBenchWaits}));
+
+TEST(Scenario, GivesTheWordsOfAStep) {
+  const Step read = step("unit reads kernel.img blksize 1428 tries 3");
+  EXPECT_EQ(read.text_of("NAME"), "kernel.img");
+  EXPECT_EQ(read.number_of("BLOCK"), 1428);
+  EXPECT_EQ(read.number_of("TRIES", 1), 3);
+  EXPECT_FALSE(read.has("SECONDS"));
+  EXPECT_EQ(read.number_of("SECONDS", 5), 5);
+  EXPECT_EQ(step("wire loses 0.5 %").number_of("PERCENT"), 0.5);
+}
+
+TEST(Scenario, ResolvesWhatStandsInQuotes) {
+  EXPECT_EQ(step(R"(file a holds "one \"two\"\\\r\n")").text_of("TEXT"), "one \"two\"\\\r\n");
+  EXPECT_EQ(step("file a holds \"\"").text_of("TEXT"), "");
+}
+
+TEST(Scenario, CountsInBytes) {
+  EXPECT_EQ(step("file a is 7 bytes").bytes(), 7);
+  EXPECT_EQ(step("file a is 1.5 KiB").bytes(), 1536);
+  EXPECT_EQ(step("file a is 2 MiB").bytes(), 2097152);
+}
+
+TEST(Scenario, KnowsSignalsByName) {
+  EXPECT_EQ(step("station gets SIGINT").signal(), 2);
+  EXPECT_EQ(step("station gets SIGKILL").signal(), 9);
+  EXPECT_EQ(step("station gets SIGTERM").signal(), 15);
+}
+
+struct Refused {
+  const char* text;
+  const char* why;
+};
+class Refusal : public testing::TestWithParam<Refused> {};
+
+TEST_P(Refusal, NamesFileLineAndWhatWasExpected) {
+  EXPECT_EQ(refusal(GetParam().text), GetParam().why);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scenario, Refusal,
+    testing::Values(
+        Refused{
+            "# title\nstation starts\nstaton exits 2\n",
+            "a.run:3: \"staton\" is not understood here; expected: \"bench\", \"board\", \"file\", \"ppt\", "
+            "\"station\", \"unit\", \"wire\""},
+        Refused{"wire looses 5 %",
+                "a.run:1: \"looses\" is not understood here; expected: \"delays\", "
+                "\"duplicates\", \"is\", \"loses\", \"swaps\""},
+        Refused{"wire loses much %",
+                "a.run:1: \"much\" is not understood here; expected: a number (PERCENT)"},
+        Refused{"wire loses 1.2.3 %",
+                "a.run:1: \"1.2.3\" is not understood here; expected: a number (PERCENT)"},
+        Refused{"wire loses . %", "a.run:1: \".\" is not understood here; expected: a number (PERCENT)"},
+        Refused{"wire loses 5", "a.run:1: the end of the line is not understood here; expected: \"%\""},
+        Refused{"file a is 5 MB", "a.run:1: \"MB\" is not understood here; expected: bytes, KiB or MiB"},
+        Refused{"station gets TERM",
+                "a.run:1: \"TERM\" is not understood here; expected: SIGINT, SIGTERM or SIGKILL"},
+        Refused{"unit reads", "a.run:1: the end of the line is not understood here; expected: NAME"},
+        Refused{"unit reads a blocksize 5",
+                "a.run:1: \"blocksize\" is not understood here; expected: \"blksize\", "
+                "\"dies\", \"timeout\", \"tries\", the end of the line"},
+        Refused{"unit reads a tries 3 blksize 512",
+                "a.run:1: \"blksize\" is not understood here; expected: \"dies\", the end of the line"},
+        Refused{"station starts now",
+                "a.run:1: \"now\" is not understood here; expected: \"with\", the end of the line"},
+        Refused{"unit sends \"a text", "a.run:1: a quote is opened and not closed; expected: \""},
+        Refused{"# nothing but a title\n", "a.run: no step at all; expected: at least one"}));
+
+TEST(Scenario, IsRefusedWhereThereIsNoFile) {
+  try {
+    read_scenario("/nowhere/a.run");
+    FAIL() << "read";
+  } catch (const ScenarioError& error) {
+    EXPECT_STREQ(error.what(), "/nowhere/a.run: there is no such file; expected: a scenario (*.run)");
+  }
+}
+
+TEST(Scenario, EveryStepIsInTheManual) {
+  const std::string manual = whole_file(MANUAL);
+  for (const std::string& form : step_forms())
+    EXPECT_NE(manual.find("`" + form + "`"), std::string::npos) << form;
+}
+
+}  // namespace
