@@ -105,6 +105,18 @@ TEST_F(Bench, WantsTheStationToHaveStarted) {
             "WRONG: line 1, station exits 2: it never started; expected \"station starts\" before");
 }
 
+TEST_F(Bench, StartsTheStationOnce) {
+  EXPECT_EQ(goes_wrong("station starts\nstation starts\n"),
+            "WRONG: line 2, station starts: it has started already");
+  EXPECT_EQ(goes_wrong("station gets SIGTERM\n"),
+            "WRONG: line 1, station gets SIGTERM: it never started; expected \"station starts\" before");
+}
+
+TEST_F(Bench, ObeysOnlyAScriptThatItHasHeard) {
+  EXPECT_EQ(goes_wrong("station starts\nunit obeys the boot script\n"),
+            "WRONG: line 2, unit obeys the boot script: it has heard none");
+}
+
 TEST_F(Bench, SeesThatTheStationDoesNotStart) {
   EXPECT_EQ(goes_wrong("station starts with \"-o 172.40.0.9\"\nunit reads a timeout 1\n").substr(0, 20),
             "WRONG: line 2, unit ");
@@ -130,6 +142,18 @@ TEST_F(Bench, ComparesWhatArrivesWithWhatIsServed) {
           "file a is 30 KiB\nstation starts\nwire delays 20 ms\nunit begins reading a\nbench waits 1 s\n"
           "file a holds b\nwire is whole\nunit ends reading\n"),
       "WRONG: line 8, unit ends reading: a arrived, but not as it is served");
+}
+
+TEST_F(Bench, ReadsFilesOfOtherFolders) {
+  const Result& result = plays(
+      "station starts\nunit reads /proc/sys/kernel/ostype\nunit reads ../board/bin/envtool\n"
+      "station gets SIGTERM\nstation exits 15\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST_F(Bench, RefusesAFileInAFolderThatIsNotThere) {
+  EXPECT_EQ(goes_wrong("file a/b holds c\n"),
+            "WRONG: line 1, file a/b holds c: it cannot be written; expected a plain name");
 }
 
 TEST_F(Bench, SeesAnotherReply) {

@@ -2,6 +2,7 @@
 #define BENCH_RUN_H
 
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -42,6 +43,11 @@ class Run {
   std::optional<std::string> play();
 
  private:
+  static constexpr double kPatienceSeconds = 10;  // for what is to happen at once
+  static constexpr char kTftpPort[] = "69";
+  static constexpr char kMessagePort[] = "12345";
+  static constexpr char kRelayPort[] = "12345";
+
   struct Wrong : std::runtime_error {
     using std::runtime_error::runtime_error;
   };
@@ -54,6 +60,8 @@ class Run {
   };
 
   void play_step(const Step& step);
+  std::string served(const std::string& name) const;
+  std::string local(const std::string& name) const;
   void play_file_step(const Step& step);
   void play_wire_step(const Step& step);
   void play_ppt_step(const Step& step);
@@ -61,6 +69,9 @@ class Run {
   void play_station_step(const Step& step);
   void play_unit_step(const Step& step);
 
+  void wait(const Step& step);
+  void expect_started() const;
+  void expect_line(const std::string& line);
   void start_station(const std::string& more_arguments);
   void expect_exit(const Step& step);
   void hear_script();
@@ -85,8 +96,7 @@ class Run {
   // many seconds; whether it held.
   void look();
   void take_station_line(const std::string& line);
-  template <typename Condition>
-  bool until(double seconds, const Condition& is_so);
+  bool until(double seconds, const std::function<bool()>& is_so);
   bool ppt_server_said(const std::string& line) const;
   void write_summary(const std::optional<std::string>& wrong) const;
 
