@@ -1,0 +1,198 @@
+#include "picture/transfers.h"
+
+#include <string>
+
+#include "picture/arrows.h"
+#include "picture/bundling.h"
+#include "picture/words.h"
+
+namespace picture {
+
+namespace {
+
+constexpr std::size_t kDefaultBlockBytes = 512;
+constexpr std::size_t kMaxBlocksAsArrows = 3;
+
+using Kind = TftpMessage::Kind;
+
+bool is_block_or_ack(const TftpMessage& message) {
+  return message.kind == Kind::kData || message.kind == Kind::kAck;
+}
+
+// Tells the packets of one transfer, as many of them as arrows as it takes to see what happened: the same
+// message of the same side, when nothing of the transfer was in between, is sent again; from its second time
+// on it is counted.
+class Teller {
+ public:
+  explicit Teller(std::vector<Event>* events) : events_(events) {}
+
+  void tell(const Packet& packet, bool from_client, const std::string& text, bool is_again) {
+    std::string& last = from_client ? last_of_client_ : last_of_server_;
+    const bool repeats = is_again || last == text;
+    last = text;
+    const std::string told = repeats ? text + ", again" : text;
+    const bool same_as_before = repeats && told == told_last_ && from_client == from_client_last_;
+    told_last_ = told;
+    from_client_last_ = from_client;
+    if (same_as_before) {
+      fold_into(&events_->back(), packet.at, packet.fate);
+      return;
+    }
+    const bool verdict = is_verdict(tftp_message_in(packet.payload, packet.payload_size));
+    const bool from_unit = packet.source_lane == Lane::kUnit;
+    const Event::Look look = verdict && from_unit ? Event::Look::kVerdict : Event::Look::kDatagram;
+    events_->push_back(arrow_of(packet, look, told));
+  }
+
+ private:
+  std::vector<Event>* const events_;
+  std::string last_of_client_;
+  std::string last_of_server_;
+  std::string told_last_;
+  bool from_client_last_ = false;
+};
+
+// The data goes from `sender` to `receiver`.
+Event bundle_event(const Bundle& bundle, Lane sender, Lane receiver) {
+  Event event;
+  event.kind = Event::Kind::kBundle;
+  event.bundle = std::make_shared<Bundle>(bundle);
+  event.last = bundle.packets.size();
+  event.from = bundle.packets.front().at;
+  event.until = bundle.packets.back().at;
+  event.source = sender;
+  event.target = receiver;
+  return event;
+}
+
+}  // namespace
+
+Transfers::Transfers(const Ports& ports) : ports_(ports) {}
+
+// A datagram to a server's port begins a transfer, but for the daemon's ACKs: where the PPT server is silent
+// or answers from that port, they go there too.
+bool Transfers::take(const Packet& packet) {
+  const Step step{packet, tftp_message_in(packet.payload, packet.payload_size), false};
+  const Client sender{packet.source, packet.source_port};
+  const bool to_server = is_to_server(packet);
+  if (to_server && (is_request(step.message) || packet.target_lane == Lane::kStation)) {
+    begin(step);
+    return true;
+  }
+  Transfer* mine = find(sender, packet.destination_port);
+  if (mine == nullptr && to_server) mine = latest(sender);
+  if (mine != nullptr) {
+    mine->steps.push_back(step);
+    mine->steps.back().from_client = true;
+    return true;
+  }
+  if (to_server) {
+    begin(step);
+    return true;
+  }
+  return take_answer(step);
+}
+
+bool Transfers::is_to_server(const Packet& packet) const {
+  if (packet.target_lane == Lane::kStation) {
+    return packet.source_lane == Lane::kUnit && packet.destination_port == ports_.tftp;
+  }
+  return packet.target_lane == Lane::kPptServer && packet.destination_port == ports_.ppt;
+}
+
+bool Transfers::take_answer(const Step& step) {
+  const Client receiver{step.packet.destination, step.packet.destination_port};
+  if (of_client_.count(receiver) == 0) return false;
+  Transfer* transfer = find(receiver, step.packet.source_port);
+  if (transfer == nullptr) transfer = unanswered(receiver);
+  if (transfer == nullptr) transfer = second_answer(receiver);
+  transfer->server_port = step.packet.source_port;
+  transfer->steps.push_back(step);
+  return true;
+}
+
+void Transfers::begin(const Step& request) {
+  const Client client{request.packet.source, request.packet.source_port};
+  Transfer transfer;
+  transfer.request = request.message;
+  transfer.steps.push_back(request);
+  transfer.steps.back().from_client = true;
+  if (const Transfer* const before = latest(client)) {
+    bool client_went_on = false;
+    for (std::size_t i = 1; i < before->steps.size(); ++i) client_went_on |= before->steps[i].from_client;
+    transfer.repeats_request = !client_went_on && in_words(before->request) == in_words(transfer.request);
+  }
+  of_client_[client].push_back(transfers_.size());
+  transfers_.push_back(transfer);
+}
+
+// The youngest one with these ends: ports are used again.
+Transfers::Transfer* Transfers::find(const Client& client, std::uint16_t server_port) {
+  const auto found = of_client_.find(client);
+  if (found == of_client_.end()) return nullptr;
+  for (auto place = found->second.rbegin(); place != found->second.rend(); ++place) {
+    if (transfers_[*place].server_port == server_port) return &transfers_[*place];
+  }
+  return nullptr;
+}
+
+Transfers::Transfer* Transfers::latest(const Client& client) {
+  const auto found = of_client_.find(client);
+  return found == of_client_.end() ? nullptr : &transfers_[found->second.back()];
+}
+
+Transfers::Transfer* Transfers::unanswered(const Client& client) {
+  for (const std::size_t place : of_client_[client]) {
+    Transfer& transfer = transfers_[place];
+    if (!transfer.server_port && !transfer.steps.front().packet.fate.lost) return &transfer;
+  }
+  return nullptr;
+}
+
+Transfers::Transfer* Transfers::second_answer(const Client& client) {
+  Transfer transfer;
+  transfer.request = latest(client)->request;
+  transfer.is_second_answer = true;
+  of_client_[client].push_back(transfers_.size());
+  transfers_.push_back(transfer);
+  return &transfers_.back();
+}
+
+std::vector<Event> Transfers::events() const {
+  std::vector<Event> events;
+  for (const Transfer& transfer : transfers_) tell(transfer, &events);
+  return events;
+}
+
+// A transfer of few blocks is told packet by packet; of a longer one, the blocks and ACKs are one event.
+void Transfers::tell(const Transfer& transfer, std::vector<Event>* events) {
+  Bundling bundling(printable(transfer.request.name), block_size_of(transfer));
+  const Packet* first_data = nullptr;
+  for (const Step& step : transfer.steps) {
+    if (!is_block_or_ack(step.message)) continue;
+    bundling.add(step.packet.at, step.message, step.packet.fate);
+    if (first_data == nullptr && step.message.kind == Kind::kData) first_data = &step.packet;
+  }
+  const bool is_long = bundling.bundle().blocks > kMaxBlocksAsArrows;
+  Teller teller(events);
+  for (std::size_t i = 0; i < transfer.steps.size(); ++i) {
+    const Step& step = transfer.steps[i];
+    if (is_long && is_block_or_ack(step.message)) continue;
+    std::string text = in_words(step.message);
+    if (transfer.is_second_answer) text += " of " + printable(transfer.request.name) + ", a further answer";
+    teller.tell(step.packet, step.from_client, text, i == 0 && transfer.repeats_request);
+  }
+  if (is_long)
+    events->push_back(bundle_event(bundling.bundle(), first_data->source_lane, first_data->target_lane));
+}
+
+// What the server acknowledged; without that, the default.
+std::size_t Transfers::block_size_of(const Transfer& transfer) {
+  for (const Step& step : transfer.steps) {
+    const std::size_t size = option_number(step.message, "blksize");
+    if (step.message.kind == Kind::kOptionAck && size > 0) return size;
+  }
+  return kDefaultBlockBytes;
+}
+
+}  // namespace picture
