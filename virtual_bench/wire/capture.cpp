@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr std::size_t kBufferBytes = 1024 * 1024;
+constexpr std::size_t kBufferBytes = 1U << 20;
 constexpr std::uint32_t kMicrosecondsPerSecond = 1000000;
 
 struct FileHeader {

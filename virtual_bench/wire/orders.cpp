@@ -6,16 +6,16 @@ namespace {
 
 struct Form {
   std::string_view name;
-  Order::What what;
   std::string_view unit;
+  Order::What what;
   int largest;
 };
 
-constexpr Form kForms[] = {{"loses", Order::What::kLose, "percent", 100},
-                           {"duplicates", Order::What::kDuplicate, "percent", 100},
-                           {"swaps", Order::What::kSwap, "percent", 100},
-                           {"delays", Order::What::kDelay, "milliseconds", 60000},
-                           {"cuts", Order::What::kCut, "seconds", 3600}};
+constexpr Form kForms[] = {{"loses", "percent", Order::What::kLose, 100},
+                           {"duplicates", "percent", Order::What::kDuplicate, 100},
+                           {"swaps", "percent", Order::What::kSwap, 100},
+                           {"delays", "milliseconds", Order::What::kDelay, 60000},
+                           {"cuts", "seconds", Order::What::kCut, 3600}};
 
 // Whether the whole text is a number in plain decimals from 0 to the largest.
 bool read_amount(std::string_view text, int largest, double& amount) {
