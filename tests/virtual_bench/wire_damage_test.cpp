@@ -272,17 +272,19 @@ TEST(WireDamage, ADelayedFrameLeavesWhenTheTimeIsOver) {
 }
 
 TEST(WireDamage, BothDirectionsAreDelayedAndTheEarliestIsDueNext) {
-  DamagedLink link;
-  link.damage.delay(50ms);
-  link.frame_enters(1);
-  const Damage::Time first_due = link.now + 50ms;
-  link.time_passes(10ms);
-  link.frame_enters(0);
-  EXPECT_EQ(link.damage.next_due(), first_due);
-  link.time_passes(40ms);
-  EXPECT_EQ(link.events(), (Events{"1 < 1"}));
-  link.time_passes(10ms);
-  EXPECT_EQ(link.events(), (Events{"2 > 2"}));
+  for (const int direction : {0, 1}) {
+    DamagedLink link;
+    link.damage.delay(50ms);
+    link.frame_enters(direction);
+    link.time_passes(10ms);
+    link.frame_enters(1 - direction);
+    EXPECT_EQ(link.damage.next_due(), link.now + 40ms);
+    link.time_passes(40ms);
+    EXPECT_EQ(link.events(), Events{direction == 0 ? "1 > 1" : "1 < 1"});
+    EXPECT_EQ(link.damage.next_due(), link.now + 10ms);
+    link.time_passes(10ms);
+    EXPECT_EQ(link.events(), Events{direction == 0 ? "2 < 2" : "2 > 2"});
+  }
 }
 
 TEST(WireDamage, OrderIsKeptWhenTheDelayGetsShorterOrEnds) {
@@ -383,6 +385,7 @@ TEST(WireDamage, WhatWouldFillTheMemoryIsLost) {
   link.time_passes(50ms);
   EXPECT_EQ(link.events().size(), 2U);
   link.damage.enter(0, 4, half, link.now);
+  EXPECT_EQ(link.events(), Events{});
   link.damage.cut(0s, link.now);
   link.damage.enter(0, 5, half, link.now);
   link.damage.enter(1, 6, half, link.now);
