@@ -23,8 +23,12 @@ void hide_behind_empty_folder(const char* place) {
   throw std::runtime_error(std::string("an empty ") + place + " of one's own: " + std::strerror(errno));
 }
 
+void write_file(const fs::path& file, const std::string& content) {
+  std::ofstream(file) << content;
+}
+
 void write_script(const fs::path& file, const std::string& lines) {
-  std::ofstream(file) << "#!/bin/sh\n" << lines;
+  write_file(file, "#!/bin/sh\n" + lines);
   fs::permissions(file, fs::perms::owner_all);
 }
 
@@ -38,11 +42,11 @@ std::string logs_call(const std::string& command, const std::string& log) {
 Board::Board(const std::string& folder, const std::string& log) : folder_(folder), log_(log) {
   fs::create_directories(folder + "/bin");
   fs::create_directories(folder + "/state");
-  std::ofstream{log};
+  write_file(log, "");
   hide_behind_empty_folder(kMounts);
   hide_behind_empty_folder(kInitScripts);
   fs::create_directory(kRamDisk);
-  std::ofstream(folder + "/state/tempmac") << kTemporaryMac << '\n';
+  write_file(folder + "/state/tempmac", kTemporaryMac);
   tool_exits(1);
   write_script(folder + "/bin/envtool", logs_call("envtool", log) + "cd '" + folder + "/state'\n" +
                                             "case $1 in\n"
@@ -60,7 +64,7 @@ std::string Board::path() const {
 }
 
 void Board::tool_exits(int status) const {
-  std::ofstream(folder_ + "/tool_status") << status << '\n';
+  write_file(folder_ + "/tool_status", std::to_string(status));
 }
 
 std::vector<std::string> Board::calls() const {
