@@ -14,7 +14,8 @@ constexpr double kMargin = 5;    // above and below the band
 constexpr double kPadding = 8;   // inside
 constexpr double kSideGap = 10;  // to the life lines
 constexpr double kTickLength = 14;
-constexpr double kTicksToWords = 16;
+constexpr double kTickDistance = 4;
+constexpr double kTicksToWords = 18;
 constexpr double kMinHeightWithTicks = 7 * kTextHeight;
 constexpr std::size_t kMaxNameLines = 2;
 constexpr double kMebibyte = 1048576;
@@ -49,12 +50,16 @@ void add_pair(std::string* text, std::size_t blocks, std::size_t acks, const std
   if (!words.empty()) add_words(text, words + " " + what);
 }
 
+void add_order(const Counts& counts, std::string* text) {
+  if (counts.doubled > 0) add_words(text, std::to_string(counts.doubled) + " doubled");
+  if (counts.swapped > 0) add_words(text, std::to_string(counts.swapped) + " swapped");
+}
+
 std::string in_words(const Counts& counts) {
   std::string text;
   add_pair(&text, counts.data_lost, counts.acks_lost, "lost");
   add_pair(&text, counts.data_again, counts.acks_again, "sent again");
-  if (counts.doubled > 0) add_words(&text, std::to_string(counts.doubled) + " doubled");
-  if (counts.swapped > 0) add_words(&text, std::to_string(counts.swapped) + " overtaken");
+  add_order(counts, &text);
   return text;
 }
 
@@ -73,7 +78,9 @@ std::string speed_of(const Bundle& bundle) {
 std::string blocks_of(const Event& event) {
   const std::vector<BundlePacket>& packets = event.bundle->packets;
   const std::size_t first = std::max<std::size_t>(packets[event.first].ordinal, 1);
-  return "blocks " + std::to_string(first) + " to " + std::to_string(packets[event.last - 1].ordinal);
+  const std::size_t last = packets[event.last - 1].ordinal;
+  if (first >= last) return "block " + std::to_string(last);
+  return "blocks " + std::to_string(first) + " to " + std::to_string(last);
 }
 
 // What the band says under its name: everything in the first part, the blocks in each.
@@ -92,31 +99,57 @@ std::vector<std::string> facts_of(const Event& event) {
   return facts;
 }
 
-// Ticks at the packets' times, and their counts beside them, once for every line of text that fits.
-void add_ticks(const Event& event, const Box& band, Sheet* sheet) {
-  const std::vector<BundlePacket>& packets = event.bundle->packets;
-  const auto slots = static_cast<std::size_t>(band.height / kTextHeight);
-  std::vector<Counts> counts(slots);
+// Short enough to stand beside the band.
+std::string in_few_words(const Counts& counts) {
+  const std::size_t lost = counts.data_lost + counts.acks_lost;
+  const std::size_t again = counts.data_again + counts.acks_again;
+  std::string text;
+  if (lost > 0) add_words(&text, std::to_string(lost) + " lost");
+  if (again > 0) add_words(&text, std::to_string(again) + " again");
+  add_order(counts, &text);
+  return text;
+}
+
+// Equal parts of the band, from above, and what happened in the time of each.
+std::vector<Counts> counts_in_parts(const Event& event, std::size_t parts) {
+  std::vector<Counts> counts(parts);
   const auto length = static_cast<double>(std::max<Microseconds>(event.until - event.from, 1));
-  const double right = band.x + band.width;
-  double last_y = -1;
   for (std::size_t i = event.first; i < event.last; ++i) {
-    const BundlePacket& packet = packets[i];
-    if (went_straight(packet)) continue;
+    const BundlePacket& packet = event.bundle->packets[i];
     const double share = std::clamp(static_cast<double>(packet.at - event.from) / length, 0.0, 1.0);
-    count(packet, &counts[std::min(slots - 1, static_cast<std::size_t>(share * static_cast<double>(slots)))]);
-    const double y = band.y + share * band.height;
-    if (y - last_y < 1 && !packet.fate.lost) continue;
-    last_y = y;
-    sheet->strokes.push_back({right - kTickLength, y, right, y, packet.fate.lost ? Pen::kLost : Pen::kAgain});
+    const auto part = static_cast<std::size_t>(share * static_cast<double>(parts));
+    count(packet, &counts[std::min(part, parts - 1)]);
   }
-  if (event.target != Lane::kUnit && event.source != Lane::kUnit) return;
-  for (std::size_t slot = 0; slot < slots; ++slot) {
-    const std::string words = in_words(counts[slot]);
-    if (words.empty()) continue;
-    const double y = band.y + band.height * (static_cast<double>(slot) + 0.5) / static_cast<double>(slots);
-    const Box box{right + kTicksToWords, y - kTextHeight / 2, label_width(words), kTextHeight};
-    sheet->texts.push_back({box, words, Text::Font::kLabel, Text::Align::kLeft, false});
+  return counts;
+}
+
+// Where several packets share a place, one that was lost is the one that shows.
+void add_ticks(const Event& event, const Box& band, Sheet* sheet) {
+  const double right = band.x + band.width;
+  double y = band.y + kTickDistance / 2;
+  for (const Counts& counts : counts_in_parts(event, static_cast<std::size_t>(band.height / kTickDistance))) {
+    const bool lost = counts.data_lost + counts.acks_lost > 0;
+    if (!in_few_words(counts).empty()) {
+      sheet->strokes.push_back({right - kTickLength, y, right, y, lost ? Pen::kLost : Pen::kAgain});
+    }
+    y += kTickDistance;
+  }
+}
+
+// The counts stand beside the ticks, once for every line of text that fits.
+void add_counts(const Event& event, const Box& band, Sheet* sheet) {
+  const std::vector<Counts> all = counts_in_parts(event, static_cast<std::size_t>(band.height / kTextHeight));
+  const double height = band.height / static_cast<double>(all.size());
+  const double x = band.x + band.width + kTicksToWords;
+  double middle = band.y + height / 2;
+  for (const Counts& counts : all) {
+    const std::string words = in_few_words(counts);
+    if (!words.empty()) {
+      const std::string line = wrapped(words, kPptServerX - x - kSideGap, label_width, 1).front();
+      const Box box{x, middle - kTextHeight / 2, label_width(line), kTextHeight};
+      sheet->texts.push_back({box, line, Text::Font::kLabel, Text::Align::kLeft, false});
+    }
+    middle += height;
   }
 }
 
@@ -150,6 +183,8 @@ double draw_bundle(const Event& event, double top, Sheet* sheet) {
   const Box band{left, top + kMargin, right - left, height};
   sheet->areas.push_back({band, Area::Paint::kBundle});
   if (!is_straight) add_ticks(event, band, sheet);
+  // To the right of a band that ends at the PPT server, there is no room for words.
+  if (!is_straight && right < kUnitX) add_counts(event, band, sheet);
   const bool to_the_right = x_of(event.source) < x_of(event.target);
   const double middle = band.y + band.height / 2;
   sheet->heads.push_back(

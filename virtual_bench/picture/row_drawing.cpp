@@ -11,11 +11,11 @@ namespace picture {
 
 namespace {
 
-constexpr double kRowMargin = 4;
+constexpr double kRowMargin = 3;
 constexpr double kLabelMargin = 10;   // beside a label, to the life lines
 constexpr double kLabelToArrow = 5;   // from the label down to the line
 constexpr double kLabelToCross = 11;  // the same where "lost" stands beside the line
-constexpr double kArrowToNext = 10;
+constexpr double kArrowToNext = 8;
 constexpr double kCrossRadius = 6;
 constexpr double kNoteWidth = 330;
 constexpr double kNotePadding = 7;
@@ -57,7 +57,7 @@ std::string label_of(const Event& event, Microseconds start) {
     label += share(event.times_lost, event.times, "lost");
   }
   return label + share(event.times_doubled, event.times, "doubled") +
-         share(event.times_swapped, event.times, "overtaken");
+         share(event.times_swapped, event.times, "swapped");
 }
 
 // Where the label of an arrow stands: between two life lines, in the PPT server's part for all that goes
@@ -188,7 +188,7 @@ double draw_words(const Event& event, double top, double height, Sheet* sheet) {
 }  // namespace
 
 double draw_row(const Event& row, double top, Microseconds start, Sheet* sheet) {
-  constexpr double kWordsHeight = kTextHeight + 3 * kRowMargin;
+  constexpr double kWordsHeight = kTextHeight + 4 * kRowMargin;
   double height = 0;
   switch (row.kind) {
     case Event::Kind::kArrow:

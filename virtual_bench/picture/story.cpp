@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::uint16_t kRelayPort = 12345;
 constexpr std::size_t kMinLinesToFold = 3;
+constexpr Microseconds kLongestPauseInARow = 2000000;
 
 // UDP that is no TFTP, and closed ports: boot script, relay, and what nobody expected. Equal ones in a row
 // are folded from the second on, boot scripts from the first on, whatever stands between them.
@@ -31,7 +32,9 @@ class Datagrams {
     const bool unreachable = packet.protocol == Packet::Protocol::kPortUnreachable;
     const Event event =
         arrow_of(packet, unreachable ? Event::Look::kUnreachable : Event::Look::kDatagram, words_for(packet));
-    const bool repeats = event.text == last_text_ && event.source == last_source_;
+    const bool repeats = event.text == last_text_ && event.source == last_source_ &&
+                         packet.at - last_at_ <= kLongestPauseInARow;
+    last_at_ = packet.at;
     last_text_ = event.text;
     last_source_ = event.source;
     if (repeats && last_was_repetition_) {
@@ -64,7 +67,7 @@ class Datagrams {
 
   static std::string words_for(const Packet& packet) {
     const std::string port = std::to_string(packet.destination_port);
-    if (packet.protocol == Packet::Protocol::kPortUnreachable) return "nobody listens on port " + port;
+    if (packet.protocol == Packet::Protocol::kPortUnreachable) return "port " + port + " is closed";
     if (packet.destination_port != kRelayPort) {
       return "datagram to port " + port + ", " + counted(packet.payload_size, "byte");
     }
@@ -77,6 +80,7 @@ class Datagrams {
   std::vector<Event> events_;
   std::string last_text_;
   Lane last_source_ = Lane::kBoard;
+  Microseconds last_at_ = 0;
   bool last_was_repetition_ = false;
 };
 

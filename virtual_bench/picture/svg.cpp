@@ -21,7 +21,7 @@ constexpr char kStyle[] =
     ".axis { stroke: #555; stroke-width: 1 }\n"
     ".life { stroke: #555; stroke-width: 1.2 }\n"
     ".paused { stroke: #555; stroke-width: 1.2; stroke-dasharray: 2 5 }\n"
-    ".lost { stroke: #a00000; stroke-width: 2.4 }\n"
+    ".lost { stroke: #a00000; stroke-width: 2 }\n"
     ".again { stroke: #111; stroke-width: 1.2 }\n"
     ".datagram { stroke: #14457a }\n"
     ".verdict { stroke: #111; stroke-width: 3.4 }\n"

@@ -160,12 +160,27 @@ Transfers::Transfer* Transfers::second_answer(const Client& client) {
 
 std::vector<Event> Transfers::events() const {
   std::vector<Event> events;
-  for (const Transfer& transfer : transfers_) tell(transfer, &events);
+  std::map<Client, std::size_t> last_repetition;  // where among the events
+  for (const Transfer& transfer : transfers_) {
+    const Step& first = transfer.steps.front();
+    const Client client{first.packet.source, first.packet.source_port};
+    const auto before = last_repetition.find(client);
+    if (!transfer.repeats_request) {
+      last_repetition.erase(client);
+      tell(transfer, 0, &events);
+    } else if (before == last_repetition.end()) {
+      last_repetition[client] = events.size();
+      tell(transfer, 0, &events);
+    } else {
+      fold_into(&events[before->second], first.packet.at, first.packet.fate);
+      tell(transfer, 1, &events);
+    }
+  }
   return events;
 }
 
 // A transfer of few blocks is told packet by packet; of a longer one, the blocks and ACKs are one event.
-void Transfers::tell(const Transfer& transfer, std::vector<Event>* events) {
+void Transfers::tell(const Transfer& transfer, std::size_t first_step, std::vector<Event>* events) {
   Bundling bundling(printable(transfer.request.name), block_size_of(transfer));
   const Packet* first_data = nullptr;
   for (const Step& step : transfer.steps) {
@@ -175,11 +190,12 @@ void Transfers::tell(const Transfer& transfer, std::vector<Event>* events) {
   }
   const bool is_long = bundling.bundle().blocks > kMaxBlocksAsArrows;
   Teller teller(events);
-  for (std::size_t i = 0; i < transfer.steps.size(); ++i) {
+  const bool is_further = transfer.is_second_answer || transfer.repeats_request;
+  for (std::size_t i = first_step; i < transfer.steps.size(); ++i) {
     const Step& step = transfer.steps[i];
     if (is_long && is_block_or_ack(step.message)) continue;
     std::string text = in_words(step.message);
-    if (transfer.is_second_answer) text += " of " + printable(transfer.request.name) + ", a further answer";
+    if (is_further && !step.from_client) text += ", for " + printable(transfer.request.name);
     teller.tell(step.packet, step.from_client, text, i == 0 && transfer.repeats_request);
   }
   if (is_long)

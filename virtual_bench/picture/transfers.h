@@ -26,7 +26,7 @@ class Transfers {
   // False, and the packet is left alone, when it belongs to no transfer.
   bool take(const Packet& packet);
 
-  // What was taken, each transfer's events together and in order.
+  // What was taken, each transfer's events together and in order. The repetitions of a request are one event.
   std::vector<Event> events() const;
 
  private:
@@ -53,7 +53,7 @@ class Transfers {
   Transfer* second_answer(const Client& client);
 
   static std::size_t block_size_of(const Transfer& transfer);
-  static void tell(const Transfer& transfer, std::vector<Event>* events);
+  static void tell(const Transfer& transfer, std::size_t first_step, std::vector<Event>* events);
 
   Ports ports_;
   std::vector<Transfer> transfers_;
