@@ -92,7 +92,7 @@ constexpr double kAxisX = 96;
 constexpr double kBoardX = 152;
 constexpr double kStationX = 530;
 constexpr double kUnitX = 960;
-constexpr double kPptServerX = 1320;
+constexpr double kPptServerX = 1310;
 
 double x_of(Lane lane);
 

@@ -29,7 +29,7 @@ constexpr char kStyle[] =
     ".tcp { stroke: #1d5c2e; stroke-dasharray: 10 4 }\n"
     ".board { stroke: #6b3a00; stroke-dasharray: 12 3 2 3 }\n"
     ".unreachable { stroke: #a00000; stroke-dasharray: 5 4 }\n"
-    "polygon { stroke: none; fill: #111 }\n"
+    "polygon { fill: #111; stroke: none !important }\n"
     "polygon.datagram, polygon.broadcast { fill: #14457a }\n"
     "polygon.tcp { fill: #1d5c2e }\n"
     "polygon.board { fill: #6b3a00 }\n"
@@ -127,8 +127,8 @@ std::string half_circle(const Hop& hop) {
 }
 
 std::string triangle(const Head& head) {
-  const double length = head.pen == Pen::kVerdict ? 14 : 10;
-  const double half_width = head.pen == Pen::kVerdict ? 7 : 5;
+  const double length = head.pen == Pen::kVerdict ? 17 : 10;
+  const double half_width = head.pen == Pen::kVerdict ? 8 : 5;
   const double back = head.x + (head.to_the_right ? -length : length);
   const auto point = [](double x, double y) { return decimal(x, 1) + "," + decimal(y, 1) + " "; };
   return std::string("<polygon class=\"") + name_of(head.pen) + "\" points=\"" + point(head.x, head.y) +

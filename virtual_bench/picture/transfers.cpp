@@ -102,11 +102,13 @@ bool Transfers::is_to_server(const Packet& packet) const {
 
 bool Transfers::take_answer(const Step& step) {
   const Client receiver{step.packet.destination, step.packet.destination_port};
-  if (of_client_.count(receiver) == 0) return false;
+  if (latest_.count(receiver) == 0) return false;
   Transfer* transfer = find(receiver, step.packet.source_port);
-  if (transfer == nullptr) transfer = unanswered(receiver);
-  if (transfer == nullptr) transfer = second_answer(receiver);
-  transfer->server_port = step.packet.source_port;
+  if (transfer == nullptr) {
+    const std::size_t place = take_unanswered(receiver);
+    answered_[{receiver, step.packet.source_port}] = place;
+    transfer = &transfers_[place];
+  }
   transfer->steps.push_back(step);
   return true;
 }
@@ -122,40 +124,35 @@ void Transfers::begin(const Step& request) {
     for (std::size_t i = 1; i < before->steps.size(); ++i) client_went_on |= before->steps[i].from_client;
     transfer.repeats_request = !client_went_on && in_words(before->request) == in_words(transfer.request);
   }
-  of_client_[client].push_back(transfers_.size());
+  latest_[client] = transfers_.size();
+  if (!request.packet.fate.lost) unanswered_[client].push_back(transfers_.size());
   transfers_.push_back(transfer);
 }
 
 // The youngest one with these ends: ports are used again.
 Transfers::Transfer* Transfers::find(const Client& client, std::uint16_t server_port) {
-  const auto found = of_client_.find(client);
-  if (found == of_client_.end()) return nullptr;
-  for (auto place = found->second.rbegin(); place != found->second.rend(); ++place) {
-    if (transfers_[*place].server_port == server_port) return &transfers_[*place];
-  }
-  return nullptr;
+  const auto found = answered_.find({client, server_port});
+  return found == answered_.end() ? nullptr : &transfers_[found->second];
 }
 
 Transfers::Transfer* Transfers::latest(const Client& client) {
-  const auto found = of_client_.find(client);
-  return found == of_client_.end() ? nullptr : &transfers_[found->second.back()];
+  const auto found = latest_.find(client);
+  return found == latest_.end() ? nullptr : &transfers_[found->second];
 }
 
-Transfers::Transfer* Transfers::unanswered(const Client& client) {
-  for (const std::size_t place : of_client_[client]) {
-    Transfer& transfer = transfers_[place];
-    if (!transfer.server_port && !transfer.steps.front().packet.fate.lost) return &transfer;
+// The place of the one that a first answer belongs to.
+std::size_t Transfers::take_unanswered(const Client& client) {
+  std::deque<std::size_t>& waiting = unanswered_[client];
+  if (!waiting.empty()) {
+    const std::size_t place = waiting.front();
+    waiting.pop_front();
+    return place;
   }
-  return nullptr;
-}
-
-Transfers::Transfer* Transfers::second_answer(const Client& client) {
   Transfer transfer;
   transfer.request = latest(client)->request;
   transfer.is_second_answer = true;
-  of_client_[client].push_back(transfers_.size());
   transfers_.push_back(transfer);
-  return &transfers_.back();
+  return transfers_.size() - 1;
 }
 
 std::vector<Event> Transfers::events() const {

@@ -2,8 +2,8 @@
 #define PICTURE_TRANSFERS_H
 
 #include <cstdint>
+#include <deque>
 #include <map>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -38,7 +38,6 @@ class Transfers {
   struct Transfer {
     std::vector<Step> steps;  // the first is the request; a doubled one's second answer has none
     TftpMessage request;
-    std::optional<std::uint16_t> server_port;
     bool is_second_answer = false;
     bool repeats_request = false;
   };
@@ -49,15 +48,17 @@ class Transfers {
   bool take_answer(const Step& step);
   Transfer* find(const Client& client, std::uint16_t server_port);
   Transfer* latest(const Client& client);
-  Transfer* unanswered(const Client& client);
-  Transfer* second_answer(const Client& client);
+  std::size_t take_unanswered(const Client& client);
 
   static std::size_t block_size_of(const Transfer& transfer);
   static void tell(const Transfer& transfer, std::size_t first_step, std::vector<Event>* events);
 
   Ports ports_;
   std::vector<Transfer> transfers_;
-  std::map<Client, std::vector<std::size_t>> of_client_;
+  // Where in transfers_.
+  std::map<Client, std::size_t> latest_;
+  std::map<Client, std::deque<std::size_t>> unanswered_;              // whose request arrived, in order
+  std::map<std::pair<Client, std::uint16_t>, std::size_t> answered_;  // by the server's port, the latest
 };
 
 }  // namespace picture
