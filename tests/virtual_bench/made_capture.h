@@ -69,8 +69,8 @@ class MadeCapture {
  private:
   static std::string big(std::uint64_t number, std::size_t size) {
     std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) {
-      bytes[size - 1 - i] = static_cast<char>(number >> (8 * i) & 0xffU);
+    for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte, number >>= 8) {
+      *byte = static_cast<char>(number & 0xffU);
     }
     return bytes;
   }
