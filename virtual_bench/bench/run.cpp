@@ -15,7 +15,8 @@ namespace fs = std::filesystem;
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr int kLookMilliseconds = 5;
-constexpr int kWireSeed = 1;  // the same chances at every run
+constexpr double kLastFramesSeconds = 0.1;  // until what the station's end sends is in the capture
+constexpr int kWireSeed = 1;                // the same chances at every run
 
 }  // namespace
 
@@ -48,6 +49,7 @@ std::optional<std::string> Run::play() {
     wrong = error.what();
     timeline_.says("bench", "WRONG: " + *wrong);
   }
+  until(kLastFramesSeconds, [] { return false; });
   write_summary(wrong);
   station_.reset();
   ppt_server_.reset();
