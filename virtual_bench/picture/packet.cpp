@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::size_t kEthernetBytes = 14;
 constexpr std::uint16_t kIpv4 = 0x0800;
+constexpr std::size_t kWordBytes = 4;  // headers give their lengths in words
 constexpr std::size_t kMinIpBytes = 20;
 constexpr std::size_t kUdpBytes = 8;
 constexpr std::size_t kMinTcpBytes = 20;
@@ -39,7 +40,7 @@ struct IpDatagram {
 std::optional<IpDatagram> ip_in(std::string_view frame) {
   const std::string_view header = part_of(frame, kEthernetBytes);
   if (number16_at(frame, kEthernetBytes - 2) != kIpv4 || header.size() < kMinIpBytes) return std::nullopt;
-  const std::size_t header_bytes = (byte_at(header, 0) & 0xfU) * 4U;
+  const std::size_t header_bytes = kWordBytes * (byte_at(header, 0) & 0xfU);
   const std::size_t total_bytes = number16_at(header, 2);
   if (byte_at(header, 0) >> 4 != 4 || header_bytes < kMinIpBytes || total_bytes < header_bytes)
     return std::nullopt;
@@ -65,7 +66,7 @@ bool take_udp(const IpDatagram& ip, Packet* packet) {
 }
 
 bool take_tcp(const IpDatagram& ip, Packet* packet) {
-  const std::size_t header_bytes = (byte_at(ip.contents, 12) >> 4) * 4U;
+  const std::size_t header_bytes = kWordBytes * (byte_at(ip.contents, 12) >> 4U);
   if (ip.contents.size() < kMinTcpBytes || header_bytes < kMinTcpBytes) return false;
   packet->protocol = Packet::Protocol::kTcp;
   packet->source_port = number16_at(ip.contents, 0);
@@ -83,7 +84,7 @@ bool take_tcp(const IpDatagram& ip, Packet* packet) {
 // The message quotes the head of the datagram that came to the closed port.
 bool take_unreachable(const IpDatagram& ip, Packet* packet) {
   const std::string_view quoted = part_of(ip.contents, kIcmpBytes);
-  const std::size_t header_bytes = (byte_at(quoted, 0) & 0xfU) * 4U;
+  const std::size_t header_bytes = kWordBytes * (byte_at(quoted, 0) & 0xfU);
   if (number16_at(ip.contents, 0) != kPortUnreachable || quoted.size() < header_bytes + 4) return false;
   packet->protocol = Packet::Protocol::kPortUnreachable;
   packet->destination_port = number16_at(quoted, header_bytes + 2);

@@ -28,7 +28,7 @@ std::vector<std::string> lines_of(const std::string& contents) {
 // Cuts the first word off the line, with one blank behind it.
 std::string take_word(std::string* line) {
   const std::size_t end = std::min(line->find(' '), line->size());
-  const std::string word = line->substr(0, end);
+  std::string word = line->substr(0, end);
   line->erase(0, end + 1);
   return word;
 }

@@ -34,9 +34,17 @@ struct Ports {
   std::uint16_t message = 12345;
 };
 
-// What is known of a run beside its capture. Whatever is missing or unreadable is left out.
+// What is known of a run beside its capture. Times are seconds since the epoch with decimals.
+//
+//   run          "KEY TEXT": title, name, start, end, status, ppt_flag, judged, command
+//   station.log  "SECONDS TEXT", a line of the daemon's output each
+//   board.log    "SECONDS COMMAND LINE", a call of a board's command each
+//   fates        "N lost", "N doubled", "N swapped": what became of the capture's frame N, from 1;
+//                "cut FROM UNTIL": when the test network's cable was out
+//
+// Whatever is missing or unreadable is left out.
 struct RunFolder {
-  std::map<std::string, std::string> facts;  // "title", "name", "start", "status" ... as text
+  std::map<std::string, std::string> facts;  // the file `run`
   std::vector<TimedLine> station_lines;
   std::vector<TimedLine> board_calls;
   Fates fates;

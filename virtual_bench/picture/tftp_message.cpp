@@ -17,7 +17,7 @@ constexpr char kVerdictPrefix[] = "F_l_m_";
 // Cuts a text and the NUL behind it off the bytes.
 std::string take_text(std::string_view* bytes) {
   const std::size_t end = std::min(bytes->find('\0'), bytes->size());
-  const std::string text(bytes->substr(0, end));
+  std::string text(bytes->substr(0, end));
   *bytes = part_of(*bytes, end + 1);
   return text;
 }

@@ -179,11 +179,11 @@ std::vector<Event> Transfers::events() const {
 // A transfer of few blocks is told packet by packet; of a longer one, the blocks and ACKs are one event.
 void Transfers::tell(const Transfer& transfer, std::size_t first_step, std::vector<Event>* events) {
   Bundling bundling(printable(transfer.request.name), block_size_of(transfer));
-  const Packet* first_data = nullptr;
+  Packet first_data;
   for (const Step& step : transfer.steps) {
     if (!is_block_or_ack(step.message)) continue;
+    if (step.message.kind == Kind::kData && bundling.bundle().blocks == 0) first_data = step.packet;
     bundling.add(step.packet.at, step.message, step.packet.fate);
-    if (first_data == nullptr && step.message.kind == Kind::kData) first_data = &step.packet;
   }
   const bool is_long = bundling.bundle().blocks > kMaxBlocksAsArrows;
   Teller teller(events);
@@ -196,7 +196,7 @@ void Transfers::tell(const Transfer& transfer, std::size_t first_step, std::vect
     teller.tell(step.packet, step.from_client, text, i == 0 && transfer.repeats_request);
   }
   if (is_long)
-    events->push_back(bundle_event(bundling.bundle(), first_data->source_lane, first_data->target_lane));
+    events->push_back(bundle_event(bundling.bundle(), first_data.source_lane, first_data.target_lane));
 }
 
 // What the server acknowledged; without that, the default.
