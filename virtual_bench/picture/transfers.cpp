@@ -195,8 +195,8 @@ void Transfers::tell(const Transfer& transfer, std::size_t first_step, std::vect
     if (is_further && !step.from_client) text += ", for " + printable(transfer.request.name);
     teller.tell(step.packet, step.from_client, text, i == 0 && transfer.repeats_request);
   }
-  if (is_long)
-    events->push_back(bundle_event(bundling.bundle(), first_data.source_lane, first_data.target_lane));
+  if (!is_long) return;
+  events->push_back(bundle_event(bundling.bundle(), first_data.source_lane, first_data.target_lane));
 }
 
 // What the server acknowledged; without that, the default.
