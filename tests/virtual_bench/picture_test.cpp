@@ -395,6 +395,16 @@ TEST(PictureTransfers, ARequestThatIsRepeatedWithoutAnAnswerIsFolded) {
       (Lines{"read a", "lost", "read a, again, 2 times until 2.0 s, 1 lost", "error 1, no text, for a"}));
 }
 
+TEST(PictureTransfers, AFinishedReadFromTheSamePortIsNoRepetition) {
+  MadeCapture capture;
+  for (const unsigned second : {0U, 1U}) {
+    capture.udp(second * 1000, kUnit, kTftp, tftp::rrq("a"));
+    capture.udp(second * 1000 + 1, kAnswering, kUnit, tftp::data(1, ""));
+    capture.udp(second * 1000 + 2, kUnit, kAnswering, tftp::ack(1));
+  }
+  EXPECT_EQ(words_in(draw(capture.contents())).at(3), "read a");
+}
+
 TEST(PictureTransfers, TheSecondAnswerToADoubledRequestSaysWhatItIsFor) {
   MadeCapture capture;
   capture.udp(0, kUnit, kTftp, tftp::rrq("a"));
@@ -434,7 +444,35 @@ TEST(PictureVerdicts, AVerdictIsEmphasisedAndItsForwardingIsATransferOfTheStatio
   EXPECT_EQ(drawing.rows[2].source, Lane::kPptServer);
 }
 
-TEST(PictureVerdicts, TheAckToASilentPptServerBelongsToItsRequest) {
+TEST(PictureVerdicts, APptServerMayAnswerFromThePortOfItsRequests) {
+  MadeCapture capture;
+  for (const unsigned second : {0U, 1U}) {
+    capture.udp(second * 1000, kAsking, kPpt, tftp::rrq("F_l_m_01CPU_2_MEMORY_PASSED"));
+    capture.udp(second * 1000 + 1, kPpt, kAsking, tftp::data(1, ""));
+    capture.udp(second * 1000 + 2, kAsking, kPpt, tftp::ack(1));
+  }
+  const Lines verdict{"read F_l_m_01CPU_2_MEMORY_PASSED", "data 1, 0 bytes", "ACK 1"};
+  Lines both = verdict;
+  both.insert(both.end(), verdict.begin(), verdict.end());
+  EXPECT_EQ(words_in(draw(capture.contents())), both);
+}
+
+TEST(PictureVerdicts, ALongAnswerFromThePortOfTheRequestsIsOneBand) {
+  MadeCapture capture;
+  capture.udp(0, kAsking, kPpt, tftp::rrq("F_l_m_01CPU_2_MEMORY_PASSED"));
+  for (int number = 1; number <= 5; ++number) {
+    const auto milliseconds = static_cast<unsigned>(number) * 100;
+    capture.udp(milliseconds, kPpt, kAsking, tftp::data(number, block(number == 5 ? 0 : 512)));
+    capture.udp(milliseconds + 1, kAsking, kPpt, tftp::ack(number));
+  }
+  capture.udp(501, kPpt, kAsking, tftp::data(5, ""));
+  EXPECT_EQ(
+      words_in(draw(capture.contents())),
+      (Lines{"read F_l_m_01CPU_2_MEMORY_PASSED", "F_l_m_01CPU_2_MEMORY_PASSED",
+             "2048 bytes, 5 blocks of 512 bytes", "0.401 s, 0.005 MiB/s", "in all: 1 block sent again"}));
+}
+
+TEST(PictureVerdicts, TheAckToASilentPptServerIsShown) {
   MadeCapture capture;
   capture.udp(0, kAsking, kPpt, tftp::rrq("F_l_m_01CPU_2_MEMORY_PASSED"));
   capture.udp(5000, kAsking, kPpt, tftp::ack(1));
@@ -457,6 +495,13 @@ TEST(PictureDatagrams, RelayedTextsAreQuotedWithTheirNul) {
   EXPECT_EQ(words_in(draw(capture.contents())), (Lines{"datagram \"up\\n\"", "relays \"up\\n\\0\""}));
 }
 
+TEST(PictureDatagrams, DifferentTextsInARowEachHaveTheirRow) {
+  MadeCapture capture;
+  for (const char* const text : {"a", "b", "c", "d"}) capture.udp(0, kUnit, kCommandPort, text);
+  EXPECT_EQ(words_in(draw(capture.contents())),
+            (Lines{"datagram \"a\"", "datagram \"b\"", "datagram \"c\"", "datagram \"d\""}));
+}
+
 TEST(PictureDatagrams, APortWhereNobodyListensIsNamed) {
   MadeCapture capture;
   capture.port_unreachable(0, kUnit, {MadeCapture::kStation, 33333});
@@ -465,16 +510,33 @@ TEST(PictureDatagrams, APortWhereNobodyListensIsNamed) {
   EXPECT_EQ(drawing.rows.at(0).source, Lane::kStation);
 }
 
+TEST(PictureDatagrams, EqualOnesInARowAreFoldedFromTheSecondOnEachSideForItself) {
+  constexpr MadeCapture::End unit{MadeCapture::kUnit, 5};
+  constexpr MadeCapture::End station{MadeCapture::kStation, 5};
+  MadeCapture capture;
+  for (unsigned milliseconds = 0; milliseconds < 3; ++milliseconds) {
+    capture.port_unreachable(milliseconds, unit, station);
+  }
+  EXPECT_EQ(words_in(draw(capture.contents())),
+            (Lines{"port 5 is closed", "port 5 is closed, 2 times until 0.0 s"}));
+  MadeCapture alternating;
+  for (unsigned milliseconds = 0; milliseconds < 6; milliseconds += 2) {
+    alternating.port_unreachable(milliseconds, unit, station);
+    alternating.port_unreachable(milliseconds + 1, station, unit);
+  }
+  EXPECT_EQ(draw(alternating.contents()).rows.size(), 6U);
+}
+
 TEST(PictureConnections, TextsOfAConnectionAreQuotedBothWays) {
   constexpr MadeCapture::End client{MadeCapture::kUnit, 4000};
   MadeCapture capture;
-  capture.tcp(0, client, kCommandPort, MadeCapture::kSyn, 0xffffffff);
+  capture.tcp(0, client, kCommandPort, MadeCapture::kSyn, 0xfffffffe);
   capture.tcp(1, kCommandPort, client, MadeCapture::kSyn | MadeCapture::kAck, 500);
-  capture.tcp(2, client, kCommandPort, MadeCapture::kAck, 0);
-  capture.tcp(3, client, kCommandPort, MadeCapture::kAck, 0, "DO_PMC_INIT:7");  // frame 4, lost
-  capture.tcp(4, client, kCommandPort, MadeCapture::kAck, 0, "DO_PMC_INIT:7");
+  capture.tcp(2, client, kCommandPort, MadeCapture::kAck, 0xffffffff);
+  capture.tcp(3, client, kCommandPort, MadeCapture::kAck, 0xffffffff, "DO_PMC_INIT:7");  // frame 4, lost
+  capture.tcp(4, client, kCommandPort, MadeCapture::kAck, 0xffffffff, "DO_PMC_INIT:7");
   capture.tcp(5, kCommandPort, client, MadeCapture::kAck, 501, "READY");
-  capture.tcp(6, client, kCommandPort, MadeCapture::kAck | MadeCapture::kFin, 13);
+  capture.tcp(6, client, kCommandPort, MadeCapture::kAck | MadeCapture::kFin, 12);
   capture.tcp(7, kCommandPort, client, MadeCapture::kRst, 506);
   Files files;
   files.fates = "4 lost\n";
@@ -544,6 +606,26 @@ TEST(PictureRows, APauseIsOneRowAndSaysWhetherSomethingFoldedWentOn) {
                    "three", "end of the run"}));
 }
 
+TEST(PictureRows, ACutIsNothingThatGoesOn) {
+  Files files;
+  files.fates = "cut 1700000000.500000 1700000009.000000\n";
+  files.station_log = "1700000005.5 one\n";
+  EXPECT_EQ(words_in(draw("", files)), (Lines{"cable pulled, 8.5 s", "5.0 s nothing", "one"}));
+}
+
+TEST(PictureRows, ASlowBandIsNoPause) {
+  MadeCapture capture;
+  capture.udp(0, kUnit, kTftp, tftp::rrq("image.bin"));
+  for (const unsigned second : {1U, 2U, 3U, 4U}) {
+    add_blocks(&capture, second * 1000, static_cast<int>(second), static_cast<int>(second),
+               second == 4 ? 1 : 512);
+  }
+  capture.udp(4500, kUnit, kTftp, tftp::rrq("b"));
+  EXPECT_EQ(words_in(draw(capture.contents())),
+            (Lines{"read image.bin", "image.bin", "1537 bytes, 4 blocks of 512 bytes", "3.001 s, 0.000 MiB/s",
+                   "read b"}));
+}
+
 TEST(PictureRows, ALostArrowEndsInACrossAndADoubledOneHasTwoHeads) {
   MadeCapture capture;
   capture.udp(0, kUnit, kTftp, tftp::rrq("a"));
@@ -585,6 +667,26 @@ TEST(PicturePage, AnExitStatusThatMeansNothingStandsAlone) {
 
 TEST(PicturePage, NothingOverlapsInAFullRun) {
   EXPECT_EQ(wrong_in_layout(draw(busy_capture().contents(), busy_files()).sheet), "");
+}
+
+TEST(PicturePage, TheCountsBesideABandStayInTheirPlace) {
+  MadeCapture capture;
+  Files files;
+  capture.udp(0, kUnit, kTftp, tftp::rrq("image.bin", {{"blksize", "8"}}));
+  for (int number = 1; number <= 20000; ++number) {
+    const auto milliseconds = static_cast<unsigned>(number) / 100;
+    capture.udp(milliseconds, kAnswering, kUnit, tftp::data(number, "12345678"));
+    const std::string frame = std::to_string(capture.frames());
+    files.fates += frame + " lost\n" + frame + " doubled\n" + frame + " swapped\n";
+    capture.udp(milliseconds, kAnswering, kUnit, tftp::data(number, "12345678"));
+  }
+  EXPECT_EQ(wrong_in_layout(draw(capture.contents(), files).sheet), "");
+  for (const Text& text : draw(capture.contents(), files).sheet.texts) {
+    const bool beside = text.box.x > picture::kUnitX && text.text.find(" again") != std::string::npos;
+    if (beside) {
+      EXPECT_LT(text.box.x + text.box.width, picture::kPptServerX) << text.text;
+    }
+  }
 }
 
 TEST(PicturePage, WithoutAnyFileThePageIsDrawnAllTheSame) {

@@ -69,28 +69,20 @@ Event bundle_event(const Bundle& bundle, Lane sender, Lane receiver) {
 
 Transfers::Transfers(const Ports& ports) : ports_(ports) {}
 
-// A datagram to a server's port begins a transfer, but for the daemon's ACKs: where the PPT server is silent
-// or answers from that port, they go there too.
 bool Transfers::take(const Packet& packet) {
-  const Step step{packet, tftp_message_in(packet.payload, packet.payload_size), false};
-  const Client sender{packet.source, packet.source_port};
+  Step step{packet, tftp_message_in(packet.payload, packet.payload_size), false};
   const bool to_server = is_to_server(packet);
-  if (to_server && (is_request(step.message) || packet.target_lane == Lane::kStation)) {
+  Transfer* const mine = find({packet.source, packet.source_port}, packet.destination_port);
+  // A server may answer from the port that requests go to.
+  const bool begins = to_server && (mine == nullptr || is_request(step.message));
+  if (!begins && mine == nullptr) return take_answer(step);
+  step.from_client = true;
+  if (begins) {
     begin(step);
-    return true;
-  }
-  Transfer* mine = find(sender, packet.destination_port);
-  if (mine == nullptr && to_server) mine = latest(sender);
-  if (mine != nullptr) {
+  } else {
     mine->steps.push_back(step);
-    mine->steps.back().from_client = true;
-    return true;
   }
-  if (to_server) {
-    begin(step);
-    return true;
-  }
-  return take_answer(step);
+  return true;
 }
 
 bool Transfers::is_to_server(const Packet& packet) const {
@@ -118,12 +110,13 @@ void Transfers::begin(const Step& request) {
   Transfer transfer;
   transfer.request = request.message;
   transfer.steps.push_back(request);
-  transfer.steps.back().from_client = true;
   if (const Transfer* const before = latest(client)) {
     bool client_went_on = false;
     for (std::size_t i = 1; i < before->steps.size(); ++i) client_went_on |= before->steps[i].from_client;
     transfer.repeats_request = !client_went_on && in_words(before->request) == in_words(transfer.request);
   }
+  // Answers from that very port belong to this request from now on.
+  answered_.erase({client, request.packet.destination_port});
   latest_[client] = transfers_.size();
   if (!request.packet.fate.lost) unanswered_[client].push_back(transfers_.size());
   transfers_.push_back(transfer);
