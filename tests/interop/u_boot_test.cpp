@@ -1,0 +1,174 @@
+#include "support/u_boot.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/outcome.h"
+#include "support/station.h"
+#include "support/tcp_listener.h"
+
+namespace {
+
+using station::InNetwork;
+using std::chrono::seconds;
+
+// Answers every request of the station with an empty file, until it is destroyed.
+class AnsweringPptServer {
+ public:
+  explicit AnsweringPptServer(const InNetwork& station) : socket_(station.ppt_server()) {
+    station.network.at_ppt_server(
+        [&] { listener_ = std::make_unique<TcpListener>(TestNetwork::kPptServer, station::kMessagePort); });
+    thread_ = std::thread([this] { answers(); });
+  }
+  ~AnsweringPptServer() { stops(); }
+  AnsweringPptServer(const AnsweringPptServer&) = delete;
+  AnsweringPptServer& operator=(const AnsweringPptServer&) = delete;
+
+  // Every request in the order that they came in. It answers no more.
+  const std::vector<std::string>& requests() {
+    stops();
+    return requests_;
+  }
+
+ private:
+  void answers() {
+    while (!stopped_) {
+      const std::optional<std::string> datagram = socket_.receives(std::chrono::milliseconds(50));
+      if (!datagram || *datagram == tftp::ack(1)) continue;
+      requests_.push_back(*datagram);
+      socket_.sends(tftp::data(1, ""));
+    }
+  }
+  void stops() {
+    stopped_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+
+  UdpPeer socket_;
+  std::unique_ptr<TcpListener> listener_;
+  std::vector<std::string> requests_;
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
+};
+
+// As U-Boot prints it.
+std::string crc32_in_hex(const std::string& bytes) {
+  std::uint32_t remainder = 0xFFFFFFFF;
+  for (const char byte : bytes) {
+    remainder ^= static_cast<unsigned char>(byte);
+    for (int bit = 0; bit < 8; ++bit) remainder = (remainder >> 1) ^ ((remainder & 1) != 0 ? 0xEDB88320 : 0);
+  }
+  std::array<char, 9> text;
+  std::snprintf(text.data(), text.size(), "%08x", ~remainder);
+  return text.data();
+}
+
+std::string hex(std::size_t number) {
+  std::ostringstream text;
+  text << std::hex << number;
+  return text.str();
+}
+
+// The commands of the boot script that need no more than a boot loader.
+std::vector<std::string> commands_of_boot_script() {
+  std::vector<std::string> commands;
+  std::istringstream script(station::boot_script());
+  for (std::string line; std::getline(script, line, '\n');) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.rfind("setenv ", 0) == 0 || line.rfind("tftp ", 0) == 0) commands.push_back(line);
+  }
+  return commands;
+}
+
+// From where U-Boot says that it is done; what stands before has its speed in it.
+std::string ending(const std::string& printed) {
+  const std::size_t place = printed.rfind("\ndone\n");
+  return place == std::string::npos ? printed : printed.substr(place + 1);
+}
+
+// U-Boot in the place of the unit.
+class UBootAtTheUnit : public testing::Test {
+ protected:
+  void SetUp() override {
+    NEEDS_U_BOOT();
+    NEEDS_SANDBOX();
+    station_.emplace();
+  }
+
+  // The unit's device of the test network leads to the board, and no longer to the test.
+  void plugs_in() {
+    station_->network.at_unit([this] {
+      sandbox::run("ip address flush dev lan0");
+      sandbox::run("ip tuntap add board0 mode tap");
+      sandbox::run("ip link add bridge0 type bridge");
+      for (const char* device : {"lan0", "board0"}) {
+        sandbox::run(std::string("ip link set ") + device + " master bridge0");
+        sandbox::run(std::string("ip link set ") + device + " up");
+      }
+      sandbox::run("ip link set bridge0 up");
+      board_ = std::make_unique<UBoot>("board0", TestNetwork::kUnit, TestNetwork::kStation);
+    });
+  }
+
+  std::string reads(const std::string& name, std::size_t size) {
+    write_whole_file(name, noise(size));
+    return ending(board_->runs("tftp 46000000 " + name, seconds(120)));
+  }
+  static std::string done(std::size_t size) {
+    return "done\nBytes transferred = " + std::to_string(size) + " (" + hex(size) + " hex)\n";
+  }
+  void expects_in_memory(const std::string& contents) {
+    const std::size_t begin = 0x46000000;
+    EXPECT_EQ(board_->runs("crc32 46000000 " + hex(contents.size())),
+              "crc32 for 46000000 ... " + hex(begin + contents.size() - 1) + " ==> " +
+                  crc32_in_hex(contents) + "\n");
+  }
+
+  std::optional<InNetwork> station_;
+  std::unique_ptr<UBoot> board_;
+};
+
+TEST_F(UBootAtTheUnit, CarriesAWholeTestRun) {
+  constexpr std::size_t kImageSize = 4 << 20;
+  AnsweringPptServer ppt(*station_);
+  write_whole_file("bootscript.txt", "setenv bootdelay 1\n");
+  station_->boots();
+  plugs_in();
+
+  const std::vector<std::string> commands = commands_of_boot_script();
+  ASSERT_EQ(commands, (std::vector<std::string>{"setenv msgport 12345", "setenv ppt_flag 1",
+                                                "tftp 46000000 bootscript.txt",
+                                                "tftp 45000000 F_l_m_t_Bootstrap_loading"}));
+  board_->runs(commands[0]);
+  board_->runs(commands[1]);
+  EXPECT_EQ(ending(board_->runs(commands[2])), done(19));
+  expects_in_memory("setenv bootdelay 1\n");
+  EXPECT_EQ(reads("boot.img", kImageSize), done(kImageSize));
+  expects_in_memory(noise(kImageSize));
+  // Of an empty file it names no size.
+  EXPECT_EQ(ending(board_->runs(commands[3])), "done\n");
+  EXPECT_TRUE(board_->succeeded());
+  ASSERT_TRUE(station_->daemon->prints("Message receiver initialized. IP: 172.30.0.254 Port=12345\n"));
+  EXPECT_EQ(ending(board_->runs("tftp 45000000 F_l_m_02PPT_PASSED")), "done\n");
+  EXPECT_TRUE(board_->succeeded());
+  EXPECT_EQ(station_->daemon->exit_status(), 2);
+  EXPECT_EQ(ppt.requests(), std::vector<std::string>{tftp::rrq("F_l_m_t_CPU_2_Bootstrap_loading")});
+  station::expect_output(*station_->daemon, InNetwork::start_lines() + "RRQ bootscript.txt\nRRQ boot.img\n",
+                         std::string("Cmd received: F_l_m_t_Bootstrap_loading\n"
+                                     "Message receiver initialized. IP: 172.30.0.254 Port=12345\n"
+                                     "Cmd received: F_l_m_02PPT_PASSED\n") +
+                             station::kMessageServerGone + station::kServerGone,
+                         {station::kSenderStopped, station::kReceiverStopped});
+}
+
+}  // namespace
