@@ -215,6 +215,14 @@ TEST_F(ClientReads, CurlTakesTheLargestBlocksOfTheServerForLargerOnes) {
   printed("RRQ boot.img\nRequested blksize=65464 we support 32768\n");
 }
 
+// With that limit it asks for a timeout of three seconds.
+TEST_F(ClientReads, CurlTakesALongerTimeoutThanItAskedFor) {
+  NEEDS_CLIENT(kCurl);
+  boots();
+  write_whole_file("boot.img", noise(1000));
+  expects_whole(curl("CurlWithALimitOfTenSeconds", {"--connect-timeout", "10"}), "boot.img", noise(1000));
+}
+
 TEST_F(ClientReads, TftpHpaInItsDefaultModeIsRefusedAndLeavesAnEmptyFileWithStatusZero) {
   NEEDS_CLIENT(kTftpHpa);
   boots();
