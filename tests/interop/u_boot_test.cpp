@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/lossy_wire.h"
 #include "support/outcome.h"
 #include "support/station.h"
 #include "support/tcp_listener.h"
@@ -96,6 +97,14 @@ std::string ending(const std::string& printed) {
   return place == std::string::npos ? printed : printed.substr(place + 1);
 }
 
+// How many frames the wire says that it has lost.
+int lost_frames() {
+  std::istringstream fates(whole_file("wire.fates"));
+  int count = 0;
+  for (std::string line; std::getline(fates, line);) count += line.find("lost") != std::string::npos ? 1 : 0;
+  return count;
+}
+
 // U-Boot in the place of the unit.
 class UBootAtTheUnit : public testing::Test {
  protected:
@@ -120,6 +129,7 @@ class UBootAtTheUnit : public testing::Test {
     });
   }
 
+  // As the unit, from the daemon.
   std::string reads(const std::string& name, std::size_t size) {
     write_whole_file(name, noise(size));
     return ending(board_->runs("tftp 46000000 " + name, seconds(120)));
@@ -169,6 +179,152 @@ TEST_F(UBootAtTheUnit, CarriesAWholeTestRun) {
                                      "Cmd received: F_l_m_02PPT_PASSED\n") +
                              station::kMessageServerGone + station::kServerGone,
                          {station::kSenderStopped, station::kReceiverStopped});
+}
+
+// Each lost frame costs the five seconds after which both sides repeat what they sent last.
+TEST_F(UBootAtTheUnit, CarriesAWholeTestRunOverAWireThatLosesFrames) {
+  NEEDS_WIRE();
+  constexpr std::size_t kImageSize = 32 << 10;
+  AnsweringPptServer ppt(*station_);
+  const LossyWire wire(station_->network);
+  write_whole_file("bootscript.txt", "setenv bootdelay 1\n");
+  station_->boots();
+  plugs_in();
+  wire.loses(5);
+  EXPECT_EQ(ending(board_->runs("tftp 46000000 bootscript.txt", seconds(60))), done(19));
+  do {
+    ASSERT_EQ(reads("boot.img", kImageSize), done(kImageSize));
+    expects_in_memory(noise(kImageSize));
+  } while (lost_frames() == 0);
+  EXPECT_EQ(ending(board_->runs("tftp 45000000 F_l_m_t_Bootstrap_loading", seconds(60))), "done\n");
+  EXPECT_TRUE(board_->succeeded());
+  // The daemon ends with the final verdict, so that nobody could repeat an answer to it that is lost.
+  wire.loses(0);
+  EXPECT_EQ(ending(board_->runs("tftp 45000000 F_l_m_02PPT_PASSED")), "done\n");
+  EXPECT_EQ(station_->daemon->exit_status(), 2);
+  // A request for a verdict that had to be repeated is a verdict of its own.
+  const std::vector<std::string>& requests = ppt.requests();
+  EXPECT_FALSE(requests.empty());
+  for (const std::string& request : requests) {
+    EXPECT_EQ(request, tftp::rrq("F_l_m_t_CPU_2_Bootstrap_loading"));
+  }
+}
+
+// --- Its requests, at a server that the test plays
+// -----------------------------------------------------------
+
+class UBootAtAPlayedServer : public UBootAtTheUnit {
+ protected:
+  void plugs_in() {
+    UBootAtTheUnit::plugs_in();
+    server_.emplace(TestNetwork::kStation, station::kTftpPort);
+  }
+  // The board's words for the whole of it are the result.
+  std::string refuses() {
+    server_->sends(tftp::error(1, ""));
+    return board_->finishes().value_or("no prompt");
+  }
+  static tftp::Options usual_options() { return {{"timeout", "5"}, {"blksize", "1468"}}; }
+
+  std::optional<UdpPeer> server_;
+};
+
+TEST_F(UBootAtAPlayedServer, AsksForATimeoutAndABlockSize) {
+  plugs_in();
+  board_->types("tftp 46000000 boot.img");
+  server_->expects(tftp::rrq("boot.img", usual_options()));
+  EXPECT_EQ(refuses(),
+            "Using virtio-net#32 device\n"
+            "TFTP from server 172.40.0.1; our IP address is 172.40.0.2\n"
+            "Filename 'boot.img'.\n"
+            "Load address: 0x46000000\n"
+            "Loading: *\b\n"
+            "TFTP error: '' (1)\n"
+            "Not retrying...\n");
+}
+
+TEST_F(UBootAtAPlayedServer, AsksForWhatItsVariablesSay) {
+  plugs_in();
+  board_->runs("setenv tftpblocksize 512");
+  board_->runs("setenv tftptimeout 2000");
+  board_->runs("setenv tftpwindowsize 4");
+  board_->types("tftp 46000000 boot.img");
+  server_->expects(tftp::rrq("boot.img", {{"timeout", "2"}, {"blksize", "512"}, {"windowsize", "4"}}));
+}
+
+TEST_F(UBootAtAPlayedServer, AsksForNoMoreThanAFrameHolds) {
+  plugs_in();
+  board_->runs("setenv tftpblocksize 8192");
+  board_->types("tftp 46000000 boot.img");
+  server_->expects(tftp::rrq("boot.img", usual_options()));
+}
+
+TEST_F(UBootAtAPlayedServer, RepeatsARequestTenTimesAndGivesUp) {
+  plugs_in();
+  board_->runs("setenv tftptimeout 1000");
+  const std::string request = tftp::rrq("boot.img", {{"timeout", "1"}, {"blksize", "1468"}});
+  board_->types("tftp 46000000 boot.img");
+  const double seconds_of_all = seconds_of([&] {
+    for (int i = 0; i < 11; ++i) server_->expects(request);
+    ASSERT_TRUE(board_->finishes().has_value());
+  });
+  EXPECT_NEAR(seconds_of_all, 11, 1.5);
+  EXPECT_FALSE(board_->succeeded());
+}
+
+TEST_F(UBootAtAPlayedServer, RepeatsRequestAndAcknowledgementAfterFiveSeconds) {
+  plugs_in();
+  board_->types("tftp 46000000 boot.img");
+  server_->expects(tftp::rrq("boot.img", usual_options()));
+  EXPECT_NEAR(seconds_of([&] { server_->expects(tftp::rrq("boot.img", usual_options())); }), 5, 0.9);
+  server_->sends(tftp::oack(usual_options()));
+  server_->expects(tftp::ack(0));
+  EXPECT_NEAR(seconds_of([&] { server_->expects(tftp::ack(0)); }), 5, 0.9);
+  for (int i = 0; i < 2; ++i) {
+    server_->sends(tftp::data(1, noise(1468)));
+    EXPECT_LT(seconds_of([&] { server_->expects(tftp::ack(1)); }), 0.9);
+  }
+  EXPECT_NEAR(seconds_of([&] { server_->expects(tftp::ack(1)); }), 5, 0.9);
+  server_->sends(tftp::data(2, "end"));
+  server_->expects(tftp::ack(2));
+  ASSERT_TRUE(board_->finishes().has_value());
+  expects_in_memory(noise(1468) + "end");
+}
+
+// --- A setting that the daemon cannot follow
+// -----------------------------------------------------------------
+
+// It acknowledges the window and sends one block at a time all the same.
+TEST_F(UBootAtTheUnit, WithAWindowWaitsAtABlockForATimeOut) {
+  station_->boots();
+  plugs_in();
+  board_->runs("setenv tftpwindowsize 4");
+  std::string printed;
+  EXPECT_GT(seconds_of([&] { printed = reads("boot.img", 2000); }), 4.5);
+  EXPECT_EQ(printed, done(2000));
+  board_->runs("setenv tftpwindowsize 1");
+  EXPECT_LT(seconds_of([&] { printed = reads("boot.img", 2000); }), 4.5);
+  EXPECT_EQ(printed, done(2000));
+}
+
+// The daemon acknowledges five seconds, and U-Boot insists on what it asked for. A verdict's answer has no
+// acknowledgement of options in it.
+TEST_F(UBootAtTheUnit, WithATimeoutOfLessThanFiveSecondsReadsNothingButVerdicts) {
+  station_->boots();
+  plugs_in();
+  board_->runs("setenv tftptimeout 4000");
+  EXPECT_EQ(reads("boot.img", 2000),
+            "Using virtio-net#32 device\n"
+            "TFTP from server 172.40.0.1; our IP address is 172.40.0.2\n"
+            "Filename 'boot.img'.\n"
+            "Load address: 0x46000000\n"
+            "Loading: *\bInvalid timeout val(=5 s)\n");
+  EXPECT_FALSE(board_->succeeded());
+  board_->runs("setenv tftptimeout 6000");
+  EXPECT_EQ(reads("boot.img", 2000), done(2000));
+  board_->runs("setenv tftptimeout 4000");
+  EXPECT_EQ(ending(board_->runs("tftp 45000000 F_l_m_02PPT_PASSED")), "done\n");
+  EXPECT_EQ(station_->daemon->exit_status(), 2);
 }
 
 }  // namespace
