@@ -6,9 +6,11 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
+#include "support/lossy_wire.h"
 #include "support/outcome.h"
 #include "support/program.h"
 #include "support/station.h"
@@ -35,8 +37,13 @@ class ClientReads : public testing::Test {
  protected:
   void SetUp() override { NEEDS_SANDBOX(); }
 
-  void boots() {
+  // In the place of the unit's link, which loses nothing; before boots().
+  void lays_wire() {
     station_.emplace();
+    wire_.emplace(station_->network);
+  }
+  void boots() {
+    if (!station_) station_.emplace();
     // The relay, which polls, would keep a processor busy. So it finds its port taken.
     occupant_.emplace(TestNetwork::kStation, station::kMessagePort);
     station_->daemon = station_->start();
@@ -75,6 +82,7 @@ class ClientReads : public testing::Test {
   }
 
   std::optional<InNetwork> station_;
+  std::optional<LossyWire> wire_;
   std::string said_;  // the last client's output
 
  private:
@@ -246,6 +254,49 @@ TEST_F(ClientReads, AtftpWithAWindowWaitsAtEveryBlockForATimeOut) {
   EXPECT_EQ(reading.contents, noise(1000));
   EXPECT_GT(seconds, 4.5);
 }
+
+// While the first verdict is passed on, the second is not answered, and the client soon repeats its request.
+TEST_F(ClientReads, BusyboxMakesSeveralVerdictsOfOneWhileTheProgramIsBusyWithAnother) {
+  NEEDS_CLIENT(kBusybox);
+  boots();
+  UdpPeer ppt = station_->ppt_server();
+  expects_whole(kBusybox, "F_l_m_01FIRST", "");
+  ppt.expects(tftp::rrq("F_l_m_01CPU_2_FIRST"));
+  const std::unique_ptr<Program> second = starts(kBusybox, "F_l_m_02SECOND");
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  ppt.sends(tftp::data(1, ""));
+  ppt.expects(tftp::ack(1));
+  constexpr int kRequestsInASecond = 5;
+  for (int i = 0; i < kRequestsInASecond; ++i) {
+    ppt.expects(tftp::rrq("F_l_m_02CPU_2_SECOND"));
+    ppt.sends(tftp::data(1, ""));
+    ppt.expects(tftp::ack(1));
+  }
+  EXPECT_EQ(second->exit_status(kPatience), 0) << second->output();
+}
+
+// A wire that loses every twentieth frame, on average. Whoever notices first repeats what it sent last.
+class LostFrames : public ClientReads, public testing::WithParamInterface<TftpClientProgram> {};
+
+TEST_P(LostFrames, AreMadeUpFor) {
+  NEEDS_CLIENT(GetParam());
+  NEEDS_WIRE();
+  lays_wire();
+  boots();
+  wire_->loses(5);
+  const std::string contents = noise(20 * 512 + 1);
+  write_whole_file("boot.img", contents);
+  do {
+    expects_whole(GetParam(), "boot.img", contents);
+    std::filesystem::remove(kLocal);
+  } while (!HasFailure() && wire_->lost_frames() == 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(, LostFrames,
+                         testing::Values(kCurl, kCurlWithoutOptions, kTftpHpa, kAtftp, kBusybox),
+                         [](const testing::TestParamInfo<TftpClientProgram>& client) {
+                           return std::string("By") + client.param.title;
+                         });
 
 struct Refusal {
   TftpClientProgram client;

@@ -97,14 +97,6 @@ std::string ending(const std::string& printed) {
   return place == std::string::npos ? printed : printed.substr(place + 1);
 }
 
-// How many frames the wire says that it has lost.
-int lost_frames() {
-  std::istringstream fates(whole_file("wire.fates"));
-  int count = 0;
-  for (std::string line; std::getline(fates, line);) count += line.find("lost") != std::string::npos ? 1 : 0;
-  return count;
-}
-
 // U-Boot in the place of the unit.
 class UBootAtTheUnit : public testing::Test {
  protected:
@@ -195,7 +187,7 @@ TEST_F(UBootAtTheUnit, CarriesAWholeTestRunOverAWireThatLosesFrames) {
   do {
     ASSERT_EQ(reads("boot.img", kImageSize), done(kImageSize));
     expects_in_memory(noise(kImageSize));
-  } while (lost_frames() == 0);
+  } while (wire.lost_frames() == 0);
   EXPECT_EQ(ending(board_->runs("tftp 45000000 F_l_m_t_Bootstrap_loading", seconds(60))), "done\n");
   EXPECT_TRUE(board_->succeeded());
   // The daemon ends with the final verdict, so that nobody could repeat an answer to it that is lost.

@@ -8,11 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
 #include "support/sandbox.h"
 #include "support/test_network.h"
+#include "support/whole_file.h"
 
 // Takes the place of the unit's link in a test network: the virtual bench's wire carries the frames, and
 // loses some of them on order. Make it before anything uses the link, in a test that began with NEEDS_WIRE();
@@ -49,6 +51,13 @@ class LossyWire {
       throw std::runtime_error("the wire takes no order");
     }
     expects("ok\n");
+  }
+  int lost_frames() const {
+    std::istringstream fates(whole_file("wire.fates"));
+    int count = 0;
+    for (std::string line; std::getline(fates, line);)
+      count += line.find(" lost") != std::string::npos ? 1 : 0;
+    return count;
   }
 
  private:
