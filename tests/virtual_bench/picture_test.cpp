@@ -677,7 +677,8 @@ TEST(PicturePage, TheCountsBesideABandStayInTheirPlace) {
     const auto milliseconds = static_cast<unsigned>(number) / 100;
     capture.udp(milliseconds, kAnswering, kUnit, tftp::data(number, "12345678"));
     const std::string frame = std::to_string(capture.frames());
-    files.fates += frame + " lost\n" + frame + " doubled\n" + frame + " swapped\n";
+    for (const char* const fate : {" lost\n", " doubled\n", " swapped\n"})
+      files.fates.append(frame).append(fate);
     capture.udp(milliseconds, kAnswering, kUnit, tftp::data(number, "12345678"));
   }
   EXPECT_EQ(wrong_in_layout(draw(capture.contents(), files).sheet), "");

@@ -1,7 +1,6 @@
 #include "picture/words.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdlib>
 
