@@ -17,6 +17,7 @@
 #include "support/outcome.h"
 #include "support/station.h"
 #include "support/tcp_listener.h"
+#include "support/unit_machine.h"
 
 namespace {
 
@@ -106,18 +107,10 @@ class UBootAtTheUnit : public testing::Test {
     station_.emplace();
   }
 
-  // The unit's device of the test network leads to the board, and no longer to the test.
   void plugs_in() {
+    plug_in_unit_machine(station_->network);
     station_->network.at_unit([this] {
-      sandbox::run("ip address flush dev lan0");
-      sandbox::run("ip tuntap add board0 mode tap");
-      sandbox::run("ip link add bridge0 type bridge");
-      for (const char* device : {"lan0", "board0"}) {
-        sandbox::run(std::string("ip link set ") + device + " master bridge0");
-        sandbox::run(std::string("ip link set ") + device + " up");
-      }
-      sandbox::run("ip link set bridge0 up");
-      board_ = std::make_unique<UBoot>("board0", TestNetwork::kUnit, TestNetwork::kStation);
+      board_ = std::make_unique<UBoot>(kUnitMachineTap, TestNetwork::kUnit, TestNetwork::kStation);
     });
   }
 
