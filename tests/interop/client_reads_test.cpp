@@ -146,7 +146,7 @@ INSTANTIATE_TEST_SUITE_P(OfAnyLength, WholeFile,
                                           testing::Values(0, 1, 511, 512, 513, kMebibyte)),
                          name_of_reading);
 INSTANTIATE_TEST_SUITE_P(RoundTheBlockNumbers, WholeFile,
-                         testing::Combine(testing::Values(kCurlWithoutOptions, kTftpHpa),
+                         testing::Combine(testing::Values(kCurlWithoutOptions, kTftpHpa, kAtftp, kBusybox),
                                           testing::Values(kBeyondTheLastBlockNumber)),
                          name_of_reading);
 

@@ -166,6 +166,16 @@ TEST_F(UBootAtTheUnit, CarriesAWholeTestRun) {
                          {station::kSenderStopped, station::kReceiverStopped});
 }
 
+// In blocks of 512 bytes it is more than 65536 of them.
+TEST_F(UBootAtTheUnit, ReadsAFileWhoseBlockNumbersGoRound) {
+  constexpr std::size_t kSize = (33 << 20) + 1;
+  station_->boots();
+  plugs_in();
+  board_->runs("setenv tftpblocksize 512");
+  EXPECT_EQ(reads("boot.img", kSize), done(kSize));
+  expects_in_memory(noise(kSize));
+}
+
 // Each lost frame costs the five seconds after which both sides repeat what they sent last.
 TEST_F(UBootAtTheUnit, CarriesAWholeTestRunOverAWireThatLosesFrames) {
   NEEDS_WIRE();
@@ -274,6 +284,21 @@ TEST_F(UBootAtAPlayedServer, RepeatsRequestAndAcknowledgementAfterFiveSeconds) {
   server_->expects(tftp::ack(2));
   ASSERT_TRUE(board_->finishes().has_value());
   expects_in_memory(noise(1468) + "end");
+}
+
+TEST_F(UBootAtAPlayedServer, TakesBlocksOnlyFromThePortThatAnsweredFirst) {
+  plugs_in();
+  board_->types("tftp 46000000 boot.img");
+  server_->expects(tftp::rrq("boot.img", usual_options()));
+  server_->sends(tftp::oack(usual_options()));
+  server_->expects(tftp::ack(0));
+  UdpPeer other(TestNetwork::kStation);
+  other.aims_at(TestNetwork::kUnit, server_->their_port());
+  other.sends(tftp::data(1, "another"));
+  server_->sends(tftp::data(1, "the same"));
+  server_->expects(tftp::ack(1));
+  ASSERT_TRUE(board_->finishes().has_value());
+  expects_in_memory("the same");
 }
 
 // --- A setting that the daemon cannot follow
