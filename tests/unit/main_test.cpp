@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/emulated.h"
 #include "support/sanitized.h"
 #include "support/station.h"
 
@@ -227,6 +228,7 @@ void loses_udp_sockets() {
 }
 
 TEST_F(Main, WithoutASocketTheRuntimeAbortsTheProgram) {
+  LEFT_OUT_UNDER_EMULATION("the filter is for the system calls of this machine");
   std::unique_ptr<Daemon> daemon;
   std::thread([&] {
     loses_udp_sockets();
@@ -290,6 +292,7 @@ class Stuck {
 };
 
 TEST_F(Main, SignalBeforeTheServerExistsEndsTheProgramByItsNumber) {
+  LEFT_OUT_UNDER_EMULATION("the process is seen as qemu");
   const Daemon running;
   ASSERT_TRUE(running.serves());
   const std::string program = "/proc/" + std::to_string(running.pid()) + "/exe";
@@ -305,6 +308,7 @@ TEST_F(Main, SignalBeforeTheServerExistsEndsTheProgramByItsNumber) {
 }
 
 TEST_F(Main, NeedsOnlyTheLanguagesLibrariesAndThreads) {
+  LEFT_OUT_UNDER_EMULATION("the process is seen as qemu");
   if (kSanitized) GTEST_SKIP() << "a sanitizer brings libraries of its own";
   const Daemon daemon;
   ASSERT_TRUE(daemon.serves());

@@ -15,6 +15,7 @@
 #include "support/aimed_server.h"
 #include "support/captured_output.h"
 #include "support/descriptors.h"
+#include "support/emulated.h"
 #include "support/fault.h"
 #include "support/played_workers.h"
 #include "support/sandbox.h"
@@ -72,6 +73,7 @@ TEST_F(MessageReceiver, ListensForTheUnitAndConnectsToThePptServer) {
 }
 
 TEST_F(MessageReceiver, QueuesFiveConnections) {
+  LEFT_OUT_UNDER_EMULATION("TCP_INFO is not passed on");
   const CapturedOutput output;
   const TcpAddress ppt_server(kRemoteInDots);
   MessageServer server(kMessagePort);

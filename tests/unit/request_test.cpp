@@ -320,7 +320,7 @@ TEST_F(ProcessRequest, WriteCutsNameTo255Characters) {
 TEST_F(ProcessRequest, WriteLeavesDirectoryAlone) {
   std::filesystem::create_directory("images");
   const int descriptor = open("images", O_RDONLY);
-  const bool has_end = lseek(descriptor, 0, SEEK_END) != -1;
+  const bool has_end = lseek64(descriptor, 0, SEEK_END) != -1;
   close(descriptor);
   EXPECT_EQ(processes(wrq("images")), (Outcome{has_end ? 0 : 1, "WRQ \n"}));
   unit.expects(has_end ? error(6, "") : ack(0));
