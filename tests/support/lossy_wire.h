@@ -90,8 +90,10 @@ class LossyWire {
   int orders_ = -1;
 };
 
-#define NEEDS_WIRE() \
-  NEEDS_SANDBOX();   \
+#define NEEDS_WIRE()                                                        \
+  NEEDS_SANDBOX();                                                          \
+  if (access(WIRE_PROGRAM, X_OK) != 0)                                      \
+    GTEST_SKIP() << "needs the wire, which is built for this machine only"; \
   if (access("/dev/net/tun", R_OK | W_OK) != 0) GTEST_SKIP() << "needs /dev/net/tun"
 
 #endif
