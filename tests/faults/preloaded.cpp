@@ -1,0 +1,121 @@
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+// A library that is loaded into the program before all others, and makes one of its calls fail or moves its
+// clock:
+//
+//   FAIL="CALL N ERRNO"   the N-th CALL fails with this error. CALL: socket.dgram, socket.raw, bind, sendto,
+//                         recvfrom, select, fopen (of the streams for files) or pthread_create
+//   CLOCK_STEP=SECONDS    the time of day moves by so much at every look at it, forward or back
+//
+// What the program starts does not inherit it.
+
+namespace {
+
+char failing_call[32];
+int failing_number = 0;
+int error = 0;
+std::atomic<int> calls{0};
+long clock_step = 0;
+std::atomic<long> looks{0};
+
+__attribute__((constructor)) void read_environment() {
+  if (const char* const fault = std::getenv("FAIL")) {
+    if (std::sscanf(fault, "%31s %d %d", failing_call, &failing_number, &error) != 3) std::abort();
+  }
+  if (const char* const step = std::getenv("CLOCK_STEP")) clock_step = std::strtol(step, nullptr, 10);
+  unsetenv("LD_PRELOAD");
+}
+
+bool fails(const char* call) {
+  if (std::strcmp(call, failing_call) != 0 || ++calls != failing_number) return false;
+  errno = error;
+  return true;
+}
+
+template <typename Function>
+Function* real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+time_t moved(time_t seconds) {
+  return seconds + clock_step * ++looks;
+}
+
+}  // namespace
+
+extern "C" {
+
+int socket(int domain, int type, int protocol) noexcept {
+  static auto* const next = real<int(int, int, int)>("socket");
+  if (type == SOCK_DGRAM && fails("socket.dgram")) return -1;
+  if (type == SOCK_RAW && fails("socket.raw")) return -1;
+  return next(domain, type, protocol);
+}
+
+int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
+  static auto* const next = real<int(int, const sockaddr*, socklen_t)>("bind");
+  return fails("bind") ? -1 : next(descriptor, address, length);
+}
+
+ssize_t sendto(int descriptor, const void* bytes, size_t count, int flags, const sockaddr* address,
+               socklen_t length) {
+  static auto* const next =
+      real<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)>("sendto");
+  return fails("sendto") ? -1 : next(descriptor, bytes, count, flags, address, length);
+}
+
+ssize_t recvfrom(int descriptor, void* bytes, size_t count, int flags, sockaddr* address, socklen_t* length) {
+  static auto* const next = real<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)>("recvfrom");
+  return fails("recvfrom") ? -1 : next(descriptor, bytes, count, flags, address, length);
+}
+
+int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait) {
+  static auto* const next = real<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
+  return fails("select") ? -1 : next(count, read, write, except, wait);
+}
+
+FILE* fopen64(const char* path, const char* mode) {
+  static auto* const next = real<FILE*(const char*, const char*)>("fopen64");
+  return fails("fopen") ? nullptr : next(path, mode);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                   void* argument) noexcept {
+  static auto* const next =
+      real<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+  return fails("pthread_create") ? error : next(thread, attributes, body, argument);
+}
+
+time_t time(time_t* result) noexcept {
+  static auto* const next = real<time_t(time_t*)>("time");
+  const time_t now = moved(next(nullptr));
+  if (result != nullptr) *result = now;
+  return now;
+}
+
+int gettimeofday(timeval* now, void* zone) noexcept {
+  static auto* const next = real<int(timeval*, void*)>("gettimeofday");
+  const int result = next(now, zone);
+  now->tv_sec = moved(now->tv_sec);
+  return result;
+}
+
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  static auto* const next = real<int(clockid_t, timespec*)>("clock_gettime");
+  const int result = next(clock, now);
+  if (clock == CLOCK_REALTIME) now->tv_sec = moved(now->tv_sec);
+  return result;
+}
+
+}  // extern "C"
