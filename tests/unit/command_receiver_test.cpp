@@ -174,6 +174,21 @@ TEST(CommandReceiver, DescriptorThatNoSetHoldsIsClosedAtOnce) {
   EXPECT_EQ(receiver.ends(), kStopped);
 }
 
+TEST(CommandReceiver, ListeningSocketThatNoSetHoldsEndsTheThreadAndStaysOpen) {
+  int listener = -1;
+  {
+    const OccupiedDescriptors occupied(FD_SETSIZE);
+    if (!occupied.possible()) GTEST_SKIP() << "the machine does not allow so many descriptors";
+    listener = listening_socket();
+  }
+  ASSERT_GE(listener, FD_SETSIZE);
+  Receiver receiver(listener);
+  EXPECT_EQ(receiver.has_ended(), std::string("ERROR:  select() failed\n") + kStopped);
+  EXPECT_TRUE(receiver.record.receiving);
+  EXPECT_TRUE(is_open(listener));
+  close(listener);
+}
+
 TEST(CommandReceiver, FailureOfRecvClosesOnlyTheConnection) {
   Receiver receiver;
   const TcpPeer peer = receiver.connection();

@@ -209,6 +209,8 @@ TEST(TftpPacket, WithoutAnArrayHoldsAndGivesNothing) {
   EXPECT_EQ(packet.getData(4), nullptr);
   EXPECT_FALSE(packet.copyData(0, destination, 4));
   EXPECT_STREQ(destination, "same");
+  EXPECT_FALSE(packet.addMemory("a", 1));
+  EXPECT_EQ(packet.size, 2);
   packet.clear();
   EXPECT_EQ(packet.size, 0);
   EXPECT_EQ(packet.receivableSize(), 0);
@@ -463,6 +465,18 @@ TEST(TftpPacket, AddMemoryWritesNothingOfWhatDoesNotFitAndSaysSoWithoutAFlush) {
   EXPECT_FALSE(packet.addMemory("def", INT_MAX));
   EXPECT_EQ(packet.size, 3);
   EXPECT_EQ(output.text(), "Packet max size exceeded\nPacket max size exceeded\n");
+}
+
+TEST(TftpPacket, WithASizeBelowZeroRefusesEveryWriter) {
+  TFTP_Packet packet;
+  ASSERT_TRUE(packet.setSize(-1));
+  const CapturedOutput output;
+  EXPECT_FALSE(packet.addByte(1));
+  EXPECT_FALSE(packet.addWord(1));
+  EXPECT_FALSE(packet.addString("a"));
+  EXPECT_FALSE(packet.addMemory("a", 1));
+  EXPECT_EQ(packet.size, -1);
+  EXPECT_EQ(output.text(), "");
 }
 
 TEST(TftpPacket, WithoutRoomForAByteRefusesEveryWriter) {
