@@ -86,6 +86,28 @@ TEST_F(Bench, KeepsTheFolderOnRequest) {
   EXPECT_EQ(whole_file(results() + "/a/unit/a"), "b");
 }
 
+TEST_F(Bench, LeavesNothingWhenItIsInterrupted) {
+  const std::string file = directory_.file("long.run");
+  write_whole_file(file, "station starts\nbench waits 60 s\n");
+  const std::string command =
+      "timeout --preserve-status -s INT 2 " BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results();
+  EXPECT_EQ(WEXITSTATUS(std::system((command + " > /dev/null").c_str())), 130);
+  EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"}));
+  EXPECT_NE(std::system("pgrep -f '[l]ong.run' > /dev/null"), 0);
+}
+
+TEST_F(Bench, PlaysOneScenarioTwiceAtATime) {
+  const std::string file = directory_.file("twice.run");
+  write_whole_file(file, "station starts\nbench waits 1 s\nstation gets SIGINT\nstation exits 2\n");
+  const std::string command = BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results() + " > /dev/null";
+  EXPECT_EQ(std::system((command + " & first=$!; " + command + " && wait $first").c_str()), 0);
+}
+
+TEST_F(Bench, TakesALinkThatCannotBeForWrong) {
+  EXPECT_NE(goes_wrong("board link is called a-name-that-is-too-long\nstation starts\n").find("no wire"),
+            std::string::npos);
+}
+
 TEST_F(Bench, SeesAnotherExitStatus) {
   EXPECT_EQ(goes_wrong("station starts\nstation gets SIGTERM\nstation exits 2\n"),
             "WRONG: line 3, station exits 2: its exit status is 15");

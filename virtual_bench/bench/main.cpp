@@ -5,7 +5,9 @@
 // NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --steps lists what
 // a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or the
 // scenario cannot be understood, 77 this machine does not allow it.
+#include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -50,21 +52,76 @@ bool draw(const fs::path& folder, const fs::path& capture, const fs::path& pictu
   return process.ended() == 0;
 }
 
-ExitStatus play(const Call& call, const Scenario& scenario) {
-  const fs::path folder = call.results / call.scenario.stem();
-  const fs::path capture = folder.string() + ".pcap";
-  const fs::path picture = folder.string() + ".svg";
-  fs::remove_all(folder);
-  fs::create_directories(folder);
+// The folder of one run, under a name of its own until the run has ended: other runs of the same scenario may
+// be played at the same time.
+class RunFolder {
+ public:
+  RunFolder(const fs::path& results, const std::string& name, bool keep)
+      : results_(results), name_(name), keep_(keep), path_((results / (name + ".XXXXXX")).string()) {
+    fs::create_directories(results);
+    if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("cannot make " + path_);
+    fs::permissions(path_, kEverybodyReads);
+  }
+  ~RunFolder() {
+    std::error_code ignored;
+    fs::remove_all(keep_ ? results_ / name_ : fs::path(path_), ignored);
+    if (keep_) fs::rename(path_, results_ / name_, ignored);
+  }
+  RunFolder(const RunFolder&) = delete;
+  RunFolder& operator=(const RunFolder&) = delete;
+
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+  const std::string& name() const { return name_; }
+  // Puts NAME.pcap or NAME.svg in its final place.
+  void hand_over(const std::string& extension) const {
+    fs::rename(file(name_ + extension), results_ / (name_ + extension));
+  }
+  // As somebody would write it who stands in the working directory.
+  std::string result(const std::string& extension) const {
+    return fs::proximate(results_ / (name_ + extension));
+  }
+
+ private:
+  static constexpr fs::perms kEverybodyReads = fs::perms::owner_all | fs::perms::group_read |
+                                               fs::perms::group_exec | fs::perms::others_read |
+                                               fs::perms::others_exec;
+  const fs::path results_;
+  const std::string name_;
+  const bool keep_;
+  std::string path_;
+};
+
+int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
+  const std::string capture = folder.file(folder.name() + ".pcap");
+  const std::string picture = folder.file(folder.name() + ".svg");
   const Programs programs = {call.station, beside_this("unit"), beside_this("ppt_server"),
                              beside_this("wire")};
-  const std::optional<std::string> wrong = Run(scenario, programs, folder, capture).play();
-  if (!draw(folder, capture, picture)) std::cout << "The picture could not be drawn." << std::endl;
-  if (!call.keep) fs::remove_all(folder);
-  std::cout << call.scenario.stem().string() << (wrong ? " did not go" : " went")
-            << " as the scenario says: " << fs::proximate(picture).string() << ", "
-            << fs::proximate(capture).string() << std::endl;
-  return wrong ? kOtherwise : kAsExpected;
+  const std::optional<std::string> wrong =
+      Run(scenario, programs, folder.name(), folder.path(), capture).play();
+  const bool drawn = draw(folder.path(), capture, picture);
+  folder.hand_over(".pcap");
+  if (drawn) folder.hand_over(".svg");
+  std::cout << folder.name() << (wrong ? " did not go" : " went")
+            << " as the scenario says: " << (drawn ? folder.result(".svg") : "no picture could be drawn")
+            << ", " << folder.result(".pcap") << std::endl;
+  return wrong || !drawn ? kOtherwise : kAsExpected;
+}
+
+// What work returns; what it throws is said, and is a status too.
+int reported(const std::function<int()>& work) {
+  try {
+    return work();
+  } catch (const ScenarioError& error) {
+    std::cerr << "bench: " << error.what() << std::endl;
+    return kNotUnderstood;
+  } catch (const NotAllowed& error) {
+    std::cerr << "bench: not possible on this machine: " << error.what() << std::endl;
+    return kNotAllowed;
+  } catch (const std::exception& error) {
+    std::cerr << "bench: " << error.what() << std::endl;
+    return kOtherwise;
+  }
 }
 
 }  // namespace
@@ -79,18 +136,14 @@ int main(int argc, char** argv) {
     std::cerr << "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --steps\n";
     return kNotUnderstood;
   }
-  try {
+  return reported([&] {
     const Scenario scenario = read_scenario(call.scenario);
-    enter_namespaces();
-    return play(call, scenario);
-  } catch (const ScenarioError& error) {
-    std::cerr << "bench: " << error.what() << std::endl;
-    return kNotUnderstood;
-  } catch (const NotAllowed& error) {
-    std::cerr << "bench: not possible on this machine: " << error.what() << std::endl;
-    return kNotAllowed;
-  } catch (const std::exception& error) {
-    std::cerr << "bench: " << error.what() << std::endl;
-    return kOtherwise;
-  }
+    const RunFolder folder(call.results, call.scenario.stem(), call.keep);
+    return in_namespaces([&] {
+      return reported([&] {
+        become_station();
+        return play(call, scenario, folder);
+      });
+    });
+  });
 }

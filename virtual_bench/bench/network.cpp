@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "bench/waiting.h"
@@ -21,6 +22,8 @@ namespace {
 
 constexpr double kPatienceSeconds = 10;
 constexpr int kDescriptorOfThisNamespace = O_RDONLY | O_CLOEXEC;
+constexpr int kKilled = 128;  // plus the signal's number, as a shell says it
+constexpr char kTunDevice[] = "/dev/net/tun";
 constexpr char kThisNetwork[] = "/proc/self/ns/net";
 constexpr int kOwnNamespaces = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
 
@@ -39,10 +42,25 @@ void unshare_namespaces() {
   std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
 }
 
-[[noreturn]] void wait_for(pid_t child) {
+volatile pid_t inner_process = -1;
+volatile sig_atomic_t signal_that_came = 0;
+
+// The first process of a namespace takes the others with it.
+void end_inner_process(int signal_number) {
+  signal_that_came = signal_number;
+  kill(inner_process, SIGKILL);
+}
+
+int status_of(pid_t child) {
+  inner_process = child;
+  struct sigaction ends = {};
+  ends.sa_handler = end_inner_process;
+  sigaction(SIGINT, &ends, nullptr);
+  sigaction(SIGTERM, &ends, nullptr);
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
-  std::_Exit(WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE);
+  if (signal_that_came != 0) return kKilled + signal_that_came;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE;
 }
 
 int open_this_network() {
@@ -67,22 +85,37 @@ void quieten() {
   }
 }
 
-void run(const Place& place, const std::string& command) {
-  Process process({"/bin/sh", "-c", command + " 2>&1"}, [&] {
+// Runs "ip" with these words.
+void ip(const Place& place, const std::string& words) {
+  std::vector<std::string> command = {"ip"};
+  std::istringstream in(words);
+  for (std::string word; in >> word;) command.push_back(word);
+  Process process(command, [&] {
     place.enter();
     quieten();
+    dup2(STDOUT_FILENO, STDERR_FILENO);
   });
   const bool in_time = comes_true(kPatienceSeconds, [&] { return process.ended().has_value(); });
-  if (!in_time || *process.ended() != 0) throw std::runtime_error(command + ": " + process.rest());
+  if (!in_time || *process.ended() != 0) throw std::runtime_error("ip " + words + ": " + process.rest());
+}
+
+void ip_up(const Place& place, const std::string& device, const std::string& address) {
+  ip(place, "address add " + address + " dev " + device);
+  ip(place, "link set " + device + " up");
 }
 
 }  // namespace
 
-void enter_namespaces() {
+int in_namespaces(const std::function<int()>& work) {
+  if (access(kTunDevice, R_OK | W_OK) != 0) refuse(kTunDevice);
   unshare_namespaces();
   const pid_t child = fork();
   if (child < 0) refuse("fork");
-  if (child > 0) wait_for(child);
+  if (child > 0) return status_of(child);
+  std::_Exit(work());
+}
+
+void become_station() {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) refuse("private mounts");
   if (mount("proc", "/proc", "proc", 0, nullptr) != 0) refuse("/proc of one's own");
@@ -111,17 +144,13 @@ Network::Network(const std::string& wire, const std::string& capture, const std:
       std::vector<std::string>{wire, capture, fates, std::to_string(seed), test_link, ppt_link}, [] {},
       errors);
   const auto ready = [&] { return wire_->next_line() == "ready" || wire_->ended().has_value(); };
-  if (!comes_true(kPatienceSeconds, ready) || wire_->ended()) {
-    std::ifstream file(errors);
-    std::string reason;
-    std::getline(file, reason);
-    throw NotAllowed("no wire: " + reason);
-  }
-  run(station, "ip link set lo up && ip address add 172.40.0.1/24 broadcast 172.40.0.255 label " +
-                   station_link + ":0 dev " + station_link + " && ip link set " + station_link +
-                   " up && ip address add 172.30.0.1/24 dev ppt0 && ip link set ppt0 up");
-  run(unit, "ip address add 172.40.0.2/24 broadcast 172.40.0.255 dev lan0 && ip link set lan0 up");
-  run(ppt_server, "ip address add 172.30.0.254/24 dev ppt0 && ip link set ppt0 up");
+  if (!comes_true(kPatienceSeconds, ready) || wire_->ended())
+    throw std::runtime_error("no wire, see " + errors);
+  ip(station, "link set lo up");
+  ip_up(station, station_link, "172.40.0.1/24 broadcast 172.40.0.255 label " + station_link + ":0");
+  ip_up(station, "ppt0", "172.30.0.1/24");
+  ip_up(unit, "lan0", "172.40.0.2/24 broadcast 172.40.0.255");
+  ip_up(ppt_server, "ppt0", "172.30.0.254/24");
 }
 
 Network::~Network() {

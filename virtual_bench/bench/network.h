@@ -1,6 +1,7 @@
 #ifndef BENCH_NETWORK_H
 #define BENCH_NETWORK_H
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -21,10 +22,12 @@ struct NotAllowed : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Goes into namespaces of one's own for mounts, processes and network; the caller then is the station, and
-// its children die with it. Returns in a child; the calling process waits for it there and exits with its
-// status. Throws NotAllowed where that is not possible.
-void enter_namespaces();
+// Does the work in a child process that has namespaces of its own for mounts, processes and network. Returns
+// what work returns, or 128 plus the number of the SIGINT or SIGTERM that came; all that work has started has
+// ended then. Throws NotAllowed where that is not possible.
+int in_namespaces(const std::function<int()>& work);
+// For work to begin with: from now on the process is the station. Throws NotAllowed.
+void become_station();
 
 // A network namespace. Whoever calls its enter is in it from then on.
 class Place {

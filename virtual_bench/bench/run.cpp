@@ -20,10 +20,11 @@ constexpr int kWireSeed = 1;                // the same chances at every run
 
 }  // namespace
 
-Run::Run(const Scenario& scenario, const Programs& programs, const std::string& folder,
-         const std::string& capture)
+Run::Run(const Scenario& scenario, const Programs& programs, const std::string& name,
+         const std::string& folder, const std::string& capture)
     : scenario_(scenario),
       programs_(programs),
+      name_(name),
       folder_(folder),
       capture_(capture),
       board_(folder + "/board", folder + "/board.log"),
@@ -129,7 +130,7 @@ bool Run::ppt_server_said(const std::string& line) const {
 void Run::write_summary(const std::optional<std::string>& wrong) const {
   std::ofstream summary(folder_ + "/run");
   summary << "title " << scenario_.title << '\n'
-          << "name " << fs::path(folder_).filename().string() << '\n'
+          << "name " << name_ << '\n'
           << "start " << in_log_form(timeline_.start()) << '\n'
           << "end " << in_log_form(epoch_seconds()) << '\n'
           << "command " << station_command_ << '\n'

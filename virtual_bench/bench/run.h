@@ -33,9 +33,9 @@ struct Programs {
 //   read unit.log, errors  what else the programs said              board/     the board's scripts and state
 class Run {
  public:
-  // folder: exists and is empty. capture: the file that the wire records into. The calling process is the
-  // station (enter_namespaces).
-  Run(const Scenario& scenario, const Programs& programs, const std::string& folder,
+  // name: the run's. folder: exists and is empty. capture: the file that the wire records into. The calling
+  // process has become the station.
+  Run(const Scenario& scenario, const Programs& programs, const std::string& name, const std::string& folder,
       const std::string& capture);
 
   // Nothing when all went as the scenario says, else what did not. The run's processes have ended then.
@@ -102,6 +102,7 @@ class Run {
 
   const Scenario scenario_;
   const Programs programs_;
+  const std::string name_;
   const std::string folder_;
   const std::string capture_;
   const Timeline timeline_;
