@@ -323,12 +323,14 @@ TEST_F(UBootAtTheUnit, WithATimeoutOfLessThanFiveSecondsReadsNothingButVerdicts)
   station_->boots();
   plugs_in();
   board_->runs("setenv tftptimeout 4000");
-  EXPECT_EQ(reads("boot.img", 2000),
-            "Using virtio-net#32 device\n"
-            "TFTP from server 172.40.0.1; our IP address is 172.40.0.2\n"
-            "Filename 'boot.img'.\n"
-            "Load address: 0x46000000\n"
-            "Loading: *\bInvalid timeout val(=5 s)\n");
+  const std::string refused =
+      "Using virtio-net#32 device\n"
+      "TFTP from server 172.40.0.1; our IP address is 172.40.0.2\n"
+      "Filename 'boot.img'.\n"
+      "Load address: 0x46000000\n"
+      "Loading: *\bInvalid timeout val(=5 s)\n";
+  // It tells the daemon, and may or may not still see the daemon's answer to that.
+  EXPECT_EQ(reads("boot.img", 2000).substr(0, refused.size()), refused);
   EXPECT_FALSE(board_->succeeded());
   board_->runs("setenv tftptimeout 6000");
   EXPECT_EQ(reads("boot.img", 2000), done(2000));
