@@ -106,16 +106,26 @@ TEST_F(Limits, WithOneDescriptorARequestIsRefusedLikeThatOfAMissingFile) {
 
 TEST_F(Limits, WithoutMemoryForAThreadAReadStopsBehindItsFirstBlock) {
   FaultyStation station;
-  UdpPeer client = station.client();
+  const std::string contents = noise(1200);
+  write_whole_file("longer", contents);
+  // This reader's thread has made the place for its blocks by then.
+  UdpPeer reader = station.client();
+  reader.sends(rrq("longer"));
+  reader.expects(data(1, contents.substr(0, 512)));
+  reader.sends(ack(1));
+  reader.expects(data(2, contents.substr(512, 512)));
+  UdpPeer client = station.station().client(2004);
   {
     const Limit none(station.daemon(), RLIMIT_AS, address_space(station.daemon()));
     client.sends(rrq("file"));
     client.expects(data(1, FaultyStation::block(1)));
     client.sends(ack(1));
     FaultyStation::is_left_alone(client);
-    station.first_client_goes_on();
+    reader.sends(ack(2));
+    reader.expects(data(3, contents.substr(1024)));
+    reader.sends(ack(3));
   }
-  station.survives(kRequested);
+  station.survives(std::string("RRQ longer\n") + kRequested);
 }
 
 TEST_F(Limits, WriteRequestOnAFullDiskIsAcknowledgedAndMakesNoFile) {
