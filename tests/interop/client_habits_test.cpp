@@ -53,7 +53,16 @@ class ClientOfAPlayedServer : public testing::Test {
       if (name == "tsize") value = "515";
     }
     server_->sends(tftp::oack(acknowledged));
-    server_->expects(ack(0));
+    expects_after(rrq(kName, options), ack(0));
+  }
+  // The datagram comes, perhaps behind more of the one before it: on a busy machine the server may be slow to
+  // answer, and a hasty client repeats what it sent.
+  void expects_after(const std::string& before, const std::string& datagram) {
+    std::optional<std::string> received;
+    do {
+      received = server_->receives();
+    } while (received == before);
+    EXPECT_EQ(received, datagram) << server_->log();
   }
 
   std::optional<ScratchDirectory> directory_;
@@ -159,7 +168,7 @@ TEST_P(Silence, MakesTheClientRepeatItsAcknowledgementAndGiveUp) {
   NEEDS_CLIENT(GetParam().client);
   begins(GetParam().client, GetParam().options);
   server_->sends(data(1, std::string(512, 'x')));
-  server_->expects(ack(1));
+  expects_after(ack(0), ack(1));
   expects_until_the_end(ack(1));
 }
 
@@ -206,10 +215,10 @@ TEST_P(Repetition, OfABlockIsAcknowledgedAgainAtOnceAndStoredOnce) {
   begins(GetParam().client, GetParam().options);
   for (int i = 0; i < 2; ++i) {
     server_->sends(data(1, std::string(512, 'x')));
-    EXPECT_LT(seconds_of([&] { server_->expects(ack(1)); }), kTolerance);
+    EXPECT_LT(seconds_of([&] { expects_after(ack(0), ack(1)); }), kTolerance);
   }
   server_->sends(data(2, "end"));
-  server_->expects(ack(2));
+  expects_after(ack(1), ack(2));
   EXPECT_EQ(program_->exit_status(seconds(10)), 0) << program_->output();
   EXPECT_EQ(whole_file("local"), std::string(512, 'x') + "end");
 }
@@ -221,7 +230,7 @@ TEST_P(Repetition, OfATransferIsToldApartByThePortOrNot) {
   UdpPeer other(kLoopback);
   other.aims_at(kLoopback, server_->their_port());
   server_->sends(data(1, std::string(512, 'x')));
-  server_->expects(ack(1));
+  expects_after(ack(0), ack(1));
   other.sends(data(2, "another"));
   server_->sends(data(2, "the same"));
   EXPECT_EQ(program_->exit_status(seconds(10)), 0) << program_->output();
