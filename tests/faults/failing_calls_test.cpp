@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "faults/faulty_station.h"
@@ -159,12 +158,11 @@ TEST_F(FailingCall, VerdictWhoseFileIsNotSentCountsAllTheSame) {
 }
 
 TEST_F(FailingCall, ReceiveOfAnAcknowledgementDisconnectsTheClient) {
-  // The server's third receive waits by then.
   FaultyStation station(fault("recvfrom", 4, ECONNREFUSED));
   UdpPeer client = station.client();
   client.sends(rrq("file"));
   client.expects(data(1, FaultyStation::block(1)));
-  std::this_thread::sleep_for(milliseconds(200));
+  station.settles(2);
   client.sends(ack(1));
   client.expects(error(4, kDisconnected));
   station.survives(kRequested);

@@ -2,8 +2,11 @@
 #define FAULTS_FAULTY_STATION_H
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +15,7 @@
 #include "support/emulated.h"
 #include "support/sanitized.h"
 #include "support/station.h"
+#include "support/threads.h"
 
 // Loads a library into every program that is started while the object lives.
 class Preloaded {
@@ -52,6 +56,7 @@ class FaultyStation {
     write_whole_file("first", contents());
     first_.sends(tftp::rrq("first"));
     first_.expects(tftp::data(1, block(1)));
+    settles(1);
   }
 
   static const std::string& contents() {
@@ -60,6 +65,18 @@ class FaultyStation {
   }
   static std::string block(int number) {
     return contents().substr(512 * (static_cast<std::size_t>(number) - 1), 512);
+  }
+  // Waits until the server waits for a request, and so many transfers for an acknowledgement.
+  void settles(int transfers) const {
+    EXPECT_TRUE(eventually([&] {
+      const std::string tasks = "/proc/" + std::to_string(daemon().pid()) + "/task";
+      int waiting = 0;
+      for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        waiting += system_call(task.path().string()) == SYS_pselect6 ? 1 : 0;  // what select calls
+      }
+      return waiting == transfers &&
+             system_call(tasks + "/" + std::to_string(daemon().pid())) == SYS_recvfrom;
+    }));
   }
   UdpPeer client() const { return station_->client(); }
   const station::OnLoopback& station() const { return *station_; }
@@ -86,6 +103,13 @@ class FaultyStation {
   }
 
  private:
+  // Which one the thread waits in; -1 for none.
+  static long system_call(const std::string& task) {
+    std::ifstream file(task + "/syscall");
+    long number = -1;
+    file >> number;
+    return file ? number : -1;
+  }
   static std::unique_ptr<station::OnLoopback> with_fault(const std::string& fault) {
     const Preloaded library("FAIL", fault);
     return std::make_unique<station::OnLoopback>(std::vector<std::string>{},
