@@ -83,10 +83,12 @@ TEST_F(Limits, WithoutADescriptorARequestHasNoAnswer) {
   FaultyStation station;
   UdpPeer client = station.client();
   {
-    const Limit none(station.daemon(), RLIMIT_NOFILE, limit_for(station.daemon(), 0));
+    const rlim_t limit = limit_for(station.daemon(), 0);
+    const Limit none(station.daemon(), RLIMIT_NOFILE, limit);
     client.sends(rrq("file"));
     FaultyStation::is_left_alone(client);
     station.first_client_goes_on();
+    ASSERT_TRUE(eventually([&] { return limit_for(station.daemon(), 2) <= limit; }));
     // The first client's two descriptors are enough for one more.
     EXPECT_EQ(read_by_tftp(client, rrq("first")), FaultyStation::contents());
   }
