@@ -1,6 +1,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -22,6 +23,8 @@ constexpr int kDefaultMessagePort = 12345;
 constexpr char kDefaultServerIp[] = "127.0.0.1";
 constexpr char kDefaultPptServerIp[] = "172.30.0.254";
 constexpr int kExitFailure = 1;
+// Many times what a thread was seen to use (12 KiB), and no less than any system asks for.
+constexpr std::size_t kThreadStackBytes = 256 * 1024;
 
 constexpr const char* kUsage[] = {
     "",
@@ -85,6 +88,17 @@ Settings read_command_line(int argc, char** argv) {
   return settings;
 }
 
+// Every thread is created with the default attributes, and none is joined. With these, a thread's stack is
+// free for the next one as soon as it ends, and a 32-bit board has room for as many as it has descriptors.
+void set_default_thread_attributes() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attributes, kThreadStackBytes);
+  pthread_setattr_default_np(&attributes);
+  pthread_attr_destroy(&attributes);
+}
+
 const pthread_t main_thread = pthread_self();
 
 // For good: what the handler would delete, main deletes.
@@ -129,6 +143,7 @@ void signalHandler(int signal_number) {
 }
 
 int main(int argc, char** argv) {
+  set_default_thread_attributes();
   signal(SIGINT, signalHandler);
   signal(SIGTERM, signalHandler);
   const Settings settings = read_command_line(argc, argv);
