@@ -1,3 +1,4 @@
+#include <sched.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -105,6 +106,7 @@ void CommandReceiver::run() {
       std::cout << "ERROR:  select() failed" << std::endl;
       break;
     }
+    if (ready == 0) sched_yield();  // a board has one core, and the transfers need it
     serve_readable(readable, ready);
   } while (record_->receiving);
   say_goodbye(&record_->receiver_thread);

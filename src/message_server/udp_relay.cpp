@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <sched.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -65,6 +66,7 @@ void relay_until_stopped(const MessageServer& record, int listener, int forwarde
       std::cout << "Error in UDP select(): " << std::endl;
       return;
     }
+    if (ready == 0) sched_yield();  // a board has one core, and the transfers need it
     if (ready > 0 && !relay_datagram(listener, forwarder, &destination)) return;
   }
 }
