@@ -19,8 +19,10 @@ std::uint16_t low_16_bits(int number) {
 
 }  // namespace
 
-TFTP_Packet::TFTP_Packet() {
-  replaceArray(kMaxSize);
+TFTP_Packet::TFTP_Packet() : TFTP_Packet(kMaxSize) {}
+
+TFTP_Packet::TFTP_Packet(int capacity) {
+  replaceArray(capacity);
 }
 
 TFTP_Packet::~TFTP_Packet() {

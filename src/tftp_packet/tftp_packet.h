@@ -29,6 +29,8 @@ class TFTP_Packet {
 
   // An empty packet with capacity kMaxSize, all zero.
   TFTP_Packet();
+  // The same with another capacity, at most kMaxSize.
+  explicit TFTP_Packet(int capacity);
   ~TFTP_Packet();
   TFTP_Packet(const TFTP_Packet&) = delete;
   TFTP_Packet& operator=(const TFTP_Packet&) = delete;

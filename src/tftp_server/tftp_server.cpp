@@ -134,10 +134,8 @@ void TFTPServer::announceBoot() {
 
 void TFTPServer::serveDatagram(const char* bytes, int count, const sockaddr_in& sender,
                                socklen_t sender_length) {
-  auto client = std::make_unique<ServerClient>();
+  auto client = std::make_unique<ServerClient>(kRequestCapacity);
   ServerClient::sClientID += 1;
-  client->received_packet.reSize(kRequestCapacity);
-  client->sent_packet.reSize(kRequestCapacity);
   // Wraps after some twenty million datagrams.
   client->local_port = static_cast<std::int32_t>(
       kClientPortStep * static_cast<std::uint32_t>(ServerClient::sClientID) + kClientPortBase);

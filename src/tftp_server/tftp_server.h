@@ -42,6 +42,9 @@ struct ServerClient {
   static constexpr std::int32_t kDefaultBlockSize = 512;  // bytes, RFC 1350
 
   ServerClient() = default;
+  // With packets of that capacity, in bytes.
+  explicit ServerClient(int packet_capacity)
+      : received_packet(packet_capacity), sent_packet(packet_capacity) {}
   ~ServerClient();
   ServerClient(const ServerClient&) = delete;
   ServerClient& operator=(const ServerClient&) = delete;
