@@ -111,7 +111,8 @@ bool TFTP_Packet::addMemory(const char* source, int count) {
     return false;
   }
   if (data == nullptr || size < 0 || count < 0) return false;
-  std::memcpy(data + size, source, static_cast<std::size_t>(count));
+  const bool is_in_place = reinterpret_cast<const char*>(data + size) == source;
+  if (!is_in_place) std::memcpy(data + size, source, static_cast<std::size_t>(count));
   size += count;
   return true;
 }
@@ -157,11 +158,17 @@ bool TFTP_Packet::createWRQ(const std::string& file_name) {
   return true;
 }
 
+char* TFTP_Packet::roomForData(int count) {
+  return receivableSize() - kHeaderSize < count ? nullptr : reinterpret_cast<char*>(data + kHeaderSize);
+}
+
+// Clears what it does not write, and only that: this is done for every block.
 bool TFTP_Packet::createData(int block, const char* source, int count) {
-  clear();
+  size = 0;
   addWord(kDATA);
   addWord(low_16_bits(block));
   if (count != 0) addMemory(source, count);
+  if (size < receivableSize()) std::memset(data + size, 0, static_cast<std::size_t>(receivableSize() - size));
   return true;
 }
 

@@ -68,7 +68,7 @@ class TFTP_Packet {
   // Appends the text and a NUL. False at the first character that does not fit; the NUL may be missing then.
   bool addString(const std::string& text);
   // All of count bytes or none. Says so on standard output when they do not fit; a count below zero is
-  // refused.
+  // refused. Bytes that stand at the end already need no copy.
   bool addMemory(const char* source, int count);
 
   // Readers. An offset outside the array reads as 0.
@@ -85,7 +85,11 @@ class TFTP_Packet {
   bool createRRQ(const std::string& file_name, const std::vector<std::string>& option_names,
                  const std::vector<std::string>& option_values);
   bool createWRQ(const std::string& file_name);
+  // source: outside the packet, or what roomForData has given.
   bool createData(int block, const char* source, int count);
+  // Where createData will place count bytes, for a caller that writes them there itself: they are then not
+  // copied. Null when they do not fit.
+  char* roomForData(int count);
   // Leaves the packet with a capacity of 4 bytes: it needs a reSize before it holds anything longer.
   bool createACK(int block);
   bool createError(int code, const std::string& message);

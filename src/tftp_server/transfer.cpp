@@ -33,16 +33,19 @@ int TFTPServer::sendPacket(TFTP_Packet* packet, ServerClient* client) {
 }
 
 int TFTPServer::sendPacketData(ServerClient* client) {
+  TFTP_Packet& packet = client->sent_packet;
   const int block_size = std::max(client->block_size, 0);
-  const std::unique_ptr<char[]> block(new char[static_cast<std::size_t>(block_size)]);
-  client->input_file->read(block.get(), block_size);
+  const bool fits = packet.roomForData(block_size) != nullptr;
+  const std::unique_ptr<char[]> apart(fits ? nullptr : new char[static_cast<std::size_t>(block_size)]);
+  char* const block = fits ? packet.roomForData(block_size) : apart.get();
+  client->input_file->read(block, block_size);
   const int count = static_cast<int>(client->input_file->gcount());
   // A file of whole blocks reaches its end only with an extra block of no bytes.
   if (client->input_file->eof()) client->last_block = true;
   client->block_number += 1;
-  client->sent_packet.createData(client->block_number, block.get(), count);
+  packet.createData(client->block_number, block, count);
   if (client->block_number >= kBlockNumbers) client->block_number = 0;
-  return sendPacket(&client->sent_packet, client);
+  return sendPacket(&packet, client);
 }
 
 int TFTPServer::sendError(ServerClient* client, int code, const std::string& message) {
