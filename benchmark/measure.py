@@ -1,0 +1,370 @@
+"""Measures the program beside other servers and writes one JSON file. Usage: measure.py SETTINGS
+
+Runs as root in network, mount and process namespaces of its own; scripts/benchmark makes them. SETTINGS is a JSON
+text with: program, load, floor, packet_benchmark (files; "" where there is none), atftpd (file), folder (scratch),
+result (the file to write), quick (true: one round of tiny works, to see that every figure comes out).
+"""
+
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import time
+
+SETTINGS = json.loads(sys.argv[1])
+QUICK = SETTINGS["quick"]
+FOLDER = SETTINGS["folder"]
+SERVED = os.path.join(FOLDER, "served")
+PORT = 69
+LOOPBACK, STATION = "127.0.0.1", "172.40.0.1"
+RELAY_WAIT_SECONDS = 2.3  # the relay waits for two seconds before it polls
+PATIENCE_SECONDS = 10
+
+ROUNDS = 1 if QUICK else 5
+IMAGE_BYTES = (2 if QUICK else 32) << 20
+PART_BYTES = 1 << 20
+TINY_FILES = 20 if QUICK else 2000
+MANY_READS = (50, 200) if QUICK else (500, 100000)
+STARTS = 3 if QUICK else 20
+
+# A work is measured long enough to be steady: small amounts of time are read several times over.
+# name: (title, file, count of files, block size, clients, reads)
+WORKS = {
+    "512": ("one read, block size 512", "image", 0, 512, 1, 1),
+    "1428": ("one read, block size 1428", "image", 0, 1428, 1, 2),
+    "8192": ("one read, block size 8192", "image", 0, 8192, 1, 4),
+    "32768": ("one read, block size 32768", "image", 0, 32768, 1, 6),
+    "clients": ("64 clients at once, block size 1428", "part", 0, 1428, 64, 64),
+    "tiny": ("files of 100 bytes, one after another", "tiny", TINY_FILES, 512, 1, TINY_FILES),
+}
+
+
+def say(text):
+    print(f"{time.strftime('%H:%M:%S')} {text}", flush=True)
+
+
+def servers():
+    """The command of each server, by name, with the network it is measured on; None: not installed."""
+    program, floor, atftpd = SETTINGS["program"], SETTINGS["floor"], SETTINGS["atftpd"]
+    hpa, dnsmasq = shutil.which("in.tftpd"), shutil.which("dnsmasq")
+    return {
+        "floor": [floor, "one-thread", LOOPBACK, str(PORT), SERVED],
+        "thread floor": [floor, "thread-per-read", LOOPBACK, str(PORT), SERVED],
+        "TFTP": [program, "-o", LOOPBACK],
+        "TFTP with relay": [program, "-o", STATION],
+        "tftpd-hpa": hpa and [hpa, "-L", "-4", "-u", "root", "-a", f":{PORT}", "-s", SERVED],
+        "dnsmasq": dnsmasq and [dnsmasq, "--keep-in-foreground", "--conf-file=/dev/null", "--pid-file", "--port=0",
+                                "--enable-tftp", f"--tftp-root={SERVED}", f"--listen-address={LOOPBACK}",
+                                "--bind-interfaces", "--tftp-max=100", "--edns-packet-max=65000", "--user=root",
+                                "--quiet-tftp", "--log-facility=/dev/null"],
+        "atftpd": atftpd and [atftpd, "--daemon", "--no-fork", "--port", str(PORT), "--bind-address", LOOPBACK,
+                              "--user", "root", "--group", "root", "--verbose=0", "--logfile", "/dev/null", SERVED],
+    }
+
+
+class PrivateNetwork:
+    """The station's address on a link of its own, beside the loopback of this process: there the relay runs."""
+
+    def __init__(self):
+        self.holder = subprocess.Popen(["unshare", "--net", "sleep", "infinity"])
+        while open(f"/proc/{self.holder.pid}/comm").read() != "sleep\n":
+            time.sleep(0.01)
+        self.enter = ["nsenter", "--net", "--target", str(self.holder.pid), "--"]
+        for command in ("link set lo up", "link add lan0 type veth peer name unit0",
+                        f"address add {STATION}/24 broadcast 172.40.0.255 label lan0:0 dev lan0", "link set lan0 up",
+                        "link set unit0 up"):
+            subprocess.run(self.enter + ["ip"] + command.split(), check=True)
+
+
+def is_bound(pid):
+    """Whether a UDP socket in the process's network has the port."""
+    try:
+        with open(f"/proc/{pid}/net/udp") as table:
+            return any(line.split()[1].endswith(f":{PORT:04X}") for line in table.readlines()[1:])
+    except OSError:
+        return False
+
+
+class Server:
+    """A running server: started, listening, and ended with the block."""
+
+    def __init__(self, name, cpus, network, prefix=()):
+        command = servers()[name]
+        self.has_relay = name == "TFTP with relay"
+        self.address = STATION if self.has_relay else LOOPBACK
+        self.where = network.enter if self.has_relay else []
+        self.on_cpus = ["taskset", "--cpu-list", cpus]
+        self.process = subprocess.Popen(self.where + self.on_cpus + list(prefix) + command, cwd=SERVED,
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL)
+        deadline = time.monotonic() + PATIENCE_SECONDS
+        while not is_bound(self.process.pid):
+            if time.monotonic() > deadline or self.process.poll() is not None:
+                sys.exit(f"benchmark: {name} does not listen: {' '.join(command)}")
+            time.sleep(0.002)
+        if self.has_relay and not QUICK:
+            time.sleep(RELAY_WAIT_SECONDS)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.end()
+
+    def load(self, file, *arguments):
+        """The load program on one of the files, with the rest of its own arguments."""
+        words = [SETTINGS["load"], self.address, PORT, os.path.join(SERVED, file), *arguments]
+        return subprocess.Popen(self.where + self.on_cpus + [str(word) for word in words], text=True,
+                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+    def reads(self, *arguments):
+        """What the load program found."""
+        load = self.load(*arguments)
+        output, _ = load.communicate()
+        if load.returncode != 0:
+            sys.exit(f"benchmark: {' '.join(self.process.args)} did not serve what was asked for")
+        return json.loads(output)
+
+    def seconds_for_read(self, file, block):
+        """Processor seconds for one read, up to its last ACK: the child of a forking server is there until then."""
+        before = self.processor_seconds()
+        load = self.load(file, 0, block, 1, 1, "hold")
+        if load.stdout.readline() != "held\n":
+            sys.exit(f"benchmark: {' '.join(self.process.args)} did not serve what was asked for")
+        used = self.processor_seconds() - before
+        load.communicate("go on\n")
+        return used
+
+    def processor_seconds(self):
+        """What the server and those of its children that live have used so far."""
+        cpu_clock = 2  # of the clocks that belong to a process id
+        return sum(time.clock_gettime(~pid << 3 | cpu_clock) for pid in self.family())
+
+    def end(self):
+        self.process.terminate()
+        self.process.wait()
+
+    def family(self):
+        """The process ids of the server and of all that it has started."""
+        pids = [self.process.pid]
+        for pid in pids:
+            children = open(f"/proc/{pid}/task/{pid}/children").read().split()
+            pids += [int(child) for child in children]
+        return pids
+
+    def field(self, name):
+        """A line of the process's status in KiB, summed over its family."""
+        total = 0
+        for pid in self.family():
+            total += int(re.search(rf"^{name}:\s+(\d+)", open(f"/proc/{pid}/status").read(), re.M).group(1))
+        return total
+
+    def heap_kib(self):
+        """The part of the address space that grows with the records that the program keeps."""
+        maps = open(f"/proc/{self.process.pid}/maps").read()
+        heaps = re.findall(r"^(\w+)-(\w+) .*\[heap\]$", maps, re.M)
+        return sum(int(end, 16) - int(start, 16) for start, end in heaps) // 1024
+
+    def maps(self):
+        return len(open(f"/proc/{self.process.pid}/maps").readlines())
+
+
+def make_files():
+    os.makedirs(SERVED)
+    for name, size in [("image", IMAGE_BYTES), ("part", PART_BYTES)] + [(f"tiny{i}", 100) for i in range(TINY_FILES)]:
+        with open(os.path.join(SERVED, name), "wb") as file:
+            file.write(os.urandom(size))
+
+
+def cpu_settings():
+    """The two settings and their processors; a machine with one has the first only."""
+    cpus = sorted(os.sched_getaffinity(0))
+    settings = {"one core": str(cpus[-1])}
+    if len(cpus) > 1:
+        settings["two cores"] = f"{cpus[-2]},{cpus[-1]}"
+    return settings
+
+
+def measure_once(name, work, cpus, network):
+    _, file, count, block, clients, reads = WORKS[work]
+    with Server(name, cpus, network) as server:
+        figures = server.reads(file, count, block, clients, reads)
+    first_file = os.path.join(SERVED, file + "0" if count else file)
+    return {**figures, "bytes": reads * os.path.getsize(first_file), "reads": reads}
+
+
+def measure_works(present, settings, network):
+    """All rounds: in each, every work, and for each work every server in turn, in alternating order."""
+    rounds = []
+    for number in range(ROUNDS):
+        for setting, cpus in settings.items():
+            for work in WORKS:
+                for name in present if number % 2 == 0 else present[::-1]:
+                    figures = measure_once(name, work, cpus, network)
+                    rounds.append({"round": number, "setting": setting, "work": work, "server": name, **figures})
+            say(f"round {number + 1} of {ROUNDS}, {setting}: done")
+    return rounds
+
+
+def is_compared(name):
+    """The floors have their own files in memory, and the relay polls: their use of the machine tells nothing."""
+    return "floor" not in name and name != "TFTP with relay"
+
+
+def measure_processor_seconds(present, cpus, network):
+    """Rounds of: seconds for one read of the image at each block size, and for all the tiny files."""
+    rounds = []
+    for _ in range(ROUNDS):
+        for name in filter(is_compared, present):
+            for block in (512, 1428, 8192, 32768):
+                with Server(name, cpus, network) as server:
+                    seconds = server.seconds_for_read("image", block)
+                rounds.append({"server": name, "work": str(block), "seconds": seconds})
+            with Server(name, cpus, network) as server:
+                before = server.processor_seconds()
+                server.reads("tiny", TINY_FILES, 512, 1, TINY_FILES)
+                time.sleep(0.05)  # the last transfer comes to its end
+                rounds.append({"server": name, "work": "tiny", "seconds": server.processor_seconds() - before})
+    return rounds
+
+
+def memory_with_open_reads(server, count):
+    """Resident KiB while that many clients have got their first block and say nothing."""
+    clients = []
+    for _ in range(count):
+        client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        client.settimeout(PATIENCE_SECONDS)
+        client.sendto(b"\0\1part\0octet\0", (server.address, PORT))
+        clients.append(client)
+    for client in clients:
+        client.recv(1024)
+    return server.field("VmRSS")
+
+
+def measure_memory(present, cpus, network):
+    memory = {}
+    for name in filter(is_compared, present):
+        with Server(name, cpus, network) as server:
+            time.sleep(0.2)
+            idle = server.field("VmRSS")
+            memory[name] = {"idle_kib": idle, "open_kib": memory_with_open_reads(server, 64)}
+    return memory
+
+
+def measure_many_transfers(cpus, network):
+    """How the program's memory and address space develop."""
+    few, many = MANY_READS
+    points = []
+    with Server("TFTP", cpus, network) as server:
+        for reads in (few, many - few):
+            server.reads("tiny", TINY_FILES, 512, 1, reads)
+            time.sleep(0.2)
+            points.append({"maps": server.maps(), "address_space_kib": server.field("VmSize"),
+                           "heap_kib": server.heap_kib(), "resident_kib": server.field("VmRSS")})
+    kept = (points[1]["resident_kib"] - points[0]["resident_kib"]) * 1024 / (many - few)
+    return {"few": few, "many": many, "after_few": points[0], "after_many": points[1], "kept_bytes": kept}
+
+
+def count_calls(cpus, network, file):
+    """The calls of the program from its start to its end when it serves the file once, and the file's blocks."""
+    summary = os.path.join(FOLDER, "strace")
+    strace = ["strace", "--follow-forks", "--summary-only", "--output", summary]
+    server = Server("TFTP", cpus, network, strace)
+    blocks = server.reads(file, 0, 1428, 1, 1)["blocks"]
+    time.sleep(0.2)
+    for pid in server.family()[1:]:
+        os.kill(pid, signal.SIGTERM)
+    os.wait4(server.process.pid, 0)
+    server.process.returncode = 0
+    calls = {}
+    for line in open(summary):
+        columns = line.split()
+        if len(columns) >= 5 and re.fullmatch(r"\d+", columns[3]) and columns[-1] != "total":
+            calls[columns[-1]] = int(columns[3])
+    return calls, blocks
+
+
+def measure_calls(cpus, network):
+    """System calls per block: what a longer file adds, so that the start, the end and the request drop out."""
+    if not shutil.which("strace"):
+        say("skipped: system calls per block (strace is not installed)")
+        return {}
+    small, small_blocks = count_calls(cpus, network, "part")
+    large, large_blocks = count_calls(cpus, network, "image")
+    blocks = large_blocks - small_blocks
+    per_block = {name: (count - small.get(name, 0)) / blocks for name, count in large.items()}
+    return {name: value for name, value in per_block.items() if value >= 0.005}
+
+
+def measure_program(cpus):
+    """Size, and the time from start to the line that it prints when it listens."""
+    stripped = os.path.join(FOLDER, "stripped")
+    subprocess.run(["strip", "-o", stripped, SETTINGS["program"]], check=True)
+    times = []
+    for _ in range(STARTS):
+        begin = time.monotonic()
+        process = subprocess.Popen(["taskset", "--cpu-list", cpus, stripped], cwd=SERVED, stdout=subprocess.PIPE,
+                                   text=True)
+        while "Server started" not in process.stdout.readline():
+            pass
+        times.append((time.monotonic() - begin) * 1000)
+        process.terminate()
+        process.wait()
+        process.stdout.close()
+    return {"stripped_bytes": os.path.getsize(stripped), "start_milliseconds": times}
+
+
+def measure_packets(cpus):
+    if not SETTINGS["packet_benchmark"]:
+        say("skipped: packet builders and parsers (libbenchmark-dev is not installed)")
+        return []
+    seconds = "0.01" if QUICK else "0.2"
+    output = subprocess.run(["taskset", "--cpu-list", cpus, SETTINGS["packet_benchmark"], "--benchmark_format=json",
+                             f"--benchmark_min_time={seconds}"], capture_output=True, text=True, check=True).stdout
+    return [{"name": line["name"], "per_second": line["items_per_second"]} for line in
+            json.loads(output)["benchmarks"]]
+
+
+def machine():
+    model = re.search(r"^model name\s*:\s*(.*)$", open("/proc/cpuinfo").read(), re.M)
+    return {"processor": model.group(1) if model else os.uname().machine, "cores": os.cpu_count(),
+            "kernel": os.uname().release, "date": time.strftime("%Y-%m-%d"), "load": os.getloadavg()[0]}
+
+
+def main():
+    about = machine()
+    say("making the files that are served")
+    make_files()
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    network = PrivateNetwork()
+    settings = cpu_settings()
+    pinned = settings["one core"]
+    present = [name for name, command in servers().items() if command]
+    for name, command in servers().items():
+        if not command:
+            say(f"skipped: {name} (not installed)")
+    rounds = measure_works(present, settings, network)
+    say("measuring processor seconds, memory, system calls, size and start")
+    result = {
+        "machine": {**about, "load_at_end": os.getloadavg()[0]}, "settings": settings, "servers": present,
+        "quick": QUICK, "rounds": ROUNDS, "tiny_files": TINY_FILES, "image_bytes": IMAGE_BYTES,
+        "works": {work: values[0] for work, values in WORKS.items()},
+        "measured": rounds,
+        "processor_seconds": measure_processor_seconds(present, pinned, network),
+        "memory": measure_memory(present, pinned, network),
+        "many_transfers": measure_many_transfers(pinned, network),
+        "calls_per_block": measure_calls(pinned, network),
+        "program": measure_program(pinned),
+        "packets": measure_packets(pinned),
+    }
+    with open(SETTINGS["result"], "w") as file:
+        json.dump(result, file, indent=1)
+    network.holder.terminate()
+
+
+main()
