@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <iomanip>
 #include <iostream>
@@ -704,6 +705,35 @@ TEST(TftpPacket, CreateDataWithoutBytesSaysNothingHoweverSmallThePacket) {
   const CapturedOutput output;
   EXPECT_TRUE(packet.createData(1, "x", 0));
   EXPECT_EQ(output.text(), "");
+}
+
+TEST(TftpPacket, RoomForDataIsWhereCreateDataPlacesAWholeBlock) {
+  TFTP_Packet packet;
+  packet.reSize(8);
+  EXPECT_EQ(reinterpret_cast<std::uint8_t*>(packet.roomForData(4)), packet.getData(4));
+  EXPECT_EQ(reinterpret_cast<std::uint8_t*>(packet.roomForData(0)), packet.getData(4));
+  EXPECT_EQ(packet.roomForData(5), nullptr);
+  packet.reSize(3);
+  EXPECT_EQ(packet.roomForData(0), nullptr);
+  packet.reSize(-1);
+  EXPECT_EQ(packet.roomForData(0), nullptr);
+}
+
+TEST(TftpPacket, CreateDataTakesWhatStandsInItsRoomAndZeroesTheRest) {
+  TFTP_Packet packet;
+  packet.reSize(12);
+  receive(packet, "xxxxxxxxxxxx");
+  std::memcpy(packet.roomForData(8), "abc", 3);
+  EXPECT_TRUE(packet.createData(258, packet.roomForData(8), 3));
+  EXPECT_EQ(bytes_of(packet), "\0\3\1\2abc"s);
+  EXPECT_EQ(array_of(packet), "\0\3\1\2abc\0\0\0\0\0"s);
+}
+
+TEST(TftpPacket, ANewPacketMayHaveAnotherCapacity) {
+  const TFTP_Packet packet(12);
+  EXPECT_EQ(packet.size, 0);
+  EXPECT_EQ(packet.max_size, 12);
+  EXPECT_EQ(array_of(packet), std::string(12, '\0'));
 }
 
 TEST(TftpPacket, CreateACKLeavesACapacityOfFourBytes) {
