@@ -21,6 +21,7 @@ constexpr int kTransfers = 500;
 constexpr int kMostMaps = 10;  // that may be more afterwards; a stack has two
 constexpr int kOpenTransfers = 16;
 constexpr long kMostKiBPerTransfer = 512;
+constexpr long kMostKiBOfOneThread = 4096;
 
 class Threads : public testing::Test {
  protected:
@@ -86,4 +87,10 @@ TEST_F(Threads, HaveSmallStacks) {
   }
   EXPECT_TRUE(eventually([this] { return status_number("Threads") == 1 + kOpenTransfers; }));
   EXPECT_LT(status_number("VmSize") - before, kOpenTransfers * kMostKiBPerTransfer);
+}
+
+TEST_F(Threads, HaveNoHeapsOfTheirOwn) {
+  const long before = status_number("VmSize");
+  reads_files(kTransfersBefore);
+  EXPECT_LT(status_number("VmSize") - before, kMostKiBOfOneThread);
 }
