@@ -66,15 +66,17 @@ class FaultyStation {
   static std::string block(int number) {
     return contents().substr(512 * (static_cast<std::size_t>(number) - 1), 512);
   }
-  // Waits until the server waits for a request, and so many transfers for an acknowledgement.
+  // Waits until the server waits for a request, and so many transfers, which are all, for an acknowledgement.
   void settles(int transfers) const {
     EXPECT_TRUE(eventually([&] {
       const std::string tasks = "/proc/" + std::to_string(daemon().pid()) + "/task";
+      int threads = 0;
       int waiting = 0;
       for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        ++threads;
         waiting += system_call(task.path().string()) == SYS_pselect6 ? 1 : 0;  // what select calls
       }
-      return waiting == transfers &&
+      return threads == 1 + transfers && waiting == transfers &&
              system_call(tasks + "/" + std::to_string(daemon().pid())) == SYS_recvfrom;
     }));
   }
