@@ -30,7 +30,7 @@ using station::OnLoopback;
 
 constexpr int kBlockSize = 512;
 constexpr int kRequestsAtATime = 50;
-constexpr double kMostKeptKib = 16;  // of a finished transfer with blocks of 512 bytes
+constexpr double kMostKeptKib = 2;  // of a finished transfer with blocks of 512 bytes
 
 struct Size {
   const char* name;
