@@ -25,7 +25,7 @@ constexpr char kDefaultServerIp[] = "127.0.0.1";
 constexpr char kDefaultPptServerIp[] = "172.30.0.254";
 constexpr int kExitFailure = 1;
 // Many times what a thread was seen to use (12 KiB), and no less than any system asks for.
-constexpr std::size_t kThreadStackBytes = 256 * 1024;
+constexpr std::size_t kThreadStackBytes = std::size_t{256} * 1024;
 
 constexpr const char* kUsage[] = {
     "",
