@@ -35,6 +35,7 @@ int TFTPServer::sendPacket(TFTP_Packet* packet, ServerClient* client) {
 int TFTPServer::sendPacketData(ServerClient* client) {
   TFTP_Packet& packet = client->sent_packet;
   const int block_size = std::max(client->block_size, 0);
+  // The block is read where the packet holds it; apart from it only when it may not fit.
   const bool fits = packet.roomForData(block_size) != nullptr;
   const std::unique_ptr<char[]> apart(fits ? nullptr : new char[static_cast<std::size_t>(block_size)]);
   char* const block = fits ? packet.roomForData(block_size) : apart.get();
