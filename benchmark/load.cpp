@@ -20,8 +20,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <deque>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "wire.h"
@@ -73,6 +73,12 @@ class Read {
     sends_last();
   }
 
+  // After a second of silence.
+  void repeats_last() {
+    if (++repeats_ > kMostSilences) fails(file_, "the server is silent");
+    sends_last();
+  }
+
   // Takes one datagram, or a second without any. True when the read is complete.
   bool goes_on() {
     static char bytes[kLargestDatagram];
@@ -82,9 +88,7 @@ class Read {
                              ? recv(socket_, bytes, sizeof bytes, 0)
                              : recvfrom(socket_, bytes, sizeof bytes, 0, generic(sender), &sender_length);
     if (size < 0) {
-      repeats();
-      if (++repeats_ > kMostSilences) fails(file_, "the server is silent");
-      sends_last();
+      repeats_last();
       return false;
     }
     if (!answered_) meets(sender);
@@ -189,8 +193,9 @@ void read_one_after_another(Load* load) {
   }
 }
 
-void begin_next(Load* load, int poll) {
+void begin_next(Load* load, int poll, std::set<Read*>* open) {
   Read* const read = load->next().release();
+  open->insert(read);
   epoll_event event = {};
   event.events = EPOLLIN;
   event.data.ptr = read;
@@ -201,18 +206,20 @@ void begin_next(Load* load, int poll) {
 void read_side_by_side(Load* load, std::size_t clients) {
   const int poll = epoll_create1(0);
   if (poll == -1) give_up("epoll_create1");
+  std::set<Read*> open;
   std::vector<epoll_event> ready(clients);
-  for (std::size_t i = 0; i < std::min(clients, load->reads); ++i) begin_next(load, poll);
-  while (load->first_replies.size() < load->reads) {
-    const int count =
-        epoll_wait(poll, ready.data(), static_cast<int>(ready.size()), kSilenceMilliseconds * kMostSilences);
-    if (count <= 0) give_up("load: every server is silent");
+  for (std::size_t i = 0; i < std::min(clients, load->reads); ++i) begin_next(load, poll, &open);
+  while (!open.empty()) {
+    const int count = epoll_wait(poll, ready.data(), static_cast<int>(ready.size()), kSilenceMilliseconds);
+    if (count == -1) give_up("epoll_wait");
+    if (count == 0) std::for_each(open.begin(), open.end(), [](Read* read) { read->repeats_last(); });
     for (int i = 0; i < count; ++i) {
       auto* const read = static_cast<Read*>(ready[static_cast<std::size_t>(i)].data.ptr);
       if (!read->goes_on()) continue;
       load->counts(*read);
+      open.erase(read);
       delete read;
-      if (load->begun < load->reads) begin_next(load, poll);
+      if (load->begun < load->reads) begin_next(load, poll, &open);
     }
   }
   close(poll);

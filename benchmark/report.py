@@ -191,6 +191,7 @@ def document(result):
     missed = [row for row in targets(result) if not is_met(row)]
     cpus = "; ".join(f"{setting}: processor {cpus}" for setting, cpus in data["settings"].items())
     absent = [peer for peer in PEERS if peer not in result.servers]
+    repeats = sum(line["repeats"] for line in data["measured"])
     return f"""# Performance
 
 Written by `scripts/benchmark` from one run on {machine['date']}: {machine['processor']}, {machine['cores']} cores, Linux
@@ -207,7 +208,7 @@ Written by `scripts/benchmark` from one run on {machine['date']}: {machine['proc
 - {data['rounds']} rounds; in each, every work, and for every work each server in turn, freshly started. Figures are medians;
   ± is half the distance between the slowest and the fastest round.
 - Server and client share the same processors ({cpus}) and talk over
-  loopback. The client compares every byte.
+  loopback. The client compares every byte. It had to repeat {repeats} packets in the whole run.
 - One read is of {data['image_bytes'] // MIB} MiB. The 64 clients read 1 MiB each. There are {data['tiny_files']:,} tiny files, and the first
   reply is timed from the request.
 - `floor` sends from memory, with one receive and one send per block, in one thread and on one socket: the limit of the
@@ -215,6 +216,7 @@ Written by `scripts/benchmark` from one run on {machine['date']}: {machine['proc
 - `TFTP with relay` is the program with the relay, which polls, on a network that has the station's address. `TFTP` has
   no relay.
 - tftpd-hpa, dnsmasq (`--edns-packet-max=65000`) and atftpd run with their own defaults, and without logging.
+- Of the transfers after which memory is looked at, the first {data['many_transfers']['few']} come 64 at once, the rest one after another.
 - Processor seconds are those of the server and its children from before the request to the last ACK.
 
 ## Targets
