@@ -34,7 +34,28 @@ struct Pipe {
   for (const std::string& argument : arguments) pointers.push_back(const_cast<char*>(argument.c_str()));
   pointers.push_back(nullptr);
   execvp(pointers[0], pointers.data());
+  throw std::runtime_error(std::strerror(errno));
+}
+
+// In the child: it does not return, whatever goes wrong. The reason goes to the parent.
+[[noreturn]] void start(const std::function<void()>& become_program, int reason) {
+  try {
+    become_program();
+  } catch (const std::exception& error) {
+    const std::string text = error.what();
+    [[maybe_unused]] const ssize_t written = write(reason, text.data(), text.size());
+  }
   _exit(kCannotStart);
+}
+
+// All that comes out of the pipe until its other end is closed.
+std::string all_of(int pipe) {
+  std::string text;
+  std::array<char, 256> piece;
+  for (ssize_t count; (count = read(pipe, piece.data(), piece.size())) > 0;) {
+    text.append(piece.data(), static_cast<std::size_t>(count));
+  }
+  return text;
 }
 
 int as_a_shell_says_it(int status) {
@@ -47,24 +68,36 @@ Process::Process(const std::vector<std::string>& arguments, const std::function<
                  const std::string& errors) {
   const Pipe to_child;
   const Pipe from_child;
+  const Pipe reason;  // closed without a word by the program's start
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
   if (pid_ == 0) {
-    prepare();
-    dup2(to_child.reading, STDIN_FILENO);
-    dup2(from_child.writing, STDOUT_FILENO);
-    if (!errors.empty())
-      dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, kEverybodyReads), STDERR_FILENO);
-    become(arguments);
+    const auto become_program = [&] {
+      prepare();
+      dup2(to_child.reading, STDIN_FILENO);
+      dup2(from_child.writing, STDOUT_FILENO);
+      if (!errors.empty())
+        dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, kEverybodyReads), STDERR_FILENO);
+      become(arguments);
+    };
+    start(become_program, reason.writing);
   }
-  close(to_child.reading);
-  close(from_child.writing);
+  for (const int childs_end : {to_child.reading, from_child.writing, reason.writing}) close(childs_end);
   input_ = to_child.writing;
   output_ = from_child.reading;
   fcntl(output_, F_SETFL, O_NONBLOCK);
+  const std::string why = all_of(reason.reading);
+  close(reason.reading);
+  if (why.empty()) return;
+  end();
+  throw std::runtime_error(arguments[0] + " cannot be started: " + why);
 }
 
 Process::~Process() {
+  end();
+}
+
+void Process::end() {
   if (!end_) {
     signals(SIGKILL);
     waitpid(pid_, nullptr, 0);

@@ -13,8 +13,8 @@
 class Process {
  public:
   // arguments[0]: the program's path. prepare: called in the child before the program starts. errors: file
-  // that takes standard error, the parent's where it is empty. Throws std::runtime_error when the program
-  // cannot be started.
+  // that takes standard error, the parent's where it is empty. Returns when the program has started; throws
+  // std::runtime_error, which names it, when it cannot be started or prepare throws.
   Process(const std::vector<std::string>& arguments, const std::function<void()>& prepare,
           const std::string& errors = "");
   ~Process();
@@ -36,6 +36,7 @@ class Process {
 
  private:
   void read_output();
+  void end();
 
   pid_t pid_ = -1;
   int input_ = -1;

@@ -39,7 +39,9 @@ std::optional<std::string> Run::play() {
     for (const Step& step : scenario_.steps) {
       try {
         play_step(step);
-      } catch (const Wrong& error) {
+      } catch (const NotAllowed&) {
+        throw;
+      } catch (const std::runtime_error& error) {
         throw Wrong("line " + std::to_string(step.line) + ", " + step.text + ": " + error.what());
       }
     }
