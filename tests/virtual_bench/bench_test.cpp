@@ -38,14 +38,20 @@ class Bench : public testing::Test {
   }
 
   const Result& plays(const std::string& scenario, const std::string& options = "") {
-    const std::string file = directory_.file("a.run");
-    write_whole_file(file, scenario);
-    return calls(options + " " TFTP_PROGRAM " " + file + " " + results());
+    return calls(options + " " TFTP_PROGRAM " " + file_with(scenario) + " " + results());
   }
 
-  const Result& calls(const std::string& arguments) {
+  std::string file_with(const std::string& scenario) const {
+    const std::string file = directory_.file("a.run");
+    write_whole_file(file, scenario);
+    return file;
+  }
+
+  const Result& calls(const std::string& arguments) { return runs(BENCH_PROGRAM " " + arguments); }
+
+  const Result& runs(const std::string& command) {
     result_ = Result();
-    FILE* pipe = popen((BENCH_PROGRAM " " + arguments + " 2>&1").c_str(), "r");
+    FILE* pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
     for (int byte; (byte = std::fgetc(pipe)) != EOF;) result_.output += static_cast<char>(byte);
     result_.status = WEXITSTATUS(pclose(pipe));
     return result_;
@@ -101,6 +107,42 @@ TEST_F(Bench, PlaysOneScenarioTwiceAtATime) {
   write_whole_file(file, "station starts\nbench waits 1 s\nstation gets SIGINT\nstation exits 2\n");
   const std::string command = BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results() + " > /dev/null";
   EXPECT_EQ(std::system((command + " & first=$!; " + command + " && wait $first").c_str()), 0);
+}
+
+TEST_F(Bench, SaysThatTheStationCannotBeStarted) {
+  EXPECT_EQ(calls("/nowhere/TFTP " + file_with("station starts\n") + " " + results()).status, 1);
+  EXPECT_EQ(result_.wrong(),
+            "WRONG: line 1, station starts: /nowhere/TFTP cannot be started: No such file or directory");
+}
+
+TEST_F(Bench, SaysThatACommandIsMissing) {
+  const std::string command =
+      "PATH=/nowhere " BENCH_PROGRAM " " TFTP_PROGRAM " " + file_with("station starts\n") + " " + results();
+  EXPECT_EQ(runs(command).wrong(),
+            "WRONG: line 1, station starts: ip cannot be started: No such file or directory");
+}
+
+class BenchInAnyFolder : public Bench, public testing::WithParamInterface<const char*> {};
+
+TEST_P(BenchInAnyFolder, HasTheBoardsCommands) {
+  const std::string scenario = file_with(
+      "station starts\nunit reads F_l_m_01PPT_FAILED\nstation exits 2\nboard keeps ppt_flag failed\n");
+  const std::string folder = directory_.file(GetParam());
+  EXPECT_EQ(calls(TFTP_PROGRAM " " + scenario + " \"" + folder + "\"").status, 0) << result_.output;
+  EXPECT_TRUE(fs::exists(folder + "/a.svg"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Bench, BenchInAnyFolder, testing::Values("a folder", "it's", "a:b"));
+
+// The sandbox has mounts of its own, and so the folder is not the machine's.
+TEST_F(Bench, LeavesItsResultsBesideTheBoardsRamDisk) {
+  const std::string command =
+      "mount -t tmpfs none /mnt && mkdir /mnt/ramdisk && touch /mnt/file && " BENCH_PROGRAM " " TFTP_PROGRAM
+      " " +
+      file_with("station starts\nstation gets SIGKILL\nstation exits 137\n") +
+      " /mnt/results && ls /mnt/results";
+  const std::string output = runs("unshare --mount sh -c '" + command + "'").output;
+  EXPECT_NE(output.find("\na.pcap\na.svg\n"), std::string::npos) << output;
 }
 
 TEST_F(Bench, TakesALinkThatCannotBeForWrong) {
@@ -168,7 +210,7 @@ TEST_F(Bench, ComparesWhatArrivesWithWhatIsServed) {
 
 TEST_F(Bench, ReadsFilesOfOtherFolders) {
   const Result& result = plays(
-      "station starts\nunit reads /proc/sys/kernel/ostype\nunit reads ../board/bin/envtool\n"
+      "station starts\nunit reads /proc/sys/kernel/ostype\nunit reads ../board/tool_status\n"
       "station gets SIGTERM\nstation exits 15\n");
   EXPECT_EQ(result.status, 0) << result.output;
 }
