@@ -86,8 +86,8 @@ TEST(Scenario, GivesTheWordsOfAStep) {
   EXPECT_EQ(read.text_of("NAME"), "kernel.img");
   EXPECT_EQ(read.number_of("BLOCK"), 1428);
   EXPECT_EQ(read.number_of("TRIES", 1), 3);
-  EXPECT_FALSE(read.has("SECONDS"));
-  EXPECT_EQ(read.number_of("SECONDS", 5), 5);
+  EXPECT_FALSE(read.has("TIMEOUT"));
+  EXPECT_EQ(read.number_of("TIMEOUT", 5), 5);
   EXPECT_EQ(step("wire loses 0.5 %").number_of("PERCENT"), 0.5);
 }
 
@@ -129,10 +129,41 @@ INSTANTIATE_TEST_SUITE_P(
                 "a.run:1: \"looses\" is not understood here; expected: \"delays\", "
                 "\"duplicates\", \"is\", \"loses\", \"swaps\""},
         Refused{"wire loses much %",
-                "a.run:1: \"much\" is not understood here; expected: a number (PERCENT)"},
+                "a.run:1: \"much\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
         Refused{"wire loses 1.2.3 %",
-                "a.run:1: \"1.2.3\" is not understood here; expected: a number (PERCENT)"},
-        Refused{"wire loses . %", "a.run:1: \".\" is not understood here; expected: a number (PERCENT)"},
+                "a.run:1: \"1.2.3\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+        Refused{"wire loses . %",
+                "a.run:1: \".\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+        Refused{"wire loses 101 %",
+                "a.run:1: \"101\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+        Refused{"wire loses -1 %",
+                "a.run:1: \"-1\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+        Refused{"wire loses \"\" %",
+                "a.run:1: \"\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+        Refused{
+            "wire delays 60001 ms",
+            "a.run:1: \"60001\" is not understood here; expected: a number from 0 to 60000 (MILLISECONDS)"},
+        Refused{"bench waits 1e3 s",
+                "a.run:1: \"1e3\" is not understood here; expected: a number from 0 to 3600 (SECONDS)"},
+        Refused{"bench waits 99999999999999999999 s",
+                "a.run:1: \"99999999999999999999\" is not understood here; expected: a number from 0 to 3600 "
+                "(SECONDS)"},
+        Refused{"station exits 2.5",
+                "a.run:1: \"2.5\" is not understood here; expected: a whole number from 0 to 255 (STATUS)"},
+        Refused{"station exits 256",
+                "a.run:1: \"256\" is not understood here; expected: a whole number from 0 to 255 (STATUS)"},
+        Refused{"unit reads a blksize 0",
+                "a.run:1: \"0\" is not understood here; expected: a whole number from 1 to 65464 (BLOCK)"},
+        Refused{"unit reads a timeout 0.5",
+                "a.run:1: \"0.5\" is not understood here; expected: a whole number from 1 to 255 (TIMEOUT)"},
+        Refused{"unit reads a tries 0",
+                "a.run:1: \"0\" is not understood here; expected: a whole number from 1 to 1000 (TRIES)"},
+        Refused{"ppt answers ERROR 65536 a",
+                "a.run:1: \"65536\" is not understood here; expected: a whole number from 0 to 65535 (CODE)"},
+        Refused{
+            "file a is 4294967297 bytes",
+            "a.run:1: \"4294967297\" is not understood here; expected: a number from 0 to 4294967296 (SIZE)"},
+        Refused{"file a is 4097 MiB", "a.run:1: the file is too large; expected: at most 4096 MiB"},
         Refused{"wire loses 5", "a.run:1: the end of the line is not understood here; expected: \"%\""},
         Refused{"file a is 5 MB", "a.run:1: \"MB\" is not understood here; expected: bytes, KiB or MiB"},
         Refused{"station gets TERM",
@@ -148,12 +179,26 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"unit sends \"a text", "a.run:1: a quote is opened and not closed; expected: \""},
         Refused{"# nothing but a title\n", "a.run: no step at all; expected: at least one"}));
 
+TEST(Scenario, IsRefusedWhereAByteIsZero) {
+  EXPECT_EQ(refusal(std::string("station\0 starts", 15)), "a.run:1: a byte is 0; expected: text");
+  EXPECT_EQ(refusal(std::string("station starts\nunit sends \"a\0b\"", 31)),
+            "a.run:2: a byte is 0; expected: text");
+}
+
+TEST(Scenario, TakesAQuotedWordLikeAnyOther) {
+  EXPECT_EQ(step("\"station\" \"starts\"").act, Act::kStationStarts);
+  EXPECT_EQ(step("\"station\" starts").role, "station");
+  EXPECT_EQ(step("\tstation\tstarts\t").role, "station");
+}
+
 TEST(Scenario, IsRefusedWhereThereIsNoFile) {
-  try {
-    read_scenario("/nowhere/a.run");
-    FAIL() << "read";
-  } catch (const ScenarioError& error) {
-    EXPECT_STREQ(error.what(), "/nowhere/a.run: there is no such file; expected: a scenario (*.run)");
+  for (const std::string name : {"/nowhere/a.run", "/"}) {
+    try {
+      read_scenario(name);
+      FAIL() << "read";
+    } catch (const ScenarioError& error) {
+      EXPECT_EQ(error.what(), name + ": there is no such file; expected: a scenario (*.run)");
+    }
   }
 }
 

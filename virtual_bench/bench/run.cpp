@@ -68,7 +68,7 @@ void Run::play_step(const Step& step) {
       {"bench", &Run::wait},
   };
   look();
-  (this->*kPlayers.at(step.text.substr(0, step.text.find_first_of(" \t"))))(step);
+  (this->*kPlayers.at(step.role))(step);
 }
 
 void Run::wait(const Step& step) {

@@ -4,14 +4,16 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <sstream>
 
 namespace {
 
 // Capital words stand for values: NAME, TEXT, REPLY for any word; UNIT and SIGNAL for those below; every
-// other one for a number. What stands in brackets may be left away.
+// other one for a number in kRanges. What stands in brackets may be left away.
 struct Form {
   Act act;
   const char* words;
@@ -45,11 +47,11 @@ constexpr Form kForms[] = {
     {Act::kStationExits, "station exits STATUS [within SECONDS s]"},
     {Act::kUnitHears, "unit hears the boot script"},
     {Act::kUnitHearsNothing, "unit hears nothing for SECONDS s"},
-    {Act::kUnitObeys, "unit obeys the boot script [timeout SECONDS] [tries TRIES]"},
+    {Act::kUnitObeys, "unit obeys the boot script [timeout TIMEOUT] [tries TRIES]"},
     {Act::kUnitReads,
-     "unit reads NAME [blksize BLOCK] [timeout SECONDS] [tries TRIES] [dies after SIZE UNIT]"},
-    {Act::kUnitCannotRead, "unit cannot read NAME [blksize BLOCK] [timeout SECONDS]"},
-    {Act::kUnitBeginsReading, "unit begins reading NAME [blksize BLOCK] [timeout SECONDS]"},
+     "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]"},
+    {Act::kUnitCannotRead, "unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT]"},
+    {Act::kUnitBeginsReading, "unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]"},
     {Act::kUnitEndsReading, "unit ends reading"},
     {Act::kUnitAsksInVain, "unit asks TEXT in vain"},
     {Act::kUnitAsks, "unit asks TEXT expects REPLY"},
@@ -58,6 +60,22 @@ constexpr Form kForms[] = {
 };
 
 const std::set<std::string> kFreeWords = {"NAME", "TEXT", "REPLY"};
+struct Range {
+  double least;
+  double most;
+  bool whole;
+};
+const std::map<std::string, Range> kRanges = {
+    {"PERCENT", {0, 100, false}},  // of the frames
+    {"MILLISECONDS", {0, 60000, false}},
+    {"SECONDS", {0, 3600, false}},
+    {"TIMEOUT", {1, 255, true}},  // in seconds, RFC 2349
+    {"BLOCK", {1, 65464, true}},  // bytes, RFC 2348; sizes below its 8 are there to be tried
+    {"TRIES", {1, 1000, true}},
+    {"SIZE", {0, 4294967296, false}},  // and in bytes no more than this either
+    {"CODE", {0, 65535, true}},        // RFC 1350
+    {"STATUS", {0, 255, true}},        // of a process
+};
 const std::map<std::string, double> kUnits = {{"bytes", 1}, {"KiB", 1024}, {"MiB", 1024 * 1024}};
 const std::map<std::string, int> kSignals = {{"SIGINT", SIGINT}, {"SIGTERM", SIGTERM}, {"SIGKILL", SIGKILL}};
 
@@ -66,10 +84,20 @@ bool is_value(const std::string& word) {
          std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 
-bool is_number(const std::string& word) {
-  const bool plain = word.find_first_not_of("0123456789.") == std::string::npos;
-  return plain && std::count(word.begin(), word.end(), '.') <= 1 &&
-         word.find_first_of("0123456789") != std::string::npos;
+bool is_number(const std::string& word, const Range& range) {
+  if (word.empty() || word.find_first_not_of(range.whole ? "0123456789" : "0123456789.") != std::string::npos)
+    return false;
+  char* end = nullptr;
+  const double number = std::strtod(word.c_str(), &end);
+  return *end == '\0' && number >= range.least && number <= range.most;
+}
+
+std::string described(const Range& range) {
+  std::ostringstream text;
+  text.precision(std::numeric_limits<double>::digits10);
+  text << "a " << (range.whole ? "whole number" : "number") << " from " << range.least << " to "
+       << range.most;
+  return text.str();
 }
 
 bool fits(const std::string& wanted, const std::string& word) {
@@ -77,14 +105,14 @@ bool fits(const std::string& wanted, const std::string& word) {
   if (kFreeWords.count(wanted) != 0) return true;
   if (wanted == "UNIT") return kUnits.count(word) != 0;
   if (wanted == "SIGNAL") return kSignals.count(word) != 0;
-  return is_number(word);
+  return is_number(word, kRanges.at(wanted));
 }
 
 std::string described(const std::string& wanted) {
   if (!is_value(wanted)) return '"' + wanted + '"';
   if (wanted == "UNIT") return "bytes, KiB or MiB";
   if (wanted == "SIGNAL") return "SIGINT, SIGTERM or SIGKILL";
-  return kFreeWords.count(wanted) != 0 ? wanted : "a number (" + wanted + ")";
+  return kFreeWords.count(wanted) != 0 ? wanted : described(kRanges.at(wanted)) + " (" + wanted + ")";
 }
 
 std::vector<std::string> split_at_blanks(const std::string& text) {
@@ -199,11 +227,16 @@ std::string complaint(const std::vector<std::string>& words) {
 }
 
 Step parse_step(const std::string& line, int number, const std::string& where) {
+  if (line.find('\0') != std::string::npos) throw ScenarioError(where + "a byte is 0; expected: text");
   const std::vector<std::string> words = words_of(line);
   if (words.empty()) throw ScenarioError(where + "a quote is opened and not closed; expected: \"");
   for (const Form& form : kForms) {
     const Attempt attempt = Matcher(form, words).match();
-    if (attempt.whole) return Step{number, line, form.act, attempt.values};
+    if (!attempt.whole) continue;
+    const Step step = {number, line, form.act, words[0], attempt.values};
+    if (step.has("SIZE") && step.bytes() > kRanges.at("SIZE").most)
+      throw ScenarioError(where + "the file is too large; expected: at most 4096 MiB");
+    return step;
   }
   throw ScenarioError(where + complaint(words));
 }
@@ -253,7 +286,8 @@ Scenario parse_scenario(const std::string& text, const std::string& file_name) {
 
 Scenario read_scenario(const std::string& file_name) {
   std::ifstream file(file_name);
-  if (!file) throw ScenarioError(file_name + ": there is no such file; expected: a scenario (*.run)");
+  if (!file || std::filesystem::is_directory(file_name))
+    throw ScenarioError(file_name + ": there is no such file; expected: a scenario (*.run)");
   std::ostringstream text;
   text << file.rdbuf();
   return parse_scenario(text.str(), file_name);

@@ -54,10 +54,11 @@ struct Step {
   int line;          // from 1
   std::string text;  // as it stands in the file
   Act act;
+  std::string role;  // the first word: file, wire, ppt, board, station, unit or bench
   std::map<std::string, std::string> values;  // by the capital word of the form: values["NAME"]
 
   const std::string& text_of(const std::string& word) const { return values.at(word); }
-  // What the step says, or otherwise when its optional part is left away.
+  // What the step says, in the range that kRanges gives, or otherwise when its optional part is left away.
   double number_of(const std::string& word, double otherwise = 0) const;
   bool has(const std::string& word) const { return values.count(word) != 0; }
   // The product of SIZE and UNIT, in bytes.

@@ -151,7 +151,7 @@ void Run::begin_reading(const std::string& name, const Step& options) {
   reading_.name = name;
   reading_.since = epoch_seconds();
   reading_.unit = unit_does(
-      {"read", kStationIp, kTftpPort, name, local(name), option("BLOCK", "512"), option("SECONDS", "5")});
+      {"read", kStationIp, kTftpPort, name, local(name), option("BLOCK", "512"), option("TIMEOUT", "5")});
 }
 
 // Whether the file has arrived. One that arrives otherwise than it is served is wrong whatever the step
