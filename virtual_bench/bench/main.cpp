@@ -5,20 +5,26 @@
 // NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --steps lists what
 // a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or the
 // scenario cannot be understood, 77 this machine does not allow it.
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "bench/network.h"
 #include "bench/run.h"
 #include "bench/scenario.h"
+#include "bench/waiting.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr double kDrawingSeconds = 60;  // at most
 
 enum ExitStatus { kAsExpected = 0, kOtherwise = 1, kNotUnderstood = 2, kNotAllowed = 77 };
 
@@ -48,8 +54,11 @@ fs::path beside_this(const char* program) {
 
 bool draw(const fs::path& folder, const fs::path& capture, const fs::path& picture) {
   Process process({beside_this("picture"), folder, capture, picture}, [] {});
-  while (!process.ended()) process.rest();
-  return process.ended() == 0;
+  const auto has_ended = [&] {
+    process.rest();
+    return process.ended().has_value();
+  };
+  return comes_true(kDrawingSeconds, has_ended) && process.ended() == 0;
 }
 
 // The folder of one run, under a name of its own until the run has ended: other runs of the same scenario may
@@ -59,7 +68,8 @@ class RunFolder {
   RunFolder(const fs::path& results, const std::string& name, bool keep)
       : results_(results), name_(name), keep_(keep), path_((results / (name + ".XXXXXX")).string()) {
     fs::create_directories(results);
-    if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("cannot make " + path_);
+    if (mkdtemp(path_.data()) == nullptr)
+      throw std::runtime_error("cannot make " + path_ + ": " + std::strerror(errno));
     fs::permissions(path_, kEverybodyReads);
   }
   ~RunFolder() {
@@ -73,13 +83,14 @@ class RunFolder {
   std::string file(const std::string& name) const { return path_ + "/" + name; }
   const std::string& path() const { return path_; }
   const std::string& name() const { return name_; }
-  // Puts NAME.pcap or NAME.svg in its final place.
-  void hand_over(const std::string& extension) const {
-    fs::rename(file(name_ + extension), results_ / (name_ + extension));
-  }
-  // As somebody would write it who stands in the working directory.
-  std::string result(const std::string& extension) const {
-    return fs::proximate(results_ / (name_ + extension));
+  // Puts NAME.pcap or NAME.svg in the place of what an earlier run left there. Where it is then, as somebody
+  // would write it who stands in the working directory; nothing where the run has not made it.
+  std::optional<std::string> hand_over(const std::string& extension) const {
+    const fs::path result = results_ / (name_ + extension);
+    fs::remove(result);
+    if (!fs::exists(file(name_ + extension))) return std::nullopt;
+    fs::rename(file(name_ + extension), result);
+    return fs::proximate(result);
   }
 
  private:
@@ -100,11 +111,10 @@ int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
   const std::optional<std::string> wrong =
       Run(scenario, programs, folder.name(), folder.path(), capture).play();
   const bool drawn = draw(folder.path(), capture, picture);
-  folder.hand_over(".pcap");
-  if (drawn) folder.hand_over(".svg");
+  if (!drawn) fs::remove(picture);
   std::cout << folder.name() << (wrong ? " did not go" : " went")
-            << " as the scenario says: " << (drawn ? folder.result(".svg") : "no picture could be drawn")
-            << ", " << folder.result(".pcap") << std::endl;
+            << " as the scenario says: " << folder.hand_over(".svg").value_or("no picture could be drawn")
+            << ", " << folder.hand_over(".pcap").value_or("nothing was on the network") << std::endl;
   return wrong || !drawn ? kOtherwise : kAsExpected;
 }
 
@@ -138,6 +148,7 @@ int main(int argc, char** argv) {
   }
   return reported([&] {
     const Scenario scenario = read_scenario(call.scenario);
+    be_ended_by_signals();
     const RunFolder folder(call.results, call.scenario.stem(), call.keep);
     return in_namespaces([&] {
       return reported([&] {

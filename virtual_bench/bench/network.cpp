@@ -42,21 +42,25 @@ void unshare_namespaces() {
   std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
 }
 
-volatile pid_t inner_process = -1;
+constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
+volatile sig_atomic_t inner_process = 0;  // 0: there is none yet
 volatile sig_atomic_t signal_that_came = 0;
 
 // The first process of a namespace takes the others with it.
 void end_inner_process(int signal_number) {
   signal_that_came = signal_number;
-  kill(inner_process, SIGKILL);
+  if (inner_process != 0) kill(inner_process, SIGKILL);
+}
+
+void handle_ending_signals(void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  for (const int number : kEndingSignals) sigaction(number, &action, nullptr);
 }
 
 int status_of(pid_t child) {
   inner_process = child;
-  struct sigaction ends = {};
-  ends.sa_handler = end_inner_process;
-  sigaction(SIGINT, &ends, nullptr);
-  sigaction(SIGTERM, &ends, nullptr);
+  if (signal_that_came != 0) kill(child, SIGKILL);  // it came before there was a child
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
   if (signal_that_came != 0) return kKilled + signal_that_came;
@@ -76,6 +80,12 @@ int make_network() {
   if (setns(before, CLONE_NEWNET) != 0) refuse("going back to the first network namespace");
   close(before);
   return made;
+}
+
+std::string content(const std::string& file) {
+  std::ostringstream text;
+  text << std::ifstream(file).rdbuf();
+  return text.str();
 }
 
 // IPv6 would fill the capture with frames that nobody asked for.
@@ -106,12 +116,17 @@ void ip_up(const Place& place, const std::string& device, const std::string& add
 
 }  // namespace
 
+void be_ended_by_signals() {
+  handle_ending_signals(end_inner_process);
+}
+
 int in_namespaces(const std::function<int()>& work) {
   if (access(kTunDevice, R_OK | W_OK) != 0) refuse(kTunDevice);
   unshare_namespaces();
   const pid_t child = fork();
   if (child < 0) refuse("fork");
   if (child > 0) return status_of(child);
+  handle_ending_signals(SIG_DFL);
   std::_Exit(work());
 }
 
@@ -145,7 +160,7 @@ Network::Network(const std::string& wire, const std::string& capture, const std:
       errors);
   const auto ready = [&] { return wire_->next_line() == "ready" || wire_->ended().has_value(); };
   if (!comes_true(kPatienceSeconds, ready) || wire_->ended())
-    throw std::runtime_error("no wire, see " + errors);
+    throw std::runtime_error("no wire: " + content(errors));
   ip(station, "link set lo up");
   ip_up(station, station_link, "172.40.0.1/24 broadcast 172.40.0.255 label " + station_link + ":0");
   ip_up(station, "ppt0", "172.30.0.1/24");

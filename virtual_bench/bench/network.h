@@ -22,9 +22,12 @@ struct NotAllowed : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// From now on SIGHUP, SIGINT and SIGTERM end the work of in_namespaces, at once if they come before it, and
+// no longer the process itself.
+void be_ended_by_signals();
 // Does the work in a child process that has namespaces of its own for mounts, processes and network. Returns
-// what work returns, or 128 plus the number of the SIGINT or SIGTERM that came; all that work has started has
-// ended then. Throws NotAllowed where that is not possible.
+// what work returns, or 128 plus the number of the signal that ended it; all that work has started has ended
+// then. Throws NotAllowed where that is not possible.
 int in_namespaces(const std::function<int()>& work);
 // For work to begin with: from now on the process is the station. Throws NotAllowed.
 void become_station();
