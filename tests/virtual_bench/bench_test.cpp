@@ -92,14 +92,28 @@ TEST_F(Bench, KeepsTheFolderOnRequest) {
   EXPECT_EQ(whole_file(results() + "/a/unit/a"), "b");
 }
 
+// At many moments: before there are namespaces, while they are made, and when the station runs.
 TEST_F(Bench, LeavesNothingWhenItIsInterrupted) {
   const std::string file = directory_.file("long.run");
   write_whole_file(file, "station starts\nbench waits 60 s\n");
-  const std::string command =
-      "timeout --preserve-status -s INT 2 " BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results();
-  EXPECT_EQ(WEXITSTATUS(std::system((command + " > /dev/null").c_str())), 130);
-  EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"}));
+  for (const char* signal : {"HUP", "INT", "TERM"}) {
+    for (const char* seconds : {"0.003", "0.01", "0.03", "0.1", "0.3", "2"}) {
+      const std::string command = std::string("timeout --preserve-status -s ") + signal + " " + seconds +
+                                  " " BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results();
+      EXPECT_GT(runs(command).status, 128) << command;
+      EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"})) << command;
+    }
+  }
   EXPECT_NE(std::system("pgrep -f '[l]ong.run' > /dev/null"), 0);
+}
+
+TEST_F(Bench, SaysBySignalNumberWhatInterruptedIt) {
+  const std::string file = directory_.file("long.run");
+  write_whole_file(file, "station starts\nbench waits 60 s\n");
+  EXPECT_EQ(
+      runs("timeout --preserve-status -s INT 1 " BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results())
+          .status,
+      130);
 }
 
 TEST_F(Bench, PlaysOneScenarioTwiceAtATime) {
@@ -146,8 +160,9 @@ TEST_F(Bench, LeavesItsResultsBesideTheBoardsRamDisk) {
 }
 
 TEST_F(Bench, TakesALinkThatCannotBeForWrong) {
-  EXPECT_NE(goes_wrong("board link is called a-name-that-is-too-long\nstation starts\n").find("no wire"),
-            std::string::npos);
+  EXPECT_NE(
+      goes_wrong("board link is called a-name-that-is-too-long\nstation starts\n").find("no wire: wire: "),
+      std::string::npos);
 }
 
 TEST_F(Bench, SeesAnotherExitStatus) {
@@ -215,9 +230,64 @@ TEST_F(Bench, ReadsFilesOfOtherFolders) {
   EXPECT_EQ(result.status, 0) << result.output;
 }
 
-TEST_F(Bench, RefusesAFileInAFolderThatIsNotThere) {
+TEST_F(Bench, RefusesAFileThatWouldBeElsewhere) {
   EXPECT_EQ(goes_wrong("file a/b holds c\n"),
-            "WRONG: line 1, file a/b holds c: it cannot be written; expected a plain name");
+            "WRONG: line 1, file a/b holds c: it would be elsewhere; expected a plain name");
+  EXPECT_EQ(goes_wrong("file ../b holds c\n"),
+            "WRONG: line 1, file ../b holds c: it would be elsewhere; expected a plain name");
+  const std::string outside = directory_.file("outside");
+  EXPECT_EQ(goes_wrong("file " + outside + " holds c\n"),
+            "WRONG: line 1, file " + outside + " holds c: it would be elsewhere; expected a plain name");
+  EXPECT_FALSE(fs::exists(outside));
+  EXPECT_EQ(goes_wrong("file .. holds c\n"),
+            "WRONG: line 1, file .. holds c: it cannot be written; expected a plain name");
+}
+
+TEST_F(Bench, SaysThatNothingWasOnTheNetwork) {
+  plays("station starts\nstation gets SIGKILL\nstation exits 137\n");
+  EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"}));
+  const std::string output = plays("file a holds b\n").output;
+  EXPECT_EQ(result_.status, 0);
+  EXPECT_EQ(output, "a went as the scenario says: results/a.svg, nothing was on the network\n");
+  EXPECT_EQ(left(), (std::set<std::string>{"a.svg"}));
+}
+
+TEST_F(Bench, RenamesTheLinkOnlyBeforeAnythingStarts) {
+  EXPECT_EQ(goes_wrong("wire is whole\nboard link is called lan1\n"),
+            "WRONG: line 2, board link is called lan1: the link is there already; expected this step before "
+            "anything starts");
+}
+
+TEST_F(Bench, TellsThePptServerTextsOfOneLineOnly) {
+  EXPECT_EQ(
+      goes_wrong("ppt answers ERROR 0 \"a\\nb\"\n"),
+      "WRONG: line 1, ppt answers ERROR 0 \"a\\nb\": it is told by the line; expected a text of one line");
+}
+
+TEST_F(Bench, WantsAReadThatWasBegunToEnd) {
+  const std::string begun = "file a is 30 KiB\nstation starts\nwire delays 20 ms\nunit begins reading a\n";
+  EXPECT_EQ(goes_wrong(begun + "station gets SIGKILL\nstation exits 137\n"),
+            "WRONG: a is still being read; expected \"unit ends reading\"");
+  EXPECT_EQ(goes_wrong(begun + "unit reads a\n"),
+            "WRONG: line 5, unit reads a: a is still being read; expected \"unit ends reading\" before");
+  EXPECT_EQ(goes_wrong("station starts\nunit ends reading\n"),
+            "WRONG: line 2, unit ends reading: nothing is read; expected \"unit begins reading\" before");
+}
+
+// A station that prints a line without a newline, and is killed.
+TEST_F(Bench, SaysThatAndHowTheStationEndedAsItHappens) {
+  const std::string station = directory_.file("station");
+  write_whole_file(station, "#!/bin/sh\nprintf 'one\\ntwo'\nkill -SEGV $$\n");
+  fs::permissions(station, fs::perms::owner_all);
+  const std::string scenario = file_with("station starts\nstation says two\nunit reads a timeout 1\n");
+  EXPECT_EQ(calls(station + " " + scenario + " " + results()).wrong(),
+            "WRONG: line 3, unit reads a timeout 1: a was not read");
+  const std::size_t last_line = result_.output.find("station  | two\n");
+  const std::size_t end = result_.output.find("station  ends with exit status 139\n");
+  ASSERT_NE(last_line, std::string::npos) << result_.output;
+  ASSERT_NE(end, std::string::npos) << result_.output;
+  EXPECT_LT(last_line, end);
+  EXPECT_LT(end, result_.output.find("WRONG"));
 }
 
 TEST_F(Bench, SeesAnotherReply) {

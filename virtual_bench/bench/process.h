@@ -9,7 +9,7 @@
 #include <vector>
 
 // A child process with pipes to its standard input and from its standard output, which are read without
-// waiting. The destructor kills and reaps it.
+// waiting. The destructor kills it with SIGKILL and reaps it.
 class Process {
  public:
   // arguments[0]: the program's path. prepare: called in the child before the program starts. errors: file

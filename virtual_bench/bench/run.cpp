@@ -45,6 +45,7 @@ std::optional<std::string> Run::play() {
         throw Wrong("line " + std::to_string(step.line) + ", " + step.text + ": " + error.what());
       }
     }
+    if (reading_.unit) throw Wrong(reading_.name + " is still being read; expected \"unit ends reading\"");
     if (station_ && !station_end_) throw Wrong("the station still runs; expected a step that ends it");
   } catch (const NotAllowed&) {
     throw;
@@ -54,6 +55,7 @@ std::optional<std::string> Run::play() {
   }
   until(kLastFramesSeconds, [] { return false; });
   write_summary(wrong);
+  reading_.unit.reset();
   station_.reset();
   ppt_server_.reset();
   network_.reset();
@@ -97,6 +99,7 @@ void Run::look() {
   if (station_ && !station_end_) {
     station_end_ = station_->ended();
     while (const auto line = station_->next_line()) take_station_line(*line);
+    if (station_end_) end_station_output();
   }
   while (ppt_server_) {
     const auto line = ppt_server_->next_line();
@@ -108,6 +111,13 @@ void Run::look() {
   for (; board_calls_shown_ < calls.size(); ++board_calls_shown_) {
     timeline_.says("board", "runs " + calls[board_calls_shown_]);
   }
+}
+
+// What stands behind its last newline is a line too.
+void Run::end_station_output() {
+  const std::string last = station_->rest();
+  if (!last.empty()) take_station_line(last);
+  timeline_.says("station", "ends with exit status " + std::to_string(*station_end_));
 }
 
 void Run::take_station_line(const std::string& line) {

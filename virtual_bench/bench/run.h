@@ -56,7 +56,7 @@ class Run {
   struct Reading {
     std::string name;
     double since;
-    std::unique_ptr<Process> unit;
+    std::unique_ptr<Process> unit;  // until it has ended
   };
 
   void play_step(const Step& step);
@@ -96,6 +96,7 @@ class Run {
   // many seconds; whether it held.
   void look();
   void take_station_line(const std::string& line);
+  void end_station_output();
   bool until(double seconds, const std::function<bool()>& is_so);
   bool ppt_server_said(const std::string& line) const;
   void write_summary(const std::optional<std::string>& wrong) const;

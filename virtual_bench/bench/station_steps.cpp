@@ -23,8 +23,9 @@ void fill(std::ostream& out, std::size_t bytes) {
 }  // namespace
 
 void Run::play_file_step(const Step& step) {
-  const fs::path file = served(step.text_of("NAME"));
-  std::ofstream out(file, std::ios::binary);
+  const std::string& name = step.text_of("NAME");
+  if (name.find('/') != std::string::npos) throw Wrong("it would be elsewhere; expected a plain name");
+  std::ofstream out(served(name), std::ios::binary);
   if (step.act == Act::kFileHolds) {
     out << step.text_of("TEXT");
   } else {
@@ -78,6 +79,7 @@ void Run::play_ppt_step(const Step& step) {
 
 void Run::play_board_step(const Step& step) {
   if (step.act == Act::kBoardLinkIsCalled) {
+    if (network_) throw Wrong("the link is there already; expected this step before anything starts");
     station_link_ = step.text_of("NAME");
   } else if (step.act == Act::kBoardToolExits) {
     board_.tool_exits(static_cast<int>(step.number_of("STATUS")));
@@ -149,13 +151,14 @@ void Run::expect_exit(const Step& step) {
   expect_started();
   const double patience = step.number_of("SECONDS", kExitSeconds);
   if (!until(patience, [&] { return station_end_.has_value(); })) throw Wrong("the station still runs");
-  timeline_.says("station", "ends with exit status " + std::to_string(*station_end_));
   if (*station_end_ != static_cast<int>(step.number_of("STATUS"))) {
     throw Wrong("its exit status is " + std::to_string(*station_end_));
   }
 }
 
 void Run::order_ppt_server(const std::string& order) {
+  if (order.find('\n') != std::string::npos)
+    throw Wrong("it is told by the line; expected a text of one line");
   timeline_.says("ppt", order);
   ppt_lines_.erase(std::remove(ppt_lines_.begin(), ppt_lines_.end(), "ok"), ppt_lines_.end());
   ppt_server_->says(order);

@@ -147,6 +147,8 @@ void Run::begin_reading(const std::string& name, const Step& options) {
   const auto option = [&](const char* word, const char* otherwise) {
     return options.has(word) ? options.text_of(word) : otherwise;
   };
+  if (reading_.unit)
+    throw Wrong(reading_.name + " is still being read; expected \"unit ends reading\" before");
   timeline_.says("unit", "reads " + name);
   reading_.name = name;
   reading_.since = epoch_seconds();
@@ -164,6 +166,7 @@ bool Run::ends_reading() {
     return reading_.unit->ended().has_value();
   };
   const bool arrived = until(kTransferSeconds, has_ended) && reading_.unit->ended() == 0;
+  reading_.unit.reset();
   if (arrived) {
     expect_whole();
   } else {
@@ -201,7 +204,7 @@ void Run::read_until_death(const Step& step) {
   if (!until(kTransferSeconds, [&] { return has_enough() || has_ended(); }) || has_ended()) {
     throw Wrong("the transfer ended before");
   }
-  reading_.unit->signals(SIGKILL);
+  reading_.unit.reset();
   timeline_.says("unit", "dies");
 }
 
