@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 #include <set>
 #include <string>
 
@@ -121,6 +122,40 @@ TEST_F(Bench, PlaysOneScenarioTwiceAtATime) {
   write_whole_file(file, "station starts\nbench waits 1 s\nstation gets SIGINT\nstation exits 2\n");
   const std::string command = BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results() + " > /dev/null";
   EXPECT_EQ(std::system((command + " & first=$!; " + command + " && wait $first").c_str()), 0);
+}
+
+TEST_F(Bench, WritesDownWhatThePictureIsDrawnFrom) {
+  plays(
+      "# A title\nstation starts\nunit reads F_l_m_01TEST_FAILED\nstation says \"Cmd received: "
+      "F_l_m_01TEST_FAILED\"\nboard keeps ppt_flag failed\nstation gets SIGKILL\nstation exits 137\n",
+      "--keep");
+  EXPECT_NE(result_.output.find("board    runs envtool ppt_flag=failed\n"), std::string::npos)
+      << result_.output;
+  const std::string run = whole_file(results() + "/a/run");
+  for (const char* line : {"title A title\n", "name a\n", "command TFTP -o 172.40.0.1\n", "ppt_flag failed\n",
+                           "judged as the scenario says\n", "status 137\n"})
+    EXPECT_NE(run.find(line), std::string::npos) << line << run;
+  const std::regex line("[0-9]{10}\\.[0-9]{6} Cmd received: F_l_m_01TEST_FAILED\n");
+  EXPECT_TRUE(std::regex_search(whole_file(results() + "/a/station.log"), line));
+  plays("station starts\nstation gets SIGKILL\nstation exits 2\n", "--keep");
+  EXPECT_NE(whole_file(results() + "/a/run").find("judged line 3, station exits 2: its exit status is 137\n"),
+            std::string::npos);
+}
+
+TEST_F(Bench, EndsEveryDamageWhenTheWireIsWhole) {
+  const Result& result = plays(
+      "file a holds b\nstation starts\nwire loses 100 %\nunit cannot read a\nwire is whole\n"
+      "unit reads a\nwire is cut for 3600 s\nunit cannot read a\nstation gets SIGKILL\nstation exits 137\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST_F(Bench, TriesAsOftenAsItIsTold) {
+  EXPECT_EQ(goes_wrong("station starts\nunit reads a tries 2\n"),
+            "WRONG: line 2, unit reads a tries 2: a was not read");
+  const std::size_t first = result_.output.find("unit     reads a\n");
+  const std::size_t second = result_.output.find("unit     reads a\n", first + 1);
+  ASSERT_NE(second, std::string::npos) << result_.output;
+  EXPECT_EQ(result_.output.find("unit     reads a\n", second + 1), std::string::npos) << result_.output;
 }
 
 TEST_F(Bench, SaysThatTheStationCannotBeStarted) {
@@ -325,8 +360,9 @@ TEST_F(Bench, SeesWhatTheBoardRanAndKeeps) {
             "WRONG: line 4, board ran nothing: the board ran envtool ppt_flag=failed");
   EXPECT_EQ(goes_wrong("station starts\nboard ran \"envtool show tempmac\"\n"),
             "WRONG: line 2, board ran \"envtool show tempmac\": the board did not");
-  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01TEST_FAILED\nboard keeps ppt_flag nothing\n"),
-            "WRONG: line 3, board keeps ppt_flag nothing: it keeps failed");
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01TEST_FAILED\nppt hears "
+                       "F_l_m_01CPU_2_TEST_FAILED\nboard keeps ppt_flag nothing\n"),
+            "WRONG: line 4, board keeps ppt_flag nothing: it keeps failed");
 }
 
 TEST_F(Bench, SeesABootScriptThatWasNotToCome) {
