@@ -149,6 +149,36 @@ TEST_F(Bench, EndsEveryDamageWhenTheWireIsWhole) {
   EXPECT_EQ(result.status, 0) << result.output;
 }
 
+struct Damage {
+  const char* step;
+  const char* fate;
+};
+class BenchDamage : public Bench, public testing::WithParamInterface<Damage> {};
+
+TEST_P(BenchDamage, IsWhatTheScenarioSays) {
+  plays("file a is 30 KiB\nstation starts\nwire " + std::string(GetParam().step) +
+            "\nunit reads a\nstation gets SIGKILL\nstation exits 137\n",
+        "--keep");
+  const std::string fates = whole_file(results() + "/a/fates");
+  for (const char* fate : {" doubled\n", " swapped\n"})
+    EXPECT_EQ(fates.find(fate) != std::string::npos, fate == std::string(GetParam().fate)) << fates;
+}
+
+INSTANTIATE_TEST_SUITE_P(Bench, BenchDamage,
+                         testing::Values(Damage{"duplicates 50 %", " doubled\n"},
+                                         Damage{"swaps 50 %", " swapped\n"}));
+
+// A silent PPT server costs the verdict's station five seconds.
+TEST_F(Bench, HasAPptServerThatIsSilent) {
+  const Result& result = plays(
+      "station starts\nppt is silent\nunit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
+      "bench waits 2 s\nunit cannot read a\nstation says \"RRQ a\"\nstation gets SIGKILL\nstation exits "
+      "137\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  const std::size_t asked = result.output.find("unit     reads a\n");
+  EXPECT_NE(result.output.find("unit     has 0 of 0 KiB of a\n", asked), std::string::npos) << result.output;
+}
+
 TEST_F(Bench, TriesAsOftenAsItIsTold) {
   EXPECT_EQ(goes_wrong("station starts\nunit reads a tries 2\n"),
             "WRONG: line 2, unit reads a tries 2: a was not read");

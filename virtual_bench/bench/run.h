@@ -26,11 +26,14 @@ struct Programs {
 // One run: plays a scenario's steps one after another, and prints meanwhile what station, board and PPT
 // server do.
 //
-// What it leaves in its folder, times in seconds since the epoch:
-//   station.log  "SECONDS LINE" of the station's output        board.log  "SECONDS COMMAND", each call of a
-//   board command fates        what the wire did to which frame              run        the run as a whole,
-//   "KEY VALUE" served/      the files that the station serves             unit/      those that the unit
-//   read unit.log, errors  what else the programs said              board/     the board's scripts and state
+// What it leaves in its folder; times in seconds since the epoch:
+//   - run: the run as a whole, "KEY VALUE"
+//   - station.log: "SECONDS LINE" of the station's output
+//   - board.log: "SECONDS COMMAND", each call of a board command
+//   - fates: what the wire did to which frame
+//   - errors: what the programs said on standard error
+//   - served/, unit/: the files that the station serves, those that the unit read
+//   - board/: the board's state
 class Run {
  public:
   // name: the run's. folder: exists and is empty. capture: the file that the wire records into. The calling
