@@ -1,7 +1,6 @@
 // The unit on the test network, one thing at a time:
 //   - unit hear PORT SECONDS: prints the first datagram that comes to the port
-//   - unit read SERVER PORT NAME LOCAL_FILE BLOCK_SIZE TIMEOUT: downloads a file; size in bytes, time-out in
-//   s
+//   - unit read SERVER PORT NAME LOCAL_FILE BLOCK_SIZE TIMEOUT: downloads a file; in bytes and in seconds
 //   - unit ask SERVER PORT TEXT SECONDS: sends a text on a new connection, prints the answer
 //   - unit send SERVER PORT TEXT: sends a datagram
 // Exit status 0 when it was done, 1 when it was not, 2 for a call that is none of these.
