@@ -146,7 +146,7 @@ int main(int argc, char** argv) {
     std::cerr << "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --steps\n";
     return kNotUnderstood;
   }
-  return reported([&] {
+  const int status = reported([&] {
     const Scenario scenario = read_scenario(call.scenario);
     be_ended_by_signals();
     const RunFolder folder(call.results, call.scenario.stem(), call.keep);
@@ -157,4 +157,7 @@ int main(int argc, char** argv) {
       });
     });
   });
+  // Without the work that others hang on to a process's end, such as a leak check's: it would need a thread,
+  // and a process that has given its children process numbers of their own cannot start one.
+  std::_Exit(status);
 }
