@@ -33,6 +33,9 @@ struct Call {
   fs::path station;
   fs::path scenario;
   fs::path results;
+  // Where the bench's other programs are: beside this one. Asked for early, since in a mount namespace of its
+  // own a process below a chroot is no longer told a path that leads there.
+  fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
 };
 
 bool understood(std::vector<std::string> arguments, Call* call) {
@@ -47,13 +50,8 @@ bool understood(std::vector<std::string> arguments, Call* call) {
   return true;
 }
 
-// Every program of the bench is built beside the others.
-fs::path beside_this(const char* program) {
-  return fs::read_symlink("/proc/self/exe").parent_path() / program;
-}
-
-bool draw(const fs::path& folder, const fs::path& capture, const fs::path& picture) {
-  Process process({beside_this("picture"), folder, capture, picture}, [] {});
+bool draw(const fs::path& program, const fs::path& folder, const fs::path& capture, const fs::path& picture) {
+  Process process({program, folder, capture, picture}, [] {});
   const auto has_ended = [&] {
     process.rest();
     return process.ended().has_value();
@@ -106,11 +104,11 @@ class RunFolder {
 int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
   const std::string capture = folder.file(folder.name() + ".pcap");
   const std::string picture = folder.file(folder.name() + ".svg");
-  const Programs programs = {call.station, beside_this("unit"), beside_this("ppt_server"),
-                             beside_this("wire")};
+  const Programs programs = {call.station, call.programs / "unit", call.programs / "ppt_server",
+                             call.programs / "wire"};
   const std::optional<std::string> wrong =
       Run(scenario, programs, folder.name(), folder.path(), capture).play();
-  const bool drawn = draw(folder.path(), capture, picture);
+  const bool drawn = draw(call.programs / "picture", folder.path(), capture, picture);
   if (!drawn) fs::remove(picture);
   std::cout << folder.name() << (wrong ? " did not go" : " went")
             << " as the scenario says: " << folder.hand_over(".svg").value_or("no picture could be drawn")
