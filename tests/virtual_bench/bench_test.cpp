@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <ostream>
 #include <set>
 #include <string>
 
@@ -159,6 +160,9 @@ struct Damage {
   const char* step;
   const char* fate;
 };
+void PrintTo(const Damage& damage, std::ostream* out) {
+  *out << damage.step;
+}
 class BenchDamage : public Bench, public testing::WithParamInterface<Damage> {};
 
 TEST_P(BenchDamage, IsWhatTheScenarioSays) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "support/whole_file.h"
@@ -42,6 +43,9 @@ struct Line {
   const char* text;
   Act act;
 };
+void PrintTo(const Line& line, std::ostream* out) {
+  *out << line.text;
+}
 class EveryForm : public testing::TestWithParam<Line> {};
 
 TEST_P(EveryForm, IsUnderstood) {
@@ -112,6 +116,9 @@ struct Refused {
   const char* text;
   const char* why;
 };
+void PrintTo(const Refused& refused, std::ostream* out) {
+  *out << testing::PrintToString(std::string(refused.text));
+}
 class Refusal : public testing::TestWithParam<Refused> {};
 
 TEST_P(Refusal, NamesFileLineAndWhatWasExpected) {
