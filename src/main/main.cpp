@@ -8,6 +8,7 @@
 #include <string>
 
 #include "anyoption/anyoption.h"
+#include "main/uninterrupted_output.h"
 #include "socket_errors/socket_errors.h"
 #include "tftp_server/tftp_server.h"
 
@@ -105,6 +106,11 @@ void share_one_heap() {
   mallopt(M_ARENA_MAX, 1);
 }
 
+// Standard output is written to until the process has ended, and its buffer lives as long.
+void hold_signals_back_while_printing() {
+  std::cout.rdbuf(new UninterruptedOutput(std::cout.rdbuf()));
+}
+
 const pthread_t main_thread = pthread_self();
 
 // For good: what the handler would delete, main deletes.
@@ -151,6 +157,7 @@ void signalHandler(int signal_number) {
 int main(int argc, char** argv) {
   set_default_thread_attributes();
   share_one_heap();
+  hold_signals_back_while_printing();
   signal(SIGINT, signalHandler);
   signal(SIGTERM, signalHandler);
   const Settings settings = read_command_line(argc, argv);
