@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/emulated.h"
 #include "support/sanitized.h"
 #include "support/station.h"
 #include "support/whole_file.h"
@@ -26,6 +27,7 @@ constexpr long kMostKiBOfOneThread = 4096;
 class Threads : public testing::Test {
  protected:
   void SetUp() override {
+    LEFT_OUT_UNDER_EMULATION("it would measure qemu");
     NEEDS_SANDBOX();
     if (kSanitized) GTEST_SKIP() << "a sanitizer gives threads attributes of its own";
     station_.emplace(std::vector<std::string>{}, station::OnLoopback::Relay::kHasNoAddress);
