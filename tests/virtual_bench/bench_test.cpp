@@ -271,6 +271,13 @@ TEST_F(Bench, ObeysOnlyAScriptThatItHasHeard) {
             "WRONG: line 2, unit obeys the boot script: it has heard none");
 }
 
+TEST_F(Bench, EndsScriptsThatObeyThemselves) {
+  EXPECT_EQ(
+      goes_wrong("file bootscript.txt holds \"tftp 1 bootscript.txt\\r\\ninst 1\\r\\n\"\nstation starts\n"
+                 "unit hears the boot script\nunit obeys the boot script\n"),
+      "WRONG: line 4, unit obeys the boot script: the scripts obey each other without an end");
+}
+
 TEST_F(Bench, SeesThatTheStationDoesNotStart) {
   EXPECT_EQ(goes_wrong("station starts with \"-o 172.40.0.9\"\nunit reads a timeout 1\n").substr(0, 20),
             "WRONG: line 2, unit ");

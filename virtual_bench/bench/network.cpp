@@ -1,7 +1,6 @@
 #include "bench/network.h"
 
 #include <fcntl.h>
-#include <net/if.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -21,7 +20,6 @@
 namespace {
 
 constexpr double kPatienceSeconds = 10;
-constexpr int kDescriptorOfThisNamespace = O_RDONLY | O_CLOEXEC;
 constexpr int kKilled = 128;  // plus the signal's number, as a shell says it
 constexpr char kTunDevice[] = "/dev/net/tun";
 constexpr char kThisNetwork[] = "/proc/self/ns/net";
@@ -68,7 +66,7 @@ int status_of(pid_t child) {
 }
 
 int open_this_network() {
-  const int descriptor = open(kThisNetwork, kDescriptorOfThisNamespace);
+  const int descriptor = open(kThisNetwork, O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) refuse(kThisNetwork);
   return descriptor;
 }

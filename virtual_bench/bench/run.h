@@ -79,7 +79,8 @@ class Run {
   void expect_exit(const Step& step);
   void hear_script();
   void hear_nothing(double seconds);
-  void obey_script(const std::string& script, const Step& options);
+  // depth: 0 for the script that was heard, 1 for the ones that it obeys, and so on.
+  void obey_script(const std::string& script, const Step& options, int depth);
   void read(const std::string& name, const Step& options);
   void begin_reading(const std::string& name, const Step& options);
   bool ends_reading();

@@ -17,6 +17,7 @@ constexpr double kTransferSeconds = 150;    // the longest that a transfer may t
 constexpr double kProgressSeconds = 1;      // between two lines about one long read
 constexpr double kVainSeconds = 3;          // for a question that is not to be answered
 constexpr double kBulkBytes = 1024 * 1024;  // from here on a read's rate says something
+constexpr int kDeepestScript = 10;          // a script that obeys itself would never end
 constexpr char kVerdictPrefix[] = "F_l_m_";
 
 std::string content(const fs::path& file) {
@@ -75,7 +76,7 @@ void Run::play_unit_step(const Step& step) {
       return hear_nothing(step.number_of("SECONDS"));
     case Act::kUnitObeys:
       if (script_.empty()) throw Wrong("it has heard none");
-      return obey_script(script_, step);
+      return obey_script(script_, step, 0);
     case Act::kUnitReads:
       return step.has("UNIT") ? read_until_death(step) : read(step.text_of("NAME"), step);
     case Act::kUnitBeginsReading:
@@ -118,7 +119,8 @@ void Run::hear_nothing(double seconds) {
 }
 
 // "tftp ADDRESS NAME" loads a file; "inst ADDRESS" obeys the script that was loaded there.
-void Run::obey_script(const std::string& script, const Step& options) {
+void Run::obey_script(const std::string& script, const Step& options, int depth) {
+  if (depth > kDeepestScript) throw Wrong("the scripts obey each other without an end");
   std::map<std::string, std::string> loaded;
   std::istringstream lines(script);
   for (std::string line; std::getline(lines, line);) {
@@ -129,7 +131,7 @@ void Run::obey_script(const std::string& script, const Step& options) {
     } else if (words.size() == 2 && words[0] == "inst") {
       if (loaded.count(words[1]) == 0) throw Wrong("nothing was loaded to " + words[1]);
       timeline_.says("unit", "obeys " + loaded[words[1]]);
-      obey_script(content(local(loaded[words[1]])), options);
+      obey_script(content(local(loaded[words[1]])), options, depth + 1);
     }
   }
 }
