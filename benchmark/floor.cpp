@@ -1,17 +1,23 @@
-// The floors: what a lock-step server costs at the least on this machine. It serves files from memory, with
-// one receive and one send per block and nothing between them.
+// The floors: what a lock-step server costs at the least on this machine. They serve files from memory, with
+// one receive and one send per block and nothing between them, but for the last:
 //
 //   floor one-thread ADDRESS PORT FOLDER          every read in one thread, on one socket
 //   floor thread-per-read ADDRESS PORT FOLDER     a socket and a thread for each read
+//   floor same-calls ADDRESS PORT FOLDER          the same, with the program's calls: it opens and reads the
+//                                                 file, and waits for each ACK with a time-out
 //
 // Nothing is checked that a measurement does not need: it is for the load program alone.
 
 #include <dirent.h>
 #include <pthread.h>
+#include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <map>
+#include <memory>
+#include <utility>
 
 #include "wire.h"
 
@@ -21,6 +27,7 @@ using Files = std::map<std::string, std::string>;
 constexpr std::size_t kThreadStackSize = 65536;
 constexpr std::size_t kRequestSize = 512;
 constexpr std::size_t kPorts = 65536;
+constexpr time_t kWaitSeconds = 5;
 
 // One read: what was sent last, and whether it was the end.
 class Read {
@@ -36,6 +43,13 @@ class Read {
   }
 
   bool is_over() const { return contents_ == nullptr; }
+
+  // From now on the blocks come from this file and not from memory.
+  void reads_from(const std::string& path) {
+    file_ = std::make_unique<std::ifstream>(path, std::ios::binary);
+  }
+
+  std::size_t largest_packet() const { return kHeaderSize + std::max(block_size_, kRequestSize); }
 
   // The first packet of the answer.
   std::string_view first(char* packet) {
@@ -59,16 +73,21 @@ class Read {
     sent_ = 1;
     return numbered_block(packet);
   }
-  std::string_view numbered_block(char* packet) const {
-    const std::size_t offset = (sent_ - 1) * block_size_;
-    const std::size_t count = std::min(block_size_, contents_->size() - offset);
+  std::string_view numbered_block(char* packet) {
     put_word(packet, kData);
     put_word(packet + 2, static_cast<std::uint16_t>(sent_));
-    std::memcpy(packet + kHeaderSize, contents_->data() + offset, count);
-    return {packet, kHeaderSize + count};
+    return {packet, kHeaderSize + fill(packet + kHeaderSize)};
+  }
+  std::size_t fill(char* data) {
+    if (file_) return static_cast<std::size_t>(file_->read(data, static_cast<std::streamsize>(block_size_)).gcount());
+    const std::size_t offset = (sent_ - 1) * block_size_;
+    const std::size_t count = std::min(block_size_, contents_->size() - offset);
+    std::memcpy(data, contents_->data() + offset, count);
+    return count;
   }
 
   const std::string* contents_ = nullptr;
+  std::unique_ptr<std::ifstream> file_;
   std::size_t block_size_ = 0;
   bool negotiates_ = false;
   std::size_t sent_ = 0;
@@ -96,35 +115,71 @@ void serve_in_one_thread(const Files& files, int listener) {
   }
 }
 
-struct Task {
-  Read read;
-  sockaddr_in client;
+// A read with a socket of its own, for a thread of its own.
+class Task {
+ public:
+  Task(Read read, const sockaddr_in& client) : read_(std::move(read)), client_(client) {}
+  ~Task() { close(own_); }
+  Task(const Task&) = delete;
+  Task& operator=(const Task&) = delete;
+
+  bool is_begun() const { return own_ != -1; }
+  void waits_with_select() { waits_ = true; }
+  void begins() {
+    own_ = socket(AF_INET, SOCK_DGRAM, 0);
+    packet_.reset(new char[read_.largest_packet()]);
+    sends(read_.first(packet_.get()));
+  }
+  void goes_on() {
+    for (;;) {
+      if (waits_) waits_for_datagram();
+      char received[kHeaderSize];
+      sockaddr_in sender = {};
+      socklen_t length = sizeof sender;
+      if (recvfrom(own_, received, sizeof received, 0, generic(sender), &length) < 0) return;
+      const std::string_view answer = read_.after(received, packet_.get());
+      if (answer.empty()) return;
+      sends(answer);
+    }
+  }
+
+ private:
+  void sends(std::string_view answer) const {
+    sendto(own_, answer.data(), answer.size(), 0, generic(client_), sizeof client_);
+  }
+  void waits_for_datagram() const {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(own_, &readable);
+    timeval wait = {kWaitSeconds, 0};
+    select(own_ + 1, &readable, nullptr, nullptr, &wait);
+  }
+
+  Read read_;
+  const sockaddr_in client_;
+  int own_ = -1;
+  bool waits_ = false;
+  std::unique_ptr<char[]> packet_;
 };
 
 void* serve_read(void* argument) {
-  Task task = *static_cast<Task*>(argument);
-  delete static_cast<Task*>(argument);
-  const int own = socket(AF_INET, SOCK_DGRAM, 0);
-  char* const packet = new char[kLargestDatagram];
-  std::string_view answer = task.read.first(packet);
-  while (!answer.empty()) {
-    sendto(own, answer.data(), answer.size(), 0, generic(task.client), sizeof task.client);
-    char received[kHeaderSize];
-    sockaddr_in sender = {};
-    socklen_t length = sizeof sender;
-    if (recvfrom(own, received, sizeof received, 0, generic(sender), &length) < 0) break;
-    answer = task.read.after(received, packet);
-  }
-  close(own);
-  delete[] packet;
+  const std::unique_ptr<Task> task(static_cast<Task*>(argument));
+  if (!task->is_begun()) task->begins();
+  task->goes_on();
   return nullptr;
 }
 
-void serve_by_threads(const Files& files, int listener) {
+pthread_attr_t detached_with_small_stack() {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_attr_setstacksize(&attributes, kThreadStackSize);
+  return attributes;
+}
+
+// folder: where the files are opened; empty to serve from memory.
+void serve_by_threads(const Files& files, int listener, const std::string& folder) {
+  const pthread_attr_t attributes = detached_with_small_stack();
   for (;;) {
     char received[kRequestSize];
     sockaddr_in client = {};
@@ -132,9 +187,16 @@ void serve_by_threads(const Files& files, int listener) {
     const ssize_t size = recvfrom(listener, received, sizeof received - 1, 0, generic(client), &length);
     if (size < static_cast<ssize_t>(kHeaderSize)) continue;
     received[size] = '\0';
-    auto* const task = new Task{Read(files, received, static_cast<std::size_t>(size)), client};
+    Read read(files, received, static_cast<std::size_t>(size));
+    if (read.is_over()) continue;
+    if (!folder.empty()) read.reads_from(folder + "/" + (received + 2));
+    auto task = std::make_unique<Task>(std::move(read), client);
+    if (!folder.empty()) {
+      task->waits_with_select();
+      task->begins();
+    }
     pthread_t thread;
-    if (task->read.is_over() || pthread_create(&thread, &attributes, serve_read, task) != 0) delete task;
+    if (pthread_create(&thread, &attributes, serve_read, task.get()) == 0) static_cast<void>(task.release());
   }
 }
 
@@ -153,8 +215,8 @@ Files files_in(const std::string& folder) {
 
 int main(int argc, char** argv) {
   const std::string_view kind = argc == 5 ? argv[1] : "";
-  if (kind != "one-thread" && kind != "thread-per-read") {
-    std::fprintf(stderr, "Usage: floor one-thread|thread-per-read ADDRESS PORT FOLDER\n");
+  if (kind != "one-thread" && kind != "thread-per-read" && kind != "same-calls") {
+    std::fprintf(stderr, "Usage: floor one-thread|thread-per-read|same-calls ADDRESS PORT FOLDER\n");
     return 2;
   }
   const Files files = files_in(argv[4]);
@@ -162,5 +224,5 @@ int main(int argc, char** argv) {
   const sockaddr_in address = ipv4(argv[2], argv[3]);
   if (bind(listener, generic(address), sizeof address) == -1) give_up("floor: bind");
   if (kind == "one-thread") serve_in_one_thread(files, listener);
-  serve_by_threads(files, listener);
+  serve_by_threads(files, listener, kind == "same-calls" ? argv[4] : "");
 }

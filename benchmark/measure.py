@@ -5,12 +5,14 @@ text with: program, load, floor, packet_benchmark (files; "" where there is none
 result (the file to write), quick (true: one round of tiny works, to see that every figure comes out).
 """
 
+import contextlib
 import json
 import os
 import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import time
@@ -19,27 +21,39 @@ SETTINGS = json.loads(sys.argv[1])
 QUICK = SETTINGS["quick"]
 FOLDER = SETTINGS["folder"]
 SERVED = os.path.join(FOLDER, "served")
-PORT = 69
-LOOPBACK, STATION = "127.0.0.1", "172.40.0.1"
+# The relay runs where the station's address is. All others run side by side on a network like it without that
+# address: packets to an interface's address cost more than those to the loopback's.
+STATION = "172.40.0.1"
+ENDPOINTS = {
+    "floor": ("172.41.0.1", 69),
+    "thread floor": ("172.41.0.2", 69),
+    "same calls": ("172.41.0.3", 69),
+    "TFTP": ("172.41.0.4", 69),
+    "TFTP with relay": (STATION, 69),
+    "tftpd-hpa": ("172.41.0.5", 69),
+    "dnsmasq": ("172.41.0.6", 69),
+    "atftpd": ("172.41.0.7", 69),
+}
 RELAY_WAIT_SECONDS = 2.3  # the relay waits for two seconds before it polls
 PATIENCE_SECONDS = 10
 
-ROUNDS = 1 if QUICK else 5
+# One core gives figures that lie close together, and the targets are there.
+ROUNDS = {"one core": 1 if QUICK else 11, "two cores": 1 if QUICK else 5}
 IMAGE_BYTES = (2 if QUICK else 32) << 20
 PART_BYTES = 1 << 20
 TINY_FILES = 20 if QUICK else 2000
 MANY_READS = (100, 300) if QUICK else (500, 100000)
 STARTS = 3 if QUICK else 20
 
-# A work is measured long enough to be steady: small amounts of time are read several times over.
-# name: (title, file, count of files, block size, clients, reads)
+# The processor's speed changes from one second to the next: what is over soon is measured several times a round.
+# name: (title, file, count of files, block size, clients, reads, times a round)
 WORKS = {
-    "512": ("one read, block size 512", "image", 0, 512, 1, 1),
-    "1428": ("one read, block size 1428", "image", 0, 1428, 1, 2),
-    "8192": ("one read, block size 8192", "image", 0, 8192, 1, 4),
-    "32768": ("one read, block size 32768", "image", 0, 32768, 1, 6),
-    "clients": ("64 clients at once, block size 1428", "part", 0, 1428, 64, 64),
-    "tiny": ("files of 100 bytes, one after another", "tiny", TINY_FILES, 512, 1, TINY_FILES),
+    "512": ("one read, block size 512", "image", 0, 512, 1, 1, 1),
+    "1428": ("one read, block size 1428", "image", 0, 1428, 1, 1, 2),
+    "8192": ("one read, block size 8192", "image", 0, 8192, 1, 1, 4),
+    "32768": ("one read, block size 32768", "image", 0, 32768, 1, 1, 6),
+    "clients": ("64 clients at once, block size 1428", "part", 0, 1428, 64, 64, 1),
+    "tiny": ("files of 100 bytes, one after another", "tiny", TINY_FILES, 512, 1, TINY_FILES, 2),
 }
 
 
@@ -49,42 +63,57 @@ def say(text):
 
 def servers():
     """The command of each server, by name, with the network it is measured on; None: not installed."""
-    program, floor, atftpd = SETTINGS["program"], SETTINGS["floor"], SETTINGS["atftpd"]
+    program, atftpd = SETTINGS["program"], SETTINGS["atftpd"]
     hpa, dnsmasq = shutil.which("in.tftpd"), shutil.which("dnsmasq")
+
+    def floor(kind, name):
+        return [SETTINGS["floor"], kind, ENDPOINTS[name][0], str(ENDPOINTS[name][1]), SERVED]
+
     return {
-        "floor": [floor, "one-thread", LOOPBACK, str(PORT), SERVED],
-        "thread floor": [floor, "thread-per-read", LOOPBACK, str(PORT), SERVED],
-        "TFTP": [program, "-o", LOOPBACK],
+        "floor": floor("one-thread", "floor"),
+        "thread floor": floor("thread-per-read", "thread floor"),
+        "same calls": floor("same-calls", "same calls"),
+        "TFTP": [program, "-o", ENDPOINTS["TFTP"][0]],
         "TFTP with relay": [program, "-o", STATION],
-        "tftpd-hpa": hpa and [hpa, "-L", "-4", "-u", "root", "-a", f":{PORT}", "-s", SERVED],
+        "tftpd-hpa": hpa and [hpa, "-L", "-4", "-u", "root", "-a", ":".join(map(str, ENDPOINTS["tftpd-hpa"])), "-s",
+                              SERVED],
         "dnsmasq": dnsmasq and [dnsmasq, "--keep-in-foreground", "--conf-file=/dev/null", "--pid-file", "--port=0",
-                                "--enable-tftp", f"--tftp-root={SERVED}", f"--listen-address={LOOPBACK}",
-                                "--bind-interfaces", "--tftp-max=100", "--edns-packet-max=65000", "--user=root",
-                                "--quiet-tftp", "--log-facility=/dev/null"],
-        "atftpd": atftpd and [atftpd, "--daemon", "--no-fork", "--port", str(PORT), "--bind-address", LOOPBACK,
-                              "--user", "root", "--group", "root", "--verbose=0", "--logfile", "/dev/null", SERVED],
+                                "--enable-tftp", f"--tftp-root={SERVED}",
+                                f"--listen-address={ENDPOINTS['dnsmasq'][0]}", "--bind-interfaces", "--tftp-max=100",
+                                "--edns-packet-max=65000", "--user=root", "--quiet-tftp",
+                                "--log-facility=/dev/null"],
+        "atftpd": atftpd and [atftpd, "--daemon", "--no-fork", "--port", str(ENDPOINTS["atftpd"][1]),
+                              "--bind-address", ENDPOINTS["atftpd"][0], "--user", "root", "--group", "root",
+                              "--verbose=0", "--logfile", "/dev/null", SERVED],
     }
 
 
-class PrivateNetwork:
-    """The station's address on a link of its own, beside the loopback of this process: there the relay runs."""
+def make_network(addresses, enter=()):
+    """A link named as the station's, with these addresses, and wide enough for every block in one frame."""
+    commands = ["link set lo up", "link add lan0 mtu 65535 type veth peer name unit0 mtu 65535", "link set lan0 up",
+                "link set unit0 up"]
+    commands += [f"address add {address}/24 brd + label lan0:0 dev lan0" for address in addresses]
+    for command in commands:
+        subprocess.run([*enter, "ip", *command.split()], check=True)
+
+
+class StationNetwork:
+    """The station's address on a link of its own, beside the network of this process: there the relay runs."""
 
     def __init__(self):
         self.holder = subprocess.Popen(["unshare", "--net", "sleep", "infinity"])
         while open(f"/proc/{self.holder.pid}/comm").read() != "sleep\n":
             time.sleep(0.01)
         self.enter = ["nsenter", "--net", "--target", str(self.holder.pid), "--"]
-        for command in ("link set lo up", "link add lan0 type veth peer name unit0",
-                        f"address add {STATION}/24 broadcast 172.40.0.255 label lan0:0 dev lan0", "link set lan0 up",
-                        "link set unit0 up"):
-            subprocess.run(self.enter + ["ip"] + command.split(), check=True)
+        make_network([STATION], self.enter)
 
 
-def is_bound(pid):
-    """Whether a UDP socket in the process's network has the port."""
+def is_bound(pid, address, port):
+    """Whether a UDP socket in the process's network has the port, on the address or on all."""
+    wanted = [f"{struct.unpack('=I', socket.inet_aton(one))[0]:08X}:{port:04X}" for one in (address, "0.0.0.0")]
     try:
         with open(f"/proc/{pid}/net/udp") as table:
-            return any(line.split()[1].endswith(f":{PORT:04X}") for line in table.readlines()[1:])
+            return any(line.split()[1] in wanted for line in table.readlines()[1:])
     except OSError:
         return False
 
@@ -94,15 +123,16 @@ class Server:
 
     def __init__(self, name, cpus, network, prefix=()):
         command = servers()[name]
+        self.name = name
         self.has_relay = name == "TFTP with relay"
-        self.address = STATION if self.has_relay else LOOPBACK
+        self.address, self.port = ENDPOINTS[name]
         self.where = network.enter if self.has_relay else []
         self.on_cpus = ["taskset", "--cpu-list", cpus]
         self.process = subprocess.Popen(self.where + self.on_cpus + list(prefix) + command, cwd=SERVED,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + PATIENCE_SECONDS
-        while not is_bound(self.process.pid):
+        while not is_bound(self.process.pid, self.address, self.port):
             if time.monotonic() > deadline or self.process.poll() is not None:
                 sys.exit(f"benchmark: {name} does not listen: {' '.join(command)}")
             time.sleep(0.002)
@@ -117,7 +147,7 @@ class Server:
 
     def load(self, file, *arguments):
         """The load program on one of the files, with the rest of its own arguments."""
-        words = [SETTINGS["load"], self.address, PORT, os.path.join(SERVED, file), *arguments]
+        words = [SETTINGS["load"], self.address, self.port, os.path.join(SERVED, file), *arguments]
         return subprocess.Popen(self.where + self.on_cpus + [str(word) for word in words], text=True,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
@@ -144,8 +174,17 @@ class Server:
         cpu_clock = 2  # of the clocks that belong to a process id
         return sum(time.clock_gettime(~pid << 3 | cpu_clock) for pid in self.family())
 
+    def pause(self):
+        """A relay that polls takes its share of the processor even when nobody looks."""
+        if self.has_relay:
+            self.process.send_signal(signal.SIGSTOP)
+
+    def resume(self):
+        self.process.send_signal(signal.SIGCONT)
+
     def end(self):
         self.process.terminate()
+        self.resume()
         self.process.wait()
 
     def family(self):
@@ -189,41 +228,53 @@ def cpu_settings():
     return settings
 
 
-def measure_once(name, work, cpus, network):
-    _, file, count, block, clients, reads = WORKS[work]
-    with Server(name, cpus, network) as server:
-        figures = server.reads(file, count, block, clients, reads)
+def measure_once(server, work):
+    _, file, count, block, clients, reads, _ = WORKS[work]
+    server.resume()
+    figures = server.reads(file, count, block, clients, reads)
+    server.pause()
     first_file = os.path.join(SERVED, file + "0" if count else file)
     return {**figures, "bytes": reads * os.path.getsize(first_file), "reads": reads}
 
 
+def measure_round(number, setting, cpus, present, network):
+    """All servers are started afresh; then every work, and for each work every server in turn."""
+    lines = []
+    with contextlib.ExitStack() as running:
+        servers_in_turn = []
+        for name in present if number % 2 == 0 else present[::-1]:
+            servers_in_turn.append(running.enter_context(Server(name, cpus, network)))
+            servers_in_turn[-1].pause()
+        for work in WORKS:
+            *_, times = WORKS[work]
+            for server in servers_in_turn * times:
+                figures = measure_once(server, work)
+                lines.append({"round": number, "setting": setting, "work": work, "server": server.name, **figures})
+    say(f"round {number + 1} of {ROUNDS[setting]}, {setting}: done")
+    return lines
+
+
 def measure_works(present, settings, network):
-    """All rounds: in each, every work, and for each work every server in turn, in alternating order."""
-    rounds = []
-    for number in range(ROUNDS):
-        for setting, cpus in settings.items():
-            for work in WORKS:
-                for name in present if number % 2 == 0 else present[::-1]:
-                    figures = measure_once(name, work, cpus, network)
-                    rounds.append({"round": number, "setting": setting, "work": work, "server": name, **figures})
-            say(f"round {number + 1} of {ROUNDS}, {setting}: done")
-    return rounds
+    """Rounds of both settings in alternation, as long as each has some."""
+    return [line for number in range(max(ROUNDS.values())) for setting, cpus in settings.items()
+            if number < ROUNDS[setting] for line in measure_round(number, setting, cpus, present, network)]
 
 
 def is_compared(name):
     """The floors have their own files in memory, and the relay polls: their use of the machine tells nothing."""
-    return "floor" not in name and name != "TFTP with relay"
+    return name not in ("floor", "thread floor", "same calls", "TFTP with relay")
 
 
 def measure_processor_seconds(present, cpus, network):
     """Rounds of: seconds for one read of the image at each block size, and for all the tiny files."""
     rounds = []
-    for _ in range(ROUNDS):
-        for name in filter(is_compared, present):
-            for block in (512, 1428, 8192, 32768):
+    for _ in range(ROUNDS["two cores"]):
+        for block in (512, 1428, 8192, 32768):
+            for name in filter(is_compared, present):
                 with Server(name, cpus, network) as server:
                     seconds = server.seconds_for_read("image", block)
                 rounds.append({"server": name, "work": str(block), "seconds": seconds})
+        for name in filter(is_compared, present):
             with Server(name, cpus, network) as server:
                 before = server.processor_seconds()
                 server.reads("tiny", TINY_FILES, 512, 1, TINY_FILES)
@@ -238,7 +289,7 @@ def memory_with_open_reads(server, count):
     for _ in range(count):
         client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         client.settimeout(PATIENCE_SECONDS)
-        client.sendto(b"\0\1part\0octet\0", (server.address, PORT))
+        client.sendto(b"\0\1part\0octet\0", (server.address, server.port))
         clients.append(client)
     for client in clients:
         client.recv(1024)
@@ -339,8 +390,8 @@ def main():
     about = machine()
     say("making the files that are served")
     make_files()
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-    network = PrivateNetwork()
+    make_network([address for address, _ in ENDPOINTS.values() if address != STATION])
+    network = StationNetwork()
     settings = cpu_settings()
     pinned = settings["one core"]
     present = [name for name, command in servers().items() if command]
@@ -353,6 +404,7 @@ def main():
         "machine": {**about, "load_at_end": os.getloadavg()[0]}, "settings": settings, "servers": present,
         "quick": QUICK, "rounds": ROUNDS, "tiny_files": TINY_FILES, "image_bytes": IMAGE_BYTES,
         "works": {work: values[0] for work, values in WORKS.items()},
+        "times": {work: values[-1] for work, values in WORKS.items()},
         "measured": rounds,
         "processor_seconds": measure_processor_seconds(present, pinned, network),
         "memory": measure_memory(present, pinned, network),

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -66,9 +65,12 @@ inline std::size_t block_size_in(std::string_view packet) {
 }
 
 inline std::string contents_of(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
   if (!file) give_up(path);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::string contents(static_cast<std::size_t>(file.tellg()), '\0');
+  file.seekg(0);
+  file.read(contents.data(), static_cast<std::streamsize>(contents.size()));
+  return contents;
 }
 
 inline sockaddr_in ipv4(const char* address, const char* port) {
