@@ -79,7 +79,8 @@ class Read {
     return {packet, kHeaderSize + fill(packet + kHeaderSize)};
   }
   std::size_t fill(char* data) {
-    if (file_) return static_cast<std::size_t>(file_->read(data, static_cast<std::streamsize>(block_size_)).gcount());
+    if (file_)
+      return static_cast<std::size_t>(file_->read(data, static_cast<std::streamsize>(block_size_)).gcount());
     const std::size_t offset = (sent_ - 1) * block_size_;
     const std::size_t count = std::min(block_size_, contents_->size() - offset);
     std::memcpy(data, contents_->data() + offset, count);
