@@ -24,15 +24,16 @@ SERVED = os.path.join(FOLDER, "served")
 # The relay runs where the station's address is. All others run side by side on a network like it without that
 # address: packets to an interface's address cost more than those to the loopback's.
 STATION = "172.40.0.1"
-ENDPOINTS = {
-    "floor": ("172.41.0.1", 69),
-    "thread floor": ("172.41.0.2", 69),
-    "same calls": ("172.41.0.3", 69),
-    "TFTP": ("172.41.0.4", 69),
-    "TFTP with relay": (STATION, 69),
-    "tftpd-hpa": ("172.41.0.5", 69),
-    "dnsmasq": ("172.41.0.6", 69),
-    "atftpd": ("172.41.0.7", 69),
+PORT = 69
+ADDRESSES = {
+    "floor": "172.41.0.1",
+    "thread floor": "172.41.0.2",
+    "same calls": "172.41.0.3",
+    "TFTP": "172.41.0.4",
+    "TFTP with relay": STATION,
+    "tftpd-hpa": "172.41.0.5",
+    "dnsmasq": "172.41.0.6",
+    "atftpd": "172.41.0.7",
 }
 RELAY_WAIT_SECONDS = 2.3  # the relay waits for two seconds before it polls
 PATIENCE_SECONDS = 10
@@ -62,29 +63,27 @@ def say(text):
 
 
 def servers():
-    """The command of each server, by name, with the network it is measured on; None: not installed."""
+    """The command of each server, by name; None: not installed."""
     program, atftpd = SETTINGS["program"], SETTINGS["atftpd"]
     hpa, dnsmasq = shutil.which("in.tftpd"), shutil.which("dnsmasq")
 
     def floor(kind, name):
-        return [SETTINGS["floor"], kind, ENDPOINTS[name][0], str(ENDPOINTS[name][1]), SERVED]
+        return [SETTINGS["floor"], kind, ADDRESSES[name], str(PORT), SERVED]
 
     return {
         "floor": floor("one-thread", "floor"),
         "thread floor": floor("thread-per-read", "thread floor"),
         "same calls": floor("same-calls", "same calls"),
-        "TFTP": [program, "-o", ENDPOINTS["TFTP"][0]],
+        "TFTP": [program, "-o", ADDRESSES["TFTP"]],
         "TFTP with relay": [program, "-o", STATION],
-        "tftpd-hpa": hpa and [hpa, "-L", "-4", "-u", "root", "-a", ":".join(map(str, ENDPOINTS["tftpd-hpa"])), "-s",
-                              SERVED],
+        "tftpd-hpa": hpa and [hpa, "-L", "-4", "-u", "root", "-a", f"{ADDRESSES['tftpd-hpa']}:{PORT}", "-s", SERVED],
         "dnsmasq": dnsmasq and [dnsmasq, "--keep-in-foreground", "--conf-file=/dev/null", "--pid-file", "--port=0",
-                                "--enable-tftp", f"--tftp-root={SERVED}",
-                                f"--listen-address={ENDPOINTS['dnsmasq'][0]}", "--bind-interfaces", "--tftp-max=100",
-                                "--edns-packet-max=65000", "--user=root", "--quiet-tftp",
-                                "--log-facility=/dev/null"],
-        "atftpd": atftpd and [atftpd, "--daemon", "--no-fork", "--port", str(ENDPOINTS["atftpd"][1]),
-                              "--bind-address", ENDPOINTS["atftpd"][0], "--user", "root", "--group", "root",
-                              "--verbose=0", "--logfile", "/dev/null", SERVED],
+                                "--enable-tftp", f"--tftp-root={SERVED}", f"--listen-address={ADDRESSES['dnsmasq']}",
+                                "--bind-interfaces", "--tftp-max=100", "--edns-packet-max=65000", "--user=root",
+                                "--quiet-tftp", "--log-facility=/dev/null"],
+        "atftpd": atftpd and [atftpd, "--daemon", "--no-fork", "--port", str(PORT), "--bind-address",
+                              ADDRESSES["atftpd"], "--user", "root", "--group", "root", "--verbose=0", "--logfile",
+                              "/dev/null", SERVED],
     }
 
 
@@ -108,12 +107,12 @@ class StationNetwork:
         make_network([STATION], self.enter)
 
 
-def is_bound(pid, address, port):
-    """Whether a UDP socket in the process's network has the port, on the address or on all."""
-    wanted = [f"{struct.unpack('=I', socket.inet_aton(one))[0]:08X}:{port:04X}" for one in (address, "0.0.0.0")]
+def is_bound(pid, address):
+    """Whether a UDP socket in the process's network has the port on that address."""
+    wanted = f"{struct.unpack('=I', socket.inet_aton(address))[0]:08X}:{PORT:04X}"
     try:
         with open(f"/proc/{pid}/net/udp") as table:
-            return any(line.split()[1] in wanted for line in table.readlines()[1:])
+            return any(line.split()[1] == wanted for line in table.readlines()[1:])
     except OSError:
         return False
 
@@ -125,14 +124,14 @@ class Server:
         command = servers()[name]
         self.name = name
         self.has_relay = name == "TFTP with relay"
-        self.address, self.port = ENDPOINTS[name]
+        self.address = ADDRESSES[name]
         self.where = network.enter if self.has_relay else []
         self.on_cpus = ["taskset", "--cpu-list", cpus]
         self.process = subprocess.Popen(self.where + self.on_cpus + list(prefix) + command, cwd=SERVED,
                                         stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + PATIENCE_SECONDS
-        while not is_bound(self.process.pid, self.address, self.port):
+        while not is_bound(self.process.pid, self.address):
             if time.monotonic() > deadline or self.process.poll() is not None:
                 sys.exit(f"benchmark: {name} does not listen: {' '.join(command)}")
             time.sleep(0.002)
@@ -147,7 +146,7 @@ class Server:
 
     def load(self, file, *arguments):
         """The load program on one of the files, with the rest of its own arguments."""
-        words = [SETTINGS["load"], self.address, self.port, os.path.join(SERVED, file), *arguments]
+        words = [SETTINGS["load"], self.address, PORT, os.path.join(SERVED, file), *arguments]
         return subprocess.Popen(self.where + self.on_cpus + [str(word) for word in words], text=True,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
@@ -289,7 +288,7 @@ def memory_with_open_reads(server, count):
     for _ in range(count):
         client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         client.settimeout(PATIENCE_SECONDS)
-        client.sendto(b"\0\1part\0octet\0", (server.address, server.port))
+        client.sendto(b"\0\1part\0octet\0", (server.address, PORT))
         clients.append(client)
     for client in clients:
         client.recv(1024)
@@ -390,7 +389,7 @@ def main():
     about = machine()
     say("making the files that are served")
     make_files()
-    make_network([address for address, _ in ENDPOINTS.values() if address != STATION])
+    make_network([address for address in ADDRESSES.values() if address != STATION])
     network = StationNetwork()
     settings = cpu_settings()
     pinned = settings["one core"]
