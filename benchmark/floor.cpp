@@ -3,8 +3,8 @@
 //
 //   floor one-thread ADDRESS PORT FOLDER          every read in one thread, on one socket
 //   floor thread-per-read ADDRESS PORT FOLDER     a socket and a thread for each read
-//   floor same-calls ADDRESS PORT FOLDER          the same, with the program's calls: it opens and reads the
-//                                                 file, and waits for each ACK with a time-out
+//   floor same-calls ADDRESS PORT FOLDER          the same, with the program's calls for each block: it opens
+//                                                 and reads the file, and waits for each ACK with a time-out
 //
 // Nothing is checked that a measurement does not need: it is for the load program alone.
 
@@ -79,8 +79,9 @@ class Read {
     return {packet, kHeaderSize + fill(packet + kHeaderSize)};
   }
   std::size_t fill(char* data) {
-    if (file_)
+    if (file_) {
       return static_cast<std::size_t>(file_->read(data, static_cast<std::streamsize>(block_size_)).gcount());
+    }
     const std::size_t offset = (sent_ - 1) * block_size_;
     const std::size_t count = std::min(block_size_, contents_->size() - offset);
     std::memcpy(data, contents_->data() + offset, count);

@@ -38,7 +38,7 @@ ADDRESSES = {
 RELAY_WAIT_SECONDS = 2.3  # the relay waits for two seconds before it polls
 PATIENCE_SECONDS = 10
 
-# One core gives figures that lie close together, and the targets are there.
+# Most targets are for one core.
 ROUNDS = {"one core": 1 if QUICK else 11, "two cores": 1 if QUICK else 5}
 IMAGE_BYTES = (2 if QUICK else 32) << 20
 PART_BYTES = 1 << 20
@@ -182,6 +182,7 @@ class Server:
         self.process.send_signal(signal.SIGCONT)
 
     def end(self):
+        """A paused process takes the signal only when it runs on."""
         self.process.terminate()
         self.resume()
         self.process.wait()

@@ -38,7 +38,7 @@ class Result:
         return self.speed(server, work, setting) / self.speed(reference, work, setting)
 
     def ratio_in_pairs(self, server, reference, work, setting):
-        """The median of the ratios of measurements that were made next to each other."""
+        """The median of the ratios of measurements from the same turn."""
         pairs = zip(self.speeds(server, work, setting), self.speeds(reference, work, setting))
         return statistics.median(own / other for own, other in pairs)
 
@@ -241,22 +241,24 @@ Written by `scripts/benchmark` from one run on {machine['date']}: {machine['proc
 - `floor` sends from memory, with one receive and one send per block, in one thread and on one socket: the limit of the
   machine. `thread floor` does the same with a socket and a thread for each read: the limit of the program's shape.
   `same calls` is a thread floor that opens and reads the file and waits for each ACK with a time-out, as the program
-  does, and nothing else: what separates it from the program is the program's own.
+  does. For a block it makes all of the program's calls; at a request it binds no port, prints no line, masks no signals
+  and keeps no record.
 - `TFTP with relay` is the program with the relay, which polls, on a network that has the station's address. `TFTP` has
-  no relay.
+  no relay. Both broadcast their boot script once a second.
 - tftpd-hpa, dnsmasq (`--edns-packet-max=65000`) and atftpd run with their own defaults, and without logging.
 - Of the transfers after which memory is looked at, the first {data['many_transfers']['few']} come 64 at once, the rest one after another.
 - Processor seconds are those of the server and its children from before the request to the last ACK.
 
 ## Targets
 
-A figure of speed is the ratio of two medians. In pairs, it is the median of the ratios of measurements that were made
-next to each other, which the machine's own changes of speed disturb less.
+A figure of speed is the ratio of two medians, and that is what a target is held against. In pairs, it is the median of
+the ratios of measurements from the same turn, which the machine's own changes of speed disturb less: a turn takes from
+less than a second to some ten on one core, and longer on two.
 
 {target_table(result)}
 ### The floors, on one core
 
-In pairs. Where `same calls` itself is below a target, what misses it are the calls that every block or request costs.
+In pairs. Where `same calls` itself is below a target, the calls alone are enough to miss it.
 
 {floor_table(result)}
 ## Speed
