@@ -35,7 +35,7 @@ void build_data(benchmark::State& state) {
 
 void build_data_in_place(benchmark::State& state) {
   const int count = static_cast<int>(state.range(0));
-  repeat(state, [&](TFTP_Packet& packet) { packet.createData(7, packet.roomForData(count), count); });
+  repeat(state, [&](TFTP_Packet& packet) { packet.createDataInPlace(7, count); });
 }
 
 void build_request(benchmark::State& state) {

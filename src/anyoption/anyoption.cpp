@@ -8,10 +8,14 @@
 #include <new>
 #include <sstream>
 
+#include "files/files.h"
+
 namespace {
 
 constexpr int kDefaultCapacity = 10;
 constexpr int kFirstUsageCapacity = 3;
+constexpr char kPrefix = '-';
+constexpr char kLongPrefix[] = "--";
 constexpr std::size_t kLongPrefixLength = 2;
 constexpr char kSkippedBeforeLetterValue[] = " =";
 constexpr char kFlagOn[] = "true";
@@ -34,11 +38,21 @@ std::string without_outer_blanks(const std::string& text) {
   return text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
-// Running out of memory ends the process with status 0. It is meant.
+// Running out of memory ends the process with status 0 (known behaviour 44).
 [[noreturn]] void exit_without_memory() {
   std::cout << std::endl << "OPTIONS ERROR : Failed allocating memory" << std::endl;
   std::cout << "Exiting." << std::endl;
   std::exit(0);
+}
+
+// What work returns.
+template <typename Work>
+auto or_exit_without_memory(const Work& work) {
+  try {
+    return work();
+  } catch (const std::exception&) {
+    exit_without_memory();
+  }
 }
 
 template <typename Added>
@@ -195,7 +209,9 @@ void AnyOption::processCommandArgs() {
   if (!valueStoreOK() || !command_set_) return;
   if (max_extra_arguments_ == 0) max_extra_arguments_ = argc_;
   extra_arguments_.clear();
-  for (int index = 1; index < argc_;) index = parseArgument(index);
+  or_exit_without_memory([this] {
+    for (int index = 1; index < argc_;) index = parseArgument(index);
+  });
 }
 
 void AnyOption::useFiileName(const char* file_name) {
@@ -210,17 +226,7 @@ void AnyOption::processFile(const char* file_name) {
 
 void AnyOption::processFile() {
   if (!valueStoreOK() || !file_set_) return;
-  std::ifstream file(file_name_, std::ios::binary);
-  if (!file.is_open()) return;
-  std::ostringstream whole;
-  whole << file.rdbuf();
-  const std::string text = whole.str();
-  std::size_t start = 0;
-  // A last line without its newline is not used.
-  for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
-    parseLine(text.substr(start, end - start));
-    start = end + 1;
-  }
+  or_exit_without_memory([this] { parseFile(); });
 }
 
 void AnyOption::processOptions() {
@@ -283,8 +289,9 @@ void AnyOption::printAutoUsage() {
 }
 
 template <typename Item>
-void AnyOption::Storage<Item>::allocate(int for_items, const Item& fresh) {
-  capacity = std::max(for_items, 1);  // storage without room could not be doubled
+void AnyOption::Storage<Item>::allocate(const Item& fresh) {
+  used = 0;
+  capacity = std::max(capacity, 1);  // storage without room could not be doubled
   items.assign(static_cast<std::size_t>(capacity) + 1, fresh);
 }
 
@@ -295,17 +302,31 @@ void AnyOption::Storage<Item>::grow(const Item& fresh) {
 }
 
 void AnyOption::init(int max_long_options, int max_letters) {
-  alloc(max_long_options, max_letters);
+  argc_ = 0;
+  argv_ = nullptr;
+  extra_arguments_.clear();
+  max_extra_arguments_ = 0;
+  file_name_ = nullptr;
+  long_options_.capacity = max_long_options;
+  letters_.capacity = max_letters;
+  usage_lines_.capacity = kFirstUsageCapacity;
+  values_.clear();
+  slots_ = 0;
+  command_set_ = file_set_ = verbose_ = values_stored_ = has_options_ = auto_usage_ = false;
+  posix_ = usage_not_printed_ = true;
+  prefix_ = kPrefix;
+  long_prefix_ = kLongPrefix;
+  file_comment_ = kFileComment;
+  file_delimiter_ = kFileDelimiter;
+  alloc();
 }
 
-void AnyOption::alloc(int max_long_options, int max_letters) {
-  try {
-    long_options_.allocate(max_long_options, kFreshLongOption);
-    letters_.allocate(max_letters, kFreshLetter);
-    usage_lines_.allocate(kFirstUsageCapacity, nullptr);
-  } catch (const std::exception&) {
-    exit_without_memory();
-  }
+void AnyOption::alloc() {
+  or_exit_without_memory([this] {
+    long_options_.allocate(kFreshLongOption);
+    letters_.allocate(kFreshLetter);
+    usage_lines_.allocate(nullptr);
+  });
 }
 
 void AnyOption::doubleOptStorage(const char* added_name) {
@@ -365,7 +386,7 @@ void AnyOption::addLetter(char letter, Kind kind, int slot) {
 
 bool AnyOption::valueStoreOK() {
   if (!values_stored_ && slots_ > 0) {
-    values_.assign(static_cast<std::size_t>(slots_), nullptr);
+    or_exit_without_memory([this] { values_.assign(static_cast<std::size_t>(slots_), nullptr); });
     values_stored_ = true;
   }
   return values_stored_;
@@ -459,7 +480,7 @@ char AnyOption::parseLetters(const char* text) {
       reportUnknownArgument(std::string(1, *letter));
     }
   }
-  // Also when every letter was a known flag. It is meant.
+  // Also when every letter was a known flag (known behaviour 47).
   reportUnknownArgument(text);
   return kNoLetter;
 }
@@ -470,13 +491,28 @@ void AnyOption::keepExtraArgument(int index) {
   } else {
     report(kIgnoredArgument, argv_[index]);
   }
-  // Also for an argument that was kept. It is meant.
+  // Also for an argument that was kept (known behaviour 47).
   reportUnknownArgument(argv_[index]);
 }
 
 void AnyOption::reportUnknownArgument(const std::string& offender) {
   report(kUnknownArgument, offender);
   printAutoUsage();
+}
+
+void AnyOption::parseFile() {
+  std::ifstream file;
+  open_file(&file, file_name_);
+  if (!file.is_open()) return;
+  std::ostringstream whole;
+  whole << file.rdbuf();
+  const std::string text = whole.str();
+  std::size_t start = 0;
+  // A last line without its newline is not used.
+  for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
+    parseLine(text.substr(start, end - start));
+    start = end + 1;
+  }
 }
 
 void AnyOption::parseLine(const std::string& line) {

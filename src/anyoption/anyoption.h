@@ -15,10 +15,11 @@
 // parser. Values are copies that are never released, so that a pointer from getValue outlives the parser.
 //
 // Unknown or surplus input is never an error. It is reported on standard output when setVerbose was called.
+// Without memory every operation says so and ends the process with status 0.
 class AnyOption {
  public:
   // Tables for 10 long names and 10 letters, for max_options of each, or for the two given numbers. A full
-  // table grows by itself. Without memory the parser says so and ends the process with status 0.
+  // table grows by itself.
   AnyOption();
   explicit AnyOption(int max_options);
   AnyOption(int max_long_options, int max_letters);
@@ -59,7 +60,7 @@ class AnyOption {
   void setCommandPrefixChar(char prefix);
   // Keeps at most two characters: cuts the caller's text in place.
   void setCommandLongPrefix(char* prefix);
-  // These two change nothing: the file is always read with "#" and ":". It is meant.
+  // These two change nothing: the file is always read with "#" and ":" (known behaviour 48).
   void setFileCommentChar(char comment);
   void setFileDelimiterChar(char delimiter);
 
@@ -96,6 +97,18 @@ class AnyOption {
   // printUsage when autoUsagePrint is on.
   void printAutoUsage();
 
+  // What the operations above are made of.
+  // Forgets everything and makes tables for so many long names and letters: what the constructors do.
+  void init(int max_long_options, int max_letters);
+  // Makes the tables anew, empty, each with the capacity that it has.
+  void alloc();
+  // Twice the capacity, before one more is added. The one to be added is named when there is no memory.
+  void doubleOptStorage(const char* added_name = "");
+  void doubleCharStorage(char added_letter = kNoLetter);
+  void doubleUsageStorage(const char* added_line = "");
+  // Makes the value store if it is not there and an option is registered. Whether it is there.
+  bool valueStoreOK();
+
  private:
   enum Kind { kNone, kCommonOption, kCommandOption, kFileOption, kCommonFlag, kCommandFlag, kFileFlag };
   // The kinds that one source of options may set: valid everywhere, or valid in that source.
@@ -111,7 +124,7 @@ class AnyOption {
   static constexpr char kFileDelimiter = ':';
   static constexpr int kNoSlot = -1;
   // Stands for "no letter" wherever a letter is handed about, so that a value option with the letter 0 can
-  // never take its value from the next argument. It is meant.
+  // never take its value from the next argument (known behaviour 46).
   static constexpr char kNoLetter = '0';
 
   template <typename Name>
@@ -127,10 +140,10 @@ class AnyOption {
   template <typename Item>
   struct Storage {
     std::vector<Item> items;
-    int used = 0;
-    int capacity = 0;
+    int used;
+    int capacity;
 
-    void allocate(int for_items, const Item& fresh);
+    void allocate(const Item& fresh);
     // Twice the capacity plus one items.
     void grow(const Item& fresh);
     void add(const Item& item) { items[static_cast<std::size_t>(used++)] = item; }
@@ -139,20 +152,12 @@ class AnyOption {
   template <typename Name>
   using Table = Storage<Entry<Name>>;
 
-  void init(int max_long_options, int max_letters);
-  void alloc(int max_long_options, int max_letters);
-  // Without memory they say what was being added and end the process with status 0.
-  void doubleOptStorage(const char* added_name);
-  void doubleCharStorage(char added_letter);
-  void doubleUsageStorage(const char* added_line);
-
   void registerOption(const char* name, Kind kind);
   void registerOption(char letter, Kind kind);
   void registerOption(const char* name, char letter, Kind kind);
   void addLongOption(const char* name, Kind kind, int slot);
   void addLetter(char letter, Kind kind, int slot);
 
-  bool valueStoreOK();
   template <typename Name>
   int slotOf(const Table<Name>& table, Name name) const;
   template <typename Name>
@@ -165,36 +170,38 @@ class AnyOption {
   char parseLetters(const char* text);
   void keepExtraArgument(int index);
   void reportUnknownArgument(const std::string& offender);
+  void parseFile();
   void parseLine(const std::string& line);
   int fileSlotOf(const std::string& name, Kinds kinds) const;
   void report(const char* text, const std::string& offender) const;
 
-  int argc_ = 0;
-  char** argv_ = nullptr;
+  // init gives all of them their first values.
+  int argc_;
+  char** argv_;
   std::vector<int> extra_arguments_;  // indexes into argv_
-  int max_extra_arguments_ = 0;
-  const char* file_name_ = nullptr;
+  int max_extra_arguments_;
+  const char* file_name_;
 
   Table<const char*> long_options_;
   Table<char> letters_;
   Storage<const char*> usage_lines_;
   std::vector<char*> values_;  // one per slot, null = not given
-  int slots_ = 0;              // handed out so far
+  int slots_;                  // handed out so far
 
-  bool command_set_ = false;
-  bool file_set_ = false;
-  bool posix_ = true;
-  bool verbose_ = false;
-  bool values_stored_ = false;
-  bool usage_not_printed_ = true;
-  bool has_options_ = false;
-  bool auto_usage_ = false;
+  bool command_set_;
+  bool file_set_;
+  bool posix_;
+  bool verbose_;
+  bool values_stored_;
+  bool usage_not_printed_;
+  bool has_options_;
+  bool auto_usage_;
 
-  char prefix_ = '-';
-  std::string long_prefix_ = "--";
+  char prefix_;
+  std::string long_prefix_;
   // Stored and never read.
-  char file_comment_ = kFileComment;
-  char file_delimiter_ = kFileDelimiter;
+  char file_comment_;
+  char file_delimiter_;
 };
 
 #endif

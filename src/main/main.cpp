@@ -8,11 +8,12 @@
 #include <string>
 
 #include "anyoption/anyoption.h"
-#include "main/uninterrupted_output.h"
+#include "decimal_number/decimal_number.h"
+#include "signals/signals.h"
 #include "socket_errors/socket_errors.h"
 #include "tftp_server/tftp_server.h"
 
-// The one server. It keeps its value after the server was deleted; it is meant.
+// The one server. It keeps its value after the server was deleted (known behaviour 45).
 TFTPServer* server = nullptr;
 
 // SIGINT and SIGTERM: stops and deletes the server, and exits with the signal's number.
@@ -41,11 +42,12 @@ constexpr const char* kUsage[] = {
     "",
 };
 
+// The texts are the parser's, which never releases them.
 struct Settings {
   int server_port;
-  std::string server_ip;
+  const char* server_ip;
   int ppt_port;
-  std::string ppt_ip;
+  const char* ppt_ip;
   int message_port;
 };
 
@@ -53,14 +55,14 @@ struct Settings {
 int number_option(AnyOption& options, char letter, int default_number) {
   try {
     if (options.getValue(letter) != nullptr) {
-      return static_cast<int>(std::strtol(options.getValue(letter), nullptr, 10));
+      return decimal_number(options.getValue(letter));
     }
   } catch (char*) {
   }
   return default_number;
 }
 
-std::string text_option(AnyOption& options, char letter, const char* default_text) {
+const char* text_option(AnyOption& options, char letter, const char* default_text) {
   try {
     if (options.getValue(letter) != nullptr) return options.getValue(letter);
   } catch (char*) {
@@ -79,14 +81,14 @@ Settings read_command_line(int argc, char** argv) {
   options.setOption("msgport", 'm');
   options.processCommandArgs(argc, argv);
 
-  if (options.getFlag('h')) options.printUsage();  // and the server starts all the same
+  if (options.getFlag('h')) options.printUsage();  // known behaviour 42
   Settings settings;
   settings.server_port = number_option(options, 'n', kDefaultPort);
   settings.message_port = number_option(options, 'm', kDefaultMessagePort);
   settings.ppt_port = number_option(options, 'p', kDefaultPort);
   settings.server_ip = text_option(options, 'o', kDefaultServerIp);
   settings.ppt_ip = text_option(options, 's', kDefaultPptServerIp);
-  if (settings.ppt_ip.empty()) options.printUsage();
+  if (*settings.ppt_ip == '\0') options.printUsage();
   return settings;
 }
 
@@ -106,27 +108,12 @@ void share_one_heap() {
   mallopt(M_ARENA_MAX, 1);
 }
 
-// Standard output is written to until the process has ended, and its buffer lives as long.
-void hold_signals_back_while_printing() {
-  std::cout.rdbuf(new UninterruptedOutput(std::cout.rdbuf()));
-}
-
 const pthread_t main_thread = pthread_self();
-
-// For good: what the handler would delete, main deletes.
-void keep_server_from_handler() {
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, SIGINT);
-  sigaddset(&blocked, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-}
 
 // Runs the server until its run is over. The exit status of the process.
 int run_server() {
   try {
     server->Start();
-    keep_server_from_handler();
     server->Stop();
     return server->exit_code;
   } catch (ETFTPSocketCreate* error) {
@@ -134,19 +121,18 @@ int run_server() {
   } catch (ETFTPSocketBind* error) {
     std::cout << "Socket Bind exception: " << error->what() << std::endl;
   }
-  keep_server_from_handler();
   return kExitFailure;
 }
 
 }  // namespace
 
 void signalHandler(int signal_number) {
-  // The command receiver takes signals too, and would wait here for its own end.
+  // The command receiver was about to start a board's command, and would wait here for its own end.
   if (pthread_equal(pthread_self(), main_thread) == 0) {
     pthread_kill(main_thread, signal_number);
     return;
   }
-  keep_server_from_handler();
+  block_signals_for_good();
   if (server != nullptr) {
     server->Stop();
     delete server;
@@ -157,11 +143,12 @@ void signalHandler(int signal_number) {
 int main(int argc, char** argv) {
   set_default_thread_attributes();
   share_one_heap();
-  hold_signals_back_while_printing();
+  block_signals();
   signal(SIGINT, signalHandler);
   signal(SIGTERM, signalHandler);
   const Settings settings = read_command_line(argc, argv);
-  if (settings.ppt_ip.empty()) return kExitFailure;
+  { const SignalsLetIn ends_it_before_there_is_a_server; }
+  if (*settings.ppt_ip == '\0') return kExitFailure;
   std::cout << "Starting TFTP server on " << settings.server_ip << ":" << settings.server_port
             << " PPT Server: " << settings.ppt_ip << std::endl;
   // Without a socket the constructor throws, and nobody catches: the process is aborted.

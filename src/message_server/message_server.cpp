@@ -13,16 +13,15 @@
 #include <iostream>
 #include <utility>
 
-#include "ipv4_socket/ipv4_socket.h"
-#include "message_server/print_with_reason.h"
-#include "worker_thread/worker_thread.h"
+#include "message_server/relay_records.h"
+#include "message_server/worker.h"
+#include "signals/signals.h"
+#include "sockets/sockets.h"
 
 namespace {
 
 constexpr useconds_t kSendIntervalMicroseconds = 1000000;
 constexpr useconds_t kStopPollMicroseconds = 50000;
-constexpr useconds_t kRelayStartPollMicroseconds = 100;
-constexpr int kRelayStartPolls = 2000;
 constexpr int kRawProtocol = 255;
 constexpr int kListenBacklog = 5;
 
@@ -34,10 +33,10 @@ int fail_with_reason(const char* message) {
   return -1;
 }
 
-// The same, and closes the descriptor. The field that holds it keeps the number; it is meant.
-int fail_and_close(int descriptor, const char* message) {
+// The same, and closes the descriptor. The field that holds it keeps the number (known behaviour 40).
+int fail_and_close(int descriptor, ClosedNumber* closed, const char* message) {
   fail_with_reason(message);
-  close(descriptor);
+  closed->close_once(descriptor);
   return -1;
 }
 
@@ -59,11 +58,23 @@ bool query_interface(int descriptor, const std::string& name, unsigned long requ
   return answered;
 }
 
-// Creation reports a failure by a positive number, and the callers take only -1 for one. It is meant; but no
-// thread is alive then, and nobody must wait for one.
+// Creation reports a failure by a positive number, and the callers take only -1 for one (known behaviour
+// 10). But no thread is alive then, and nobody must wait for one.
 int forget_if_not_created(int creation_result, pthread_t* thread) {
   if (creation_result != 0) *thread = 0;
   return creation_result;
+}
+
+void wait_for_end_of(const pthread_t* thread) {
+  while (is_alive(thread)) {
+    const SignalsLetIn meanwhile;
+    usleep(kStopPollMicroseconds);
+  }
+}
+
+int connect_letting_signals_in(int descriptor, sockaddr_in* address) {
+  const SignalsLetIn meanwhile;
+  return connect(descriptor, as_sockaddr(address), sizeof *address);
 }
 
 }  // namespace
@@ -71,50 +82,45 @@ int forget_if_not_created(int creation_result, pthread_t* thread) {
 MessageServer::MessageServer(int message_port) : port(message_port) {}
 
 MessageServer::~MessageServer() {
+  forget_record(this);
   StopSender();
-  while (is_alive(&sender_thread)) usleep(kStopPollMicroseconds);
+  wait_for_end_of(&sender_thread);
   StopReceive();
-  while (is_alive(&receiver_thread)) usleep(kStopPollMicroseconds);
-  if (sender_socket != -1) close(sender_socket);
-  if (receive_socket != -1) close(receive_socket);
+  wait_for_end_of(&receiver_thread);
+  if (sender_socket != -1) closed_sender_socket.close_once(sender_socket);
+  if (receive_socket != -1) closed_receive_socket.close_once(receive_socket);
   delete[] message;
   message = nullptr;
   std::cout << "Message Server was shut down" << std::endl;
 }
-
-void* MessageServer::operator new(std::size_t size) {
-  return ::operator new(size);
-}
-
-// Kept: the relay reads its run flag until the process ends.
-void MessageServer::operator delete(void* /*storage*/) {}
 
 int MessageServer::InitializeSender(const std::string& interface_name, bool broadcast) {
   if (sending) {
     std::cout << "MessageServer already sending message" << std::endl;
     return -1;
   }
-  const int query_socket = socket(AF_INET, SOCK_RAW, kRawProtocol);
+  const int query_socket = open_socket(SOCK_RAW, kRawProtocol);
   if (query_socket == -1) return fail_with_reason("Can't create socket for ioctl calls  because of : ");
   const bool has_broadcast =
       query_interface(query_socket, interface_name, SIOCGIFBRDADDR, &broadcast_address);
   const bool has_address = query_interface(query_socket, interface_name, SIOCGIFADDR, &interface_address);
-  if (!has_broadcast || !has_address) {
-    return fail_and_close(query_socket, "Can't get ioctl answer because of : ");
-  }
+  if (!has_broadcast || !has_address) fail_with_reason("Can't get ioctl answer because of : ");
   close(query_socket);
+  if (!has_broadcast || !has_address) return -1;
 
   const protoent* const udp = getprotobyname("udp");
   if (udp == nullptr) {
     std::cout << "error in proto entry" << std::endl;
     return -2;
   }
-  sender_socket = socket(AF_INET, SOCK_DGRAM, udp->p_proto);
+  sender_socket = open_socket(SOCK_DGRAM, udp->p_proto);
+  closed_sender_socket.forget();
   sender_address = ipv4_address(broadcast ? broadcast_address : interface_address, port);
   if (broadcast) {
-    if (!switch_on(sender_socket, SO_BROADCAST)) return fail_and_close(sender_socket, kCannotSetOptions);
-    if (bind(sender_socket, generic(&sender_address), sizeof sender_address) == -1) {
-      return fail_and_close(sender_socket, "Can't bind socket by the reason of ");
+    if (!switch_on(sender_socket, SO_BROADCAST))
+      return fail_and_close(sender_socket, &closed_sender_socket, kCannotSetOptions);
+    if (bind(sender_socket, as_sockaddr(&sender_address), sizeof sender_address) == -1) {
+      return fail_and_close(sender_socket, &closed_sender_socket, "Can't bind socket by the reason of ");
     }
   }
   std::cout << "Message Sender initialized. IP: " << inet_ntoa(sender_address.sin_addr) << " Port=" << port
@@ -131,7 +137,7 @@ bool MessageServer::StartSender(int count, const char* bytes, int length) {
   message = new char[byte_count];
   if (byte_count != 0) std::memcpy(message, bytes, byte_count);
   repeat_count = count;
-  const int created = create_worker_thread(&sender_thread, SenderProc, this);
+  const int created = pthread_create(&sender_thread, nullptr, SenderProc, this);
   if (forget_if_not_created(created, &sender_thread) == -1) {
     std::cout << " Can't create sender thread" << std::endl;
     return false;
@@ -145,31 +151,35 @@ void MessageServer::StopSender() {
 
 int MessageServer::InitializeReceiver(const std::string& local_ip, const std::string& remote_ip,
                                       unsigned short message_port) {
-  receive_socket = socket(AF_INET, SOCK_STREAM, 0);
+  receive_socket = open_socket(SOCK_STREAM);
+  closed_receive_socket.forget();
   if (receive_socket == -1) {
     std::cout << "Failed to create receive socket" << std::endl;
     return -1;
   }
-  if (!switch_on(receive_socket, SO_REUSEADDR)) return fail_and_close(receive_socket, kCannotSetOptions);
+  if (!switch_on(receive_socket, SO_REUSEADDR))
+    return fail_and_close(receive_socket, &closed_receive_socket, kCannotSetOptions);
   int on = 1;
   if (ioctl(receive_socket, FIONBIO, &on) == -1) {
     std::cout << "Ioctl failed" << std::endl;
-    close(receive_socket);
+    closed_receive_socket.close_once(receive_socket);
     return -1;
   }
   receive_address = ipv4_address(inet_addr(local_ip.c_str()), message_port);
-  if (bind(receive_socket, generic(&receive_address), sizeof receive_address) == -1) {
+  if (bind(receive_socket, as_sockaddr(&receive_address), sizeof receive_address) == -1) {
     return fail_with_reason("ERROR on binding. ");
   }
   if (listen(receive_socket, kListenBacklog) == -1) return fail_with_reason("ERROR on listen. ");
 
-  // The broadcast's socket goes, and the connection takes its place. The test for 0 is meant.
-  if (sender_socket != 0) close(sender_socket);
-  sender_socket = socket(AF_INET, SOCK_STREAM, 0);
+  // The broadcast's socket goes, and the connection takes its place, unless its number is 0 (known
+  // behaviour 40). Where there can be no connection, the listening socket stays open (known behaviour 39).
+  if (sender_socket != 0) closed_sender_socket.close_once(sender_socket);
+  sender_socket = open_socket(SOCK_STREAM);
+  closed_sender_socket.forget();
   if (sender_socket == -1) return fail_with_reason("Failed to create sender socket. ");
   sender_address = ipv4_address(inet_addr(remote_ip.c_str()), message_port);
-  if (connect(sender_socket, generic(&sender_address), sizeof sender_address) == -1) {
-    const std::string reason = std::strerror(errno);
+  if (connect_letting_signals_in(sender_socket, &sender_address) == -1) {
+    const char* const reason = std::strerror(errno);
     std::cout << "ERROR on connect() to " << remote_ip << ":" << message_port << ". " << reason << std::endl;
     return -1;
   }
@@ -186,7 +196,6 @@ bool MessageServer::StartReceive(const std::string& local_ip, const std::string&
     return false;
   }
   receiving = true;
-  // This worker keeps its creator's signal mask: the board's commands that it starts would inherit another.
   const int created = pthread_create(&receiver_thread, nullptr, ReceiverProc, this);
   if (forget_if_not_created(created, &receiver_thread) == -1) {
     std::cout << " Can't create receiver thread" << std::endl;
@@ -204,14 +213,12 @@ bool MessageServer::StartUDPServer(const std::string& local_ip, const std::strin
   udp_local_ip = local_ip;
   udp_remote_ip = remote_ip;
   udp_running = true;
-  const SignalBlock while_the_relay_reads_the_texts({SIGINT, SIGTERM});
-  const int created = create_worker_thread(&udp_thread, UdpMessageServerProc, this);
+  announce_relay(this);
+  const int created = pthread_create(&udp_thread, nullptr, UdpMessageServerProc, this);
+  if (created != 0) withdraw_relay(this);
   if (forget_if_not_created(created, &udp_thread) == -1) {
     std::cout << " Can't create UDP receiver thread" << std::endl;
     return false;
-  }
-  for (int polls = 0; created == 0 && !udp_addresses_read && polls < kRelayStartPolls; ++polls) {
-    usleep(kRelayStartPollMicroseconds);
   }
   return true;
 }
@@ -226,12 +233,12 @@ void* SenderProc(void* record) {
     }
     const ssize_t sent = sendto(server->sender_socket, server->message,
                                 static_cast<std::size_t>(std::max(server->message_length, 0)), 0,
-                                generic(&server->sender_address), sizeof server->sender_address);
+                                as_sockaddr(&server->sender_address), sizeof server->sender_address);
     if (sent == -1) print_with_reason("Error in \"sendto\":  the reason is ");
     usleep(kSendIntervalMicroseconds);
   }
   // `sending` stays as it is: a sender whose count ran out is spent until StopSender.
-  say_goodbye(&server->sender_thread);
+  mark_ended(&server->sender_thread);
   std::cout << "Sender proc stopped!!!" << std::endl;
   return nullptr;
 }

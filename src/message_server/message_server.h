@@ -4,10 +4,10 @@
 #include <netinet/in.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <string>
+
+#include "message_server/closed_number.h"
 
 // The test station's message channel: three independent workers, each a thread with a run flag in the record.
 //
@@ -21,12 +21,12 @@
 // receiver. The receiver also clears its own flag, when it can accept no more. Flags and handles are plain
 // fields, shared without a lock and polled across system calls.
 //
-// The relay is never stopped and outlives the record: it reads udp_running to the end of the process. So the
-// storage of a deleted MessageServer is kept.
+// The relay is never stopped and outlives the record; from then on it touches nothing of it, so that the
+// record may live anywhere (relay_records.h).
 //
 // A flag stays set when its worker ends by itself. Until the owner clears it, the worker cannot be started
-// again; this is meant. A worker that could not be created counts as started, which is meant too; its handle
-// stays 0.
+// again (known behaviour 38). A worker that could not be created counts as started (known behaviour 10); its
+// handle stays 0.
 class MessageServer {
  public:
   // The message port: where the sender sends to (its low 16 bits).
@@ -35,8 +35,6 @@ class MessageServer {
   ~MessageServer();
   MessageServer(const MessageServer&) = delete;
   MessageServer& operator=(const MessageServer&) = delete;
-  static void* operator new(std::size_t size);
-  static void operator delete(void* storage);  // keeps the storage
 
   // Makes the sender's socket and address: the interface's broadcast address, with the socket bound to it, or
   // else the interface's own address. 0 ready, -1 failure (printed), -2 the protocol "udp" is unknown.
@@ -59,7 +57,7 @@ class MessageServer {
   bool StartUDPServer(const std::string& local_ip, const std::string& remote_ip);
 
   std::int32_t port;
-  // A field keeps the number of a socket that was closed because a later step failed.
+  // The two fields keep the numbers of sockets that were closed (known behaviour 40).
   std::int32_t sender_socket = -1;   // UDP of InitializeSender, later TCP of InitializeReceiver
   sockaddr_in sender_address = {};   // where SenderProc sends to; the remote end of the TCP connection
   std::int32_t receive_socket = -1;  // listening TCP socket
@@ -77,9 +75,8 @@ class MessageServer {
   pthread_t sender_thread = 0;  // 0 = none alive
   pthread_t receiver_thread = 0;
   pthread_t udp_thread = 0;
-  // The relay needs the two texts no more. They go with the record, so that StartUDPServer waits for this,
-  // but never longer than it takes a thread to start.
-  std::atomic<bool> udp_addresses_read{false};
+  ClosedNumber closed_sender_socket;
+  ClosedNumber closed_receive_socket;
 };
 
 // The thread bodies. The argument is the MessageServer; the result is always null.

@@ -1,11 +1,11 @@
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "decimal_number/decimal_number.h"
 #include "tftp_client/tftp_client.h"
 
 namespace {
@@ -13,16 +13,11 @@ namespace {
 constexpr int kHeaderSize = TFTP_Packet::kHeaderSize;
 constexpr int kDefaultWaitSeconds = TFTPClient::kDefaultTimeout;
 constexpr int kMaxTimeOuts = 9;
-constexpr int kBlockNumbers = 65536;  // a block number has 16 bits
 constexpr int kRequestCapacity = 1024;
-// One header more than a packet takes: refused, so that the capacity stays. It is meant.
+// One header more than a packet takes: refused, so that the capacity stays (known behaviour 30).
 constexpr int kReplyCapacity = TFTP_Packet::kMaxSize + kHeaderSize;
 constexpr int kUploadBlockSize = 512;
 constexpr char kTransferStarted[] = "Transfer started\n";
-
-int decimal_number(const std::string& text) {
-  return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
-}
 
 // One download. Each step returns its result when it ends the download, and nothing when it goes on.
 class Download {
@@ -48,15 +43,17 @@ class Download {
   void send_request() {
     TFTP_Packet request;
     request.reSize(kRequestCapacity);
-    request.createRRQ(remote_name_, {"timeout", "blksize", "tsize"},
-                      {std::to_string(client_.timeout), std::to_string(client_.block_size), "0"});
+    request.createRRQ(
+        remote_name_,
+        {TFTP_Packet::kTimeoutOption, TFTP_Packet::kBlockSizeOption, TFTP_Packet::kTransferSizeOption},
+        {std::to_string(client_.timeout), std::to_string(client_.block_size), "0"});
     client_.sendPacket(&request);
   }
 
   Result take_reply(int wait_result) {
     if (wait_result == TFTPClient::kErrorPacket) return give_up();
     if (wait_result == TFTPClient::kTimeOut) return take_time_out();
-    // A failed wait or receive goes on with what the packet holds. It is meant.
+    // A failed wait or receive goes on with what the packet holds (known behaviour 29).
     return awaits_first_reply_ ? take_first_reply() : take_block();
   }
 
@@ -84,7 +81,7 @@ class Download {
     }
     if (client_.received_packet.isData()) {
       client_.timeout = TFTPClient::kDefaultTimeout;
-      client_.block_size = TFTPClient::kDefaultBlockSize;
+      client_.block_size = TFTP_Packet::kDefaultBlockSize;
       begin();
     } else if (client_.received_packet.isError()) {
       return finish();
@@ -94,9 +91,10 @@ class Download {
 
   void take_options(const std::vector<std::string>& names, const std::vector<std::string>& values) {
     for (std::size_t i = 0; i < names.size(); ++i) {
-      if (names[i] == "timeout") client_.timeout = decimal_number(values[i]);
-      if (names[i] == "blksize") client_.block_size = decimal_number(values[i]);
-      if (names[i] == "tsize") std::cout << "Remote file is " << values[i] << " byte" << std::endl;
+      if (names[i] == TFTP_Packet::kTimeoutOption) client_.timeout = decimal_number(values[i].c_str());
+      if (names[i] == TFTP_Packet::kBlockSizeOption) client_.block_size = decimal_number(values[i].c_str());
+      if (names[i] == TFTP_Packet::kTransferSizeOption)
+        std::cout << "Remote file is " << values[i] << " byte" << std::endl;
     }
   }
 
@@ -111,7 +109,7 @@ class Download {
         file_.write(reinterpret_cast<char*>(client_.received_packet.getData(kHeaderSize)), length);
       const bool is_short = length < client_.block_size;
       if (acknowledge(number) != 0 && is_short) return finish();
-      expected_block_ = (expected_block_ + 1) % kBlockNumbers;
+      expected_block_ = (expected_block_ + 1) % TFTP_Packet::kBlockNumbers;
       time_outs_ = 0;
     }
     make_room_for_block();
@@ -177,7 +175,7 @@ int TFTPClient::sendFile(const std::string& local_path, const std::string& remot
   TFTP_Packet data;
   for (int block = 0;;) {
     if (waitForPacketACK(block, kDefaultWaitSeconds) == 0) {
-      // The wording is meant, though an ERROR packet is the cause.
+      // It sent an ERROR (known behaviour 31).
       std::cout << "Server has timed out" << std::endl;
       return 0;
     }
@@ -186,7 +184,7 @@ int TFTPClient::sendFile(const std::string& local_path, const std::string& remot
     ++block;
     data.createData(block, bytes, static_cast<int>(file.gcount()));
     sendPacket(&data);
-    // What cannot be read, like a directory, never reaches its end. It is meant.
+    // What cannot be read, like a directory, never reaches its end (known behaviour 32).
     if (file.eof()) return 1;
   }
 }

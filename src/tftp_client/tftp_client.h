@@ -19,8 +19,7 @@
 // All diagnostics go to standard output. A client is used by one thread at a time.
 class TFTPClient {
  public:
-  static constexpr std::int32_t kDefaultTimeout = 5;      // seconds
-  static constexpr std::int32_t kDefaultBlockSize = 512;  // bytes, RFC 1350
+  static constexpr std::int32_t kDefaultTimeout = 5;  // seconds
 
   // What waitForPacket and waitForPacketData return.
   enum WaitResult : int {
@@ -48,13 +47,14 @@ class TFTPClient {
   // waitForPacket into received_packet; prints an ERROR packet. kReceived says nothing of the packet's kind.
   int waitForPacketData(int wait_seconds);
   // Waits for one packet and prints what it is. 0 only for an ERROR packet; a time-out, a wrong number, DATA
-  // and anything else return 1 like the right ACK. expected_block is printed and never compared; it is meant.
+  // and anything else return 1 like the right ACK. expected_block is printed and never compared (known
+  // behaviour 27).
   int waitForPacketACK(int expected_block, int wait_seconds);
   // Prints code and text of an ERROR packet.
   void errorReceived(TFTP_Packet* packet);
 
   // Passes a test verdict on: a final one ("PPT_PASSED", "PPT_FAILED") returns 1 and sends nothing; any other
-  // name is sent to the server as a read request with "CPU_2_" inserted behind its eighth character, the
+  // name is sent to the server as a read request with "CPU_2_" inserted after its eighth character, the
   // first answer is awaited once and acknowledged whatever it was, and the result is 0. A failed verdict
   // marks the board by "envtool ppt_flag=failed". Throws std::out_of_range for a name of fewer than eight
   // characters that is not final.

@@ -4,14 +4,31 @@
 #include <cstring>
 #include <iomanip>
 #include <iostream>
+#include <utility>
 
 namespace {
 
 enum Opcode : std::uint16_t { kRRQ = 1, kWRQ = 2, kDATA = 3, kACK = 4, kERROR = 5, kOACK = 6 };
 
-constexpr char kMode[] = "octet";
 constexpr int kOpcodeSize = 2;
-constexpr int kNumberOffset = 2;
+constexpr int kFileNameOffset = 2;
+constexpr int kNumberOffset = 2;  // of a block number or an error code
+constexpr int kErrorTextOffset = 4;
+constexpr int kShortTextSize = 256;  // with its NUL
+
+// Of code 0, which carries its text in the packet, nothing more is to be said.
+constexpr const char* kErrorTexts[] = {
+    "",
+    "File not found",
+    "Access violation",
+    "Disk full or allocation exceeded",
+    "Illegal TFTP operation",
+    "Unknown transfer ID",
+    "File already exists",
+    "No such user",
+};
+constexpr char kUnknownErrorText[] = "Not defined";
+constexpr int kKnownErrors = sizeof kErrorTexts / sizeof kErrorTexts[0];
 
 std::uint16_t low_16_bits(int number) {
   return static_cast<std::uint16_t>(static_cast<unsigned>(number) & 0xFFFFU);
@@ -26,8 +43,7 @@ TFTP_Packet::TFTP_Packet(int capacity) {
 }
 
 TFTP_Packet::~TFTP_Packet() {
-  delete[] data;
-  data = nullptr;
+  release();
 }
 
 void TFTP_Packet::clear() {
@@ -93,7 +109,7 @@ bool TFTP_Packet::addByte(std::uint8_t byte) {
 
 bool TFTP_Packet::addWord(std::uint16_t word) {
   if (!addByte(static_cast<std::uint8_t>(word >> 8))) return false;
-  // Inverted on purpose: true tells that only half of the word was written.
+  // True tells that only half of the word was written (known behaviour 22).
   return !addByte(static_cast<std::uint8_t>(word & 0xFF));
 }
 
@@ -111,8 +127,7 @@ bool TFTP_Packet::addMemory(const char* source, int count) {
     return false;
   }
   if (data == nullptr || size < 0 || count < 0) return false;
-  const bool is_in_place = reinterpret_cast<const char*>(data + size) == source;
-  if (!is_in_place) std::memcpy(data + size, source, static_cast<std::size_t>(count));
+  if (count > 0) std::memmove(data + size, source, static_cast<std::size_t>(count));
   size += count;
   return true;
 }
@@ -138,6 +153,23 @@ std::uint16_t TFTP_Packet::getNumber() const {
   return isData() || isACK() ? getWord(kNumberOffset) : std::uint16_t{0};
 }
 
+std::string TFTP_Packet::fileName() const {
+  return shortTextAt(kFileNameOffset);
+}
+
+std::string TFTP_Packet::mode() const {
+  return shortTextAt(kFileNameOffset + static_cast<int>(fileName().size()) + 1);
+}
+
+int TFTP_Packet::errorCode() const {
+  return getWord(kNumberOffset);
+}
+
+std::string TFTP_Packet::errorText() const {
+  if (errorCode() == kNotDefined) return shortTextAt(kErrorTextOffset);
+  return errorCode() < kKnownErrors ? kErrorTexts[errorCode()] : kUnknownErrorText;
+}
+
 bool TFTP_Packet::createRRQ(const std::string& file_name, const std::vector<std::string>& option_names,
                             const std::vector<std::string>& option_values) {
   clear();
@@ -152,9 +184,20 @@ bool TFTP_Packet::createWRQ(const std::string& file_name) {
   clear();
   addWord(kWRQ);
   addString(file_name);
-  addByte(0);  // the second NUL is meant, here and after the mode
+  addByte(0);  // a second NUL, here and after the mode (known behaviour 21)
   addString(kMode);
   addByte(0);
+  return true;
+}
+
+// Clears what it does not write, and only that: this is done for every block.
+bool TFTP_Packet::createData(int block, const char* source, int count) {
+  if (count != 0 && holds(source)) clear();
+  size = 0;
+  addWord(kDATA);
+  addWord(low_16_bits(block));
+  if (count != 0) addMemory(source, count);
+  clearBehindSize();
   return true;
 }
 
@@ -162,14 +205,12 @@ char* TFTP_Packet::roomForData(int count) {
   return receivableSize() - kHeaderSize < count ? nullptr : reinterpret_cast<char*>(data + kHeaderSize);
 }
 
-// Clears what it does not write, and only that: this is done for every block.
-bool TFTP_Packet::createData(int block, const char* source, int count) {
+void TFTP_Packet::createDataInPlace(int block, int count) {
   size = 0;
   addWord(kDATA);
   addWord(low_16_bits(block));
-  if (count != 0) addMemory(source, count);
-  if (size < receivableSize()) std::memset(data + size, 0, static_cast<std::size_t>(receivableSize() - size));
-  return true;
+  size = std::min(size + std::max(count, 0), receivableSize());
+  clearBehindSize();
 }
 
 bool TFTP_Packet::createACK(int block) {
@@ -185,7 +226,7 @@ bool TFTP_Packet::createError(int code, const std::string& message) {
   addWord(kERROR);
   addWord(low_16_bits(code));
   addString(message);
-  addByte(0);  // the second NUL is meant
+  addByte(0);  // a second NUL (known behaviour 21)
   return true;
 }
 
@@ -239,11 +280,14 @@ bool TFTP_Packet::hasOption(std::vector<std::string>& option_names,
   return !option_names.empty();
 }
 
-void TFTP_Packet::replaceArray(std::int32_t capacity) {
-  delete[] data;
-  data = nullptr;
-  max_size = capacity;
+void TFTP_Packet::release() {
+  delete[] std::exchange(data, nullptr);
   size = 0;
+}
+
+void TFTP_Packet::replaceArray(std::int32_t capacity) {
+  release();
+  max_size = capacity;
   data = new std::uint8_t[static_cast<std::size_t>(std::max(capacity, 0))]();
 }
 
@@ -261,9 +305,27 @@ std::string TFTP_Packet::textAt(int offset) const {
   return {text, strnlen(text, static_cast<std::size_t>(receivableSize() - offset))};
 }
 
+// What a buffer of kShortTextSize bytes holds of the text there.
+std::string TFTP_Packet::shortTextAt(int offset) const {
+  char text[kShortTextSize] = {};
+  getString(offset, text, kShortTextSize);
+  return text;
+}
+
+void TFTP_Packet::clearBehindSize() {
+  if (size < receivableSize()) std::memset(data + size, 0, static_cast<std::size_t>(receivableSize() - size));
+}
+
+bool TFTP_Packet::holds(const char* source) const {
+  const auto begin = reinterpret_cast<std::uintptr_t>(data);
+  const auto place = reinterpret_cast<std::uintptr_t>(source);
+  return place >= begin && place - begin < static_cast<std::uintptr_t>(receivableSize());
+}
+
 void TFTP_Packet::collectPairs(int offset, std::vector<std::string>& option_names,
                                std::vector<std::string>& option_values) const {
-  // The end is looked at only after a whole pair: a name that ends the packet takes what lies behind it.
+  // The end is looked at only after a whole pair: a name that ends the packet takes what stands
+  // behind it (known behaviour 26).
   do {
     for (auto* list : {&option_names, &option_values}) {
       list->push_back(textAt(offset));

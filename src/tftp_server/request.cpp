@@ -1,62 +1,51 @@
 #include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <memory>
 
+#include "decimal_number/decimal_number.h"
+#include "files/files.h"
 #include "tftp_client/tftp_client.h"
 #include "tftp_server/tftp_server.h"
 
 namespace {
 
 constexpr char kVerdictPrefix[] = "F_l_m_";
-constexpr char kMode[] = "octet";
-constexpr int kNameOffset = 2;
-constexpr int kNameBufferSize = 256;  // names and modes are cut to one character less
 constexpr int kMinTimeoutSeconds = 5;
 constexpr int kExitFinalVerdict = 2;
 constexpr int kExitTimeout = 1;
-
-// Error codes, RFC 1350.
-constexpr int kNotDefined = 0;
-constexpr int kFileNotFound = 1;
-constexpr int kIllegalOperation = 4;
-constexpr int kFileExists = 6;
-
-std::string text_at(const TFTP_Packet& packet, int offset) {
-  char text[kNameBufferSize] = {};
-  packet.getString(offset, text, kNameBufferSize);
-  return text;
-}
 
 bool is_verdict(const std::string& file_name) {
   return file_name.rfind(kVerdictPrefix, 0) == 0;
 }
 
-std::int32_t decimal_number(const std::string& text) {
-  return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
+// Whether the name can be opened, and has an end.
+bool exists(const std::string& file_name) {
+  std::ifstream file;
+  open_file(&file, file_name);
+  return file.seekg(0, std::ios::end).good();
 }
 
 // Takes one option over into the record and edits the value that is acknowledged. An unknown option is
-// acknowledged as it came; it is meant.
+// acknowledged as it came (known behaviour 7).
 void accept_option(ServerClient* client, const std::string& name, std::string& value) {
-  if (name == "timeout") {
-    client->timeout = decimal_number(value);
+  if (name == TFTP_Packet::kTimeoutOption) {
+    client->timeout = decimal_number(value.c_str());
     if (client->timeout < kMinTimeoutSeconds) {
       client->timeout = kMinTimeoutSeconds;
       value = std::to_string(kMinTimeoutSeconds);
     }
-  } else if (name == "blksize") {
-    // No lower limit: 0 and negative sizes are accepted. It is meant.
-    client->block_size = decimal_number(value);
+  } else if (name == TFTP_Packet::kBlockSizeOption) {
+    // No lower limit: 0 and negative sizes are accepted (known behaviour 8).
+    client->block_size = decimal_number(value.c_str());
     if (client->block_size > TFTP_Packet::kMaxSize) {
       std::cout << "Requested blksize=" << client->block_size << " we support " << TFTP_Packet::kMaxSize
                 << std::endl;
       client->block_size = TFTP_Packet::kMaxSize;
       value = std::to_string(TFTP_Packet::kMaxSize);
     }
-  } else if (name == "tsize") {
+  } else if (name == TFTP_Packet::kTransferSizeOption) {
     client->input_file->seekg(0, std::ios::end);
     client->file_size = static_cast<std::int32_t>(client->input_file->tellg());
     value = std::to_string(client->file_size);
@@ -69,33 +58,32 @@ int TFTPServer::ProcessRequest(ServerClient* client) {
   if (client->request_type != ServerClient::kNoRequest) return 1;
   if (client->received_packet.isRRQ()) {
     client->request_type = ServerClient::kReadRequest;
-    const std::string file_name = text_at(client->received_packet, kNameOffset);
+    const std::string file_name = client->received_packet.fileName();
     return is_verdict(file_name) ? processVerdict(client, file_name) : processRead(client, file_name);
   }
   if (client->received_packet.isWRQ()) return processWrite(client);
   std::cout << "Unexpected packet" << std::endl;
   clientStatus(client, "Client sent unexpected packet, so we will disconnect him");
-  return refuse(client, kIllegalOperation, "");
+  return refuse(client, TFTP_Packet::kIllegalOperation, "");
 }
 
 int TFTPServer::processRead(ServerClient* client, const std::string& file_name) {
   std::cout << "RRQ " << file_name << std::endl;
   if (file_name.empty()) {
     std::cout << "Filename is not set" << std::endl;
-    return refuse(client, kFileNotFound, "File not found");
+    return refuse(client, TFTP_Packet::kFileNotFound, "File not found");
   }
-  // Behind the name as it was cut: of a longer one, the rest is taken for the mode.
-  const int mode_offset = kNameOffset + static_cast<int>(file_name.size()) + 1;
-  const std::string mode = text_at(client->received_packet, mode_offset);
-  if (mode != kMode) {
+  const std::string mode = client->received_packet.mode();
+  if (mode != TFTP_Packet::kMode) {
     std::cout << "Mode " << mode << " not supported" << std::endl;
-    return refuse(client, kNotDefined, "Mode not supported");
+    return refuse(client, TFTP_Packet::kNotDefined, "Mode not supported");
   }
-  auto file = std::make_unique<std::ifstream>(file_name, std::ios::binary);
+  auto file = std::make_unique<std::ifstream>();
+  open_file(file.get(), file_name);  // a directory or a pipe too (known behaviour 6)
   const bool opened = file->is_open() && file->good();
   client->input_file = file.release();
-  // The message is empty here, unlike for an empty name. It is meant.
-  if (!opened) return refuse(client, kFileNotFound, "");
+  // The message is empty here, unlike for an empty name (known behaviour 5).
+  if (!opened) return refuse(client, TFTP_Packet::kFileNotFound, "");
 
   std::vector<std::string> names;
   std::vector<std::string> values;
@@ -108,7 +96,8 @@ int TFTPServer::startPlain(ServerClient* client) {
   client->received_packet.reSizeForBlock(client->block_size);
   client->sent_packet.reSizeForBlock(client->block_size);
   clientStatus(client, "File was found, starting GET transfer");
-  // A block that could not be sent leaves the state at 0, and no ACK moves the transfer on. It is meant.
+  // A block that could not be sent leaves the state at 0, and no ACK moves the transfer on (known behaviour
+  // 9).
   if (sendPacketData(client) != 0) client->transfer_state = ServerClient::kAwaitsAck;
   return 1;
 }
@@ -131,7 +120,7 @@ int TFTPServer::processVerdict(ServerClient* client, const std::string& file_nam
 
   const bool is_final = forwardVerdict(file_name);
   if (message_server != nullptr) {
-    alarm(0);
+    alarm(0);  // before its flag is ever looked at (known behaviour 13)
     _bTimeoutFlag = false;
     message_server->StopSender();
     message_server->StartReceive(kTestNetworkAddress, ppt_ip, static_cast<unsigned short>(message_port));
@@ -159,16 +148,15 @@ bool TFTPServer::forwardVerdict(const std::string& file_name) {
 int TFTPServer::processWrite(ServerClient* client) {
   std::cout << "WRQ " << std::endl;
   client->request_type = ServerClient::kWriteRequest;
-  const std::string file_name = text_at(client->received_packet, kNameOffset);
-  {
-    const std::ifstream existing(file_name, std::ios::binary | std::ios::ate);
-    if (existing.is_open() || existing.good()) {
-      clientStatus(client, "PUT failed. File already exists on server");
-      return refuse(client, kFileExists, "");
-    }
+  const std::string file_name = client->received_packet.fileName();
+  if (exists(file_name)) {
+    clientStatus(client, "PUT failed. File already exists on server");
+    return refuse(client, TFTP_Packet::kFileExists, "");
   }
-  // Whether it can be created is not looked at; the request is acknowledged all the same.
-  client->output_file = new std::ofstream(file_name, std::ios::binary);
+  // Whether it can be created is not looked at: the request is acknowledged all the same, and no data is
+  // taken (known behaviour 18).
+  client->output_file = new std::ofstream;
+  create_file(client->output_file, file_name);
   clientStatus(client, "Starting PUT transfer");
   TFTP_Packet acknowledgement;
   acknowledgement.createACK(0);

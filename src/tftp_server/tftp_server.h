@@ -6,10 +6,10 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <fstream>
 #include <istream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,8 +38,7 @@ struct ServerClient {
     kMaySend = 1,    // the next block may be sent; also while an OACK waits for its ACK 0
     kAwaitsAck = 2,  // a DATA block is out
   };
-  static constexpr std::int32_t kDefaultTimeout = 5;      // seconds
-  static constexpr std::int32_t kDefaultBlockSize = 512;  // bytes, RFC 1350
+  static constexpr std::int32_t kDefaultTimeout = 5;  // seconds
 
   ServerClient() = default;
   // With packets of that capacity, in bytes.
@@ -51,21 +50,23 @@ struct ServerClient {
   // Ends whatever the record was doing and takes it back to its defaults. Leaves transfer_state, retries,
   // local_port, the address and the thread as they are.
   void reset();
+  // For the end of its thread: gives back the bytes of both packets, which nothing looks at any more.
+  void releasePackets();
 
   static std::int32_t sClientID;  // datagrams turned into records so far; never goes back
 
   std::int32_t connected = 0;  // 1 while the transfer is live
   std::int32_t request_type = kNoRequest;
-  std::int32_t block_number = 0;                // of the last DATA block built, 0 to 65535
-  std::int32_t transfer_state = 0;              // TransferState, or 0 before the first packet
-  std::string client_ip;                        // dotted quad of the requester
-  std::int32_t local_port = 0;                  // 100 x client number + 33033; the socket has its low 16 bits
-  std::int32_t timeout = kDefaultTimeout;       // seconds for each wait; negotiable, at least 5 then
-  std::int32_t block_size = kDefaultBlockSize;  // data bytes per DATA block; negotiable, at most 32768, and
-                                                // as low as the client asks, below zero included
-  std::int32_t file_size = 0;                   // bytes; known only when the client asked for it
-  fd_set read_set;                              // scratch of each wait
-  std::int32_t retries = 0;                     // waits in a row that brought no datagram
+  std::int32_t block_number = 0;           // of the last DATA block built, 0 to 65535
+  std::int32_t transfer_state = 0;         // TransferState, or 0 before the first packet
+  std::string client_ip;                   // dotted quad of the requester
+  std::int32_t local_port = 0;             // 100 x client number + 33033; the socket has its low 16 bits
+  std::int32_t timeout = kDefaultTimeout;  // seconds for each wait; negotiable, at least 5 then
+  // Data bytes per DATA block; negotiable, at most 32768, and as low as the client asks, below zero included.
+  std::int32_t block_size = TFTP_Packet::kDefaultBlockSize;
+  std::int32_t file_size = 0;  // bytes; known only when the client asked for it
+  fd_set read_set;             // scratch of each wait
+  std::int32_t retries = 0;    // waits in a row that brought no datagram
   std::int32_t receive_status = kNothing;
   std::int32_t socket_fd = -1;      // -1 = none
   sockaddr_in client_address = {};  // the requester's; where every packet goes
@@ -87,9 +88,11 @@ struct ServerClient {
 //   ProcessRequest   reads the request, on the main thread: read, verdict, write        request.cpp
 //   ClientProc       Receive, Send, Receive, ... until the transfer ends                transfer.cpp
 //
-// A record is never entered in `clients`, so that one whose thread has ended stays allocated. It is meant.
-// Client threads reach the server through `self` and may do so until the process ends: the storage of a
-// deleted server is kept.
+// A record is never entered in `clients`, so that one whose thread has ended stays allocated
+// (known behaviour 20).
+// Client threads reach the server through `self`. They may outlive it, wherever it lived: Receive, Send and
+// all that these call work on the client's record alone, and DestroyClient is not called when the server has
+// gone.
 class TFTPServer {
  public:
   // server_ip: dotted quad to listen on, empty for every local address.
@@ -99,12 +102,10 @@ class TFTPServer {
   ~TFTPServer();
   TFTPServer(const TFTPServer&) = delete;
   TFTPServer& operator=(const TFTPServer&) = delete;
-  static void* operator new(std::size_t size);
-  static void operator delete(void* storage);  // keeps the storage
 
   // Binds the socket, takes SIGALRM over, starts the relay and the boot script (with an alarm ten seconds
-  // later), and runs the receive loop until `running` is cleared. For the main thread, which the signals are
-  // meant for. Throws a new ETFTPSocketBind, by pointer.
+  // later), and runs the receive loop until `running` is cleared. For the main thread, which takes the
+  // signals. Throws a new ETFTPSocketBind, by pointer.
   void Start();
   // Destroys the clients in the table, deletes the message service, and says how many clients there were.
   // Does not end Start.
@@ -117,7 +118,8 @@ class TFTPServer {
   int SendBroadcastScript(const std::string& interface_name);
 
   // Decides what happens to a new client's first datagram and sends the first packet. 1: the client gets a
-  // thread; 0: it is to be released. A name of a verdict that is too short throws std::out_of_range.
+  // thread; 0: it is to be released. A name of a verdict that is too short throws std::out_of_range
+  // (known behaviour 11).
   int ProcessRequest(ServerClient* client);
 
   // One turn of a client's thread. 0 ends the thread.
@@ -131,7 +133,7 @@ class TFTPServer {
   int sendError(ServerClient* client, int code, const std::string& message);
   // Waits for one datagram: the new receive_status, or 0 when the descriptor was not ready.
   int receivePacket(ServerClient* client);
-  // The hook for every step of a transfer. It is empty, so that none of these texts is printed; it is meant.
+  // The hook for every step of a transfer. It is empty: none of these texts is printed (known behaviour 19).
   void clientStatus(ServerClient* client, const std::string& status);
   // Resets the record. 0 for a null pointer, else 1.
   int disconnectClient(ServerClient* client);
@@ -153,7 +155,8 @@ class TFTPServer {
   static constexpr char kTestNetworkAddress[] = "172.40.0.1";
 
   void announceBoot();
-  void serveDatagram(const char* bytes, int count, const sockaddr_in& sender, socklen_t sender_length);
+  bool receiveRequest(ServerClient* client);
+  void serve(std::unique_ptr<ServerClient> client);
   void deleteMessageServer();
 
   int processRead(ServerClient* client, const std::string& file_name);

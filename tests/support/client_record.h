@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "ipv4_socket/ipv4_socket.h"
+#include "sockets/sockets.h"
 #include "support/captured_output.h"
 #include "support/descriptors.h"
 #include "support/outcome.h"
@@ -65,8 +65,8 @@ class ClientRecordTest : public testing::Test {
     record.socket_fd = socket(AF_INET, SOCK_DGRAM, 0);
     record.client_address = loopback(0);
     socklen_t length = sizeof(sockaddr_in);
-    if (bind(record.socket_fd, generic(&record.client_address), length) != 0 ||
-        getsockname(record.socket_fd, generic(&record.client_address), &length) != 0) {
+    if (bind(record.socket_fd, as_sockaddr(&record.client_address), length) != 0 ||
+        getsockname(record.socket_fd, as_sockaddr(&record.client_address), &length) != 0) {
       throw std::runtime_error("no socket on the loopback interface");
     }
     unit.aims_at(kLoopback, ntohs(record.client_address.sin_port));

@@ -6,9 +6,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include "message_server/message_server.h"
+#include "message_server/relay_records.h"
 #include "support/threads.h"
 
 // The bodies of the command receiver and of the relay, played by the test: a program that includes this file
@@ -21,7 +23,9 @@ struct PlayedBody {
   std::atomic<SignalMask> blocked{0};
   std::atomic<bool> has_its_handle{false};
   std::atomic<bool> has_default_attributes{false};
-  std::atomic<bool> may_read{true};  // the addresses in its record
+  std::string local_ip;  // of the relay, once it has started
+  std::string remote_ip;
+  std::atomic<bool> was_asked_to_run{false};
   std::atomic<bool> may_end{true};
   std::atomic<bool> has_ended{false};
   std::atomic<int> flag_reads{0};
@@ -53,17 +57,19 @@ void* ReceiverProc(void* record) {
   return nullptr;
 }
 
-// Reads its run flag until the test lets it end.
+// Asks whether it is to run until the test lets it end.
 void* UdpMessageServerProc(void* record) {
   auto* const server = static_cast<MessageServer*>(record);
+  const auto relay_record = take_relay(server);
   relay.starts_with(record, server->udp_thread);
-  while (!relay.may_read) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  server->udp_addresses_read = true;
+  relay.local_ip = relay_record->local_ip;
+  relay.remote_ip = relay_record->remote_ip;
+  relay.was_asked_to_run = relay_record->is_to_run();
   while (!relay.may_end) {
-    const volatile bool* const running = &server->udp_running;
-    if (*running) ++relay.flag_reads;
+    if (relay_record->is_to_run()) ++relay.flag_reads;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  relay_record->mark_ended();
   relay.has_ended = true;
   return nullptr;
 }
@@ -75,7 +81,7 @@ class WithPlayedWorkers : public testing::Test {
     for (PlayedBody* body : {&receiver, &relay}) {
       body->starts = 0;
       body->record = nullptr;
-      body->may_read = body->may_end = true;
+      body->may_end = true;
       body->has_ended = false;
       body->flag_reads = 0;
     }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <iostream>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -263,6 +264,46 @@ TEST_F(MessageSenderSocket, InitialisationIsRefusedWhileASenderRuns) {
   EXPECT_EQ(no_socket.struck(), 0);
   EXPECT_TRUE(server.sending);
   server.sender_socket = -1;
+}
+
+// The number stays in the field, and the system gives it to the next one that asks.
+class AfterABindThatFailed : public MessageSenderSocket {
+ protected:
+  void SetUp() override {
+    MessageSenderSocket::SetUp();
+    if (IsSkipped()) return;
+    const Fault taken(Call::kBind, EADDRINUSE);
+    ASSERT_EQ(server.InitializeSender("lan0:0", true), -1);
+    ASSERT_NE(server.sender_socket, -1);
+    ASSERT_FALSE(is_open(server.sender_socket));
+  }
+  const CapturedOutput output;
+  MessageServer server{kMessagePort};
+};
+
+TEST_F(AfterABindThatFailed, AVerdictLeavesItsOwnListeningSocketOpen) {
+  const int number = server.sender_socket;
+  EXPECT_EQ(server.InitializeReceiver("172.40.0.1", "172.30.0.254", kMessagePort), -1);  // refused
+  EXPECT_EQ(server.receive_socket, number);
+  EXPECT_EQ(bound_to(number), "172.40.0.1:12345");
+}
+
+TEST_F(AfterABindThatFailed, TheEndLeavesWhoeverHasTheNumberAlone) {
+  const int stranger = dup(STDIN_FILENO);
+  EXPECT_EQ(stranger, server.sender_socket);
+  server.~MessageServer();
+  EXPECT_TRUE(is_open(stranger));
+  close(stranger);
+  new (&server) MessageServer(kMessagePort);
+}
+
+TEST_F(AfterABindThatFailed, ANewSocketWithTheSameNumberIsClosedAtTheEnd) {
+  const int number = server.sender_socket;
+  ASSERT_EQ(server.InitializeSender("lan0:0", true), 0);
+  EXPECT_EQ(server.sender_socket, number);
+  server.~MessageServer();
+  EXPECT_FALSE(is_open(number));
+  new (&server) MessageServer(kMessagePort);
 }
 
 struct FailingStep {

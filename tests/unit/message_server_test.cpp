@@ -115,8 +115,11 @@ TEST_F(MessageRelay, ThreadIsGivenTheRecordWithTheTwoAddresses) {
   EXPECT_EQ(relay.record, server);
   EXPECT_TRUE(relay.has_its_handle);
   EXPECT_TRUE(relay.has_default_attributes);
-  EXPECT_EQ(relay.blocked, mine | mask_of({SIGALRM, SIGINT, SIGTERM}));
-  EXPECT_EQ(blocked_signals("thread-self"), mine);
+  EXPECT_EQ(relay.blocked, mine);
+  EXPECT_EQ(relay.local_ip, "172.40.0.1");
+  EXPECT_EQ(relay.remote_ip, "172.30.0.254");
+  EXPECT_TRUE(relay.was_asked_to_run);
+  EXPECT_EQ(server->udp_thread, 0U);
   EXPECT_EQ(output.text(), "");
 
   EXPECT_FALSE(server->StartUDPServer("10.0.0.1", "10.0.0.2"));
@@ -127,26 +130,31 @@ TEST_F(MessageRelay, ThreadIsGivenTheRecordWithTheTwoAddresses) {
   delete server;
 }
 
-TEST_F(MessageRelay, StartReturnsOnceTheRelayHasReadTheAddressesAndHoldsTheSignalsOfTheEndBackMeanwhile) {
-  const CapturedOutput output;
-  relay.may_read = false;
-  auto* const server = new MessageServer(kMessagePort);
-  std::atomic<bool> started{false};
-  std::atomic<int> owners_task{0};
-  const SignalMask mine = blocked_signals("thread-self");
-  std::thread owner([&] {
-    owners_task = gettid();
-    started = server->StartUDPServer("172.40.0.1", "172.30.0.254");
-  });
-  ASSERT_TRUE(eventually([] { return relay.starts == 1; }));
-  std::this_thread::sleep_for(milliseconds(100));
-  EXPECT_FALSE(started);
-  EXPECT_EQ(blocked_signals("self/task/" + std::to_string(owners_task)), mine | mask_of({SIGINT, SIGTERM}));
-  relay.may_read = true;
-  EXPECT_TRUE(eventually([&] { return started.load(); }));
-  owner.join();
-  ASSERT_TRUE(eventually([] { return relay.has_ended.load(); }));
-  delete server;
+TEST_F(MessageRelay, EndsAtItsNextCheckWhenTheOwnerClearsTheFlag) {
+  relay.may_end = false;
+  MessageServer server(kMessagePort);
+  ASSERT_TRUE(server.StartUDPServer("172.40.0.1", "172.30.0.254"));
+  ASSERT_TRUE(eventually([] { return relay.flag_reads > 0; }));
+  server.udp_running = false;
+  std::this_thread::sleep_for(milliseconds(50));
+  const int reads = relay.flag_reads;
+  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_EQ(relay.flag_reads, reads);
+  relay.may_end = true;
+  EXPECT_TRUE(eventually([] { return relay.has_ended.load(); }));
+}
+
+TEST_F(MessageRelay, IsForgottenWhenItsThreadCouldNotBeCreated) {
+  for (const int result : {-1, EAGAIN}) {
+    MessageServer server(kMessagePort);
+    {
+      const CapturedOutput output;
+      const Fault no_thread(Call::kThread, result);
+      server.StartUDPServer("172.40.0.1", "172.30.0.254");
+    }
+    server.udp_local_ip = "10.0.0.1";
+    EXPECT_EQ(take_relay(&server)->local_ip, "10.0.0.1");
+  }
 }
 
 TEST_F(MessageRelay, ThreadCreationThatReturnsMinusOneIsAFailureThatLeavesItRunning) {
@@ -176,7 +184,6 @@ TEST_F(MessageRelay, ThreadHandleIsWrittenByTheCreationAndByNobodyAfterIt) {
   const CapturedOutput output;
   MessageServer server(kMessagePort);
   server.udp_thread = pthread_self();
-  server.udp_addresses_read = true;
   const Fault nothing_created_but_success(Call::kThread, 0);
   EXPECT_TRUE(server.StartUDPServer("172.40.0.1", "172.30.0.254"));
   EXPECT_EQ(server.udp_thread, pthread_self());
@@ -323,23 +330,82 @@ TEST_F(MessageServerEnd, NeitherStopsTheRelayNorWaitsForIt) {
   const CapturedOutput output;
   relay.may_end = false;
   auto* const server = new MessageServer(kMessagePort);
-  const auto where = reinterpret_cast<std::uintptr_t>(server);
   ASSERT_TRUE(server->StartUDPServer("172.40.0.1", "172.30.0.254"));
   ASSERT_TRUE(eventually([] { return relay.flag_reads > 0; }));
   delete server;
   EXPECT_EQ(output.text(), kShutDown);
   EXPECT_FALSE(relay.has_ended);
-
-  // It goes on reading, and nobody else is given the storage.
   const int reads = relay.flag_reads;
-  for (int count = 0; count < 20; ++count) {
-    auto* const other = new MessageServer(kMessagePort);
-    EXPECT_NE(reinterpret_cast<std::uintptr_t>(other), where);
-    delete other;
-  }
   EXPECT_TRUE(eventually([&] { return relay.flag_reads > reads + 20; }));
   relay.may_end = true;
   EXPECT_TRUE(eventually([] { return relay.has_ended.load(); }));
+}
+
+// Storage that belongs to the test, and is overwritten as soon as the record in it has gone.
+class OwnStorage {
+ public:
+  MessageServer* make() { return new (bytes_) MessageServer(kMessagePort); }
+  void overwrite() { std::memset(bytes_, kPattern, sizeof bytes_); }
+  bool is_untouched() const {
+    return std::all_of(std::begin(bytes_), std::end(bytes_),
+                       [](unsigned char byte) { return byte == kPattern; });
+  }
+
+ private:
+  static constexpr unsigned char kPattern = 0xA5;
+  alignas(MessageServer) unsigned char bytes_[sizeof(MessageServer)];
+};
+
+TEST_F(MessageServerEnd, LeavesTheRelayNothingToTouch) {
+  const CapturedOutput output;
+  relay.may_end = false;
+  OwnStorage storage;
+  MessageServer* const server = storage.make();
+  ASSERT_TRUE(server->StartUDPServer("172.40.0.1", "172.30.0.254"));
+  ASSERT_TRUE(eventually([] { return relay.flag_reads > 0; }));
+  server->~MessageServer();
+  storage.overwrite();
+  relay.may_end = true;
+  ASSERT_TRUE(eventually([] { return relay.has_ended.load(); }));
+  EXPECT_TRUE(storage.is_untouched());
+}
+
+TEST_F(MessageServerEnd, BeforeTheRelaysFirstMomentLeavesItItsOwnAddresses) {
+  const CapturedOutput output;
+  OwnStorage storage;
+  MessageServer* server = storage.make();
+  server->udp_local_ip = "172.40.0.1";
+  server->udp_remote_ip = "172.30.0.254";
+  server->udp_running = true;
+  announce_relay(server);
+  server->~MessageServer();
+  storage.overwrite();
+  server = storage.make();  // another record, at the same address
+  server->udp_local_ip = "10.0.0.1";
+  const auto first = take_relay(server);
+  EXPECT_EQ(first->local_ip, "172.40.0.1");
+  EXPECT_EQ(first->remote_ip, "172.30.0.254");
+  EXPECT_TRUE(first->is_to_run());
+  first->mark_ended();
+  const auto second = take_relay(server);
+  EXPECT_EQ(second->local_ip, "10.0.0.1");
+  EXPECT_FALSE(second->is_to_run());
+  server->~MessageServer();
+  EXPECT_TRUE(second->is_to_run());
+}
+
+TEST_F(MessageServerEnd, LeavesADescriptorOpenThatHasTheNumberOfASocketThatWasClosed) {
+  const CapturedOutput output;
+  const WatchedDescriptor watched;
+  {
+    MessageServer server(kMessagePort);
+    server.sender_socket = server.receive_socket = watched.number();
+    EXPECT_TRUE(server.closed_sender_socket.note(watched.number()));
+    EXPECT_FALSE(server.closed_sender_socket.note(watched.number()));
+    EXPECT_TRUE(server.closed_receive_socket.note(watched.number()));
+  }
+  EXPECT_FALSE(watched.is_closed());
+  close(watched.number());
 }
 
 }  // namespace

@@ -295,9 +295,9 @@ TEST_F(Verdict, StartsTheCommandReceiverOnTheTestNetwork) {
   const int ppt_listener = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = loopback(0);
   socklen_t length = sizeof address;
-  ASSERT_EQ(bind(ppt_listener, generic(&address), length), 0);
+  ASSERT_EQ(bind(ppt_listener, as_sockaddr(&address), length), 0);
   ASSERT_EQ(listen(ppt_listener, 1), 0);
-  getsockname(ppt_listener, generic(&address), &length);
+  getsockname(ppt_listener, as_sockaddr(&address), &length);
   const int port = ntohs(address.sin_port);
   server->message_port = 65536 + port;
 
@@ -308,7 +308,7 @@ TEST_F(Verdict, StartsTheCommandReceiverOnTheTestNetwork) {
                     "Message receiver initialized. IP: 127.0.0.1 Port=" + std::to_string(port) + "\n"));
   ASSERT_NE(server->message_server, nullptr);
   sockaddr_in receives_on = {};
-  getsockname(server->message_server->receive_socket, generic(&receives_on), &length);
+  getsockname(server->message_server->receive_socket, as_sockaddr(&receives_on), &length);
   EXPECT_STREQ(inet_ntoa(receives_on.sin_addr), "172.40.0.1");
   EXPECT_EQ(ntohs(receives_on.sin_port), port);
   EXPECT_EQ(run(), "running, exit code 0, message service");

@@ -707,7 +707,7 @@ TEST(TftpPacket, CreateDataWithoutBytesSaysNothingHoweverSmallThePacket) {
   EXPECT_EQ(output.text(), "");
 }
 
-TEST(TftpPacket, RoomForDataIsWhereCreateDataPlacesAWholeBlock) {
+TEST(TftpPacket, RoomForDataIsWhereAWholeBlockBelongs) {
   TFTP_Packet packet;
   packet.reSize(8);
   EXPECT_EQ(reinterpret_cast<std::uint8_t*>(packet.roomForData(4)), packet.getData(4));
@@ -719,14 +719,99 @@ TEST(TftpPacket, RoomForDataIsWhereCreateDataPlacesAWholeBlock) {
   EXPECT_EQ(packet.roomForData(0), nullptr);
 }
 
-TEST(TftpPacket, CreateDataTakesWhatStandsInItsRoomAndZeroesTheRest) {
+TEST(TftpPacket, CreateDataInPlaceTakesWhatStandsInItsRoomAndZeroesTheRest) {
   TFTP_Packet packet;
   packet.reSize(12);
   receive(packet, "xxxxxxxxxxxx");
   std::memcpy(packet.roomForData(8), "abc", 3);
-  EXPECT_TRUE(packet.createData(258, packet.roomForData(8), 3));
+  packet.createDataInPlace(258, 3);
   EXPECT_EQ(bytes_of(packet), "\0\3\1\2abc"s);
   EXPECT_EQ(array_of(packet), "\0\3\1\2abc\0\0\0\0\0"s);
+}
+
+TEST(TftpPacket, CreateDataInPlaceHoldsNoMoreThanItsCapacity) {
+  TFTP_Packet packet;
+  packet.reSize(8);
+  packet.createDataInPlace(1, 5);
+  EXPECT_EQ(packet.size, 8);
+  packet.createDataInPlace(1, -1);
+  EXPECT_EQ(bytes_of(packet), "\0\3\0\1"s);
+}
+
+// The packet is cleared before its bytes are copied.
+TEST(TftpPacket, CreateDataFromItsOwnBytesCopiesWhatClearingMakesOfThem) {
+  TFTP_Packet packet;
+  packet.reSize(16);
+  receive(packet, "abcdefghijklmnop");
+  EXPECT_TRUE(packet.createData(258, reinterpret_cast<char*>(packet.getData(4)), 5));
+  EXPECT_EQ(array_of(packet), "\0\3\1\2\0\0\0\0\0\0\0\0\0\0\0\0"s);
+  EXPECT_EQ(packet.size, 9);
+  receive(packet, "abcdefghijklmnop");
+  EXPECT_TRUE(packet.createData(258, reinterpret_cast<char*>(packet.getData(2)), 6));
+  EXPECT_EQ(array_of(packet), "\0\3\1\2\1\2\0\0\0\0\0\0\0\0\0\0"s);
+  EXPECT_EQ(packet.size, 10);
+  receive(packet, "abcdefghijklmnop");
+  EXPECT_TRUE(packet.createData(258, reinterpret_cast<char*>(packet.getData(15)), 1));
+  EXPECT_EQ(bytes_of(packet), "\0\3\1\2\0"s);
+}
+
+TEST(TftpPacket, GivesItsArrayBack) {
+  TFTP_Packet packet;
+  receive(packet, "abc");
+  packet.release();
+  EXPECT_EQ(packet.data, nullptr);
+  EXPECT_EQ(packet.size, 0);
+  EXPECT_EQ(packet.max_size, 32768);
+  EXPECT_EQ(packet.sendableSize(), 0);
+  packet.clear();
+  EXPECT_FALSE(packet.addByte(1));
+  EXPECT_TRUE(packet.reSize(4));
+  EXPECT_TRUE(packet.addByte(1));
+}
+
+TEST(TftpPacket, NamesFileAndModeOfARequest) {
+  TFTP_Packet packet;
+  receive(packet, "\0\1name\0netascii\0blksize\0008\0"s);
+  EXPECT_EQ(packet.fileName(), "name");
+  EXPECT_EQ(packet.mode(), "netascii");
+  receive(packet, "\0\1name"s);
+  EXPECT_EQ(packet.mode(), "");
+  receive(packet, "\0\1"s);
+  EXPECT_EQ(packet.fileName(), "");
+}
+
+TEST(TftpPacket, CutsFileAndModeTo255Characters) {
+  const std::string name(300, 'n');
+  TFTP_Packet packet;
+  receive(packet, "\0\1"s + name + "\0octet\0"s);
+  EXPECT_EQ(packet.fileName(), std::string(255, 'n'));
+  EXPECT_EQ(packet.mode(), std::string(44, 'n'));  // one character is taken for the NUL
+  receive(packet, "\0\1f\0"s + name + "\0"s);
+  EXPECT_EQ(packet.mode(), std::string(255, 'n'));
+}
+
+TEST(TftpPacket, NamesErrorsByTheirCode) {
+  const char* const texts[] = {"own text",
+                               "File not found",
+                               "Access violation",
+                               "Disk full or allocation exceeded",
+                               "Illegal TFTP operation",
+                               "Unknown transfer ID",
+                               "File already exists",
+                               "No such user",
+                               "Not defined",
+                               "Not defined"};
+  TFTP_Packet packet;
+  for (int code = 0; code < 10; ++code) {
+    packet.createError(code, "own text");
+    EXPECT_EQ(packet.errorCode(), code);
+    EXPECT_EQ(packet.errorText(), texts[code]);
+  }
+  packet.createError(65535, "");
+  EXPECT_EQ(packet.errorCode(), 65535);
+  EXPECT_EQ(packet.errorText(), "Not defined");
+  packet.createError(0, std::string(300, 'x'));
+  EXPECT_EQ(packet.errorText(), std::string(255, 'x'));
 }
 
 TEST(TftpPacket, ANewPacketMayHaveAnotherCapacity) {

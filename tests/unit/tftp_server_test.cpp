@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "socket_errors/socket_errors.h"
+#include "support/captured_output.h"
 #include "support/fault.h"
 #include "support/flush_recorder.h"
 #include "support/server_under_test.h"
@@ -219,24 +222,17 @@ TEST(TftpServer, DeletesItsMessageServiceWithItselfWhenItWasNotStopped) {
   EXPECT_FALSE(is_open(descriptor));
 }
 
-TEST(TftpServer, TakesTheMessageServiceOutOfItsFieldAndHoldsSignalsBackWhileDeletingIt) {
+TEST(TftpServer, TakesTheMessageServiceOutOfItsFieldBeforeItDeletesIt) {
   const auto server = new_server();
   StorageWatch messages(sizeof(int) * 1111);
   server->message_server->message = new char[sizeof(int) * 1111];
   int looked = 0;
-  sigset_t blocked;
   messages.at_release = [&](void*) {
     ++looked;
     EXPECT_EQ(server->message_server, nullptr);
-    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    EXPECT_EQ(sigismember(&blocked, SIGINT), 1);
-    EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
   };
   server->Stop();
   EXPECT_EQ(looked, 1);
-  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-  EXPECT_EQ(sigismember(&blocked, SIGINT), 0);
-  EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
 }
 
 TEST(TftpServer, TearsTheEntriesOfItsTableDownBeforeItStops) {
@@ -281,16 +277,40 @@ TEST(TftpServer, LeavesTheRecordsInItsTableAloneWhenDeleted) {
   delete record.client;
 }
 
-TEST(TftpServer, KeepsTheStorageOfItselfAndItsMessageServiceReadable) {
+TEST(TftpServer, LivesAnywhere) {
+  const CapturedOutput output;
+  TFTPServer on_the_stack(0, "127.0.0.1", 69, "127.0.0.1", kMessagePort);
+  alignas(TFTPServer) unsigned char storage[sizeof(TFTPServer)];
+  auto* const placed = new (storage) TFTPServer(0, "127.0.0.1", 69, "127.0.0.1", kMessagePort);
+  EXPECT_EQ(TFTPServer::self, placed);
+  placed->~TFTPServer();
+  auto* const nothrow = new (std::nothrow) TFTPServer(0, "127.0.0.1", 69, "127.0.0.1", kMessagePort);
+  ASSERT_NE(nothrow, nullptr);
+  delete nothrow;
+}
+
+TEST(TftpServer, ReturnsItsStorageAndThatOfItsMessageService) {
   const StorageWatch servers(sizeof(TFTPServer));
   const StorageWatch message_servers(sizeof(MessageServer));
   auto server = new_server();
-  const TFTPServer* volatile const kept = server.get();
-  const MessageServer* volatile const kept_service = server->message_server;
   server.reset();
-  EXPECT_EQ(servers.alive(), 1);
-  EXPECT_EQ(message_servers.alive(), 1);
-  EXPECT_FALSE(kept->running && kept_service->udp_running);
+  EXPECT_TRUE(servers.released(1));
+  EXPECT_TRUE(message_servers.released(1));
+}
+
+TEST(TftpServer, IsNotTouchedByAClientsThreadThatOutlivesIt) {
+  const CapturedOutput output;
+  alignas(TFTPServer) unsigned char storage[sizeof(TFTPServer)];
+  auto* const server = new (storage) TFTPServer(0, "127.0.0.1", 69, "127.0.0.1", kMessagePort);
+  server->~TFTPServer();
+  constexpr unsigned char kPattern = 0xA5;
+  std::fill(std::begin(storage), std::end(storage), kPattern);
+  ServerClient client;  // of a write request, whose thread ends at once
+  client.connected = 1;
+  client.request_type = ServerClient::kWriteRequest;
+  EXPECT_EQ(ClientProc(&client), nullptr);
+  EXPECT_TRUE(std::all_of(std::begin(storage), std::end(storage),
+                          [](unsigned char byte) { return byte == kPattern; }));
 }
 
 TEST(TftpServer, DestroysTheClientAtTheFrontAndInTheMiddleOfItsTable) {

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "ipv4_socket/ipv4_socket.h"
+#include "sockets/sockets.h"
 #include "tftp_packet/tftp_packet.h"
 
 namespace {
@@ -79,7 +79,7 @@ class PptServer {
     const int on = 1;
     setsockopt(socket_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in here = ipv4_address(address_, port);
-    if (bind(socket_fd, generic(&here), sizeof here) != 0)
+    if (bind(socket_fd, as_sockaddr(&here), sizeof here) != 0)
       give_up("port " + std::to_string(port) + " is not free");
     return socket_fd;
   }
@@ -121,7 +121,7 @@ class PptServer {
     sockaddr_in station = {};
     socklen_t length = sizeof station;
     const auto room = static_cast<std::size_t>(request.receivableSize());
-    const ssize_t count = recvfrom(requests_, request.getData(0), room, 0, generic(&station), &length);
+    const ssize_t count = recvfrom(requests_, request.getData(0), room, 0, as_sockaddr(&station), &length);
     request.setSize(static_cast<int>(count));
     if (!request.isRRQ()) return;  // after a silence, the station's ACK comes here
     std::array<char, kLongestName> name = {};
@@ -136,8 +136,8 @@ class PptServer {
     }
     const int transfer = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in here = ipv4_address(address_, 0);
-    if (bind(transfer, generic(&here), sizeof here) != 0) give_up("no port is free");
-    sendto(transfer, answer.getData(0), static_cast<std::size_t>(answer.sendableSize()), 0, generic(&station),
+    if (bind(transfer, as_sockaddr(&here), sizeof here) != 0) give_up("no port is free");
+    sendto(transfer, answer.getData(0), static_cast<std::size_t>(answer.sendableSize()), 0, as_sockaddr(&station),
            length);
     transfers_.push_back(transfer);  // stays open for the ACK
   }

@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "ipv4_socket/ipv4_socket.h"
+#include "sockets/sockets.h"
 #include "tftp_client/tftp_client.h"
 
 namespace {
@@ -53,7 +53,7 @@ std::optional<std::string> next_text(int socket, Clock::time_point until) {
 bool hear(const Arguments& arguments) {
   const int socket_fd = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in here = address_of("0.0.0.0", arguments[0]);
-  if (bind(socket_fd, generic(&here), sizeof here) != 0) return false;
+  if (bind(socket_fd, as_sockaddr(&here), sizeof here) != 0) return false;
   const std::optional<std::string> text = next_text(socket_fd, in_seconds(arguments[1]));
   std::cout << text.value_or("") << std::flush;
   return text.has_value();
@@ -70,7 +70,7 @@ bool read(const Arguments& arguments) {
 int connected(sockaddr_in server, Clock::time_point until) {
   for (;;) {
     const int socket_fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (connect(socket_fd, generic(&server), sizeof server) == 0) return socket_fd;
+    if (connect(socket_fd, as_sockaddr(&server), sizeof server) == 0) return socket_fd;
     close(socket_fd);
     if (Clock::now() + kBetweenConnections > until) return -1;
     std::this_thread::sleep_for(kBetweenConnections);
@@ -91,7 +91,7 @@ bool send(const Arguments& arguments) {
   const int socket_fd = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in server = address_of(arguments[0], arguments[1]);
   const std::string& text = arguments[2];
-  return sendto(socket_fd, text.data(), text.size(), 0, generic(&server), sizeof server) ==
+  return sendto(socket_fd, text.data(), text.size(), 0, as_sockaddr(&server), sizeof server) ==
          static_cast<ssize_t>(text.size());
 }
 
