@@ -14,12 +14,7 @@
 
 namespace {
 
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::rrq;
-using tftp::wrq;
+using namespace station;
 
 constexpr char kRequested[] = "RRQ file\n";
 constexpr milliseconds kBeyondOneWait(7500);

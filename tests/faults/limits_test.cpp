@@ -16,12 +16,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::rrq;
-using tftp::wrq;
+using namespace station;
 
 constexpr char kRequested[] = "RRQ file\n";
 

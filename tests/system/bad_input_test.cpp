@@ -10,14 +10,7 @@
 
 namespace {
 
-using station::OnLoopback;
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
-using tftp::wrq;
+using namespace station;
 
 class BadInput : public testing::Test {
  protected:

@@ -7,13 +7,7 @@
 
 namespace {
 
-using station::OnLoopback;
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::oack;
-using tftp::Options;
-using tftp::rrq;
+using namespace station;
 
 constexpr std::size_t kLargestDatagram = 65536;
 

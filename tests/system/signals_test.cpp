@@ -22,11 +22,7 @@
 
 namespace {
 
-using station::InNetwork;
-using station::OnLoopback;
-using std::chrono::milliseconds;
-using tftp::data;
-using tftp::rrq;
+using namespace station;
 
 // With a sanitizer, the leak check at the exit waits for the lock that the interrupted allocation holds.
 constexpr char kCannotExitAnywhere[] = "a sanitizer cannot end the program at any moment";

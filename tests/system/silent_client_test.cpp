@@ -7,12 +7,7 @@
 
 namespace {
 
-using station::OnLoopback;
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::oack;
-using tftp::rrq;
+using namespace station;
 
 // These tests wait as long as a client is given: eleven times five seconds.
 

@@ -12,12 +12,7 @@
 #include "support/file_transfer_record.h"
 #include "support/sanitized.h"
 
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
+using namespace tftp;
 
 namespace {
 

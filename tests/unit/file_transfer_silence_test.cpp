@@ -8,11 +8,7 @@
 #include "support/file_transfer_record.h"
 #include "support/flush_recorder.h"
 
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
+using namespace tftp;
 
 namespace {
 

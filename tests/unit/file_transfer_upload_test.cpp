@@ -14,12 +14,7 @@
 #include "support/flush_recorder.h"
 #include "support/sanitized.h"
 
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
+using namespace tftp;
 
 namespace {
 

@@ -20,12 +20,7 @@
 #include "support/whole_file.h"
 #include "tftp_client/tftp_client.h"
 
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
+using namespace tftp;
 
 namespace {
 
