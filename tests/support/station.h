@@ -114,6 +114,12 @@ class OnLoopback {
     peer.aims_at("127.0.0.1", server_port);
     return peer;
   }
+  // A client that has sent this request.
+  UdpPeer asks(const std::string& request) const {
+    UdpPeer peer = client();
+    peer.sends(request);
+    return peer;
+  }
 
   void serves_the_next_client() const {
     write_whole_file("next", "served");

@@ -139,8 +139,7 @@ TEST_P(Signals, WaitsForTheSenderOfTheBootScript) {
 TEST_P(Signals, EndsItWithATransferOpen) {
   const OnLoopback station;
   write_whole_file("file", noise(2000));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   client.expects(data(1, noise(2000).substr(0, 512)));
   station.ends_by(GetParam(), "RRQ file\n");
   client.expects_nothing(milliseconds(300));
@@ -222,8 +221,7 @@ TEST_P(Signals, AtAnyMomentOfAFinalVerdictEndsIt) {
   if (kSanitized) GTEST_SKIP() << kCannotExitAnywhere;
   for (int i = 0; i < 20; ++i) {
     const OnLoopback station;
-    UdpPeer unit = station.client();
-    unit.sends(rrq("F_l_m_01PPT_PASSED"));
+    UdpPeer unit = station.asks(rrq("F_l_m_01PPT_PASSED"));
     std::this_thread::sleep_for(std::chrono::microseconds(50 * i));
     station.daemon->gets_signal(GetParam());
     const int status = station.daemon->exit_status();
