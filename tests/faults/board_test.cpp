@@ -16,11 +16,7 @@
 
 namespace {
 
-using station::InNetwork;
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::rrq;
+using namespace station;
 
 constexpr char kEnvtoolCall[] = "envtool ppt_flag=failed\n";
 constexpr char kKillsItself[] = "#!/bin/sh\nkill -9 $$\n";

@@ -14,12 +14,7 @@
 
 namespace {
 
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::rrq;
-using tftp::wrq;
+using namespace station;
 
 constexpr char kRequested[] = "RRQ file\n";
 constexpr milliseconds kBeyondOneWait(7500);
@@ -98,16 +93,14 @@ TEST_F(FailingCall, FirstReceiveIsOnlyRepeated) {
 
 TEST_F(FailingCall, WithoutASocketARequestHasNoAnswer) {
   FaultyStation station(fault("socket.dgram", 4, EMFILE));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   FaultyStation::is_left_alone(client);
   station.survives("");
 }
 
 TEST_F(FailingCall, SocketThatIsNotBoundServesFromAnotherPort) {
   FaultyStation station(fault("bind", 4, EADDRINUSE));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   client.expects(data(1, FaultyStation::block(1)));
   EXPECT_NE(client.their_port(), 33033 + 100 * 2);
   FaultyStation::goes_on(client);
@@ -116,8 +109,7 @@ TEST_F(FailingCall, SocketThatIsNotBoundServesFromAnotherPort) {
 
 TEST_F(FailingCall, FirstBlockThatIsNotSentComesAfterTheWaitAndIsTheLast) {
   FaultyStation station(fault("sendto", 2, ENETUNREACH));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   FaultyStation::is_left_alone(client);
   station.first_client_goes_on();
   client.expects(data(1, FaultyStation::block(1)), kBeyondOneWait);
@@ -128,8 +120,7 @@ TEST_F(FailingCall, FirstBlockThatIsNotSentComesAfterTheWaitAndIsTheLast) {
 
 TEST_F(FailingCall, OptionsThatAreNotSentComeAfterTheWaitAndTheTransferGoesOn) {
   FaultyStation station(fault("sendto", 2, ENOBUFS));
-  UdpPeer client = station.client();
-  client.sends(rrq("file", {{"blksize", "512"}}));
+  UdpPeer client = station.asks(rrq("file", {{"blksize", "512"}}));
   FaultyStation::is_left_alone(client);
   station.first_client_goes_on();
   client.expects(tftp::oack({{"blksize", "512"}}), kBeyondOneWait);
@@ -141,8 +132,7 @@ TEST_F(FailingCall, OptionsThatAreNotSentComeAfterTheWaitAndTheTransferGoesOn) {
 
 TEST_F(FailingCall, RefusalThatIsNotSentIsNotRepeated) {
   FaultyStation station(fault("sendto", 2, EPERM));
-  UdpPeer client = station.client();
-  client.sends(rrq("missing"));
+  UdpPeer client = station.asks(rrq("missing"));
   FaultyStation::is_left_alone(client);
   station.first_client_goes_on();
   client.expects_nothing(kBeyondOneWait);
@@ -151,16 +141,14 @@ TEST_F(FailingCall, RefusalThatIsNotSentIsNotRepeated) {
 
 TEST_F(FailingCall, VerdictWhoseFileIsNotSentCountsAllTheSame) {
   FaultyStation station(fault("sendto", 2, EPERM));
-  UdpPeer client = station.client();
-  client.sends(rrq("F_l_m_01PPT_PASSED"));
+  UdpPeer client = station.asks(rrq("F_l_m_01PPT_PASSED"));
   EXPECT_EQ(station.daemon().exit_status(), 2);
   FaultyStation::is_left_alone(client);
 }
 
 TEST_F(FailingCall, ReceiveOfAnAcknowledgementDisconnectsTheClient) {
   FaultyStation station(fault("recvfrom", 4, ECONNREFUSED));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   client.expects(data(1, FaultyStation::block(1)));
   station.settles(2);
   client.sends(ack(1));
@@ -170,8 +158,7 @@ TEST_F(FailingCall, ReceiveOfAnAcknowledgementDisconnectsTheClient) {
 
 TEST_F(FailingCall, WaitForAnAcknowledgementDisconnectsTheClient) {
   FaultyStation station(fault("select", 2, EINTR));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   client.expects(data(1, FaultyStation::block(1)));
   client.expects(error(4, kDisconnected));
   station.survives(std::string(kRequested) + "Error in select(): \n");
@@ -180,8 +167,7 @@ TEST_F(FailingCall, WaitForAnAcknowledgementDisconnectsTheClient) {
 TEST_F(FailingCall, FileThatCannotBeOpenedIsRefusedLikeAMissingOne) {
   for (const int error_number : {EMFILE, EACCES, EIO}) {
     FaultyStation station(fault("fopen", 2, error_number));
-    UdpPeer client = station.client();
-    client.sends(rrq("file"));
+    UdpPeer client = station.asks(rrq("file"));
     client.expects(error(1, ""));
     station.survives(kRequested);
   }
@@ -190,8 +176,7 @@ TEST_F(FailingCall, FileThatCannotBeOpenedIsRefusedLikeAMissingOne) {
 TEST_F(FailingCall, FileThatCannotBeCreatedIsAcknowledgedLikeOneThatCan) {
   // The look for the file is the call before.
   FaultyStation station(fault("fopen", 3, ENOSPC));
-  UdpPeer client = station.client();
-  client.sends(wrq("new"));
+  UdpPeer client = station.asks(wrq("new"));
   client.expects(ack(0));
   EXPECT_FALSE(std::filesystem::exists("new"));
   station.survives("WRQ \n");
@@ -199,8 +184,7 @@ TEST_F(FailingCall, FileThatCannotBeCreatedIsAcknowledgedLikeOneThatCan) {
 
 TEST_F(FailingCall, WithoutAThreadAReadStopsBehindItsFirstBlock) {
   FaultyStation station(fault("pthread_create", 3, EAGAIN));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   client.expects(data(1, FaultyStation::block(1)));
   client.sends(ack(1));
   FaultyStation::is_left_alone(client);

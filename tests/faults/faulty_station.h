@@ -81,6 +81,7 @@ class FaultyStation {
     }));
   }
   UdpPeer client() const { return station_->client(); }
+  UdpPeer asks(const std::string& request) const { return station_->asks(request); }
   const station::OnLoopback& station() const { return *station_; }
   Daemon& daemon() const { return *station_->daemon; }
 

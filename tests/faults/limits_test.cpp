@@ -16,12 +16,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::rrq;
-using tftp::wrq;
+using namespace station;
 
 constexpr char kRequested[] = "RRQ file\n";
 
@@ -111,8 +106,7 @@ TEST_F(Limits, WithoutMemoryForAThreadAReadStopsBehindItsFirstBlock) {
   const std::string contents = noise(1200);
   write_whole_file("longer", contents);
   // This reader's thread has made the place for its blocks by then.
-  UdpPeer reader = station.client();
-  reader.sends(rrq("longer"));
+  UdpPeer reader = station.asks(rrq("longer"));
   reader.expects(data(1, contents.substr(0, 512)));
   reader.sends(ack(1));
   reader.expects(data(2, contents.substr(512, 512)));
@@ -133,8 +127,7 @@ TEST_F(Limits, WithoutMemoryForAThreadAReadStopsBehindItsFirstBlock) {
 TEST_F(Limits, WriteRequestOnAFullDiskIsAcknowledgedAndMakesNoFile) {
   FaultyStation station;
   const SmallFileSystem full("full", "nr_inodes=1");
-  UdpPeer client = station.client();
-  client.sends(wrq("full/new"));
+  UdpPeer client = station.asks(wrq("full/new"));
   client.expects(ack(0));
   EXPECT_FALSE(fs::exists("full/new"));
   station.survives("WRQ \n");
@@ -155,8 +148,7 @@ TEST_F(Limits, StepsOfTheTimeOfDayChangeNoWait) {
     const Preloaded library("CLOCK_STEP", step);
     const station::OnLoopback station({}, station::OnLoopback::Relay::kHasNoAddress);
     write_whole_file("file", FaultyStation::contents());
-    UdpPeer client = station.client();
-    client.sends(rrq("file"));
+    UdpPeer client = station.asks(rrq("file"));
     client.expects(data(1, FaultyStation::block(1)));
     const auto start = std::chrono::steady_clock::now();
     client.expects(data(1, FaultyStation::block(1)), milliseconds(7500));

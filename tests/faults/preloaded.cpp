@@ -16,6 +16,7 @@
 //
 //   FAIL="CALL N ERRNO"   the N-th CALL fails with this error. CALL: socket.dgram, socket.raw, bind, sendto,
 //                         recvfrom, select, fopen (of the streams for files) or pthread_create
+//   SECOND=MILLISECONDS   a second that select waits lasts so long
 //   CLOCK_STEP=SECONDS    the time of day moves by so much at every look at it, forward or back
 //
 // What the program starts does not inherit it.
@@ -26,12 +27,16 @@ char failing_call[32];
 int failing_number = 0;
 int error = 0;
 std::atomic<int> calls{0};
+long milliseconds_of_a_second = 1000;
 long clock_step = 0;
 std::atomic<long> looks{0};
 
 __attribute__((constructor)) void read_environment() {
   if (const char* const fault = std::getenv("FAIL")) {
     if (std::sscanf(fault, "%31s %d %d", failing_call, &failing_number, &error) != 3) std::abort();
+  }
+  if (const char* const second = std::getenv("SECOND")) {
+    milliseconds_of_a_second = std::strtol(second, nullptr, 10);
   }
   if (const char* const step = std::getenv("CLOCK_STEP")) clock_step = std::strtol(step, nullptr, 10);
   unsetenv("LD_PRELOAD");
@@ -46,6 +51,11 @@ bool fails(const char* call) {
 template <typename Function>
 Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+timeval stretched(const timeval& time, long numerator, long denominator) {
+  const long long microseconds = (time.tv_sec * 1000000LL + time.tv_usec) * numerator / denominator;
+  return {static_cast<time_t>(microseconds / 1000000), static_cast<suseconds_t>(microseconds % 1000000)};
 }
 
 time_t moved(time_t seconds) {
@@ -82,7 +92,12 @@ ssize_t recvfrom(int descriptor, void* bytes, size_t count, int flags, sockaddr*
 
 int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait) {
   static auto* const next = real<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
-  return fails("select") ? -1 : next(count, read, write, except, wait);
+  if (fails("select")) return -1;
+  if (wait == nullptr || wait->tv_sec < 0) return next(count, read, write, except, wait);
+  timeval played = stretched(*wait, milliseconds_of_a_second, 1000);
+  const int ready = next(count, read, write, except, &played);
+  *wait = stretched(played, 1000, milliseconds_of_a_second);
+  return ready;
 }
 
 FILE* fopen64(const char* path, const char* mode) {

@@ -7,11 +7,13 @@
 
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "sockets/sockets.h"
 #include "support/captured_output.h"
@@ -72,6 +74,7 @@ class ClientRecordTest : public testing::Test {
     unit.aims_at(kLoopback, ntohs(record.client_address.sin_port));
     record.client_address = loopback(unit.port());
     record.client_address_length = length;
+    is_prepared();
   }
 
   ~ClientRecordTest() override {
@@ -119,30 +122,24 @@ class ClientRecordTest : public testing::Test {
     record.block_size = 99;
     record.retries = 3;
     record.transfer_state = 2;
+    is_prepared();
   }
 
-  // The record in words; packets as size/capacity.
-  std::string fields() const {
-    std::ostringstream words;
-    words << "connected " << record.connected << " type " << record.request_type << " block "
-          << record.block_number << " state " << record.transfer_state << " timeout " << record.timeout
-          << " blksize " << record.block_size << " tsize " << record.file_size << " retries "
-          << record.retries << " status " << record.receive_status << " received "
-          << record.received_packet.size << "/" << record.received_packet.max_size << " sent "
-          << record.sent_packet.size << "/" << record.sent_packet.max_size << " port " << record.local_port
-          << " ip [" << record.client_ip << "]" << (record.last_block ? " last" : "")
-          << (record.socket_fd != -1 ? " socket" : "") << (record.input_file != nullptr ? " input" : "")
-          << (record.output_file != nullptr ? " output" : "");
-    return words.str();
-  }
+  // From here on, `changes` compares with the record as it is now.
+  void is_prepared() { prepared_ = fields(); }
 
-  // The same after a disconnect, which keeps the state, the retries and the capacities.
-  std::string disconnected(int state, int retries, int received_capacity = kRequestCapacity,
-                           int sent_capacity = kRequestCapacity) const {
-    return "connected 0 type 0 block 0 state " + std::to_string(state) +
-           " timeout 5 blksize 512 tsize 0 retries " + std::to_string(retries) + " status 2 received 0/" +
-           std::to_string(received_capacity) + " sent 0/" + std::to_string(sent_capacity) +
-           " port 33133 ip []";
+  // The fields that are not as the test prepared them, with what they are now: "block_number 1, last_block
+  // 1". Packets are size/capacity.
+  std::string changes() const { return changes_from(prepared_); }
+  // The same of a record that was disconnected meanwhile, besides what that changes.
+  std::string changes_besides_disconnect() const {
+    Fields reset = prepared_;
+    for (auto& [name, value] : reset) {
+      const auto to = kAfterReset.find(name);
+      if (to != kAfterReset.end()) value = to->second;
+      if (name == "received_packet" || name == "sent_packet") value.replace(0, value.find('/'), "0");
+    }
+    return changes_from(reset);
   }
 
   static sockaddr_in loopback(int port) { return ipv4_address(htonl(INADDR_LOOPBACK), port); }
@@ -155,6 +152,51 @@ class ClientRecordTest : public testing::Test {
   std::optional<TFTPServer> server;
   ServerClient record;
   std::string printed_in_reading;
+
+ private:
+  using Fields = std::vector<std::pair<std::string, std::string>>;
+  // Of transfer_state, retries, local_port and the capacities of the packets, a reset changes nothing.
+  inline static const std::map<std::string, std::string> kAfterReset = {
+      {"connected", "0"},  {"request_type", "0"},  {"block_number", "0"},   {"client_ip", ""},
+      {"timeout", "5"},    {"block_size", "512"},  {"file_size", "0"},      {"receive_status", "2"},
+      {"socket_fd", "-1"}, {"input_file", "none"}, {"output_file", "none"}, {"last_block", "0"}};
+
+  static std::string in_words(const TFTP_Packet& packet) {
+    return std::to_string(packet.size) + "/" + std::to_string(packet.max_size);
+  }
+  // Every field but the address, which never changes, and the wait's scratch.
+  Fields fields() const {
+    const auto number = [](auto value) { return std::to_string(value); };
+    const auto file = [](const void* pointer) { return pointer == nullptr ? "none" : "open"; };
+    return {{"connected", number(record.connected)},
+            {"request_type", number(record.request_type)},
+            {"block_number", number(record.block_number)},
+            {"transfer_state", number(record.transfer_state)},
+            {"client_ip", record.client_ip},
+            {"local_port", number(record.local_port)},
+            {"timeout", number(record.timeout)},
+            {"block_size", number(record.block_size)},
+            {"file_size", number(record.file_size)},
+            {"retries", number(record.retries)},
+            {"receive_status", number(record.receive_status)},
+            {"socket_fd", number(record.socket_fd)},
+            {"input_file", file(record.input_file)},
+            {"output_file", file(record.output_file)},
+            {"last_block", number(record.last_block)},
+            {"thread", number(record.thread)},
+            {"received_packet", in_words(record.received_packet)},
+            {"sent_packet", in_words(record.sent_packet)}};
+  }
+  std::string changes_from(const Fields& before) const {
+    const Fields now = fields();
+    std::string result;
+    for (std::size_t i = 0; i < now.size(); ++i) {
+      if (now[i] != before[i]) result += (result.empty() ? "" : ", ") + now[i].first + " " + now[i].second;
+    }
+    return result;
+  }
+
+  Fields prepared_;
 };
 
 #endif

@@ -11,6 +11,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <initializer_list>
+#include <stdexcept>
+#include <vector>
+
+#include "support/played_waits.h"
 
 // The functions below take the place of the library's in a test program, and hand each call on to it.
 
@@ -40,6 +44,8 @@ bool strikes(Call call) {
   return true;
 }
 
+thread_local std::vector<long>* played_waits = nullptr;
+
 template <typename Function>
 Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -62,6 +68,15 @@ Fault::~Fault() {
 
 int Fault::struck() const {
   return plan_of(call_).struck;
+}
+
+PlayedWaits::PlayedWaits() {
+  if (played_waits != nullptr) throw std::logic_error("waits are played already");
+  played_waits = &seconds_;
+}
+
+PlayedWaits::~PlayedWaits() {
+  played_waits = nullptr;
 }
 
 extern "C" {
@@ -107,7 +122,12 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept {
 
 int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait) {
   static auto* const next = real<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
-  if (!strikes(Call::kSelect)) return next(count, read, write, except, wait);
+  if (!strikes(Call::kSelect)) {
+    if (played_waits == nullptr || wait == nullptr) return next(count, read, write, except, wait);
+    played_waits->push_back(wait->tv_sec);
+    timeval none = {0, 0};
+    return next(count, read, write, except, wait->tv_sec < 0 ? wait : &none);
+  }
   if (errno != 0) return -1;
   for (fd_set* set : {read, write, except}) {
     if (set != nullptr) FD_ZERO(set);

@@ -28,6 +28,10 @@
 // test that began with NEEDS_SANDBOX().
 namespace station {
 
+// What its tests speak of besides.
+using namespace tftp;
+using std::chrono::milliseconds;
+
 inline constexpr int kTftpPort = 69;
 inline constexpr int kMessagePort = 12345;
 
@@ -110,6 +114,12 @@ class OnLoopback {
     peer.aims_at("127.0.0.1", server_port);
     return peer;
   }
+  // A client that has sent this request.
+  UdpPeer asks(const std::string& request) const {
+    UdpPeer peer = client();
+    peer.sends(request);
+    return peer;
+  }
 
   void serves_the_next_client() const {
     write_whole_file("next", "served");
@@ -152,7 +162,7 @@ class OnLoopback {
     for (int tries = 0; tries < 2000; ++tries) {
       const std::string output = daemon->output();
       if (is_interleaving(output.substr(output.find(kServing) + sizeof kServing - 1), threads)) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      std::this_thread::sleep_for(milliseconds(5));
     }
     ADD_FAILURE() << "the start did not end";
   }
@@ -224,9 +234,9 @@ class InNetwork {
     far.aims_at(near_ip, near.port());
     for (int tries = 0; tries < 50; ++tries) {
       far.sends("there");
-      if (!near.receives(std::chrono::milliseconds(100))) continue;
+      if (!near.receives(milliseconds(100))) continue;
       near.sends("and back");
-      if (far.receives(std::chrono::milliseconds(2000))) return;
+      if (far.receives(milliseconds(2000))) return;
     }
     ADD_FAILURE() << "no link to " << near_ip;
   }

@@ -23,9 +23,10 @@ class TransferTest : public ClientRecordTest {
     record.received_packet.reSizeForBlock(block_size);
     record.sent_packet.reSizeForBlock(block_size);
     record.sent_packet.createOACK({"blksize"}, {std::to_string(block_size)});
+    is_prepared();
   }
 
-  // The same with the first block out.
+  // The same with the first block out, which is a change.
   void has_sent_first_block_of(const std::string& contents, int block_size = 512) {
     serves(contents, block_size);
     server->sendPacketData(&record);

@@ -10,14 +10,7 @@
 
 namespace {
 
-using station::OnLoopback;
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
-using tftp::wrq;
+using namespace station;
 
 class BadInput : public testing::Test {
  protected:
@@ -27,8 +20,7 @@ class BadInput : public testing::Test {
 // One request, the datagram that answers it, and all that is printed about it.
 void is_answered(const std::string& request, const std::string& answer, const std::string& lines) {
   OnLoopback station;
-  UdpPeer client = station.client();
-  client.sends(request);
+  UdpPeer client = station.asks(request);
   client.expects(answer);
   station.printed(lines);
 }
@@ -107,8 +99,7 @@ TEST_F(BadInput, LongNameWithOctetBehindItsFirst256CharactersIsTheFileOfTheFirst
 TEST_F(BadInput, DirectoryGivesBlocksWithoutBytes) {
   OnLoopback station;
   std::filesystem::create_directory("directory");
-  UdpPeer client = station.client();
-  client.sends(rrq("directory"));
+  UdpPeer client = station.asks(rrq("directory"));
   client.expects(data(1, ""));
   client.sends(ack(1));
   client.expects(data(2, ""));
@@ -138,8 +129,7 @@ TEST_F(BadInput, OptionsBehindTheFirst512BytesAreLost) {
 
 TEST_F(BadInput, WriteRequestWithoutAnyNulCreatesTheFileOfItsFirst255Characters) {
   OnLoopback station;
-  UdpPeer client = station.client();
-  client.sends(bytes("\0\2") + std::string(510, 'a'));
+  UdpPeer client = station.asks(bytes("\0\2") + std::string(510, 'a'));
   client.expects(ack(0));
   EXPECT_EQ(whole_file(std::string(255, 'a')), "");
   station.printed("WRQ \n");
@@ -148,8 +138,7 @@ TEST_F(BadInput, WriteRequestWithoutAnyNulCreatesTheFileOfItsFirst255Characters)
 TEST_F(BadInput, WriteRequestForAnExistingFileIsRefusedAndLeavesIt) {
   OnLoopback station;
   write_whole_file("file", "contents");
-  UdpPeer client = station.client();
-  client.sends(wrq("file"));
+  UdpPeer client = station.asks(wrq("file"));
   client.expects(error(6, ""));
   EXPECT_EQ(whole_file("file"), "contents");
   station.printed("WRQ \n");
@@ -157,8 +146,7 @@ TEST_F(BadInput, WriteRequestForAnExistingFileIsRefusedAndLeavesIt) {
 
 TEST_F(BadInput, WriteRequestIsAcknowledgedInAnyModeAndGoesNoFurther) {
   OnLoopback station;
-  UdpPeer client = station.client();
-  client.sends(wrq("new", {{"blksize", "1024"}}, "netascii"));
+  UdpPeer client = station.asks(wrq("new", {{"blksize", "1024"}}, "netascii"));
   client.expects(ack(0));
   client.sends(data(1, "contents"));
   client.expects_nothing(std::chrono::milliseconds(500));
@@ -249,8 +237,7 @@ TEST_F(BadInput, WrongAcknowledgementBringsTheSameBlockAgain) {
 TEST_F(BadInput, WrongAcknowledgementOfTheOptionsBringsThemAgainAndTheFirstBlock) {
   OnLoopback station;
   write_whole_file("file", "contents");
-  UdpPeer client = station.client();
-  client.sends(rrq("file", {{"tsize", "0"}}));
+  UdpPeer client = station.asks(rrq("file", {{"tsize", "0"}}));
   client.expects(oack({{"tsize", "8"}}));
   client.sends(ack(7));
   client.expects(oack({{"tsize", "8"}}));
@@ -261,8 +248,7 @@ TEST_F(BadInput, WrongAcknowledgementOfTheOptionsBringsThemAgainAndTheFirstBlock
 TEST_F(BadInput, ShortVerdictNameAbortsTheProgramAfterTheEmptyFile) {
   for (const std::string name : {"F_l_m_", "F_l_m_1"}) {
     OnLoopback station;
-    UdpPeer client = station.client();
-    client.sends(rrq(name));
+    UdpPeer client = station.asks(rrq(name));
     client.expects(data(1, ""));
     EXPECT_EQ(station.daemon->exit_status(), -SIGABRT);
     EXPECT_EQ(station.daemon->output(), station::starting("127.0.0.1") + station::kServing +

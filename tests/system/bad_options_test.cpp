@@ -7,13 +7,7 @@
 
 namespace {
 
-using station::OnLoopback;
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::oack;
-using tftp::Options;
-using tftp::rrq;
+using namespace station;
 
 constexpr std::size_t kLargestDatagram = 65536;
 
@@ -28,8 +22,7 @@ void are_acknowledged(const Options& asked, const Options& acknowledged, const s
                       std::size_t room = kLargestDatagram) {
   OnLoopback station;
   write_whole_file("file", "contents");
-  UdpPeer client = station.client();
-  client.sends(rrq("file", asked));
+  UdpPeer client = station.asks(rrq("file", asked));
   client.expects(oack(acknowledged).substr(0, room));
   station.printed("RRQ file\n" + lines);
 }
@@ -103,8 +96,7 @@ TEST_F(BadOptions, NegativeBlockSizesLeaveLessAndLessRoom) {
 TEST_F(BadOptions, BlockSizeOfZeroGivesBlocksWithoutBytes) {
   OnLoopback station;
   write_whole_file("file", "contents");
-  UdpPeer client = station.client();
-  client.sends(rrq("file", {{"blksize", "0"}}));
+  UdpPeer client = station.asks(rrq("file", {{"blksize", "0"}}));
   client.expects(bytes("\0\6bl"));
   for (int block = 1; block <= 3; ++block) {
     client.sends(ack(block - 1));
@@ -116,8 +108,7 @@ TEST_F(BadOptions, BlockSizeOfZeroGivesBlocksWithoutBytes) {
 TEST_F(BadOptions, NegativeBlockSizeGivesEmptyDatagrams) {
   OnLoopback station;
   write_whole_file("file", "contents");
-  UdpPeer client = station.client();
-  client.sends(rrq("file", {{"blksize", "-5"}}));
+  UdpPeer client = station.asks(rrq("file", {{"blksize", "-5"}}));
   client.expects("");
   client.sends(ack(0));
   client.expects("");
@@ -141,8 +132,8 @@ TEST_F(BadOptions, UnknownOptionsAreAcknowledgedAsTheyCame) {
 TEST_F(BadOptions, RepeatedOptionsAreAllAcknowledgedAndTheLastOneCounts) {
   OnLoopback station;
   write_whole_file("file", "contents!");
-  UdpPeer client = station.client();
-  client.sends(rrq("file", {{"blksize", "600"}, {"tsize", "0"}, {"blksize", "60"}, {"tsize", "1"}}));
+  UdpPeer client =
+      station.asks(rrq("file", {{"blksize", "600"}, {"tsize", "0"}, {"blksize", "60"}, {"tsize", "1"}}));
   client.expects(oack({{"blksize", "600"}, {"tsize", "9"}, {"blksize", "60"}, {"tsize", "9"}}));
   client.sends(ack(0));
   client.expects(data(1, "contents!"));
@@ -153,8 +144,7 @@ TEST_F(BadOptions, RepeatedOptionsAreAllAcknowledgedAndTheLastOneCounts) {
 TEST_F(BadOptions, NameWithoutValueGetsAnEmptyOne) {
   OnLoopback station;
   write_whole_file("file", "contents");
-  UdpPeer client = station.client();
-  client.sends(rrq("file") + bytes("multicast\0"));
+  UdpPeer client = station.asks(rrq("file") + bytes("multicast\0"));
   client.expects(oack({{"multicast", ""}}));
   station.printed("RRQ file\n");
 }
@@ -162,9 +152,8 @@ TEST_F(BadOptions, NameWithoutValueGetsAnEmptyOne) {
 TEST_F(BadOptions, LastValueMayLackItsNul) {
   OnLoopback station;
   write_whole_file("file", "contents");
-  UdpPeer client = station.client();
-  client.sends(rrq("file") + bytes("timeout\0"
-                                   "17"));
+  UdpPeer client = station.asks(rrq("file") + bytes("timeout\0"
+                                                    "17"));
   client.expects(oack({{"timeout", "17"}}));
   station.printed("RRQ file\n");
 }
@@ -172,8 +161,7 @@ TEST_F(BadOptions, LastValueMayLackItsNul) {
 TEST_F(BadOptions, AcknowledgementKeepsTheOrderOfTheRequest) {
   OnLoopback station;
   write_whole_file("file", noise(3000));
-  UdpPeer client = station.client();
-  client.sends(rrq("file", {{"blksize", "1024"}, {"timeout", "2"}, {"tsize", "0"}}));
+  UdpPeer client = station.asks(rrq("file", {{"blksize", "1024"}, {"timeout", "2"}, {"tsize", "0"}}));
   client.expects(oack({{"blksize", "1024"}, {"timeout", "5"}, {"tsize", "3000"}}));
   client.expects_nothing(std::chrono::milliseconds(300));
   client.sends(ack(0));

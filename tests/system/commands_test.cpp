@@ -23,9 +23,7 @@
 
 namespace {
 
-using station::InNetwork;
-using std::chrono::milliseconds;
-using tftp::bytes;
+using namespace station;
 
 constexpr milliseconds kLongPatience(30000);
 constexpr char kAskForMac[] = "ZIRN_ASKS_FOR_HIS_MAC";

@@ -16,7 +16,7 @@ constexpr std::size_t kMebibyte = 1 << 20;
 constexpr int kEthernetBlockSize = 1428;
 
 using Readers = std::vector<std::unique_ptr<FileReader>>;
-using station::OnLoopback;
+using namespace station;
 
 std::string failures(const Readers& readers) {
   std::string text;

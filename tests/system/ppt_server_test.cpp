@@ -11,12 +11,7 @@
 
 namespace {
 
-using station::InNetwork;
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::rrq;
+using namespace station;
 
 constexpr char kRefused[] =
     "ERROR on connect() to 172.30.0.254:12345. Connection refused\n"

@@ -18,9 +18,7 @@
 
 namespace {
 
-using station::InNetwork;
-using std::chrono::milliseconds;
-using tftp::bytes;
+using namespace station;
 
 constexpr int kRelayPort = 12345;
 

@@ -13,13 +13,7 @@
 
 namespace {
 
-using station::InNetwork;
-using station::OnLoopback;
-using std::chrono::milliseconds;
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::rrq;
+using namespace station;
 
 constexpr char kRefused[] =
     "ERROR on connect() to 172.30.0.254:12345. Connection refused\n"
@@ -191,8 +185,7 @@ TEST_F(Run, GoesOnWithoutTheBoardsTool) {
 
 TEST_F(Run, VerdictEndsItOnLoopbackToo) {
   const OnLoopback station;
-  UdpPeer unit = station.client();
-  unit.sends(rrq("F_l_m_01PPT_PASSED"));
+  UdpPeer unit = station.asks(rrq("F_l_m_01PPT_PASSED"));
   unit.expects(data(1, ""));
   station.has_ended(2,
                     "Cmd received: F_l_m_01PPT_PASSED\n"
@@ -203,8 +196,7 @@ TEST_F(Run, VerdictEndsItOnLoopbackToo) {
 TEST_F(Run, VerdictDoesNotWaitForOpenTransfers) {
   const OnLoopback station;
   write_whole_file("file", noise(2000));
-  UdpPeer reader = station.client();
-  reader.sends(rrq("file"));
+  UdpPeer reader = station.asks(rrq("file"));
   reader.expects(data(1, noise(2000).substr(0, 512)));
   UdpPeer unit = station.client(2002);
   unit.sends(rrq("F_l_m_01PPT_PASSED"));

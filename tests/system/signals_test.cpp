@@ -1,9 +1,13 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -18,11 +22,7 @@
 
 namespace {
 
-using station::InNetwork;
-using station::OnLoopback;
-using std::chrono::milliseconds;
-using tftp::data;
-using tftp::rrq;
+using namespace station;
 
 // With a sanitizer, the leak check at the exit waits for the lock that the interrupted allocation holds.
 constexpr char kCannotExitAnywhere[] = "a sanitizer cannot end the program at any moment";
@@ -45,6 +45,73 @@ INSTANTIATE_TEST_SUITE_P(OfBothKinds, Signals, testing::Values(SIGINT, SIGTERM),
 TEST_P(Signals, EndsTheWaitForRequests) {
   const OnLoopback station;
   station.ends_by(GetParam(), "");
+}
+
+char process_state(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string number;
+  std::string name;
+  char state = '?';
+  file >> number >> name >> state;
+  return name == "(TFTP)" ? state : '?';
+}
+
+// Nobody reads what the program prints, so that it stays in its first line until the test lets it go on.
+class Stuck {
+ public:
+  explicit Stuck(const std::string& program) {
+    EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
+    const std::string page(4096, '.');
+    fcntl(ends_[1], F_SETFL, O_NONBLOCK);
+    while (write(ends_[1], page.data(), page.size()) > 0) filled_ += page.size();
+    fcntl(ends_[1], F_SETFL, 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(ends_[1], STDOUT_FILENO);
+      execl(program.c_str(), program.c_str(), "-h", nullptr);
+      _exit(127);
+    }
+    close(ends_[1]);
+    for (int asleep = 0; asleep < 20; asleep = process_state(pid_) == 'S' ? asleep + 1 : 0) usleep(5000);
+  }
+  ~Stuck() { close(ends_[0]); }
+  Stuck(const Stuck&) = delete;
+  Stuck& operator=(const Stuck&) = delete;
+
+  pid_t pid() const { return pid_; }
+  // What it printed, all in all; ends when it has ended.
+  std::string output() const {
+    std::string text;
+    char piece[4096];
+    ssize_t count;
+    while ((count = read(ends_[0], piece, sizeof piece)) > 0)
+      text.append(piece, static_cast<std::size_t>(count));
+    return text.substr(filled_);
+  }
+  int status() const {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  int ends_[2] = {-1, -1};
+  std::size_t filled_ = 0;
+  pid_t pid_ = -1;
+};
+
+TEST_P(Signals, BeforeTheServerExistsEndsIt) {
+  LEFT_OUT_UNDER_EMULATION("the process is seen as qemu");
+  const Daemon running;
+  ASSERT_TRUE(running.serves());
+  const std::string program = "/proc/" + std::to_string(running.pid()) + "/exe";
+  char path[PATH_MAX] = {};
+  ASSERT_GT(readlink(program.c_str(), path, sizeof path - 1), 0);
+  const Stuck daemon(path);
+  kill(daemon.pid(), GetParam());
+  usleep(50000);
+  EXPECT_EQ(daemon.output(), "\n");
+  EXPECT_EQ(daemon.status(), GetParam());
 }
 
 TEST_P(Signals, AtAnyMomentOfTheStartEndsIt) {
@@ -72,8 +139,7 @@ TEST_P(Signals, WaitsForTheSenderOfTheBootScript) {
 TEST_P(Signals, EndsItWithATransferOpen) {
   const OnLoopback station;
   write_whole_file("file", noise(2000));
-  UdpPeer client = station.client();
-  client.sends(rrq("file"));
+  UdpPeer client = station.asks(rrq("file"));
   client.expects(data(1, noise(2000).substr(0, 512)));
   station.ends_by(GetParam(), "RRQ file\n");
   client.expects_nothing(milliseconds(300));
@@ -155,8 +221,7 @@ TEST_P(Signals, AtAnyMomentOfAFinalVerdictEndsIt) {
   if (kSanitized) GTEST_SKIP() << kCannotExitAnywhere;
   for (int i = 0; i < 20; ++i) {
     const OnLoopback station;
-    UdpPeer unit = station.client();
-    unit.sends(rrq("F_l_m_01PPT_PASSED"));
+    UdpPeer unit = station.asks(rrq("F_l_m_01PPT_PASSED"));
     std::this_thread::sleep_for(std::chrono::microseconds(50 * i));
     station.daemon->gets_signal(GetParam());
     const int status = station.daemon->exit_status();

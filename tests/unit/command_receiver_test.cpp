@@ -189,19 +189,23 @@ TEST(CommandReceiver, ListeningSocketThatNoSetHoldsEndsTheThreadAndStaysOpen) {
   close(listener);
 }
 
-TEST(CommandReceiver, FailureOfRecvClosesOnlyTheConnection) {
+void failure_closes_only_the_connection(Call call, const std::string& line) {
   Receiver receiver;
   const TcpPeer peer = receiver.connection();
   const TcpPeer other = receiver.connection();
   receiver.takes_all_connections();
   {
-    const Fault no_recv(Call::kRecv, EIO);
+    const Fault failure(call, EIO);
     peer.sends("hello");
     peer.expects_end();
   }
   other.asks("hello", "hello");
   other.ends_its_texts();
-  EXPECT_EQ(receiver.ends(), std::string("  recv() failed\n") + kStopped);
+  EXPECT_EQ(receiver.ends(), line + kStopped);
+}
+
+TEST(CommandReceiver, FailureOfRecvClosesOnlyTheConnection) {
+  failure_closes_only_the_connection(Call::kRecv, "  recv() failed\n");
 }
 
 TEST(CommandReceiver, PeerThatResetsItsConnectionIsReported) {
@@ -226,18 +230,7 @@ TEST(CommandReceiver, PeerThatClosesIsNotReported) {
 }
 
 TEST(CommandReceiver, FailureOfSendClosesOnlyTheConnection) {
-  Receiver receiver;
-  const TcpPeer peer = receiver.connection();
-  const TcpPeer other = receiver.connection();
-  receiver.takes_all_connections();
-  {
-    const Fault no_send(Call::kSend, EIO);
-    peer.sends("hello");
-    peer.expects_end();
-  }
-  other.asks("hello", "hello");
-  other.ends_its_texts();
-  EXPECT_EQ(receiver.ends(), std::string("ERROR on send. \n") + kStopped);
+  failure_closes_only_the_connection(Call::kSend, "ERROR on send. \n");
 }
 
 TEST(CommandReceiver, ConnectionThatHasNothingToReadStaysOpen) {

@@ -9,9 +9,7 @@
 #include "support/fault.h"
 #include "support/file_transfer_record.h"
 
-using tftp::bytes;
-using tftp::data;
-using tftp::oack;
+using namespace tftp;
 
 namespace {
 

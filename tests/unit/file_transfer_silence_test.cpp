@@ -1,20 +1,17 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
 #include <string>
 #include <vector>
 
 #include "support/file_transfer_record.h"
 #include "support/flush_recorder.h"
+#include "support/played_waits.h"
 
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
+using namespace tftp;
 
 namespace {
+
+using Seconds = std::vector<long>;
 
 // Downloads from a server that falls silent. Waits that the server sets to 0 seconds are time-outs at once.
 class SilentServer : public FileTransferTest {
@@ -47,31 +44,27 @@ TEST_F(SilentServer, IsGivenUpFiveSecondsAfterTheRequest) {
 
 TEST_F(SilentServer, IsGivenUpAfterFiveSecondsWhateverTheClientsTimeout) {
   client.timeout = 1;
-  const double seconds = seconds_of([&] { EXPECT_EQ(downloads(), (Outcome{0, silence(1)})); });
-  EXPECT_GE(seconds, 5);
-  EXPECT_LT(seconds, 5.9);
+  const PlayedWaits waits;
+  EXPECT_EQ(downloads(), (Outcome{0, silence(1)}));
+  EXPECT_EQ(waits.seconds(), Seconds({5}));
   expects_all(server, {rrq("boot.img", {{"timeout", "1"}, {"blksize", "512"}, {"tsize", "0"}})});
 }
 
 TEST_F(SilentServer, IsGivenUpFiveSecondsAfterAPacketThatIsNoFirstReply) {
   client.timeout = 1;
-  const double seconds = seconds_of([&] {
-    EXPECT_EQ(downloads({ack(4)}), (Outcome{0, mismatch(1, 4) + silence(1)}));
-  });
+  const PlayedWaits waits;
+  EXPECT_EQ(downloads({ack(4)}), (Outcome{0, mismatch(1, 4) + silence(1)}));
   EXPECT_EQ(local_file(), kNoFile);
-  EXPECT_GE(seconds, 5);
-  EXPECT_LT(seconds, 5.9);
+  EXPECT_EQ(waits.seconds(), Seconds({5, 5}));
   expects_acks({});
 }
 
 TEST_F(SilentServer, IsGivenUpFiveSecondsAfterAnAckThatCountedAsBlock) {
   client.timeout = 1;
-  const double seconds = seconds_of([&] {
-    EXPECT_EQ(downloads({ack(1) + std::string(512, 'a')}), (Outcome{0, silence(1)}));
-  });
+  const PlayedWaits waits;
+  EXPECT_EQ(downloads({ack(1) + std::string(512, 'a')}), (Outcome{0, silence(1)}));
   EXPECT_EQ(local_file(), kNoFile);
-  EXPECT_GE(seconds, 5);
-  EXPECT_LT(seconds, 5.9);
+  EXPECT_EQ(waits.seconds(), Seconds({5, 5}));
   expects_acks({1});
 }
 
@@ -131,60 +124,34 @@ TEST_F(SilentServer, MayEndTheDownloadWithAnErrorAfterTimeOuts) {
 }
 
 TEST_F(SilentServer, GetsAnEmptyDatagramWhenNothingWasAcknowledgedYet) {
-  const double seconds = seconds_of([&] {
-    EXPECT_EQ(downloads({data(2, "X")}, {{1, data(1, "contents")}}),
-              (Outcome{1, kTransferStarted + mismatch(1, 2) + time_outs(1)}));
-  });
+  const PlayedWaits waits;
+  EXPECT_EQ(downloads({data(2, "X")}, {{1, data(1, "contents")}}),
+            (Outcome{1, kTransferStarted + mismatch(1, 2) + time_outs(1)}));
   EXPECT_EQ(local_file(), "contents");
-  EXPECT_GE(seconds, 5);
-  EXPECT_LT(seconds, 5.9);
+  EXPECT_EQ(waits.seconds(), Seconds({5, 5, 5}));
   expects_all(transfer, {"", ack(1)});
 }
 
 // How long each wait is
 
-class Waits : public SilentServer {
- protected:
-  void begins_download() {
-    downloading_ = std::async(std::launch::async, [this] { return client.getFile("boot.img", "local.img"); });
-    server.receives();
-  }
-  int result() { return downloading_.get(); }
-  // How long until this ACK comes to the server.
-  double seconds_until(int block) {
-    return seconds_of([&] { transfer.expects(ack(block)); });
-  }
-
-  const CapturedOutput output_;
-  std::future<int> downloading_;
-};
-
-TEST_F(Waits, LastFiveSecondsBeforeTheFirstReplyAndAsLongAsAcknowledgedAfterIt) {
+TEST_F(SilentServer, IsGivenFiveSecondsBeforeItsFirstReplyAndAsLongAsAcknowledgedAfterIt) {
   client.timeout = 1;
-  begins_download();
-  transfer.expects_nothing(std::chrono::seconds(3));
-  transfer.sends(oack({{"timeout", "2"}, {"blksize", "3"}}));
-  EXPECT_LT(seconds_until(0), 1);
-  for (int time_out = 0; time_out < 2; ++time_out) EXPECT_NEAR(seconds_until(0), 2, 0.5);
-  transfer.sends(data(1, "abc"));
-  EXPECT_LT(seconds_until(1), 1);
-  EXPECT_NEAR(seconds_until(1), 2, 0.5);
-  transfer.sends(data(7, "X"));
-  EXPECT_NEAR(seconds_until(1), 2, 0.5);
-  transfer.sends(data(2, "d"));
-  EXPECT_LT(seconds_until(2), 1);
-  EXPECT_EQ(result(), 1);
+  const PlayedWaits waits;
+  EXPECT_EQ(downloads({oack({{"timeout", "2"}, {"blksize", "3"}})},
+                      {{2, data(1, "abc")}, {3, data(7, "X")}, {4, data(2, "d")}}),
+            (Outcome{1, kTransferStarted + time_outs(3) + mismatch(2, 7) + time_outs(1)}));
+  EXPECT_EQ(waits.seconds(), Seconds({5, 2, 2, 2, 2, 2, 2, 2}));
+  expects_acks({0, 0, 0, 1, 1, 1, 2});
   EXPECT_EQ(local_file(), "abcd");
 }
 
-TEST_F(Waits, LastFiveSecondsWhenTheServerIgnoredTheOptions) {
+TEST_F(SilentServer, IsGivenFiveSecondsWhenItIgnoredTheOptions) {
   client.timeout = 1;
-  begins_download();
-  transfer.sends(data(1, std::string(512, 'a')));
-  EXPECT_LT(seconds_until(1), 1);
-  for (int time_out = 0; time_out < 2; ++time_out) EXPECT_NEAR(seconds_until(1), 5, 0.5);
-  transfer.sends(data(2, ""));
-  EXPECT_EQ(result(), 1);
+  const PlayedWaits waits;
+  EXPECT_EQ(downloads({data(1, std::string(512, 'a'))}, {{2, data(2, "")}}),
+            (Outcome{1, kTransferStarted + time_outs(2)}));
+  EXPECT_EQ(waits.seconds(), Seconds({5, 5, 5, 5}));
+  expects_acks({1, 1, 1, 2});
 }
 
 // The order of what is said and what is sent

@@ -74,12 +74,12 @@ class MessageSenderSocket : public testing::Test {
   }
 
   std::optional<TestNetwork> network_;
+  const CapturedOutput output;
+  MessageServer server{kMessagePort};
 };
 
 TEST_F(MessageSenderSocket, BroadcastModeBindsTheSocketToTheBroadcastAddressAndMessagePort) {
-  const CapturedOutput output;
   const int before = open_descriptors();
-  MessageServer server(kMessagePort);
   EXPECT_EQ(server.InitializeSender("lan0:0", true), 0);
   EXPECT_EQ(output.text(), "Message Sender initialized. IP: 172.40.0.255 Port=12345\n");
   EXPECT_EQ(server.interface_address, inet_addr("172.40.0.1"));
@@ -95,13 +95,12 @@ TEST_F(MessageSenderSocket, BroadcastModeBindsTheSocketToTheBroadcastAddressAndM
 }
 
 TEST_F(MessageSenderSocket, OtherModeAimsAtTheInterfaceItselfAndLeavesTheSocketAsItIs) {
-  const SpoilingOutput output;
+  const SpoilingOutput spoiled;
   const Fault no_bind(Call::kBind, EACCES);
   const Fault no_option(Call::kSetsockopt, EACCES);
   const int before = open_descriptors();
-  MessageServer server(kMessagePort);
   EXPECT_EQ(server.InitializeSender("lan0:0", false), 0);
-  EXPECT_EQ(output.text(),
+  EXPECT_EQ(spoiled.text(),
             SpoilingOutput::flushed_lines("Message Sender initialized. IP: 172.40.0.1 Port=12345\n"));
   EXPECT_EQ(server.interface_address, inet_addr("172.40.0.1"));
   EXPECT_EQ(server.broadcast_address, inet_addr("172.40.0.255"));
@@ -117,8 +116,6 @@ TEST_F(MessageSenderSocket, TheUnitHearsTheBroadcastFromTheStationOnceASecond) {
   std::optional<UdpPeer> unit;
   // Bound to it, it hears what is sent to the broadcast address and nothing else.
   network_->at_unit([&] { unit.emplace(TestNetwork::kBroadcast, kMessagePort); });
-  const CapturedOutput output;
-  MessageServer server(kMessagePort);
   ASSERT_EQ(server.InitializeSender("lan0:0", true), 0);
   const Stopwatch watch;
   const std::string script = tftp::bytes("setenv msgport 12345\n\0");
@@ -134,17 +131,14 @@ TEST_F(MessageSenderSocket, TheUnitHearsTheBroadcastFromTheStationOnceASecond) {
 }
 
 TEST_F(MessageSenderSocket, OfThePortTheLow16BitsCount) {
-  const CapturedOutput output;
-  MessageServer server(65536 + 4000);
-  EXPECT_EQ(server.InitializeSender("lan0:0", true), 0);
+  MessageServer other(65536 + 4000);
+  EXPECT_EQ(other.InitializeSender("lan0:0", true), 0);
   EXPECT_EQ(output.text(), "Message Sender initialized. IP: 172.40.0.255 Port=69536\n");
-  EXPECT_EQ(in_words(server.sender_address), "172.40.0.255:4000");
-  EXPECT_EQ(bound_to(server.sender_socket), "172.40.0.255:4000");
+  EXPECT_EQ(in_words(other.sender_address), "172.40.0.255:4000");
+  EXPECT_EQ(bound_to(other.sender_socket), "172.40.0.255:4000");
 }
 
 TEST_F(MessageSenderSocket, ThePortIsPrintedInTheStreamsNumberFormat) {
-  const CapturedOutput output;
-  MessageServer server(kMessagePort);
   std::cout << std::hex;
   EXPECT_EQ(server.InitializeSender("lan0:0", false), 0);
   EXPECT_EQ(output.text(), "Message Sender initialized. IP: 172.40.0.1 Port=3039\n");
@@ -153,17 +147,15 @@ TEST_F(MessageSenderSocket, ThePortIsPrintedInTheStreamsNumberFormat) {
 TEST_F(MessageSenderSocket, AnInterfaceNameOf16CharactersOrMoreIsCut) {
   sandbox::run("ip address add 172.41.0.1/24 broadcast 172.41.0.255 label lan0:0123456789 dev lan0");
   for (const std::string more : {"A", "ABCDEFGHIJKLMNOPQRSTUVWXYZ"}) {
-    const CapturedOutput output;
-    MessageServer server(kMessagePort);
-    EXPECT_EQ(server.InitializeSender("lan0:0123456789" + more, true), 0);
-    EXPECT_EQ(output.text(), "Message Sender initialized. IP: 172.41.0.255 Port=12345\n");
+    const CapturedOutput lines;
+    MessageServer other(kMessagePort);
+    EXPECT_EQ(other.InitializeSender("lan0:0123456789" + more, true), 0);
+    EXPECT_EQ(lines.text(), "Message Sender initialized. IP: 172.41.0.255 Port=12345\n");
   }
 }
 
 TEST_F(MessageSenderSocket, AnUnknownInterfaceIsReported) {
-  const CapturedOutput output;
   const int before = open_descriptors();
-  MessageServer server(kMessagePort);
   EXPECT_EQ(server.InitializeSender("lan7", true), -1);
   EXPECT_EQ(output.text(), "Can't get ioctl answer because of : No such device\n");
   EXPECT_EQ(server.sender_socket, -1);
@@ -171,22 +163,17 @@ TEST_F(MessageSenderSocket, AnUnknownInterfaceIsReported) {
 }
 
 TEST_F(MessageSenderSocket, AnInterfaceWithoutTheLabelIsReported) {
-  const CapturedOutput output;
-  MessageServer server(kMessagePort);
   EXPECT_EQ(server.InitializeSender("lan0:7", true), -1);
   EXPECT_EQ(output.text(), "Can't get ioctl answer because of : Cannot assign requested address\n");
 }
 
 TEST_F(MessageSenderSocket, AsksTheInterfaceThroughARawSocket) {
-  const CapturedOutput output;
   const WithoutRawSockets refused;
-  MessageServer server(kMessagePort);
   EXPECT_EQ(server.InitializeSender("lan0:0", true), -1);
   EXPECT_EQ(output.text(), "Can't create socket for ioctl calls  because of : Operation not permitted\n");
 }
 
 TEST_F(MessageSenderSocket, BothAddressesAreAskedForBeforeEitherAnswerIsJudged) {
-  const CapturedOutput output;
   MessageServer without_broadcast(kMessagePort);
   {
     const Fault first(Call::kIoctl, EPERM, 1);
@@ -205,9 +192,7 @@ TEST_F(MessageSenderSocket, BothAddressesAreAskedForBeforeEitherAnswerIsJudged) 
 }
 
 TEST_F(MessageSenderSocket, TheProtocolNumberComesFromTheSystemsList) {
-  const CapturedOutput output;
   const ProtocolsFile udp_is_tcp("udp 6 UDP\n");
-  MessageServer server(kMessagePort);
   // No datagram socket has this protocol, which shows first where the option is set.
   EXPECT_EQ(server.InitializeSender("lan0:0", true), -1);
   EXPECT_EQ(output.text(), "Can't set the socket options the reason is Bad file descriptor\n");
@@ -215,9 +200,7 @@ TEST_F(MessageSenderSocket, TheProtocolNumberComesFromTheSystemsList) {
 }
 
 TEST_F(MessageSenderSocket, AListWithoutUdpIsReported) {
-  const CapturedOutput output;
   const ProtocolsFile without_udp("tcp 6 TCP\n");
-  MessageServer server(kMessagePort);
   EXPECT_EQ(server.InitializeSender("lan0:0", true), -2);
   EXPECT_EQ(output.text(), "error in proto entry\n");
   EXPECT_EQ(server.broadcast_address, inet_addr("172.40.0.255"));
@@ -225,9 +208,7 @@ TEST_F(MessageSenderSocket, AListWithoutUdpIsReported) {
 }
 
 TEST_F(MessageSenderSocket, WithoutBroadcastASocketThatCouldNotBeMadePassesUnnoticed) {
-  const CapturedOutput output;
   const Fault no_datagram_socket(Call::kSocket, EMFILE, 2);
-  MessageServer server(kMessagePort);
   EXPECT_EQ(server.InitializeSender("lan0:0", false), 0);
   EXPECT_EQ(output.text(), "Message Sender initialized. IP: 172.40.0.1 Port=12345\n");
   EXPECT_EQ(server.sender_socket, -1);
@@ -235,8 +216,6 @@ TEST_F(MessageSenderSocket, WithoutBroadcastASocketThatCouldNotBeMadePassesUnnot
 }
 
 TEST_F(MessageSenderSocket, ASecondInitialisationLeavesTheFirstSocketOpen) {
-  const CapturedOutput output;
-  MessageServer server(kMessagePort);
   ASSERT_EQ(server.InitializeSender("lan0:0", true), 0);
   const int first = server.sender_socket;
   EXPECT_EQ(server.InitializeSender("lan0:0", true), -1);
@@ -250,14 +229,13 @@ TEST_F(MessageSenderSocket, ASecondInitialisationLeavesTheFirstSocketOpen) {
 }
 
 TEST_F(MessageSenderSocket, InitialisationIsRefusedWhileASenderRuns) {
-  const SpoilingOutput output;
-  MessageServer server(kMessagePort);
+  const SpoilingOutput spoiled;
   server.sending = true;
   server.sender_socket = 1234;
   const int before = open_descriptors();
   const Fault no_socket(Call::kSocket, EMFILE);
   EXPECT_EQ(server.InitializeSender("lan0:0", true), -1);
-  EXPECT_EQ(output.text(), SpoilingOutput::flushed_lines("MessageServer already sending message\n"));
+  EXPECT_EQ(spoiled.text(), SpoilingOutput::flushed_lines("MessageServer already sending message\n"));
   EXPECT_EQ(server.sender_socket, 1234);
   EXPECT_EQ(server.broadcast_address, 0U);
   EXPECT_EQ(open_descriptors(), before);
@@ -345,14 +323,13 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_P(MessageSenderStep, ThatFailsIsReportedWithItsReasonAndLeavesNothingOpen) {
   const FailingStep& step = GetParam();
-  MessageServer server(kMessagePort);
   const int before = open_descriptors();
   {
-    const SpoilingOutput output;
+    const SpoilingOutput spoiled;
     const Fault fault(step.call, step.error, step.nth);
     EXPECT_EQ(server.InitializeSender("lan0:0", true), step.result);
     EXPECT_EQ(fault.struck(), 1);
-    EXPECT_EQ(output.text(), SpoilingOutput::flushed_lines(step.printed));
+    EXPECT_EQ(spoiled.text(), SpoilingOutput::flushed_lines(step.printed));
   }
   EXPECT_EQ(open_descriptors(), before);
   EXPECT_EQ(server.sender_socket != -1, step.left == FailingStep::kClosedSocket);

@@ -37,10 +37,15 @@ bool start(MessageServer& server, int count, const std::string& message) {
   return server.StartSender(count, message.data(), static_cast<int>(message.size()));
 }
 
-TEST(MessageSender, SendsTheCountedNumberOfTimesOneSecondApartAndIsSpentThen) {
+// A sender that aims at the peer.
+class MessageSender : public testing::Test {
+ protected:
   UdpPeer peer;
   const CapturedOutput output;
-  AimedServer server(peer);
+  AimedServer server{peer};
+};
+
+TEST_F(MessageSender, SendsTheCountedNumberOfTimesOneSecondApartAndIsSpentThen) {
   const Stopwatch watch;
   ASSERT_TRUE(start(server, 2, "boot"));
   EXPECT_TRUE(server.sending);
@@ -69,19 +74,13 @@ TEST(MessageSender, SendsTheCountedNumberOfTimesOneSecondApartAndIsSpentThen) {
   peer.expects("again", kAtOnce);
 }
 
-TEST(MessageSender, LengthBelowZeroSendsNoByteOfItsMemory) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, LengthBelowZeroSendsNoByteOfItsMemory) {
   EXPECT_TRUE(server.StartSender(1, "boot", -1));
   peer.expects("", kAtOnce);
   EXPECT_EQ(server.message_length, -1);
 }
 
-TEST(MessageSender, CountZeroSendsNothingAndEndsAtOnce) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, CountZeroSendsNothingAndEndsAtOnce) {
   EXPECT_TRUE(start(server, 0, "boot"));
   EXPECT_TRUE(output.waits_for("\n", kAtOnce));
   EXPECT_EQ(output.text(), kStopped);
@@ -91,20 +90,14 @@ TEST(MessageSender, CountZeroSendsNothingAndEndsAtOnce) {
   EXPECT_FALSE(start(server, 1, "boot"));
 }
 
-TEST(MessageSender, CountBelowMinusOneSendsNothing) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, CountBelowMinusOneSendsNothing) {
   EXPECT_TRUE(start(server, -2, "boot"));
   EXPECT_TRUE(output.waits_for("\n", kAtOnce));
   EXPECT_EQ(output.text(), kStopped);
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, CountMinusOneSendsUntilStoppedAndIsIdleThen) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, CountMinusOneSendsUntilStoppedAndIsIdleThen) {
   const Stopwatch watch;
   ASSERT_TRUE(start(server, -1, "boot"));
   for (int sent = 0; sent < 3; ++sent) peer.expects("boot");
@@ -124,10 +117,7 @@ TEST(MessageSender, CountMinusOneSendsUntilStoppedAndIsIdleThen) {
   EXPECT_TRUE(start(server, 0, "boot"));
 }
 
-TEST(MessageSender, AStopIsSeenBeforeTheCountRunsOut) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, AStopIsSeenBeforeTheCountRunsOut) {
   ASSERT_TRUE(start(server, 2, "boot"));
   peer.expects("boot");
   server.StopSender();
@@ -135,18 +125,13 @@ TEST(MessageSender, AStopIsSeenBeforeTheCountRunsOut) {
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, StoppingWhatDoesNotRunDoesNothing) {
-  const CapturedOutput output;
-  MessageServer server(kMessagePort);
+TEST_F(MessageSender, StoppingWhatDoesNotRunDoesNothing) {
   server.StopSender();
   EXPECT_FALSE(server.sending);
   EXPECT_EQ(output.text(), "");
 }
 
-TEST(MessageSender, IsNotStartedTwice) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, IsNotStartedTwice) {
   ASSERT_TRUE(start(server, 1, "boot"));
   peer.expects("boot");
   const char* const message = server.message;
@@ -160,10 +145,7 @@ TEST(MessageSender, IsNotStartedTwice) {
   peer.expects_nothing(kAtOnce);
 }
 
-TEST(MessageSender, SendsACopyOfTheMessage) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, SendsACopyOfTheMessage) {
   std::string mine = "boot";
   ASSERT_TRUE(start(server, 2, mine));
   EXPECT_NE(server.message, mine.data());
@@ -172,10 +154,7 @@ TEST(MessageSender, SendsACopyOfTheMessage) {
   peer.expects("boot");
 }
 
-TEST(MessageSender, SendsAllBytesOfTheMessageWhateverTheyAre) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, SendsAllBytesOfTheMessageWhateverTheyAre) {
   const std::string message = bytes("\0a\0\0\xff\n\0");
   ASSERT_TRUE(start(server, 1, message));
   EXPECT_EQ(server.message_length, 7);
@@ -183,20 +162,14 @@ TEST(MessageSender, SendsAllBytesOfTheMessageWhateverTheyAre) {
   peer.expects(message);
 }
 
-TEST(MessageSender, AnEmptyMessageIsAnEmptyDatagram) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, AnEmptyMessageIsAnEmptyDatagram) {
   ASSERT_TRUE(start(server, 1, ""));
   EXPECT_EQ(server.message_length, 0);
   EXPECT_NE(server.message, nullptr);
   peer.expects("", kAtOnce);
 }
 
-TEST(MessageSender, ANewMessageTakesThePlaceOfTheOldOne) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, ANewMessageTakesThePlaceOfTheOldOne) {
   ASSERT_TRUE(start(server, 0, "the first message"));
   ASSERT_TRUE(output.waits_for(kStopped));
   server.StopSender();
@@ -206,10 +179,7 @@ TEST(MessageSender, ANewMessageTakesThePlaceOfTheOldOne) {
   peer.expects("second");
 }
 
-TEST(MessageSender, RestartedBeforeItHasEndedItGoesOnBesideTheNewOne) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, RestartedBeforeItHasEndedItGoesOnBesideTheNewOne) {
   ASSERT_TRUE(start(server, 2, "old"));
   peer.expects("old");
   // In its sleep it does not touch the message that a new start releases.
@@ -222,10 +192,7 @@ TEST(MessageSender, RestartedBeforeItHasEndedItGoesOnBesideTheNewOne) {
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, ACountSetToMinusOneMeanwhileMakesItGoOn) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, ACountSetToMinusOneMeanwhileMakesItGoOn) {
   ASSERT_TRUE(start(server, 1, "boot"));
   peer.expects("boot");
   server.repeat_count = -1;
@@ -233,10 +200,7 @@ TEST(MessageSender, ACountSetToMinusOneMeanwhileMakesItGoOn) {
   peer.expects("boot");
 }
 
-TEST(MessageSender, AnyOtherCountSetMeanwhileDoesNotChangeTheCountdown) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, AnyOtherCountSetMeanwhileDoesNotChangeTheCountdown) {
   ASSERT_TRUE(start(server, 2, "boot"));
   peer.expects("boot");
   server.repeat_count = 100;
@@ -245,10 +209,7 @@ TEST(MessageSender, AnyOtherCountSetMeanwhileDoesNotChangeTheCountdown) {
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, AnEndlessOneGivenACountEndsAfterItsSleep) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, AnEndlessOneGivenACountEndsAfterItsSleep) {
   ASSERT_TRUE(start(server, -1, "boot"));
   peer.expects("boot");
   server.repeat_count = 5;
@@ -256,10 +217,8 @@ TEST(MessageSender, AnEndlessOneGivenACountEndsAfterItsSleep) {
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, AFailureToSendIsReportedAndTheNextSendFollows) {
-  UdpPeer peer;
-  const SpoilingOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, AFailureToSendIsReportedAndTheNextSendFollows) {
+  const SpoilingOutput spoiled;
   const Fault first(Call::kSendto, ENOBUFS);
   const Stopwatch watch;
   ASSERT_TRUE(start(server, 2, "boot"));
@@ -268,14 +227,11 @@ TEST(MessageSender, AFailureToSendIsReportedAndTheNextSendFollows) {
   EXPECT_TRUE(eventually([&] { return server.sender_thread == 0; }));
   const std::string expected = SpoilingOutput::flushed_lines(
       "Error in \"sendto\":  the reason is No buffer space available\nSender proc stopped!!!\n");
-  EXPECT_TRUE(eventually([&] { return output.text().size() >= expected.size(); }));
-  EXPECT_EQ(output.text(), expected);
+  EXPECT_TRUE(eventually([&] { return spoiled.text().size() >= expected.size(); }));
+  EXPECT_EQ(spoiled.text(), expected);
 }
 
-TEST(MessageSender, SendsOnWhateverSocketTheRecordHoldsByThen) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, SendsOnWhateverSocketTheRecordHoldsByThen) {
   const int first = server.sender_socket;
   ASSERT_TRUE(start(server, 3, "boot"));
   peer.expects("boot");
@@ -286,23 +242,18 @@ TEST(MessageSender, SendsOnWhateverSocketTheRecordHoldsByThen) {
   peer.expects("boot");
 }
 
-TEST(MessageSender, BodyEndsBeforeTheFirstSendWhenStoppedByThen) {
-  UdpPeer peer;
-  const SpoilingOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, BodyEndsBeforeTheFirstSendWhenStoppedByThen) {
+  const SpoilingOutput spoiled;
   server.repeat_count = 1;
   server.message_length = 0;
   server.sender_thread = pthread_self();
   EXPECT_EQ(SenderProc(static_cast<MessageServer*>(&server)), nullptr);
   EXPECT_EQ(server.sender_thread, 0U);
-  EXPECT_EQ(output.text(), SpoilingOutput::flushed_lines(kStopped));
+  EXPECT_EQ(spoiled.text(), SpoilingOutput::flushed_lines(kStopped));
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, ThreadHasDefaultAttributesAndReturnsNull) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, ThreadHasDefaultAttributesAndReturnsNull) {
   ASSERT_TRUE(start(server, 1, "boot"));
   const pthread_t thread = server.sender_thread;
   void* result = &server;
@@ -311,46 +262,40 @@ TEST(MessageSender, ThreadHasDefaultAttributesAndReturnsNull) {
   EXPECT_EQ(output.text(), kStopped);
 }
 
-TEST(MessageSender, ThreadCreationThatReturnsMinusOneIsAFailureThatLeavesItSending) {
-  UdpPeer peer;
-  const SpoilingOutput output;
+TEST_F(MessageSender, ThreadCreationThatReturnsMinusOneIsAFailureThatLeavesItSending) {
+  const SpoilingOutput spoiled;
   {
-    AimedServer server(peer);
-    server.sender_thread = pthread_self();  // what a failing creation may have written
+    AimedServer other(peer);
+    other.sender_thread = pthread_self();  // what a failing creation may have written
     const Fault no_thread(Call::kThread, -1);
-    EXPECT_FALSE(start(server, 4, "boot"));
-    EXPECT_EQ(output.text(), SpoilingOutput::flushed_lines(" Can't create sender thread\n"));
-    EXPECT_TRUE(server.sending);
-    EXPECT_EQ(server.sender_thread, 0U);
-    EXPECT_EQ(std::string(server.message, 4), "boot");
-    EXPECT_EQ(server.message_length, 4);
-    EXPECT_EQ(server.repeat_count, 4);
-    EXPECT_FALSE(start(server, 1, "boot"));
+    EXPECT_FALSE(start(other, 4, "boot"));
+    EXPECT_EQ(spoiled.text(), SpoilingOutput::flushed_lines(" Can't create sender thread\n"));
+    EXPECT_TRUE(other.sending);
+    EXPECT_EQ(other.sender_thread, 0U);
+    EXPECT_EQ(std::string(other.message, 4), "boot");
+    EXPECT_EQ(other.message_length, 4);
+    EXPECT_EQ(other.repeat_count, 4);
+    EXPECT_FALSE(start(other, 1, "boot"));
     EXPECT_EQ(no_thread.struck(), 1);
   }
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, ThreadCreationThatReturnsAnErrorNumberCountsAsSuccess) {
-  UdpPeer peer;
-  const CapturedOutput output;
+TEST_F(MessageSender, ThreadCreationThatReturnsAnErrorNumberCountsAsSuccess) {
   {
-    AimedServer server(peer);
-    server.sender_thread = pthread_self();
+    AimedServer other(peer);
+    other.sender_thread = pthread_self();
     const Fault no_thread(Call::kThread, EAGAIN);
-    EXPECT_TRUE(start(server, 1, "boot"));
+    EXPECT_TRUE(start(other, 1, "boot"));
     EXPECT_EQ(output.text(), "");
-    EXPECT_TRUE(server.sending);
-    EXPECT_EQ(server.sender_thread, 0U);
+    EXPECT_TRUE(other.sending);
+    EXPECT_EQ(other.sender_thread, 0U);
   }
   EXPECT_EQ(output.text(), "Message Server was shut down\n");
   peer.expects_nothing(milliseconds(50));
 }
 
-TEST(MessageSender, ThreadHandleIsWrittenByTheCreationAndByNobodyAfterIt) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, ThreadHandleIsWrittenByTheCreationAndByNobodyAfterIt) {
   const pthread_t written_meanwhile = pthread_self();
   server.sender_thread = written_meanwhile;
   const Fault nothing_created_but_success(Call::kThread, 0);
@@ -359,35 +304,31 @@ TEST(MessageSender, ThreadHandleIsWrittenByTheCreationAndByNobodyAfterIt) {
   server.sender_thread = 0;
 }
 
-TEST(MessageSender, ThreadClearsItsHandleBeforeItPrintsAndTouchesTheRecordNoMore) {
+TEST_F(MessageSender, ThreadClearsItsHandleBeforeItPrintsAndTouchesTheRecordNoMore) {
   const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   void* const storage = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(storage, MAP_FAILED);
-  auto* const server = ::new (storage) MessageServer(kMessagePort);
+  auto* const other = ::new (storage) MessageServer(kMessagePort);
   pthread_t handle_when_printing = pthread_self();
   pthread_t thread = 0;
   {
-    const SpoilingOutput output([&](const std::string& piece) {
+    const SpoilingOutput spoiled([&](const std::string& piece) {
       if (piece != "Sender proc stopped!!!") return;
-      handle_when_printing = server->sender_thread;
+      handle_when_printing = other->sender_thread;
       thread = pthread_self();
       mprotect(storage, page, PROT_NONE);
     });
-    ASSERT_TRUE(start(*server, 0, "boot"));
-    ASSERT_TRUE(eventually([&] { return output.text() == SpoilingOutput::flushed_lines(kStopped); }));
+    ASSERT_TRUE(start(*other, 0, "boot"));
+    ASSERT_TRUE(eventually([&] { return spoiled.text() == SpoilingOutput::flushed_lines(kStopped); }));
     ASSERT_EQ(pthread_join(thread, nullptr), 0);
   }
   EXPECT_EQ(handle_when_printing, 0U);
   mprotect(storage, page, PROT_READ | PROT_WRITE);
-  const CapturedOutput output;
-  server->~MessageServer();
+  other->~MessageServer();
   munmap(storage, page);
 }
 
-TEST(MessageSender, ThreadBlocksTheSignalsThatAreMeantForTheMainThread) {
-  UdpPeer peer;
-  const CapturedOutput output;
-  AimedServer server(peer);
+TEST_F(MessageSender, ThreadBlocksTheSignalsThatAreMeantForTheMainThread) {
   const BlockedSignal inherited(SIGUSR1);
   const SignalMask mine = blocked_signals("thread-self");
   const std::set<std::string> before = tasks();
@@ -400,9 +341,7 @@ TEST(MessageSender, ThreadBlocksTheSignalsThatAreMeantForTheMainThread) {
   EXPECT_EQ(blocked_signals("self/task/" + *started.begin()), mine | mask_of({SIGALRM, SIGINT, SIGTERM}));
 }
 
-TEST(MessageSender, ThreadCreationThatFailsLeavesTheCreatorsSignalMask) {
-  const CapturedOutput output;
-  MessageServer server(kMessagePort);
+TEST_F(MessageSender, ThreadCreationThatFailsLeavesTheCreatorsSignalMask) {
   const SignalMask mine = blocked_signals("thread-self");
   const Fault no_thread(Call::kThread, EAGAIN);
   EXPECT_TRUE(start(server, 1, "boot"));

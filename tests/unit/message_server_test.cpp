@@ -306,24 +306,16 @@ TEST_F(MessageServerEnd, ComesAfterARunningReceiverHasEnded) {
 
 TEST_F(MessageServerEnd, ClosesASocketNumbered0Too) {
   const CapturedOutput output;
-  const WatchedDescriptor watched;
-  const InPlaceOfStandardInput zero(watched.number());
-  {
-    MessageServer server(kMessagePort);
-    server.receive_socket = 0;
+  for (std::int32_t MessageServer::*const field :
+       {&MessageServer::receive_socket, &MessageServer::sender_socket}) {
+    const WatchedDescriptor watched;
+    const InPlaceOfStandardInput zero(watched.number());
+    {
+      MessageServer server(kMessagePort);
+      server.*field = 0;
+    }
+    EXPECT_TRUE(watched.is_closed());
   }
-  EXPECT_TRUE(watched.is_closed());
-}
-
-TEST_F(MessageServerEnd, ClosesASendersSocketNumbered0Too) {
-  const CapturedOutput output;
-  const WatchedDescriptor watched;
-  const InPlaceOfStandardInput zero(watched.number());
-  {
-    MessageServer server(kMessagePort);
-    server.sender_socket = 0;
-  }
-  EXPECT_TRUE(watched.is_closed());
 }
 
 TEST_F(MessageServerEnd, NeitherStopsTheRelayNorWaitsForIt) {

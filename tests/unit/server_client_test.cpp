@@ -16,12 +16,7 @@
 #include "support/server_under_test.h"
 #include "tftp_server/tftp_server.h"
 
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
-using tftp::wrq;
+using namespace tftp;
 
 TEST_F(TftpServerLoop, HandsAReadRequestsRecordOverWithTheseFields) {
   starts();

@@ -16,10 +16,7 @@
 #include "support/test_network.h"
 #include "tftp_server/tftp_server.h"
 
-using tftp::ack;
-using tftp::data;
-using tftp::error;
-using tftp::rrq;
+using namespace tftp;
 
 TEST_F(TftpServerLoop, SaysThatItStartedAndRunsUntilToldToEnd) {
   const std::string printed = printed_by([&] {

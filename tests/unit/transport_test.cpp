@@ -26,13 +26,7 @@
 #include "support/udp_peer.h"
 #include "tftp_client/tftp_client.h"
 
-using tftp::ack;
-using tftp::bytes;
-using tftp::data;
-using tftp::error;
-using tftp::oack;
-using tftp::rrq;
-using tftp::wrq;
+using namespace tftp;
 
 namespace {
 
