@@ -118,7 +118,7 @@ class TftpServerLoop : public testing::Test {
     ASSERT_TRUE(unit->expects(tftp::data(1, "contents")));
     EXPECT_EQ(unit->their_port(), 33033 + 100 * n);
     unit->sends(tftp::ack(1));
-    EXPECT_TRUE(thread_ends(records.made()));
+    EXPECT_TRUE(thread_ends(number_of_record_on(33033 + 100 * n)));
   }
   // The contents of "three blocks", from a block on, to its end.
   void reads_on(int block) {
@@ -136,6 +136,19 @@ class TftpServerLoop : public testing::Test {
   }
   // The record of the nth request, which stands still when its thread is not created.
   ServerClient* record(int n) const { return static_cast<ServerClient*>(records.block(n)); }
+  int number_of_record_on(int local_port) const {
+    int n = records.made();
+    while (n > 1 && (records.released(n) || record(n)->local_port != local_port)) --n;
+    return n;
+  }
+  // The records of clients that were not released. The one that waits for its datagram has no port yet.
+  int clients_kept() const {
+    int kept = 0;
+    for (int n = 1; n <= records.made(); ++n) {
+      if (!records.released(n) && (record(n)->local_port - 33033) % 100 == 0) ++kept;
+    }
+    return kept;
+  }
   // Whether the nth client's transfer and thread end. The handle was stored, the thread is not detached, and
   // its result is null.
   bool thread_ends(int n) const {

@@ -328,19 +328,6 @@ TEST_F(MessageSender, ThreadClearsItsHandleBeforeItPrintsAndTouchesTheRecordNoMo
   munmap(storage, page);
 }
 
-TEST_F(MessageSender, ThreadBlocksTheSignalsThatAreMeantForTheMainThread) {
-  const BlockedSignal inherited(SIGUSR1);
-  const SignalMask mine = blocked_signals("thread-self");
-  const std::set<std::string> before = tasks();
-  ASSERT_TRUE(start(server, 1, "boot"));
-  peer.expects("boot");
-  EXPECT_EQ(blocked_signals("thread-self"), mine);
-  std::set<std::string> started = tasks();
-  for (const std::string& task : before) started.erase(task);
-  ASSERT_EQ(started.size(), 1U);
-  EXPECT_EQ(blocked_signals("self/task/" + *started.begin()), mine | mask_of({SIGALRM, SIGINT, SIGTERM}));
-}
-
 TEST_F(MessageSender, ThreadCreationThatFailsLeavesTheCreatorsSignalMask) {
   const SignalMask mine = blocked_signals("thread-self");
   const Fault no_thread(Call::kThread, EAGAIN);

@@ -1,11 +1,10 @@
-#include "signals/signals.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <atomic>
 #include <thread>
 
+#include "signals/signals.h"
 #include "support/threads.h"
 
 // Which thread takes the signals of a run, and when. Each test is a process of its own.

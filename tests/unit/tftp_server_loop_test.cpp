@@ -224,9 +224,15 @@ TEST_F(TftpServerLoop, DeletesTheMessageServiceOnceThroughVerdictStopAndDeletion
 }
 
 TEST_F(TftpServerLoop, ReturnsAfterTheDatagramDuringWhichRunningWasCleared) {
+  UdpPeer ppt_server("127.0.0.1", 7069);
   starts();
-  records.before_each = [&] { server->running = false; };
-  serves_client(1);
+  asks(rrq("F_l_m_01STEP"));
+  unit->expects(data(1, ""));
+  ppt_server.expects(rrq("F_l_m_01CPU_2_STEP"));
+  server->running = false;
+  EXPECT_FALSE(started->returns(std::chrono::milliseconds(100)));
+  ppt_server.sends(data(1, ""));
+  ppt_server.expects(ack(1));
   EXPECT_TRUE(started->returns());
 }
 

@@ -284,9 +284,11 @@ TEST(TftpServer, LivesAnywhere) {
   auto* const placed = new (storage) TFTPServer(0, "127.0.0.1", 69, "127.0.0.1", kMessagePort);
   EXPECT_EQ(TFTPServer::self, placed);
   placed->~TFTPServer();
-  auto* const nothrow = new (std::nothrow) TFTPServer(0, "127.0.0.1", 69, "127.0.0.1", kMessagePort);
-  ASSERT_NE(nothrow, nullptr);
-  delete nothrow;
+  struct Owner {
+    TFTPServer server{0, "127.0.0.1", 69, "127.0.0.1", kMessagePort};
+  };
+  const auto owner = std::make_unique<Owner>();
+  EXPECT_EQ(TFTPServer::self, &owner->server);
 }
 
 TEST(TftpServer, ReturnsItsStorageAndThatOfItsMessageService) {
