@@ -9,11 +9,16 @@
 
 // The other side of a conversation, told by the fuzzer's bytes. They are a list of events, each a letter:
 //
-//   D length bytes   a datagram, or a text on the connection; length: 2 bytes, big-endian, cut to what is
-//   left B length bytes   what a command of the board prints T  a wait times out        C  somebody connects
-//   W  a wait fails            E  the peer ends its connection
-//   R  a receive fails         G  there was nothing to receive after all
-//   S  the next send fails     X  the next command of the board ends with a status other than 0
+//   D length bytes   a datagram, or a text on the connection; length: 2 bytes, big-endian, cut to what is left
+//   B length bytes   what a command of the board prints
+//   T   a wait times out
+//   W   a wait fails
+//   R   a receive fails
+//   G   there was nothing to receive after all
+//   S   the next send fails
+//   C   somebody connects
+//   E   the peer ends its connection
+//   X   the next command of the board ends with a status other than 0
 //
 // Any other byte is passed over. When the events are used up, every wait times out.
 class Script {

@@ -9,10 +9,10 @@
 
 // What the wire did to frames, one line of text each, in the order in which it happened:
 //
-//   N lost              it did not arrive: by chance, by a cut, or because the device at the far end took
-//   none N doubled           it was sent twice N swapped           it was held, to go out behind the next
-//   frame of its direction cut FROM UNTIL      the cable was pulled; seconds since the epoch, with six
-//   decimals
+//   N lost           it did not arrive: by chance, by a cut, or because the device at the far end took none
+//   N doubled        it was sent twice
+//   N swapped        it was held, to go out behind the next frame of its direction
+//   cut FROM UNTIL   the cable was pulled; seconds since the epoch, with six decimals
 //
 // N counts the frames of the capture from 1.
 class Fates {
