@@ -57,12 +57,12 @@ class Read {
     constexpr std::string_view kName("blksize\0", 8);
     const std::string options = std::string(kName) + std::to_string(block_size_) + '\0';
     const std::string answer = with_opcode(kOptionAck, options);
-    std::memcpy(packet, answer.data(), answer.size());
-    return {packet, answer.size()};
+    return {packet, answer.copy(packet, answer.size())};
   }
 
-  // The answer to an ACK; empty when that was the last one.
+  // The answer to an ACK; empty when that was the last one, or one before has been it.
   std::string_view after(const char* acknowledgement, char* packet) {
+    if (is_over()) return {};
     if (word_at(acknowledgement + 2) == static_cast<std::uint16_t>(sent_)) ++sent_;
     if (sent_ > contents_->size() / block_size_ + 1) contents_ = nullptr;
     return is_over() ? std::string_view() : numbered_block(packet);
@@ -110,7 +110,7 @@ void serve_in_one_thread(const Files& files, int listener) {
     if (word_at(received) == kReadRequest) {
       read = Read(files, received, static_cast<std::size_t>(size));
       if (!read.is_over()) answer = read.first(packet);
-    } else if (!read.is_over()) {
+    } else {
       answer = read.after(received, packet);
     }
     if (!answer.empty()) sendto(listener, answer.data(), answer.size(), 0, generic(client), length);

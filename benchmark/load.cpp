@@ -30,7 +30,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kSilenceMilliseconds = 1000;
+constexpr long kSilenceMilliseconds = 1000;
 constexpr int kMostSilences = 20;
 
 struct File {
