@@ -307,7 +307,7 @@ TEST_F(Bench, ComparesWhatArrivesWithWhatIsServed) {
 
 TEST_F(Bench, ReadsFilesOfOtherFolders) {
   const Result& result = plays(
-      "station starts\nunit reads /proc/sys/kernel/ostype\nunit reads ../board/tool_status\n"
+      "station starts\nunit reads /proc/sys/kernel/ostype\nunit reads ../board/t1-e1.status\n"
       "station gets SIGTERM\nstation exits 15\n");
   EXPECT_EQ(result.status, 0) << result.output;
 }
@@ -376,7 +376,7 @@ TEST_F(Bench, SeesAnotherReply) {
   EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nunit asks ZIRN_ASKS_FOR_HIS_MAC expects "
                        "02:00:00:00:00:01\n"),
             "WRONG: line 3, unit asks ZIRN_ASKS_FOR_HIS_MAC expects 02:00:00:00:00:01: it was told "
-            "02:00:00:00:00:03");
+            "02:00:00:00:17:2c");
 }
 
 TEST_F(Bench, SeesThatNobodyReplies) {

@@ -5,7 +5,10 @@
 // NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --steps lists what
 // a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or the
 // scenario cannot be understood, 77 this machine does not allow it.
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -18,13 +21,13 @@
 #include "bench/network.h"
 #include "bench/run.h"
 #include "bench/scenario.h"
-#include "bench/waiting.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr double kDrawingSeconds = 60;  // at most
+constexpr std::chrono::seconds kDrawingPatience{60};
+constexpr char kTunDevice[] = "/dev/net/tun";
 
 enum ExitStatus { kAsExpected = 0, kOtherwise = 1, kNotUnderstood = 2, kNotAllowed = 77 };
 
@@ -51,12 +54,9 @@ bool understood(std::vector<std::string> arguments, Call* call) {
 }
 
 bool draw(const fs::path& program, const fs::path& folder, const fs::path& capture, const fs::path& picture) {
-  Process process({program, folder, capture, picture}, [] {});
-  const auto has_ended = [&] {
-    process.rest();
-    return process.ended().has_value();
-  };
-  return comes_true(kDrawingSeconds, has_ended) && process.ended() == 0;
+  Process process({program, folder, capture, picture});
+  const std::optional<ProcessEnd> end = process.wait_for_end(kDrawingPatience);
+  return end && end->succeeded();
 }
 
 // The folder of one run, under a name of its own until the run has ended: other runs of the same scenario may
@@ -146,11 +146,13 @@ int main(int argc, char** argv) {
   }
   const int status = reported([&] {
     const Scenario scenario = read_scenario(call.scenario);
-    be_ended_by_signals();
+    if (access(kTunDevice, R_OK | W_OK) != 0)
+      throw NotAllowed(std::string(kTunDevice) + ": " + std::strerror(errno));
+    end_work_on_signals();
     const RunFolder folder(call.results, call.scenario.stem(), call.keep);
-    return in_namespaces([&] {
+    return run_in_private_namespaces([&] {
       return reported([&] {
-        become_station();
+        mount_own_proc();
         return play(call, scenario, folder);
       });
     });

@@ -15,8 +15,10 @@ namespace fs = std::filesystem;
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr int kLookMilliseconds = 5;
-constexpr double kLastFramesSeconds = 0.1;  // until what the station's end sends is in the capture
-constexpr int kWireSeed = 1;                // the same chances at every run
+constexpr double kLastFramesSeconds = 0.1;             // until what the station's end sends is in the capture
+constexpr int kWireSeed = 1;                           // the same chances at every run
+constexpr char kTemporaryMac[] = "02:00:00:00:17:2a";  // not the one that a station without envtool assumes
+constexpr int kToolStatus = 1;                         // of the T1/E1 tool where no step says otherwise
 
 }  // namespace
 
@@ -29,6 +31,8 @@ Run::Run(const Scenario& scenario, const Programs& programs, const std::string& 
       capture_(capture),
       board_(folder + "/board", folder + "/board.log"),
       station_log_(folder + "/station.log") {
+  board_.sets_variable("tempmac", kTemporaryMac);
+  board_.ends_with(Board::kT1E1, kToolStatus);
   fs::create_directory(folder_ + "/served");
   fs::create_directory(folder_ + "/unit");
 }
@@ -83,7 +87,10 @@ Network& Run::network() {
                                          kWireSeed, station_link_);
     ppt_server_ = std::make_unique<Process>(
         std::vector<std::string>{programs_.ppt_server, kPptServerIp, kTftpPort, kMessagePort, kRelayPort},
-        [this] { network_->ppt_server.enter(); }, folder_ + "/errors");
+        [this] {
+          network_->ppt_server.enter();
+          append_errors_to(folder_ + "/errors");
+        });
     if (!until(kPatienceSeconds, [&] { return ppt_server_said("ready"); })) throw Wrong("no PPT server");
   }
   return *network_;
@@ -97,12 +104,12 @@ void Run::look() {
     usleep(kLookMilliseconds * 1000);  // an output that has ended is always ready
   }
   if (station_ && !station_end_) {
-    station_end_ = station_->ended();
-    while (const auto line = station_->next_line()) take_station_line(*line);
+    if (const auto end = station_->end()) station_end_ = end->shell_status();
+    while (const auto line = station_->read_line()) take_station_line(*line);
     if (station_end_) end_station_output();
   }
   while (ppt_server_) {
-    const auto line = ppt_server_->next_line();
+    const auto line = ppt_server_->read_line();
     if (!line) break;
     ppt_lines_.push_back(*line);
     if (*line != "ok" && *line != "ready") timeline_.says("ppt", *line);
@@ -115,7 +122,7 @@ void Run::look() {
 
 // What stands behind its last newline is a line too.
 void Run::end_station_output() {
-  const std::string last = station_->rest();
+  const std::string last = station_->read_text();
   if (!last.empty()) take_station_line(last);
   timeline_.says("station", "ends with exit status " + std::to_string(*station_end_));
 }
@@ -146,7 +153,7 @@ void Run::write_summary(const std::optional<std::string>& wrong) const {
           << "start " << in_log_form(timeline_.start()) << '\n'
           << "end " << in_log_form(epoch_seconds()) << '\n'
           << "command " << station_command_ << '\n'
-          << "ppt_flag " << board_.keeps("ppt_flag") << '\n'
+          << "ppt_flag " << board_.variable("ppt_flag") << '\n'
           << "judged " << wrong.value_or("as the scenario says") << '\n';
   if (station_end_) summary << "status " << *station_end_ << '\n';
 }

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "bench/board.h"
 #include "bench/network.h"
-#include "bench/process.h"
 #include "bench/scenario.h"
 #include "bench/timeline.h"
+#include "stage/board.h"
+#include "stage/process.h"
 
 // The programs that take part.
 struct Programs {

@@ -82,7 +82,7 @@ void Run::play_board_step(const Step& step) {
     if (network_) throw Wrong("the link is there already; expected this step before anything starts");
     station_link_ = step.text_of("NAME");
   } else if (step.act == Act::kBoardToolExits) {
-    board_.tool_exits(static_cast<int>(step.number_of("STATUS")));
+    board_.ends_with(Board::kT1E1, static_cast<int>(step.number_of("STATUS")));
   } else if (step.act == Act::kBoardRanNothing) {
     const std::vector<std::string> calls = board_.calls();
     if (!calls.empty()) throw Wrong("the board ran " + calls.front());
@@ -93,7 +93,7 @@ void Run::play_board_step(const Step& step) {
     };
     if (!until(kPatienceSeconds, has_run)) throw Wrong("the board did not");
   } else {
-    const auto value = [&] { return board_.keeps(step.text_of("NAME")); };
+    const auto value = [&] { return board_.variable(step.text_of("NAME")); };
     if (!until(kPatienceSeconds, [&] { return value() == step.text_of("TEXT"); }))
       throw Wrong("it keeps " + value());
   }
@@ -110,7 +110,7 @@ void Run::play_station_step(const Step& step) {
     case Act::kStationGets:
       expect_started();
       timeline_.says("station", "gets " + step.text_of("SIGNAL"));
-      return station_->signals(step.signal());
+      return station_->send_signal(step.signal());
     default:
       return expect_line(step.text_of("TEXT"));
   }
@@ -130,13 +130,11 @@ void Run::start_station(const std::string& more_arguments) {
   station_command_ = "TFTP";
   for (std::size_t i = 1; i < arguments.size(); ++i) station_command_ += " " + arguments[i];
   timeline_.says("station", station_command_);
-  station_ = std::make_unique<Process>(
-      arguments,
-      [this] {
-        setenv("PATH", board_.path().c_str(), 1);
-        fs::current_path(folder_ + "/served");
-      },
-      folder_ + "/errors");
+  station_ = std::make_unique<Process>(arguments, [this] {
+    setenv("PATH", board_.path().c_str(), 1);
+    fs::current_path(folder_ + "/served");
+    append_errors_to(folder_ + "/errors");
+  });
   const auto serves_or_ended = [&] {
     return station_end_ || std::count(station_lines_.begin(), station_lines_.end(), kStationServes) != 0;
   };
@@ -161,7 +159,7 @@ void Run::order_ppt_server(const std::string& order) {
     throw Wrong("it is told by the line; expected a text of one line");
   timeline_.says("ppt", order);
   ppt_lines_.erase(std::remove(ppt_lines_.begin(), ppt_lines_.end(), "ok"), ppt_lines_.end());
-  ppt_server_->says(order);
+  ppt_server_->write_line(order);
   if (!until(kPatienceSeconds, [&] { return ppt_server_said("ok"); }))
     throw Wrong("the PPT server does not obey");
 }

@@ -102,7 +102,7 @@ void Run::play_unit_step(const Step& step) {
 void Run::hear_script() {
   const auto unit = unit_does({"hear", kMessagePort, std::to_string(kPatienceSeconds)});
   if (!finished(*unit)) throw Wrong("the unit heard nothing");
-  script_ = unit->rest();
+  script_ = unit->read_text();
   timeline_.says("unit", "hears a boot script of " + std::to_string(script_.size()) + " bytes:");
   std::istringstream lines(script_);
   for (std::string line; std::getline(lines, line);) {
@@ -114,7 +114,7 @@ void Run::hear_script() {
 
 void Run::hear_nothing(double seconds) {
   const auto unit = unit_does({"hear", kMessagePort, std::to_string(seconds)});
-  if (finished(*unit)) throw Wrong("it heard " + unit->rest());
+  if (finished(*unit)) throw Wrong("it heard " + unit->read_text());
   timeline_.says("unit", "hears nothing");
 }
 
@@ -165,9 +165,9 @@ bool Run::ends_reading() {
   double next_report = reading_.since + kProgressSeconds;
   const auto has_ended = [&] {
     report_progress(&next_report);
-    return reading_.unit->ended().has_value();
+    return reading_.unit->end().has_value();
   };
-  const bool arrived = until(kTransferSeconds, has_ended) && reading_.unit->ended() == 0;
+  const bool arrived = until(kTransferSeconds, has_ended) && reading_.unit->end()->succeeded();
   reading_.unit.reset();
   if (arrived) {
     expect_whole();
@@ -202,7 +202,7 @@ void Run::expect_whole() const {
 void Run::read_until_death(const Step& step) {
   begin_reading(step.text_of("NAME"), step);
   const auto has_enough = [&] { return size_of(local(reading_.name)) >= step.bytes(); };
-  const auto has_ended = [&] { return reading_.unit->ended().has_value(); };
+  const auto has_ended = [&] { return reading_.unit->end().has_value(); };
   if (!until(kTransferSeconds, [&] { return has_enough() || has_ended(); }) || has_ended()) {
     throw Wrong("the transfer ended before");
   }
@@ -217,7 +217,7 @@ void Run::ask(const Step& step) {
   timeline_.says("unit", "asks " + question);
   const auto unit = unit_does({"ask", kStationIp, kMessagePort, question, patience});
   const bool answered = finished(*unit);
-  const std::string answer = unit->rest();
+  const std::string answer = unit->read_text();
   timeline_.says("unit", answered ? "is told " + answer : "gets no answer");
   if (answered == in_vain || (answered && answer != step.text_of("REPLY"))) {
     throw Wrong(answered ? "it was told " + answer : "nobody answered");
@@ -227,10 +227,12 @@ void Run::ask(const Step& step) {
 std::unique_ptr<Process> Run::unit_does(const std::vector<std::string>& arguments) {
   std::vector<std::string> command = {programs_.unit};
   command.insert(command.end(), arguments.begin(), arguments.end());
-  return std::make_unique<Process>(
-      command, [this] { network_->unit.enter(); }, folder_ + "/errors");
+  return std::make_unique<Process>(command, [this] {
+    network_->unit.enter();
+    append_errors_to(folder_ + "/errors");
+  });
 }
 
 bool Run::finished(Process& process) {
-  return until(kTransferSeconds, [&] { return process.ended().has_value(); }) && process.ended() == 0;
+  return until(kTransferSeconds, [&] { return process.end().has_value(); }) && process.end()->succeeded();
 }

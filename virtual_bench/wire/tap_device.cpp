@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -11,6 +10,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <utility>
+
+#include "stage/network_namespace.h"
 
 namespace {
 
@@ -35,28 +36,8 @@ class OpenFile {
   int descriptor_;
 };
 
-// Takes the thread into another network namespace while it lives.
-class Visit {
- public:
-  explicit Visit(const std::string& network_namespace) : home_("/proc/thread-self/ns/net", O_RDONLY) {
-    if (home_.number() == -1) refuse("/proc with the namespace of this process");
-    const OpenFile place(network_namespace.c_str(), O_RDONLY);
-    if (place.number() == -1) refuse("a namespace that can be opened, " + network_namespace);
-    if (setns(place.number(), CLONE_NEWNET) != 0) {
-      refuse("a network namespace and the right to enter it, " + network_namespace);
-    }
-  }
-  // Back home: the thread came from there with the right to enter namespaces.
-  ~Visit() { setns(home_.number(), CLONE_NEWNET); }
-  Visit(const Visit&) = delete;
-  Visit& operator=(const Visit&) = delete;
-
- private:
-  OpenFile home_;
-};
-
 int make_device(const std::string& network_namespace, const std::string& name) {
-  const Visit visit(network_namespace);
+  const ScopedNamespace scope(network_namespace);
   OpenFile device("/dev/net/tun", O_RDWR | O_NONBLOCK);
   if (device.number() == -1) refuse("/dev/net/tun and the right to open it");
   ifreq request = {};
