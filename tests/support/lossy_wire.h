@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "stage/network_namespace.h"
 #include "support/sandbox.h"
 #include "support/test_network.h"
 #include "support/whole_file.h"
@@ -22,18 +23,18 @@
 class LossyWire {
  public:
   explicit LossyWire(const TestNetwork& network) {
-    sandbox::run("ip link delete lan0");
+    ip("link delete lan0");
     int unit = -1;
     network.at_unit([&] { unit = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); });
     const std::string process = "/proc/" + std::to_string(getpid());
     starts(process + "/ns/net=lan0," + process + "/fd/" + std::to_string(unit) + "=lan0");
     expects("ready\n");
     close(unit);
-    sandbox::run("ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0");
-    sandbox::run("ip link set lan0 up");
+    ip("address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0");
+    ip("link set lan0 up");
     network.at_unit([] {
-      sandbox::run("ip address add 172.40.0.2/24 broadcast 172.40.0.255 dev lan0");
-      sandbox::run("ip link set lan0 up");
+      ip("address add 172.40.0.2/24 broadcast 172.40.0.255 dev lan0");
+      ip("link set lan0 up");
     });
   }
   ~LossyWire() {

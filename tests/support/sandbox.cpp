@@ -1,10 +1,9 @@
 #include "support/sandbox.h"
 
 #include <optional>
-#include <stdexcept>
+#include <string>
 
 #include "stage/network_namespace.h"
-#include "stage/process.h"
 
 namespace sandbox {
 namespace {
@@ -28,12 +27,6 @@ bool entered() {
 
 std::string refusal() {
   return why_not.value_or("");
-}
-
-void run(const std::string& command_line) {
-  Process process({"/bin/sh", "-c", "exec 2>&1; " + command_line});
-  const std::optional<ProcessEnd> end = process.wait_for_end();
-  if (!end || !end->succeeded()) throw std::runtime_error(command_line + ": " + process.read_text());
 }
 
 }  // namespace sandbox

@@ -16,9 +16,6 @@ bool entered();
 // Why entering failed.
 std::string refusal();
 
-// Runs a command line by the shell; throws std::runtime_error with its output when it fails.
-void run(const std::string& command_line);
-
 }  // namespace sandbox
 
 #define NEEDS_SANDBOX() \

@@ -39,7 +39,6 @@ class CommandsBefore : public testing::Test {
   void SetUp() override {
     signal(SIGPIPE, SIG_DFL);  // the daemon inherits it
     NEEDS_SANDBOX();
-    NEEDS_BOARD_COMMANDS(board);
     boots({});
   }
   void boots(const std::vector<std::string>& arguments, int message_port = station::kMessagePort) {

@@ -242,7 +242,7 @@ class PmcInitialisation : public testing::Test {
  protected:
   void SetUp() override {
     NEEDS_SANDBOX();
-    NEEDS_BOARD_COMMANDS(board);
+    NEEDS_SANDBOX();
     receiver.emplace();
   }
   // Once, for each text on a connection of its own: what was printed, and what t1-e1 was called with.

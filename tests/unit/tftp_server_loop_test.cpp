@@ -117,7 +117,7 @@ TEST_F(TftpServerLoop, StartsTheRelayBeforeTheBroadcast) {
 
 TEST_F(TftpServerLoop, ArmsNoAlarmWhenTheBroadcastCannotBePrepared) {
   // The relay has its address, the broadcast has no interface.
-  sandbox::run("ip address add 172.40.0.1/24 dev lo");
+  ip("address add 172.40.0.1/24 dev lo");
   const std::string printed = printed_by([&] {
     starts(new_server());
     serves_client(1);
@@ -202,7 +202,7 @@ TEST_F(TftpServerLoop, ReturnsAfterTheFinalVerdict) {
 }
 
 TEST_F(TftpServerLoop, DeletesTheMessageServiceOnceThroughVerdictStopAndDeletion) {
-  sandbox::run("ip address add 172.40.0.1/24 dev lo");
+  ip("address add 172.40.0.1/24 dev lo");
   const std::string printed = printed_by([&] {
     starts(new_server());
     asks(rrq("F_l_m_01PPT_PASSED"));

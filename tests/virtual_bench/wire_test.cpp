@@ -22,6 +22,7 @@
 #include <optional>
 #include <thread>
 
+#include "stage/network_namespace.h"
 #include "support/sandbox.h"
 #include "support/scratch_directory.h"
 
@@ -85,7 +86,7 @@ class Station {
  public:
   explicit Station(const std::string& device)
       : socket_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(kEtherType))) {
-    sandbox::run("ip link set " + device + " up");
+    ip("link set " + device + " up");
     sockaddr_ll address = {};
     address.sll_family = AF_PACKET;
     address.sll_protocol = htons(kEtherType);
@@ -301,8 +302,8 @@ TEST(Wire, CarriesABurstInOrder) {
 TEST(Wire, CarriesFramesOfEveryLength) {
   NEEDS_WIRE();
   const Bench bench;
-  bench.at_the_right([] { sandbox::run("ip link set test0 mtu 65521"); });
-  sandbox::run("ip link set test0 mtu 65521");
+  bench.at_the_right([] { ip("link set test0 mtu 65521"); });
+  ip("link set test0 mtu 65521");
   for (const std::size_t length : {0UL, 1UL, 1500UL, 65521UL}) {
     const std::string text(length, 'x');
     bench.left->sends(text);
@@ -455,10 +456,10 @@ TEST(Wire, FollowsOrdersWhileFramesKeepComing) {
 TEST(Wire, LosesWhatADeviceDoesNotTake) {
   NEEDS_WIRE();
   const Bench bench;
-  bench.at_the_right([] { sandbox::run("ip link set test0 down"); });
+  bench.at_the_right([] { ip("link set test0 down"); });
   bench.left->sends("to a device that is down");
   EXPECT_EQ(bench.fates(), "1 lost\n");
-  bench.at_the_right([] { sandbox::run("ip link set test0 up"); });
+  bench.at_the_right([] { ip("link set test0 up"); });
   bench.left->sends("to a device that is up");
   EXPECT_EQ(bench.right->receives(), "to a device that is up");
 }
@@ -478,7 +479,7 @@ TEST(Wire, SleepsWhenNothingComesEvenWhenADeviceIsDeleted) {
   const Bench bench;
   bench.left->sends("awake");
   EXPECT_EQ(bench.right->receives(), "awake");
-  sandbox::run("ip link delete test0");
+  ip("link delete test0");
   bench.plain_left->sends("plain");
   EXPECT_EQ(bench.plain_right->receives(), "plain");
   const long before = ticks_of(bench.wire.pid());
