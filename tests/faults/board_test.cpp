@@ -83,7 +83,7 @@ TEST_F(FaultyBoard, EnvtoolThatIsKilledLosesNoVerdict) {
 TEST_F(FaultyBoard, EnvtoolThatHangsHoldsVerdictsAndRequestsAndNoRunningTransfer) {
   board.holds(FakeBoard::kEnvtool);
   station->unit_reads_verdict("F_l_m_01TEST_FAILED");
-  EXPECT_TRUE(eventually([&] { return board.calls() == kEnvtoolCall; }));
+  EXPECT_TRUE(wait_until([&] { return board.calls() == kEnvtoolCall; }));
   reader_goes_on();
   UdpPeer next = station->unit();
   next.sends(rrq("file"));
@@ -101,7 +101,7 @@ TEST_F(FaultyBoard, EnvtoolThatHangsHoldsVerdictsAndRequestsAndNoRunningTransfer
 TEST_F(FaultyBoard, EnvtoolThatHangsAtTheFinalVerdictHoldsTheEndOfTheRun) {
   board.holds(FakeBoard::kEnvtool);
   station->unit_reads_verdict("F_l_m_02PPT_FAILED");
-  EXPECT_TRUE(eventually([&] { return board.calls() == kEnvtoolCall; }));
+  EXPECT_TRUE(wait_until([&] { return board.calls() == kEnvtoolCall; }));
   reader_goes_on();
   EXPECT_EQ(station->daemon->exit_status(milliseconds(300)), Daemon::kStillRunning);
   board.releases(FakeBoard::kEnvtool);
