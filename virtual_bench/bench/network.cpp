@@ -1,54 +1,45 @@
 #include "bench/network.h"
 
-#include <signal.h>
-
-#include <fstream>
-#include <optional>
-#include <sstream>
-#include <stdexcept>
+#include <arpa/inet.h>
 
 namespace {
 
-std::string content(const std::string& file) {
-  std::ostringstream text;
-  text << std::ifstream(file).rdbuf();
-  return text.str();
+constexpr std::uint64_t kSeed = 1;  // the same chances at every run
+constexpr char kPptServerIp[] = "172.30.0.254";
+constexpr in_addr_t kPptNetwork = 0xac1e0000;  // 172.30.0.0/24
+constexpr in_addr_t kNetworkMask = 0xffffff00;
+constexpr in_addr_t kStationHost = 1;
+constexpr in_addr_t kBroadcastHost = 255;
+
+void set_up(const NetworkNamespace& place, const std::string& device, const std::string& address) {
+  ip(place, "address add " + address + " dev " + device);
+  ip(place, "link set " + device + " up");
 }
 
-std::string link(const NetworkNamespace& one, const std::string& name, const NetworkNamespace& other,
-                 const std::string& other_name) {
-  return one.path() + "=" + name + "," + other.path() + "=" + other_name;
-}
-
-void ip_up(const NetworkNamespace& there, const std::string& device, const std::string& address) {
-  ip(there, "address add " + address + " dev " + device);
-  ip(there, "link set " + device + " up");
+bool is_for_ppt_server(const std::string& text) {
+  in_addr address = {};
+  if (inet_aton(text.c_str(), &address) == 0) return false;
+  const in_addr_t host = ntohl(address.s_addr) & ~kNetworkMask;
+  return (ntohl(address.s_addr) & kNetworkMask) == kPptNetwork && host > kStationHost &&
+         host < kBroadcastHost;
 }
 
 }  // namespace
 
-Network::Network(const std::string& wire, const std::string& capture, const std::string& fates,
-                 const std::string& errors, int seed, const std::string& station_link)
+Network::Network(const std::string& capture, const std::string& fates, const std::string& station_link)
     : station(NetworkNamespace::current()),
-      wire_({wire, capture, fates, std::to_string(seed), link(station, station_link, unit, "lan0"),
-             link(station, "ppt0", ppt_server, "ppt0")},
-            [&] { append_errors_to(errors); }) {
-  const auto ready = [&] { return wire_.read_line() == "ready" || wire_.end().has_value(); };
-  if (!wait_until(ready) || wire_.end()) throw std::runtime_error("no wire: " + content(errors));
-  ip_up(station, station_link, "172.40.0.1/24 broadcast 172.40.0.255 label " + station_link + ":0");
-  ip_up(station, "ppt0", "172.30.0.1/24");
-  ip_up(unit, "lan0", "172.40.0.2/24 broadcast 172.40.0.255");
-  ip_up(ppt_server, "ppt0", "172.30.0.254/24");
+      wire_(capture, fates, kSeed,
+            {{{{station, station_link}, {unit, "lan0"}}}, {{{station, "ppt0"}, {ppt_server, "ppt0"}}}}),
+      ppt_server_address_(kPptServerIp) {
+  set_up(station, station_link, "172.40.0.1/24 broadcast 172.40.0.255 label " + station_link + ":0");
+  set_up(station, "ppt0", "172.30.0.1/24");
+  set_up(unit, "lan0", "172.40.0.2/24 broadcast 172.40.0.255");
+  set_up(ppt_server, "ppt0", ppt_server_address_ + "/24");
 }
 
-Network::~Network() {
-  wire_.send_signal(SIGTERM);
-  wire_.wait_for_end();
-}
-
-void Network::orders(const std::string& order) {
-  wire_.write_line(order);
-  std::optional<std::string> answer;
-  wait_until([&] { return (answer = wire_.read_line()).has_value() || wire_.end(); });
-  if (answer != "ok") throw std::runtime_error("wire, " + order + ": " + answer.value_or("no answer"));
+void Network::move_ppt_server(const std::string& address) {
+  if (address == ppt_server_address_ || !is_for_ppt_server(address)) return;
+  ip(ppt_server, "address delete " + ppt_server_address_ + "/24 dev ppt0");
+  ip(ppt_server, "address add " + address + "/24 dev ppt0");
+  ppt_server_address_ = address;
 }

@@ -56,7 +56,7 @@ std::string label_of(const Event& event, Microseconds start) {
     label += ", " + std::to_string(event.times) + " times until " + seconds(event.until - start, 1) + " s";
     label += share(event.times_lost, event.times, "lost");
   }
-  return label + share(event.times_doubled, event.times, "doubled") +
+  return label + share(event.times_duplicated, event.times, "duplicated") +
          share(event.times_swapped, event.times, "swapped");
 }
 
@@ -144,7 +144,7 @@ double draw_arrow(const Event& event, double top, Microseconds start, Sheet* she
     add_line(from, to, y, pen, sheet);
     sheet->heads.push_back({to, y, to_the_right, pen});
     const double second = to + (to_the_right ? -kSecondHeadDistance : kSecondHeadDistance);
-    if (event.fate.doubled) sheet->heads.push_back({second, y, to_the_right, pen});
+    if (event.fate.duplicated) sheet->heads.push_back({second, y, to_the_right, pen});
   }
   return y + kArrowToNext - top;
 }
