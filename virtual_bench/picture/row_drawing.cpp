@@ -26,21 +26,9 @@ constexpr std::size_t kMaxLabelLines = 4;
 constexpr std::size_t kMaxNoteLines = 6;
 
 Pen pen_of(Event::Look look) {
-  switch (look) {
-    case Event::Look::kDatagram:
-      return Pen::kDatagram;
-    case Event::Look::kVerdict:
-      return Pen::kVerdict;
-    case Event::Look::kBroadcast:
-      return Pen::kBroadcast;
-    case Event::Look::kTcp:
-      return Pen::kTcp;
-    case Event::Look::kBoard:
-      return Pen::kBoard;
-    case Event::Look::kUnreachable:
-      break;
-  }
-  return Pen::kUnreachable;
+  constexpr Pen kPens[] = {Pen::kDatagram, Pen::kVerdict, Pen::kBroadcast,
+                           Pen::kTcp,      Pen::kBoard,   Pen::kUnreachable};  // in the order of Look
+  return kPens[static_cast<std::size_t>(look)];
 }
 
 std::string share(std::size_t count, std::size_t times, const std::string& what) {
