@@ -208,9 +208,15 @@ INSTANTIATE_TEST_SUITE_P(Bench, BenchVerdict,
 
 TEST_F(Bench, EndsEveryDamageWhenTheWireIsWhole) {
   const Result& result = plays(
-      "file a holds b\nstation starts\nwire loses 100 %\nunit cannot read a\nwire is whole\n"
-      "unit reads a\nwire is cut for 3600 s\nunit cannot read a\nstation gets SIGKILL\nstation exits 137\n");
+      "file a holds b\nstation starts\nwire loses 100 %\nunit cannot read a\n"
+      "wire duplicates 100 %\nwire swaps 100 %\nwire delays 5000 ms\nwire is whole\n"
+      "unit reads a\nwire is cut for 3600 s\nunit cannot read a\nstation gets SIGKILL\nstation exits 137\n",
+      "--keep");
   EXPECT_EQ(result.status, 0) << result.output;
+  const std::string fates = whole_file(results() + "/a/fates");
+  EXPECT_NE(fates.find(" lost\n"), std::string::npos);
+  for (const char* fate : {" duplicated\n", " swapped\n"})
+    EXPECT_EQ(fates.find(fate), std::string::npos) << fates;
 }
 
 struct Damage {

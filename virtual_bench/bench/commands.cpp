@@ -45,7 +45,7 @@ const std::vector<Command>& commands() {
        }},
       {"wire is whole",
        [](Run& run, const Step& step) {
-         run.order_wire(step, {{What::kLose, 0}, {What::kDuplicate, 0}, {What::kSwap, 0}, {What::kDelay, 0}});
+         run.order_wire(step, {{What::kDuplicate, 0}, {What::kSwap, 0}, {What::kDelay, 0}, {What::kLose, 0}});
        }},
       {"ppt is silent", [](Run& run, const Step& step) { run.ppt_server(step).keep_silent(); }},
       {"ppt refuses", [](Run& run, const Step& step) { run.ppt_server(step).refuse(); }},
