@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <filesystem>
@@ -19,13 +18,11 @@ namespace {
 using namespace station;
 
 constexpr char kEnvtoolCall[] = "envtool ppt_flag=failed\n";
-constexpr char kKillsItself[] = "#!/bin/sh\nkill -9 $$\n";
 
 class FaultyBoard : public testing::Test {
  protected:
   void SetUp() override {
     NEEDS_SANDBOX();
-    NEEDS_BOARD_COMMANDS(board);
     station.emplace();
     ppt_server.emplace(station->ppt_server());
     station->network.at_ppt_server([&] { listener.emplace(TestNetwork::kPptServer, station::kMessagePort); });
@@ -60,15 +57,6 @@ class FaultyBoard : public testing::Test {
       peer.asks(text, "READY");
     });
   }
-  static void replaces(const std::string& path, const char* script) {
-    write_whole_file(path, script);
-    chmod(path.c_str(), 0755);
-  }
-  // The one that the program finds first.
-  static std::string path_of_envtool() {
-    const std::string path = getenv("PATH");
-    return path.substr(0, path.find(':')) + "/envtool";
-  }
 
   const std::string contents = noise(1000);
   const FakeBoard board;
@@ -86,7 +74,7 @@ TEST_F(FaultyBoard, EnvtoolThatIsMissingLosesNoVerdict) {
 }
 
 TEST_F(FaultyBoard, EnvtoolThatIsKilledLosesNoVerdict) {
-  replaces(path_of_envtool(), kKillsItself);
+  board.is_killed(FakeBoard::kEnvtool);
   verdict("F_l_m_01TEST_FAILED");
   reader_goes_on();
   ends_with_final_verdict();
@@ -95,7 +83,7 @@ TEST_F(FaultyBoard, EnvtoolThatIsKilledLosesNoVerdict) {
 TEST_F(FaultyBoard, EnvtoolThatHangsHoldsVerdictsAndRequestsAndNoRunningTransfer) {
   board.holds(FakeBoard::kEnvtool);
   station->unit_reads_verdict("F_l_m_01TEST_FAILED");
-  EXPECT_TRUE(eventually([&] { return board.calls() == kEnvtoolCall; }));
+  EXPECT_TRUE(wait_until([&] { return board.calls() == kEnvtoolCall; }));
   reader_goes_on();
   UdpPeer next = station->unit();
   next.sends(rrq("file"));
@@ -113,7 +101,7 @@ TEST_F(FaultyBoard, EnvtoolThatHangsHoldsVerdictsAndRequestsAndNoRunningTransfer
 TEST_F(FaultyBoard, EnvtoolThatHangsAtTheFinalVerdictHoldsTheEndOfTheRun) {
   board.holds(FakeBoard::kEnvtool);
   station->unit_reads_verdict("F_l_m_02PPT_FAILED");
-  EXPECT_TRUE(eventually([&] { return board.calls() == kEnvtoolCall; }));
+  EXPECT_TRUE(wait_until([&] { return board.calls() == kEnvtoolCall; }));
   reader_goes_on();
   EXPECT_EQ(station->daemon->exit_status(milliseconds(300)), Daemon::kStillRunning);
   board.releases(FakeBoard::kEnvtool);
@@ -121,7 +109,7 @@ TEST_F(FaultyBoard, EnvtoolThatHangsAtTheFinalVerdictHoldsTheEndOfTheRun) {
 }
 
 TEST_F(FaultyBoard, PmcTestThatIsKilledCountsAsReady) {
-  replaces(FakeBoard::kT1E1, kKillsItself);
+  board.is_killed(FakeBoard::kT1E1);
   verdict("F_l_m_t_Bootstrap_loading");
   is_ready("DO_PMC_INIT:7");
   reader_goes_on();
@@ -138,7 +126,7 @@ TEST_F(FaultyBoard, PmcTestThatIsMissingCountsAsReady) {
 
 TEST_F(FaultyBoard, VoiceServiceThatIsKilledDoesNotKeepThePmcTestFromRunning) {
   board.ends_with(FakeBoard::kT1E1, 1);
-  replaces(FakeBoard::kVoice, kKillsItself);
+  board.is_killed(FakeBoard::kVoice);
   verdict("F_l_m_t_Bootstrap_loading");
   is_ready("DO_PMC_INIT:7");
   EXPECT_EQ(board.calls(), "/mnt/ramdisk/t1-e1 7 -1\n");

@@ -68,7 +68,7 @@ class FaultyStation {
   }
   // Waits until the server waits for a request, and so many transfers, which are all, for an acknowledgement.
   void settles(int transfers) const {
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(wait_until([&] {
       const std::string tasks = "/proc/" + std::to_string(daemon().pid()) + "/task";
       int threads = 0;
       int waiting = 0;

@@ -83,7 +83,7 @@ TEST_F(Limits, WithoutADescriptorARequestHasNoAnswer) {
     client.sends(rrq("file"));
     FaultyStation::is_left_alone(client);
     station.first_client_goes_on();
-    ASSERT_TRUE(eventually([&] { return limit_for(station.daemon(), 2) <= limit; }));
+    ASSERT_TRUE(wait_until([&] { return limit_for(station.daemon(), 2) <= limit; }));
     // The first client's two descriptors are enough for one more.
     EXPECT_EQ(read_by_tftp(client, rrq("first")), FaultyStation::contents());
   }

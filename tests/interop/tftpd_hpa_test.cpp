@@ -1,15 +1,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "stage/process.h"
 #include "support/download_size.h"
 #include "support/outcome.h"
 #include "support/sandbox.h"
@@ -28,19 +27,13 @@ constexpr int kPort = 69;
 // transfer, are in its process group and end with it.
 class TftpdHpa {
  public:
-  explicit TftpdHpa(const std::string& directory) : pid_(fork()) {
-    if (pid_ == -1) throw std::runtime_error("cannot fork");
-    if (pid_ == 0) {
-      setpgid(0, 0);
-      execl(kServer, kServer, "--foreground", "--ipv4", "--address", ":69", "--user", "root", "--secure",
-            directory.c_str(), nullptr);
-      _exit(127);
-    }
-    setpgid(pid_, pid_);
-  }
+  explicit TftpdHpa(const std::string& directory)
+      : process_(
+            {kServer, "--foreground", "--ipv4", "--address", ":69", "--user", "root", "--secure", directory},
+            [] { setpgid(0, 0); }) {}
   ~TftpdHpa() {
-    kill(-pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
+    kill(-process_.pid(), SIGTERM);
+    process_.wait_for_end();
   }
   TftpdHpa(const TftpdHpa&) = delete;
   TftpdHpa& operator=(const TftpdHpa&) = delete;
@@ -57,7 +50,7 @@ class TftpdHpa {
   }
 
  private:
-  pid_t pid_;
+  Process process_;
 };
 
 class TftpdHpaTest : public testing::Test {

@@ -58,10 +58,10 @@ class Load : public testing::TestWithParam<Size> {
   }
   // Its transfers' threads have ended.
   void waits_for_threads() const {
-    EXPECT_TRUE(eventually([this] { return status("Threads:") == 1; }));
+    EXPECT_TRUE(wait_until([this] { return status("Threads:") == 1; }));
   }
   void expect_no_more_descriptors() const {
-    EXPECT_TRUE(eventually([this] { return descriptors() == descriptors_before; })) << descriptors();
+    EXPECT_TRUE(wait_until([this] { return descriptors() == descriptors_before; })) << descriptors();
   }
   void reads_file() {
     std::vector<std::unique_ptr<FileReader>> one;

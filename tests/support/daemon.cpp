@@ -2,20 +2,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
-#include <stdexcept>
-#include <thread>
 
 #include "support/whole_file.h"
 
 namespace {
-
-constexpr std::chrono::milliseconds kPollInterval(5);
 
 int output_file(const char* name) {
   const int descriptor = memfd_create(name, MFD_CLOEXEC);
@@ -24,41 +19,24 @@ int output_file(const char* name) {
   return descriptor;
 }
 
-template <typename Condition>
-bool wait_until(Condition condition, std::chrono::milliseconds patience) {
-  const auto end = std::chrono::steady_clock::now() + patience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(kPollInterval);
-  }
-  return true;
+Process::Arguments command_line(const std::vector<std::string>& arguments) {
+  Process::Arguments words = {TFTP_PROGRAM};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  return words;
 }
 
 }  // namespace
 
 Daemon::Daemon(const std::vector<std::string>& arguments)
-    : output_(output_file("output")), errors_(output_file("errors")) {
-  std::vector<std::string> words = {TFTP_PROGRAM};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  pid_ = fork();
-  if (pid_ == -1) throw std::runtime_error("cannot fork");
-  if (pid_ == 0) {
-    dup2(output_, STDOUT_FILENO);
-    dup2(errors_, STDERR_FILENO);
-    setenv("LSAN_OPTIONS", "suppressions=" LEAKS_THAT_ARE_MEANT ":print_suppressions=0", 1);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-}
+    : output_(output_file("output")),
+      errors_(output_file("errors")),
+      process_(command_line(arguments), [this] {
+        dup2(output_, STDOUT_FILENO);
+        dup2(errors_, STDERR_FILENO);
+        setenv("LSAN_OPTIONS", "suppressions=" LEAKS_THAT_ARE_MEANT ":print_suppressions=0", 1);
+      }) {}
 
 Daemon::~Daemon() {
-  if (exit_status(Milliseconds(0)) == kStillRunning) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
   if (testing::Test::HasFailure()) {
     std::fprintf(stderr, "the daemon's output:\n%s\nits errors:\n%s\n", output().c_str(), errors().c_str());
   }
@@ -84,12 +62,9 @@ bool Daemon::serves() const {
 
 void Daemon::gets_signal(int signal_number) {
   got_signal_ = true;
-  kill(pid_, signal_number);
+  process_.send_signal(signal_number);
 }
 
 int Daemon::exit_status(Milliseconds patience) {
-  if (status_ != kStillRunning) return status_;
-  int status = 0;
-  if (!wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, patience)) return kStillRunning;
-  return status_ = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+  return status_number(process_.wait_for_end(patience));
 }

@@ -1,11 +1,11 @@
 #ifndef SUPPORT_DAEMON_H
 #define SUPPORT_DAEMON_H
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <string>
 #include <vector>
+
+#include "support/program.h"
 
 // The built program as a child process, seen only from outside. Its working directory, environment and
 // network are those of the test. It is killed with the object if it still runs; when the test has failed by
@@ -13,16 +13,16 @@
 class Daemon {
  public:
   using Milliseconds = std::chrono::milliseconds;
-  static constexpr Milliseconds kPatience = std::chrono::seconds(10);
+  static constexpr Milliseconds kPatience = ::kPatience;
   // What exit_status returns besides 0 to 255.
-  static constexpr int kStillRunning = -1000;
+  static constexpr int kStillRunning = kStillRunningStatus;
 
   explicit Daemon(const std::vector<std::string>& arguments = {});
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return process_.pid(); }
   // Standard output so far, and standard error so far.
   std::string output() const;
   std::string errors() const;
@@ -36,10 +36,9 @@ class Daemon {
   int exit_status(Milliseconds patience = kPatience);
 
  private:
-  pid_t pid_;
   int output_;
   int errors_;
-  int status_ = kStillRunning;
+  Process process_;
   bool got_signal_ = false;
 };
 

@@ -14,10 +14,7 @@ namespace sandbox {
 void enter();
 bool entered();
 // Why entering failed.
-const std::string& refusal();
-
-// Runs a command line by the shell; throws std::runtime_error with its output when it fails.
-void run(const std::string& command_line);
+std::string refusal();
 
 }  // namespace sandbox
 

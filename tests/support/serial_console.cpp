@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 
 #include "support/whole_file.h"
@@ -17,15 +16,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kKeyInterval(500);
 constexpr char kTapDriver[] = "/dev/net/tun";
-
-void become(std::vector<std::string> words, int serial) {
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(serial, stream);
-  execvp(argv[0], argv.data());
-  _exit(127);
-}
 
 // Beside the test program, named after it and the test.
 std::string log_file() {
@@ -49,21 +39,9 @@ std::string SerialConsole::refusal() {
 }
 
 SerialConsole::SerialConsole(const std::vector<std::string>& words, const std::string& prompt)
-    : prompt_(prompt) {
-  int ends[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw std::runtime_error("cannot make a socket pair");
-  }
-  pid_ = fork();
-  if (pid_ == 0) become(words, ends[1]);
-  serial_ = ends[0];
-  close(ends[1]);
-}
+    : prompt_(prompt), process_(words, [] { dup2(STDOUT_FILENO, STDERR_FILENO); }) {}
 
 SerialConsole::~SerialConsole() {
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-  close(serial_);
   if (!testing::Test::HasFailure()) return;
   write_whole_file(log_file(), console_);
   std::fprintf(stderr, "the console, kept in %s:\n%s\n", log_file().c_str(), console_.c_str());
@@ -115,19 +93,14 @@ bool SerialConsole::shows(const std::string& piece, Milliseconds patience) {
       return true;
     }
     const auto left = std::chrono::duration_cast<Milliseconds>(end - std::chrono::steady_clock::now());
-    pollfd waiting{serial_, POLLIN, 0};
+    pollfd waiting{process_.output(), POLLIN, 0};
     if (left.count() <= 0 || poll(&waiting, 1, static_cast<int>(left.count())) <= 0) return false;
-    char piece_of_text[4096];
-    const ssize_t count = read(serial_, piece_of_text, sizeof piece_of_text);
-    if (count <= 0) return false;
-    for (ssize_t i = 0; i < count; ++i) {
-      if (piece_of_text[i] != '\r') console_ += piece_of_text[i];
-    }
+    const std::string text = process_.read_text();
+    if (text.empty()) return false;
+    std::copy_if(text.begin(), text.end(), std::back_inserter(console_), [](char c) { return c != '\r'; });
   }
 }
 
 void SerialConsole::sends(const std::string& keys) {
-  if (write(serial_, keys.data(), keys.size()) != static_cast<ssize_t>(keys.size())) {
-    ADD_FAILURE() << "the console does not take " << keys;
-  }
+  if (!process_.write_text(keys)) ADD_FAILURE() << "the console does not take " << keys;
 }

@@ -1,12 +1,12 @@
 #ifndef SUPPORT_SERIAL_CONSOLE_H
 #define SUPPORT_SERIAL_CONSOLE_H
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "stage/process.h"
 
 // An emulated machine with its serial console on standard input and output, and a command line on it. It is
 // in the place of the thread that makes it.
@@ -46,8 +46,7 @@ class SerialConsole {
   void sends(const std::string& keys);
 
   std::string prompt_;
-  pid_t pid_ = -1;
-  int serial_ = -1;
+  Process process_;
   std::string console_;   // everything so far, without carriage returns
   std::size_t seen_ = 0;  // what lies before this has been looked at
 };

@@ -152,7 +152,7 @@ class TftpServerLoop : public testing::Test {
   // Whether the nth client's transfer and thread end. The handle was stored, the thread is not detached, and
   // its result is null.
   bool thread_ends(int n) const {
-    if (!eventually([&] { return record(n)->socket_fd == -1; })) return false;
+    if (!wait_until([&] { return record(n)->socket_fd == -1; })) return false;
     void* result = records.block(n);
     return pthread_join(record(n)->thread, &result) == 0 && result == nullptr;
   }

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "stage/network_namespace.h"
 #include "support/daemon.h"
 #include "support/interleaving.h"
 #include "support/sandbox.h"
@@ -96,14 +97,14 @@ class OnLoopback {
 
   explicit OnLoopback(const std::vector<std::string>& arguments = {}, Relay relay = Relay::kRuns)
       : relay_(relay) {
-    if (relay_ == Relay::kRuns) sandbox::run("ip address add 172.40.0.1/32 dev lo");
+    if (relay_ == Relay::kRuns) ip("address add 172.40.0.1/32 dev lo");
     daemon = std::make_unique<Daemon>(arguments);
     EXPECT_TRUE(daemon->serves());
     wait_for_the_end_of_the_start();
   }
   ~OnLoopback() {
     daemon.reset();
-    if (relay_ == Relay::kRuns) sandbox::run("ip address del 172.40.0.1/32 dev lo");
+    if (relay_ == Relay::kRuns) ip("address del 172.40.0.1/32 dev lo");
   }
   OnLoopback(const OnLoopback&) = delete;
   OnLoopback& operator=(const OnLoopback&) = delete;

@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "stage/network_namespace.h"
+
 // The networks around a test station, private to this process. The station is the process itself; a daemon
 // that it starts is in the same place.
 //
@@ -23,14 +25,14 @@ class TestNetwork {
   TestNetwork(const TestNetwork&) = delete;
   TestNetwork& operator=(const TestNetwork&) = delete;
 
-  // Runs the function on a thread in the place of the unit or of the PPT server and waits for it. A socket
-  // made there stays there, whoever uses it later.
+  // Calls the function in the place of the unit or of the PPT server. A socket made there stays there,
+  // whoever uses it later.
   void at_unit(const std::function<void()>& function) const;
   void at_ppt_server(const std::function<void()>& function) const;
 
  private:
-  int unit_namespace_;
-  int ppt_namespace_;
+  const NetworkNamespace unit_;
+  const NetworkNamespace ppt_server_;
 };
 
 #endif

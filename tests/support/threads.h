@@ -10,9 +10,10 @@
 #include <initializer_list>
 #include <set>
 #include <string>
-#include <thread>
 
-// What a test asks about threads, and how it waits for them.
+#include "stage/wait_until.h"
+
+// What a test asks about threads.
 
 class Stopwatch {
  public:
@@ -23,17 +24,6 @@ class Stopwatch {
  private:
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
-
-// Waits until the condition holds. False when it did not in time.
-template <typename Condition>
-bool eventually(const Condition& condition, std::chrono::milliseconds patience = std::chrono::seconds(10)) {
-  const Stopwatch watch;
-  while (!condition()) {
-    if (watch.elapsed() > patience) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 // The process's threads, as the numbers in /proc/self/task.
 inline std::set<std::string> tasks() {

@@ -3,7 +3,6 @@
 
 #include <string>
 
-#include "support/sandbox.h"
 #include "support/test_network.h"
 
 // The TAP device that leads from the test network to an emulated machine in the place of the unit.
@@ -12,14 +11,14 @@ inline constexpr char kUnitMachineTap[] = "unit0";
 // The unit's link leads to that device from now on, and no longer to the test.
 inline void plug_in_unit_machine(const TestNetwork& network) {
   network.at_unit([] {
-    sandbox::run("ip address flush dev lan0");
-    sandbox::run(std::string("ip tuntap add mode tap ") + kUnitMachineTap);
-    sandbox::run("ip link add bridge0 type bridge");
+    ip("address flush dev lan0");
+    ip(std::string("tuntap add mode tap ") + kUnitMachineTap);
+    ip("link add bridge0 type bridge");
     for (const std::string device : {"lan0", kUnitMachineTap}) {
-      sandbox::run("ip link set " + device + " master bridge0");
-      sandbox::run("ip link set " + device + " up");
+      ip("link set " + device + " master bridge0");
+      ip("link set " + device + " up");
     }
-    sandbox::run("ip link set bridge0 up");
+    ip("link set bridge0 up");
   });
 }
 

@@ -39,7 +39,6 @@ class CommandsBefore : public testing::Test {
   void SetUp() override {
     signal(SIGPIPE, SIG_DFL);  // the daemon inherits it
     NEEDS_SANDBOX();
-    NEEDS_BOARD_COMMANDS(board);
     boots({});
   }
   void boots(const std::vector<std::string>& arguments, int message_port = station::kMessagePort) {
@@ -122,7 +121,7 @@ class Commands : public CommandsBefore {
     board.holds(FakeBoard::kT1E1);
     TcpPeer peer = connection();
     peer.sends("DO_PMC_INIT:7");
-    EXPECT_TRUE(eventually([&] { return board.calls() == std::string(kVoiceCalls) + kT1E1Mode7; }));
+    EXPECT_TRUE(wait_until([&] { return board.calls() == std::string(kVoiceCalls) + kT1E1Mode7; }));
     return peer;
   }
 
@@ -304,7 +303,7 @@ TEST_F(Commands, PeerThatResetsItsConnectionIsReported) {
 TEST_F(Commands, ReplyToAPeerThatHasResetItsConnectionIsReported) {
   TcpPeer peer = holds_t1_e1();
   peer.resets();
-  ASSERT_TRUE(eventually([] { return connections() == 0; }));
+  ASSERT_TRUE(wait_until([] { return connections() == 0; }));
   board.releases(FakeBoard::kT1E1);
   EXPECT_TRUE(daemon().prints("ERROR on send. \n"));
   is_asked("hello", "hello");
@@ -315,7 +314,7 @@ TEST_F(Commands, ReplyToAPeerThatHasClosedBothWaysEndsTheProcess) {
   TcpPeer peer = holds_t1_e1();
   peer.ends_its_texts();
   peer.resets();
-  ASSERT_TRUE(eventually([] { return connections() == 0; }));
+  ASSERT_TRUE(wait_until([] { return connections() == 0; }));
   board.releases(FakeBoard::kT1E1);
   EXPECT_EQ(daemon().exit_status(kLongPatience), -SIGPIPE);
   EXPECT_EQ(printed(), "Mode detected: 7\n");
@@ -324,7 +323,7 @@ TEST_F(Commands, ReplyToAPeerThatHasClosedBothWaysEndsTheProcess) {
 TEST_F(Commands, HundredConnectionsLeaveNoDescriptorOpen) {
   const int before = open_descriptors_of_daemon();
   for (int i = 0; i < 100; ++i) is_asked("hello", "hello");
-  EXPECT_TRUE(eventually([&] { return open_descriptors_of_daemon() == before; }))
+  EXPECT_TRUE(wait_until([&] { return open_descriptors_of_daemon() == before; }))
       << before << ", then " << open_descriptors_of_daemon();
   EXPECT_EQ(printed(), "");
 }

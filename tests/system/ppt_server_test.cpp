@@ -168,8 +168,8 @@ TEST_F(PptServer, SecondRefusedConnectionLeavesTheListeningSocketOfTheFirst) {
 
 TEST_F(PptServer, AbsentMachineIsNoRouteForTheConnection) {
   ppt.reset();
-  station->network.at_ppt_server([] { sandbox::run("ip address del 172.30.0.254/24 dev ppt0"); });
-  sandbox::run("ip neighbour flush dev ppt0");
+  station->network.at_ppt_server([] { ip("address del 172.30.0.254/24 dev ppt0"); });
+  ip("neighbour flush dev ppt0");
   station->unit_reads_verdict("F_l_m_01STEP3");
   const std::string no_route =
       "ERROR on connect() to 172.30.0.254:12345. No route to host\n"

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "stage/network_namespace.h"
 #include "support/daemon.h"
 #include "support/sandbox.h"
 #include "support/station.h"
@@ -135,11 +136,11 @@ TEST_F(Relay, PptServerThatDoesNotListenIsNotNoticed) {
 }
 
 TEST_F(Relay, UnreachablePptServerIsReportedAndTheNextDatagramIsPassedOn) {
-  sandbox::run("ip link set ppt0 down");
+  ip("link set ppt0 down");
   unit->sends("lost");
   const std::string line = "UDP:ERROR in sendto. Network is unreachable\n";
   ASSERT_TRUE(station->daemon->prints(line));
-  sandbox::run("ip link set ppt0 up");
+  ip("link set ppt0 up");
   passes_on("ABC", bytes("ABC\0"));
   printed(line);
 }
@@ -149,11 +150,11 @@ class RelayOnLoopback : public testing::Test {
  protected:
   void SetUp() override { NEEDS_SANDBOX(); }
   void gets_address() {
-    sandbox::run("ip address add 172.40.0.1/32 dev lo");
+    ip("address add 172.40.0.1/32 dev lo");
     has_address_ = true;
   }
   void TearDown() override {
-    if (has_address_) sandbox::run("ip address del 172.40.0.1/32 dev lo");
+    if (has_address_) ip("address del 172.40.0.1/32 dev lo");
   }
   static void ends(Daemon& daemon, const std::string& relays_line) {
     daemon.gets_signal(SIGTERM);

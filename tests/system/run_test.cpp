@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "support/fake_board.h"
 #include "support/file_reader.h"
 #include "support/station.h"
 #include "support/tcp_listener.h"
@@ -22,28 +21,6 @@ constexpr char kRefused[] =
 class Run : public testing::Test {
  protected:
   void SetUp() override { NEEDS_SANDBOX(); }
-};
-
-// The board's environment tool: it notes what it is told. In the working directory, and first in PATH.
-class FakeEnvtool {
- public:
-  FakeEnvtool() : path_before_(std::getenv("PATH")) {
-    const std::string here = std::filesystem::current_path();
-    log_ = here + "/envtool.log";
-    write_whole_file("envtool", "#!/bin/sh\necho \"$@\" >>" + log_ + "\n");
-    write_whole_file(log_, "");
-    chmod("envtool", 0755);
-    setenv("PATH", (here + ":" + path_before_).c_str(), 1);
-  }
-  ~FakeEnvtool() { setenv("PATH", path_before_.c_str(), 1); }
-  FakeEnvtool(const FakeEnvtool&) = delete;
-  FakeEnvtool& operator=(const FakeEnvtool&) = delete;
-
-  std::string log() const { return whole_file(log_); }
-
- private:
-  std::string path_before_;
-  std::string log_;
 };
 
 // Reads it at the unit, in blocks of this size.
@@ -66,8 +43,8 @@ void passes_on(const InNetwork& station, UdpPeer& ppt, const std::string& name,
 }
 
 TEST_F(Run, FromTheBootScriptToTheVerdict) {
+  const FakeBoard board;
   InNetwork station;
-  const FakeEnvtool envtool;
   const std::string image = noise(5000000);
   write_whole_file("bootscript.txt", "setenv bootdelay 1\n");
   write_whole_file("image", image);
@@ -89,7 +66,7 @@ TEST_F(Run, FromTheBootScriptToTheVerdict) {
   station.unit_reads_verdict("F_l_m_03PPT_FAILED");
   EXPECT_EQ(station.daemon->exit_status(), 2);
   ppt.expects_nothing(milliseconds(100));
-  EXPECT_EQ(envtool.log(), "ppt_flag=failed\nppt_flag=failed\n");
+  EXPECT_EQ(board.calls(), "envtool ppt_flag=failed\nenvtool ppt_flag=failed\n");
 
   std::string reads = "RRQ bootscript.txt\n";
   for (int i = 0; i < 10; ++i) reads += "RRQ image\n";
@@ -136,14 +113,14 @@ TEST_F(Run, BootScriptReachesTheUnitByItsAddressOfAll) {
 
 // A run of nothing but one final verdict: its lines, and what the board is told.
 void final_verdict(const std::string& name, const std::string& told) {
+  const FakeBoard board;
   InNetwork station;
-  const FakeEnvtool envtool;
   UdpPeer ppt = station.ppt_server();
   station.boots();
   station.unit_reads_verdict(name);
   EXPECT_EQ(station.daemon->exit_status(), 2);
   ppt.expects_nothing(milliseconds(100));
-  EXPECT_EQ(envtool.log(), told);
+  EXPECT_EQ(board.calls(), told);
   station::expect_output(
       *station.daemon, InNetwork::start_lines(),
       "Cmd received: " + name + "\n" + kRefused + station::kMessageServerGone + station::kServerGone,
@@ -156,9 +133,9 @@ TEST_F(Run, EndsWithStatus2WhenPassed) {
 }
 
 TEST_F(Run, EndsWithStatus2AndMarksTheBoardWhenFailed) {
-  final_verdict("F_l_m_01PPT_FAILED", "ppt_flag=failed\n");
-  final_verdict("F_l_m_PPT_PASSEDPPT_FAILED", "ppt_flag=failed\n");
-  final_verdict("F_l_m_01TEST_FAILEDPPT_FAILED", "ppt_flag=failed\n");
+  final_verdict("F_l_m_01PPT_FAILED", "envtool ppt_flag=failed\n");
+  final_verdict("F_l_m_PPT_PASSEDPPT_FAILED", "envtool ppt_flag=failed\n");
+  final_verdict("F_l_m_01TEST_FAILEDPPT_FAILED", "envtool ppt_flag=failed\n");
 }
 
 TEST_F(Run, PassedOutranksAFailedStep) {
@@ -166,13 +143,13 @@ TEST_F(Run, PassedOutranksAFailedStep) {
 }
 
 TEST_F(Run, FailedStepMarksTheBoardBeforeItIsPassedOn) {
+  const FakeBoard board;
   InNetwork station;
-  const FakeEnvtool envtool;
   UdpPeer ppt = station.ppt_server();
   station.boots();
   station.unit_reads_verdict("F_l_m_01TEST_FAILED");
   ppt.expects(rrq("F_l_m_01CPU_2_TEST_FAILED"));
-  EXPECT_EQ(envtool.log(), "ppt_flag=failed\n");
+  EXPECT_EQ(board.calls(), "envtool ppt_flag=failed\n");
   EXPECT_EQ(station.daemon->exit_status(milliseconds(0)), Daemon::kStillRunning);
 }
 

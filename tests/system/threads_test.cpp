@@ -41,7 +41,7 @@ class Threads : public testing::Test {
       unit.sends(tftp::rrq("file"));
       unit.expects(tftp::data(1, "contents"));
       unit.sends(tftp::ack(1));
-      ASSERT_TRUE(eventually([this] { return status_number("Threads") == 1; }));
+      ASSERT_TRUE(wait_until([this] { return status_number("Threads") == 1; }));
     }
   }
 
@@ -87,7 +87,7 @@ TEST_F(Threads, HaveSmallStacks) {
     units.back()->sends(tftp::rrq("file"));
     units.back()->expects(tftp::data(1, "contents"));
   }
-  EXPECT_TRUE(eventually([this] { return status_number("Threads") == 1 + kOpenTransfers; }));
+  EXPECT_TRUE(wait_until([this] { return status_number("Threads") == 1 + kOpenTransfers; }));
   EXPECT_LT(status_number("VmSize") - before, kOpenTransfers * kMostKiBPerTransfer);
 }
 

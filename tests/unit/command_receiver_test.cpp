@@ -35,7 +35,7 @@ TEST(CommandReceiver, ConnectionThatIsFoundReadableAgainBeginsWithAnEmptyBuffer)
   {
     const Fault nothing_there(Call::kRecv, EAGAIN, 2);
     peer.sends("hello world");
-    ASSERT_TRUE(eventually([&] { return nothing_there.struck() == 1; }));
+    ASSERT_TRUE(wait_until([&] { return nothing_there.struck() == 1; }));
   }
   peer.expects("hello world");
   peer.asks("HEY", "HEY");
@@ -128,7 +128,7 @@ TEST(CommandReceiver, HundredConnectionsLeaveNoDescriptorOpen) {
   Receiver receiver;
   const int before = open_descriptors();
   for (int i = 0; i < 100; ++i) receiver.is_asked("hello", "hello");
-  EXPECT_TRUE(eventually([&] { return open_descriptors() == before; }));
+  EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; }));
 }
 
 TEST(CommandReceiver, AcceptsUntilNoConnectionIsLeft) {
@@ -255,7 +255,7 @@ TEST(CommandReceiver, NextConnectionOfThePassFollowsOneThatHasNothingToRead) {
   board.holds(FakeBoard::kEnvtool);
   const TcpPeer holding = receiver.connection();
   holding.sends("ZIRN_ASKS_FOR_HIS_MAC");
-  ASSERT_TRUE(eventually([&] { return !board.calls().empty(); }));
+  ASSERT_TRUE(wait_until([&] { return !board.calls().empty(); }));
   first.sends("first");
   second.sends("second");
   holding.ends_its_texts();

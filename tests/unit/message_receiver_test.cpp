@@ -303,7 +303,7 @@ TEST_F(MessageReceiver, ThreadIsGivenTheRecordAndItsCreatorsSignalMask) {
   EXPECT_TRUE(server.StartReceive(kLocal, kRemote, ppt_server.port()));
   EXPECT_TRUE(server.receiving);
   EXPECT_NE(server.receiver_thread, 0U);
-  ASSERT_TRUE(eventually([] { return receiver.starts == 1; }));
+  ASSERT_TRUE(wait_until([] { return receiver.starts == 1; }));
   EXPECT_EQ(receiver.record, &server);
   EXPECT_TRUE(receiver.has_its_handle);
   EXPECT_TRUE(receiver.has_default_attributes);
@@ -335,7 +335,7 @@ TEST_F(MessageReceiver, IsIdleAgainAfterAStopThatWaitsForNobody) {
   EXPECT_FALSE(server.receiving);
   EXPECT_NE(server.receiver_thread, 0U);
   receiver.may_end = true;
-  EXPECT_TRUE(eventually([&] { return server.receiver_thread == 0; }));
+  EXPECT_TRUE(wait_until([&] { return server.receiver_thread == 0; }));
   close(server.receive_socket);
   EXPECT_TRUE(server.StartReceive(kLocal, kRemote, ppt_server.port()));
 }

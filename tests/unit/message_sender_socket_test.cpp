@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <string>
 
 #include "message_server/message_server.h"
+#include "stage/network_namespace.h"
 #include "support/captured_output.h"
 #include "support/descriptors.h"
 #include "support/fault.h"
@@ -56,9 +58,9 @@ class ProtocolsFile {
  public:
   explicit ProtocolsFile(const std::string& contents) {
     write_whole_file("protocols", contents);
-    sandbox::run("mount --bind " + scratch_.file("protocols") + " /etc/protocols");
+    EXPECT_EQ(mount(scratch_.file("protocols").c_str(), "/etc/protocols", nullptr, MS_BIND, nullptr), 0);
   }
-  ~ProtocolsFile() { sandbox::run("umount /etc/protocols"); }
+  ~ProtocolsFile() { umount("/etc/protocols"); }
   ProtocolsFile(const ProtocolsFile&) = delete;
   ProtocolsFile& operator=(const ProtocolsFile&) = delete;
 
@@ -145,7 +147,7 @@ TEST_F(MessageSenderSocket, ThePortIsPrintedInTheStreamsNumberFormat) {
 }
 
 TEST_F(MessageSenderSocket, AnInterfaceNameOf16CharactersOrMoreIsCut) {
-  sandbox::run("ip address add 172.41.0.1/24 broadcast 172.41.0.255 label lan0:0123456789 dev lan0");
+  ip("address add 172.41.0.1/24 broadcast 172.41.0.255 label lan0:0123456789 dev lan0");
   for (const std::string more : {"A", "ABCDEFGHIJKLMNOPQRSTUVWXYZ"}) {
     const CapturedOutput lines;
     MessageServer other(kMessagePort);

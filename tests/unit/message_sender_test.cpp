@@ -224,10 +224,10 @@ TEST_F(MessageSender, AFailureToSendIsReportedAndTheNextSendFollows) {
   ASSERT_TRUE(start(server, 2, "boot"));
   peer.expects("boot");
   EXPECT_GE(watch.elapsed(), milliseconds(1000));
-  EXPECT_TRUE(eventually([&] { return server.sender_thread == 0; }));
+  EXPECT_TRUE(wait_until([&] { return server.sender_thread == 0; }));
   const std::string expected = SpoilingOutput::flushed_lines(
       "Error in \"sendto\":  the reason is No buffer space available\nSender proc stopped!!!\n");
-  EXPECT_TRUE(eventually([&] { return spoiled.text().size() >= expected.size(); }));
+  EXPECT_TRUE(wait_until([&] { return spoiled.text().size() >= expected.size(); }));
   EXPECT_EQ(spoiled.text(), expected);
 }
 
@@ -319,7 +319,7 @@ TEST_F(MessageSender, ThreadClearsItsHandleBeforeItPrintsAndTouchesTheRecordNoMo
       mprotect(storage, page, PROT_NONE);
     });
     ASSERT_TRUE(start(*other, 0, "boot"));
-    ASSERT_TRUE(eventually([&] { return spoiled.text() == SpoilingOutput::flushed_lines(kStopped); }));
+    ASSERT_TRUE(wait_until([&] { return spoiled.text() == SpoilingOutput::flushed_lines(kStopped); }));
     ASSERT_EQ(pthread_join(thread, nullptr), 0);
   }
   EXPECT_EQ(handle_when_printing, 0U);

@@ -111,7 +111,7 @@ TEST_F(MessageRelay, ThreadIsGivenTheRecordWithTheTwoAddresses) {
   EXPECT_TRUE(server->udp_running);
   EXPECT_EQ(server->udp_local_ip, "172.40.0.1");
   EXPECT_EQ(server->udp_remote_ip, "172.30.0.254");
-  ASSERT_TRUE(eventually([] { return relay.has_ended.load(); }));
+  ASSERT_TRUE(wait_until([] { return relay.has_ended.load(); }));
   EXPECT_EQ(relay.record, server);
   EXPECT_TRUE(relay.has_its_handle);
   EXPECT_TRUE(relay.has_default_attributes);
@@ -134,14 +134,14 @@ TEST_F(MessageRelay, EndsAtItsNextCheckWhenTheOwnerClearsTheFlag) {
   relay.may_end = false;
   MessageServer server(kMessagePort);
   ASSERT_TRUE(server.StartUDPServer("172.40.0.1", "172.30.0.254"));
-  ASSERT_TRUE(eventually([] { return relay.flag_reads > 0; }));
+  ASSERT_TRUE(wait_until([] { return relay.flag_reads > 0; }));
   server.udp_running = false;
   std::this_thread::sleep_for(milliseconds(50));
   const int reads = relay.flag_reads;
   std::this_thread::sleep_for(milliseconds(50));
   EXPECT_EQ(relay.flag_reads, reads);
   relay.may_end = true;
-  EXPECT_TRUE(eventually([] { return relay.has_ended.load(); }));
+  EXPECT_TRUE(wait_until([] { return relay.has_ended.load(); }));
 }
 
 TEST_F(MessageRelay, IsForgottenWhenItsThreadCouldNotBeCreated) {
@@ -223,20 +223,20 @@ TEST_F(MessageServerEnd, StopsTheSenderAndWaitsForItThenTheReceiver) {
     ended = true;
   });
 
-  EXPECT_TRUE(eventually([&] { return !server->sending; }));
+  EXPECT_TRUE(wait_until([&] { return !server->sending; }));
   std::this_thread::sleep_for(milliseconds(150));
   EXPECT_TRUE(server->receiving);
   EXPECT_FALSE(ended);
 
   server->sender_thread = 0;
-  EXPECT_TRUE(eventually([&] { return !server->receiving; }, std::chrono::seconds(2)));
+  EXPECT_TRUE(wait_until([&] { return !server->receiving; }, std::chrono::seconds(2)));
   std::this_thread::sleep_for(milliseconds(150));
   EXPECT_FALSE(ended);
   EXPECT_FALSE(senders.is_closed() || receivers.is_closed());
   EXPECT_EQ(output.text(), "");
 
   server->receiver_thread = 0;
-  EXPECT_TRUE(eventually([&] { return ended.load(); }, std::chrono::seconds(2)));
+  EXPECT_TRUE(wait_until([&] { return ended.load(); }, std::chrono::seconds(2)));
   owner.join();
   EXPECT_TRUE(senders.is_closed() && receivers.is_closed());
   EXPECT_EQ(output.text(), kShutDown);
@@ -251,7 +251,7 @@ TEST_F(MessageServerEnd, LooksEvery50MillisecondsWhetherAThreadHasEnded) {
     server->sending = true;
     server->sender_thread = pthread_self();
     std::thread owner([&] { delete server; });
-    EXPECT_TRUE(eventually([&] { return !server->sending; }));
+    EXPECT_TRUE(wait_until([&] { return !server->sending; }));
     const Stopwatch watch;
     server->sender_thread = 0;
     owner.join();
@@ -323,14 +323,14 @@ TEST_F(MessageServerEnd, NeitherStopsTheRelayNorWaitsForIt) {
   relay.may_end = false;
   auto* const server = new MessageServer(kMessagePort);
   ASSERT_TRUE(server->StartUDPServer("172.40.0.1", "172.30.0.254"));
-  ASSERT_TRUE(eventually([] { return relay.flag_reads > 0; }));
+  ASSERT_TRUE(wait_until([] { return relay.flag_reads > 0; }));
   delete server;
   EXPECT_EQ(output.text(), kShutDown);
   EXPECT_FALSE(relay.has_ended);
   const int reads = relay.flag_reads;
-  EXPECT_TRUE(eventually([&] { return relay.flag_reads > reads + 20; }));
+  EXPECT_TRUE(wait_until([&] { return relay.flag_reads > reads + 20; }));
   relay.may_end = true;
-  EXPECT_TRUE(eventually([] { return relay.has_ended.load(); }));
+  EXPECT_TRUE(wait_until([] { return relay.has_ended.load(); }));
 }
 
 // Storage that belongs to the test, and is overwritten as soon as the record in it has gone.
@@ -354,11 +354,11 @@ TEST_F(MessageServerEnd, LeavesTheRelayNothingToTouch) {
   OwnStorage storage;
   MessageServer* const server = storage.make();
   ASSERT_TRUE(server->StartUDPServer("172.40.0.1", "172.30.0.254"));
-  ASSERT_TRUE(eventually([] { return relay.flag_reads > 0; }));
+  ASSERT_TRUE(wait_until([] { return relay.flag_reads > 0; }));
   server->~MessageServer();
   storage.overwrite();
   relay.may_end = true;
-  ASSERT_TRUE(eventually([] { return relay.has_ended.load(); }));
+  ASSERT_TRUE(wait_until([] { return relay.has_ended.load(); }));
   EXPECT_TRUE(storage.is_untouched());
 }
 

@@ -15,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "stage/network_namespace.h"
 #include "support/client_record.h"
 #include "support/fault.h"
 #include "support/sandbox.h"
@@ -288,7 +289,7 @@ TEST_F(VerdictWithAlarm, DuringTheQueryIsForgottenWithMessageService) {
 
 TEST_F(Verdict, StartsTheCommandReceiverOnTheTestNetwork) {
   NEEDS_SANDBOX();
-  sandbox::run("ip address add 172.40.0.1/32 dev lo");
+  ip("address add 172.40.0.1/32 dev lo");
   const int ppt_listener = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = loopback(0);
   socklen_t length = sizeof address;
@@ -310,7 +311,7 @@ TEST_F(Verdict, StartsTheCommandReceiverOnTheTestNetwork) {
   EXPECT_EQ(ntohs(receives_on.sin_port), port);
   EXPECT_EQ(run(), "running, exit code 0, message service");
   close(ppt_listener);
-  sandbox::run("ip address del 172.40.0.1/32 dev lo");
+  ip("address del 172.40.0.1/32 dev lo");
 }
 
 std::atomic<int> signals_handled{0};

@@ -78,7 +78,7 @@ TEST_F(TftpServerLoop, GivesARecordNoTransferStateOfItsOwn) {
   // After the request itself.
   const Fault no_first_block(Call::kSendto, ENOBUFS, 2);
   asks(rrq("file"));
-  EXPECT_TRUE(eventually([&] { return no_thread.struck() == 1; }));
+  EXPECT_TRUE(wait_until([&] { return no_thread.struck() == 1; }));
   EXPECT_EQ(record(1)->transfer_state, 0);
 }
 
@@ -196,7 +196,7 @@ TEST_F(TftpServerLoop, ReleasesEverythingWhenThreadCreationReturnsMinusOne) {
   const int before = open_descriptors();
   asks(rrq("three blocks"));
   unit->expects(data(1, noise(512)));
-  EXPECT_TRUE(eventually([&] { return clients_kept() == 0; }));
+  EXPECT_TRUE(wait_until([&] { return clients_kept() == 0; }));
   EXPECT_EQ(no_thread.struck(), 1);
   EXPECT_EQ(open_descriptors(), before);
   serves_client(2);

@@ -78,7 +78,7 @@ TEST_F(TftpServerLoop, StartsRelayAndBroadcastAndArmsTheAlarm) {
   const std::string printed = printed_by([&] {
     const Stopwatch since_start;
     starts(new_server("127.0.0.1", "172.30.0.254"));
-    ASSERT_TRUE(eventually([] { return seconds_until_alarm() > 0; }));
+    ASSERT_TRUE(wait_until([] { return seconds_until_alarm() > 0; }));
     const double rest = seconds_until_alarm();
     const std::chrono::duration<double> elapsed = since_start.elapsed() + std::chrono::milliseconds(1);
     EXPECT_LE(rest, 10);
@@ -97,9 +97,9 @@ TEST_F(TftpServerLoop, SetsTheTimeoutFlagTenSecondsAfterTheBroadcastStartedAndSe
   const TestNetwork network;
   const Stopwatch since_start;
   starts(new_server());
-  EXPECT_TRUE(eventually([] { return seconds_until_alarm() > 0; }));
+  EXPECT_TRUE(wait_until([] { return seconds_until_alarm() > 0; }));
   EXPECT_FALSE(_bTimeoutFlag);
-  EXPECT_TRUE(eventually([] { return _bTimeoutFlag; }, std::chrono::seconds(20)));
+  EXPECT_TRUE(wait_until([] { return _bTimeoutFlag; }, std::chrono::seconds(20)));
   EXPECT_GE(since_start.elapsed(), std::chrono::seconds(10));
   serves_client(1);
 }
@@ -109,7 +109,7 @@ TEST_F(TftpServerLoop, StartsTheRelayBeforeTheBroadcast) {
   const Fault no_relay(Call::kThread, -1, 2);  // the first thread is Start's own
   const std::string printed = printed_by([&] {
     starts(new_server());
-    EXPECT_TRUE(eventually([] { return seconds_until_alarm() > 0; }));
+    EXPECT_TRUE(wait_until([] { return seconds_until_alarm() > 0; }));
     started->ends();
   });
   EXPECT_EQ(printed, std::string(kStarted) + " Can't create UDP receiver thread\n" + kSenderInitialized);
@@ -117,7 +117,7 @@ TEST_F(TftpServerLoop, StartsTheRelayBeforeTheBroadcast) {
 
 TEST_F(TftpServerLoop, ArmsNoAlarmWhenTheBroadcastCannotBePrepared) {
   // The relay has its address, the broadcast has no interface.
-  sandbox::run("ip address add 172.40.0.1/24 dev lo");
+  ip("address add 172.40.0.1/24 dev lo");
   const std::string printed = printed_by([&] {
     starts(new_server());
     serves_client(1);
@@ -180,7 +180,7 @@ TEST_F(TftpServerLoop, IgnoresAFailedReceive) {
   const Fault no_datagrams(Call::kRecvfrom, ECONNREFUSED, 1, 3);
   const std::string printed = printed_by([&] {
     starts();
-    EXPECT_TRUE(eventually([&] { return no_datagrams.struck() == 3; }));
+    EXPECT_TRUE(wait_until([&] { return no_datagrams.struck() == 3; }));
     EXPECT_EQ(ServerClient::sClientID, 0);
     serves_client(1);
     started->ends();
@@ -202,7 +202,7 @@ TEST_F(TftpServerLoop, ReturnsAfterTheFinalVerdict) {
 }
 
 TEST_F(TftpServerLoop, DeletesTheMessageServiceOnceThroughVerdictStopAndDeletion) {
-  sandbox::run("ip address add 172.40.0.1/24 dev lo");
+  ip("address add 172.40.0.1/24 dev lo");
   const std::string printed = printed_by([&] {
     starts(new_server());
     asks(rrq("F_l_m_01PPT_PASSED"));

@@ -70,7 +70,7 @@ class Relay {
   }
   // Waits until datagrams are heard.
   static bool listens() {
-    return eventually([] { return listener() != -1; });
+    return wait_until([] { return listener() != -1; });
   }
   static UdpPeer unit() {
     EXPECT_TRUE(listens());
@@ -216,7 +216,7 @@ TEST_F(UdpRelayAtWork, FailureOfTheForwardingIsReportedAndTheNextDatagramIsPasse
     // The first sendto is the unit's own.
     const Fault no_route(Call::kSendto, EHOSTUNREACH, 2);
     unit->sends("lost");
-    ASSERT_TRUE(eventually([&] { return no_route.struck() == 1; }));
+    ASSERT_TRUE(wait_until([&] { return no_route.struck() == 1; }));
   }
   passes_on("ABC", bytes("ABC\0"));
   EXPECT_EQ(relay->ends(), std::string("UDP:ERROR in sendto. No route to host\n") + kExited);
@@ -258,7 +258,7 @@ TEST_F(UdpRelay, UnreachableRemoteAddressIsReportedForEveryDatagram) {
   unit.sends("ABC");
   unit.sends("DEF");
   const std::string line = "UDP:ERROR in sendto. Network is unreachable\n";
-  ASSERT_TRUE(eventually([&] { return lines_of(relay.output.text()) == line + line; }))
+  ASSERT_TRUE(wait_until([&] { return lines_of(relay.output.text()) == line + line; }))
       << lines_of(relay.output.text());
 }
 

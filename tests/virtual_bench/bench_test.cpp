@@ -125,17 +125,18 @@ TEST_F(Bench, PlaysOneScenarioTwiceAtATime) {
   EXPECT_EQ(std::system((command + " & first=$!; " + command + " && wait $first").c_str()), 0);
 }
 
-TEST_F(Bench, WritesDownWhatThePictureIsDrawnFrom) {
+TEST_F(Bench, DrawsAndLogsWhatItKnowsOfTheRun) {
   plays(
       "# A title\nstation starts\nunit reads F_l_m_01TEST_FAILED\nstation says \"Cmd received: "
       "F_l_m_01TEST_FAILED\"\nboard keeps ppt_flag failed\nstation gets SIGKILL\nstation exits 137\n",
       "--keep");
   EXPECT_NE(result_.output.find("board    runs envtool ppt_flag=failed\n"), std::string::npos)
       << result_.output;
-  const std::string run = whole_file(results() + "/a/run");
-  for (const char* line : {"title A title\n", "name a\n", "command TFTP -o 172.40.0.1\n", "ppt_flag failed\n",
-                           "judged as the scenario says\n", "status 137\n"})
-    EXPECT_NE(run.find(line), std::string::npos) << line << run;
+  const std::string picture = whole_file(results() + "/a.svg");
+  for (const char* text : {">A title<", ">a, 20", ">TFTP -o 172.40.0.1<", ">read F_l_m_01TEST_FAILED, ",
+                           ">envtool ppt_flag=failed<", ">failed<", ">as the scenario says<",
+                           ">137 (SIGKILL)<", ">Cmd received: F_l_m_01TEST_FAILED<", ">end of the run<"})
+    EXPECT_NE(picture.find(text), std::string::npos) << text;
   const std::string log = whole_file(results() + "/a/station.log");
   constexpr std::size_t kTimeLength = sizeof "1795279068.894371" - 1;
   const std::size_t end_of_time = log.find(" Cmd received: F_l_m_01TEST_FAILED\n");
@@ -144,16 +145,78 @@ TEST_F(Bench, WritesDownWhatThePictureIsDrawnFrom) {
   std::replace_if(
       time.begin(), time.end(), [](char c) { return c >= '0' && c <= '9'; }, '0');
   EXPECT_EQ(time, "0000000000.000000") << log;
-  plays("station starts\nstation gets SIGKILL\nstation exits 2\n", "--keep");
-  EXPECT_NE(whole_file(results() + "/a/run").find("judged line 3, station exits 2: its exit status is 137\n"),
+  plays("station starts\nstation gets SIGKILL\nstation exits 2\n");
+  EXPECT_NE(whole_file(results() + "/a.svg").find(">line 3, station exits 2: its exit status is 137<"),
             std::string::npos);
 }
 
+TEST_F(Bench, DrawsDamage) {
+  plays(
+      "file a holds b\nstation starts\nunit reads a\nwire is cut for 0.5 s\nunit cannot read a\n"
+      "wire duplicates 100 %\nunit reads a\nstation gets SIGKILL\nstation exits 137\n");
+  const std::string picture = whole_file(results() + "/a.svg");
+  for (const char* text : {">cable pulled, 0.5 s<", ">lost<", "duplicated<"})
+    EXPECT_NE(picture.find(text), std::string::npos) << text << result_.output;
+}
+
+// However the options are written, and whatever counts of the numbers.
+TEST_F(Bench, IsAtTheStationsPorts) {
+  const Result& result = plays(
+      "file bootscript.txt holds \"setenv bootdelay 1\\r\\n\"\n"
+      "station starts with \"-n 70 --msgport=4000 -p 65607 -s=172.30.0.7\"\n"
+      "unit hears the boot script\nunit obeys the boot script\nppt hears F_l_m_t_CPU_2_Bootstrap_loading\n"
+      "ppt is connected\nunit asks ZIRN_ASKS_FOR_HIS_MAC expects 02:00:00:00:17:2c\n"
+      "unit sends \"line 1\"\nppt receives \"line 1\"\n"
+      "unit reads F_l_m_01PPT_PASSED\nstation exits 2\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  const std::string picture = whole_file(results() + "/a.svg");
+  for (const char* text : {">boot script", ">read bootscript.txt, ", ">read F_l_m_t_CPU_2_Bootstrap_loading",
+                           ">connects to port 4000<"})
+    EXPECT_NE(picture.find(text), std::string::npos) << text;
+}
+
+TEST_F(Bench, HasNobodyWhereTheStationLooksForAPptServerInVain) {
+  for (const std::string scenario : {"station starts with \"-s 172.31.0.7\"\n",
+                                     "ppt refuses\nstation starts with \"-s 172.30.0.7 -p 70 -m 4000\"\n"}) {
+    const Result& result = plays(scenario +
+                                 "unit reads F_l_m_01STEP\nppt has not heard F_l_m_01CPU_2_STEP\n"
+                                 "unit asks A in vain\nstation gets SIGKILL\nstation exits 137\n");
+    EXPECT_EQ(result.status, 0) << result.output;
+  }
+}
+
+struct Verdict {
+  const char* read;
+  const char* said;
+};
+void PrintTo(const Verdict& verdict, std::ostream* out) {
+  *out << verdict.read;
+}
+class BenchVerdict : public Bench, public testing::WithParamInterface<Verdict> {};
+
+TEST_P(BenchVerdict, IsSaidAtTheEnd) {
+  const std::string scenario = "station starts\nunit reads " + std::string(GetParam().read) +
+                               "\nstation gets SIGKILL\nstation exits 137\n";
+  EXPECT_NE(plays(scenario).output.find("\n" + std::string(GetParam().said) + "\na "), std::string::npos)
+      << result_.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(Bench, BenchVerdict,
+                         testing::Values(Verdict{"F_l_m_01PPT_PASSED", "the unit PASSED"},
+                                         Verdict{"F_l_m_01PPT_FAILED", "the unit FAILED"},
+                                         Verdict{"F_l_m_01TEST_FAILED", "the unit gave no final verdict"}));
+
 TEST_F(Bench, EndsEveryDamageWhenTheWireIsWhole) {
   const Result& result = plays(
-      "file a holds b\nstation starts\nwire loses 100 %\nunit cannot read a\nwire is whole\n"
-      "unit reads a\nwire is cut for 3600 s\nunit cannot read a\nstation gets SIGKILL\nstation exits 137\n");
+      "file a holds b\nstation starts\nwire loses 100 %\nunit cannot read a\n"
+      "wire duplicates 100 %\nwire swaps 100 %\nwire delays 5000 ms\nwire is whole\n"
+      "unit reads a\nwire is cut for 3600 s\nunit cannot read a\nstation gets SIGKILL\nstation exits 137\n",
+      "--keep");
   EXPECT_EQ(result.status, 0) << result.output;
+  const std::string fates = whole_file(results() + "/a/fates");
+  EXPECT_NE(fates.find(" lost\n"), std::string::npos);
+  for (const char* fate : {" duplicated\n", " swapped\n"})
+    EXPECT_EQ(fates.find(fate), std::string::npos) << fates;
 }
 
 struct Damage {
@@ -170,12 +233,12 @@ TEST_P(BenchDamage, IsWhatTheScenarioSays) {
             "\nunit reads a\nstation gets SIGKILL\nstation exits 137\n",
         "--keep");
   const std::string fates = whole_file(results() + "/a/fates");
-  for (const char* fate : {" doubled\n", " swapped\n"})
+  for (const char* fate : {" duplicated\n", " swapped\n"})
     EXPECT_EQ(fates.find(fate) != std::string::npos, fate == std::string(GetParam().fate)) << fates;
 }
 
 INSTANTIATE_TEST_SUITE_P(Bench, BenchDamage,
-                         testing::Values(Damage{"duplicates 50 %", " doubled\n"},
+                         testing::Values(Damage{"duplicates 50 %", " duplicated\n"},
                                          Damage{"swaps 50 %", " swapped\n"}));
 
 // A silent PPT server costs the verdict's station five seconds.
@@ -191,7 +254,7 @@ TEST_F(Bench, HasAPptServerThatIsSilent) {
 
 TEST_F(Bench, TriesAsOftenAsItIsTold) {
   EXPECT_EQ(goes_wrong("station starts\nunit reads a tries 2\n"),
-            "WRONG: line 2, unit reads a tries 2: a was not read");
+            "WRONG: line 2, unit reads a tries 2: a was not read: ERROR 1, File not found");
   const std::size_t first = result_.output.find("unit     reads a\n");
   const std::size_t second = result_.output.find("unit     reads a\n", first + 1);
   ASSERT_NE(second, std::string::npos) << result_.output;
@@ -235,9 +298,9 @@ TEST_F(Bench, LeavesItsResultsBesideTheBoardsRamDisk) {
 }
 
 TEST_F(Bench, TakesALinkThatCannotBeForWrong) {
-  EXPECT_NE(
-      goes_wrong("board link is called a-name-that-is-too-long\nstation starts\n").find("no wire: wire: "),
-      std::string::npos);
+  EXPECT_NE(goes_wrong("board link is called a-name-that-is-too-long\nstation starts\n")
+                .find("expected a device name of 1 to 15 characters"),
+            std::string::npos);
 }
 
 TEST_F(Bench, SeesAnotherExitStatus) {
@@ -284,12 +347,19 @@ TEST_F(Bench, SeesThatTheStationDoesNotStart) {
 }
 
 TEST_F(Bench, MissesALineOfTheStation) {
-  EXPECT_EQ(goes_wrong("station starts\nstation says Serve\n"),
-            "WRONG: line 2, station says Serve: the station did not");
+  EXPECT_EQ(
+      goes_wrong("station starts\nstation says \"Server started, waiting for connection\"\n"),
+      "WRONG: line 2, station says \"Server started, waiting for connection\": the station did not; the "
+      "nearest that it said: \"Server started , waiting for connections\"");
+  EXPECT_EQ(calls("/bin/true " + file_with("station starts\nstation says a\n") + " " + results()).wrong(),
+            "WRONG: line 2, station says a: the station did not; it has said nothing");
 }
 
 TEST_F(Bench, SeesThatAFileIsNotRead) {
-  EXPECT_EQ(goes_wrong("station starts\nunit reads a\n"), "WRONG: line 2, unit reads a: a was not read");
+  EXPECT_EQ(goes_wrong("station starts\nunit reads a\n"),
+            "WRONG: line 2, unit reads a: a was not read: ERROR 1, File not found");
+  EXPECT_EQ(goes_wrong("file a holds b\nstation starts\nwire loses 100 %\nunit reads a\n"),
+            "WRONG: line 4, unit reads a: a was not read: no answer came from the station");
 }
 
 TEST_F(Bench, SeesThatAFileIsReadAgainstExpectation) {
@@ -307,7 +377,7 @@ TEST_F(Bench, ComparesWhatArrivesWithWhatIsServed) {
 
 TEST_F(Bench, ReadsFilesOfOtherFolders) {
   const Result& result = plays(
-      "station starts\nunit reads /proc/sys/kernel/ostype\nunit reads ../board/tool_status\n"
+      "station starts\nunit reads /proc/sys/kernel/ostype\nunit reads ../board/t1-e1.status\n"
       "station gets SIGTERM\nstation exits 15\n");
   EXPECT_EQ(result.status, 0) << result.output;
 }
@@ -330,7 +400,9 @@ TEST_F(Bench, SaysThatNothingWasOnTheNetwork) {
   EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"}));
   const std::string output = plays("file a holds b\n").output;
   EXPECT_EQ(result_.status, 0);
-  EXPECT_EQ(output, "a went as the scenario says: results/a.svg, nothing was on the network\n");
+  EXPECT_EQ(output,
+            "the unit gave no final verdict\na went as the scenario says: results/a.svg, nothing was on the "
+            "network\n");
   EXPECT_EQ(left(), (std::set<std::string>{"a.svg"}));
 }
 
@@ -340,10 +412,19 @@ TEST_F(Bench, RenamesTheLinkOnlyBeforeAnythingStarts) {
             "anything starts");
 }
 
-TEST_F(Bench, TellsThePptServerTextsOfOneLineOnly) {
-  EXPECT_EQ(
-      goes_wrong("ppt answers ERROR 0 \"a\\nb\"\n"),
-      "WRONG: line 1, ppt answers ERROR 0 \"a\\nb\": it is told by the line; expected a text of one line");
+TEST_F(Bench, NamesItsResultsForWhoeverCalledIt) {
+  const std::string command = "PWD_OF_CALLER=" + results() + "/folder " BENCH_PROGRAM " " TFTP_PROGRAM " " +
+                              file_with("file a holds b\n") + " " + results();
+  EXPECT_EQ(runs(command).output,
+            "the unit gave no final verdict\na went as the scenario says: ../a.svg, nothing was on the "
+            "network\n");
+}
+
+TEST_F(Bench, HasAPptServerThatAnswersErrorsOfSeveralLines) {
+  const Result& result = plays(
+      "ppt answers ERROR 0 \"one\\ntwo\"\nstation starts\nunit reads F_l_m_01STEP\n"
+      "station says \"Error message: one\"\nstation says two\nstation gets SIGKILL\nstation exits 137\n");
+  EXPECT_EQ(result.status, 0) << result.output;
 }
 
 TEST_F(Bench, WantsAReadThatWasBegunToEnd) {
@@ -363,9 +444,9 @@ TEST_F(Bench, SaysThatAndHowTheStationEndedAsItHappens) {
   fs::permissions(station, fs::perms::owner_all);
   const std::string scenario = file_with("station starts\nstation says two\nunit reads a timeout 1\n");
   EXPECT_EQ(calls(station + " " + scenario + " " + results()).wrong(),
-            "WRONG: line 3, unit reads a timeout 1: a was not read");
+            "WRONG: line 3, unit reads a timeout 1: a was not read: no answer came from the station");
   const std::size_t last_line = result_.output.find("station  | two\n");
-  const std::size_t end = result_.output.find("station  ends with exit status 139\n");
+  const std::size_t end = result_.output.find("station  ends: 139\n");
   ASSERT_NE(last_line, std::string::npos) << result_.output;
   ASSERT_NE(end, std::string::npos) << result_.output;
   EXPECT_LT(last_line, end);
@@ -376,12 +457,15 @@ TEST_F(Bench, SeesAnotherReply) {
   EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nunit asks ZIRN_ASKS_FOR_HIS_MAC expects "
                        "02:00:00:00:00:01\n"),
             "WRONG: line 3, unit asks ZIRN_ASKS_FOR_HIS_MAC expects 02:00:00:00:00:01: it was told "
-            "02:00:00:00:00:03");
+            "02:00:00:00:17:2c");
 }
 
 TEST_F(Bench, SeesThatNobodyReplies) {
   EXPECT_EQ(goes_wrong("station starts\nunit asks A expects A\n"),
-            "WRONG: line 2, unit asks A expects A: nobody answered");
+            "WRONG: line 2, unit asks A expects A: every connection was refused");
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nppt is connected\nwire loses 100 %\n"
+                       "unit asks A expects A\n"),
+            "WRONG: line 5, unit asks A expects A: the connection was neither taken nor refused");
 }
 
 TEST_F(Bench, SeesAReplyThatWasNotToCome) {
@@ -394,6 +478,11 @@ TEST_F(Bench, MissesWhatThePptServerWasToHear) {
             "WRONG: line 3, ppt hears F_l_m_01STEP: the PPT server has not heard F_l_m_01STEP");
   EXPECT_EQ(goes_wrong("station starts\nppt is connected\n"),
             "WRONG: line 2, ppt is connected: the PPT server has not connected");
+}
+
+TEST_F(Bench, SeesThatThePptServerHeardWhatItWasNotTo) {
+  EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nppt has not heard F_l_m_01CPU_2_STEP\n"),
+            "WRONG: line 3, ppt has not heard F_l_m_01CPU_2_STEP: it has");
 }
 
 TEST_F(Bench, MissesARelayedDatagram) {
@@ -413,8 +502,9 @@ TEST_F(Bench, SeesWhatTheBoardRanAndKeeps) {
 }
 
 TEST_F(Bench, SeesABootScriptThatWasNotToCome) {
-  EXPECT_EQ(goes_wrong("station starts\nunit hears nothing for 3 s\n").substr(0, 78),
-            "WRONG: line 2, unit hears nothing for 3 s: it heard ZIRN install boot script\r");
+  EXPECT_EQ(goes_wrong("station starts\nunit hears nothing for 3 s\n"),
+            "WRONG: line 2, unit hears nothing for 3 s: it heard 231 bytes that begin \"ZIRN install boot "
+            "script\"");
 }
 
 TEST_F(Bench, MissesTheBootScript) {

@@ -1,3 +1,5 @@
+#include "picture/picture.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,8 +10,8 @@
 #include "picture/capture.h"
 #include "picture/packet.h"
 #include "picture/page.h"
+#include "picture/record.h"
 #include "picture/rows.h"
-#include "picture/run_folder.h"
 #include "picture/story.h"
 #include "picture/svg.h"
 #include "support/tftp_bytes.h"
@@ -22,6 +24,7 @@ using picture::Box;
 using picture::Event;
 using picture::Lane;
 using picture::Pen;
+using picture::RunRecord;
 using picture::Sheet;
 using picture::Text;
 using Lines = std::vector<std::string>;
@@ -33,15 +36,21 @@ constexpr MadeCapture::End kCommandPort{MadeCapture::kStation, 12345};
 constexpr MadeCapture::End kAsking{MadeCapture::kStationAtPpt, 40000};
 constexpr MadeCapture::End kPpt{MadeCapture::kPptServer, 69};
 constexpr MadeCapture::End kPptMessages{MadeCapture::kPptServer, 12345};
-constexpr char kStart[] = "start 1700000000.000000\n";
+constexpr picture::Microseconds kStart = 1700000000000000;
+constexpr picture::Fate kLost{true, false, false};
+constexpr picture::Fate kDuplicated{false, true, false};
+constexpr picture::Fate kSwapped{false, false, true};
 
-// The files of a run folder, as text.
-struct Files {
-  std::string run = kStart;
-  std::string station_log;
-  std::string board_log;
-  std::string fates;
-};
+// A moment of the run.
+constexpr picture::Microseconds at(double seconds) {
+  return kStart + static_cast<picture::Microseconds>(seconds * 1e6 + 0.5);
+}
+
+RunRecord started_run() {
+  RunRecord run;
+  run.start = kStart;
+  return run;
+}
 
 struct Drawing {
   std::vector<Event> rows;
@@ -49,18 +58,13 @@ struct Drawing {
   std::string svg;
 };
 
-Drawing draw(const std::string& contents, const Files& files = Files()) {
-  picture::RunFolder run;
-  run.facts = picture::facts_in(files.run);
-  run.station_lines = picture::timed_lines_in(files.station_log);
-  run.board_calls = picture::timed_lines_in(files.board_log);
-  run.fates = picture::fates_in(files.fates);
-  const picture::Capture capture = picture::read_capture(contents);
-  const auto story = picture::story_of(picture::packets_in(capture, run.fates), run);
+Drawing draw(const std::string& capture, RunRecord run = started_run()) {
+  run.capture = capture;
   Drawing drawing;
-  drawing.rows = picture::rows_of(story, picture::time_in(picture::fact(run, "end")));
+  const auto packets = picture::packets_in(picture::read_capture(run.capture), run.fates);
+  drawing.rows = picture::rows_of(picture::story_of(packets, run), run.end);
   drawing.sheet = picture::page_of(drawing.rows, run);
-  drawing.svg = picture::svg_of(drawing.sheet);
+  drawing.svg = picture::picture_of(run);
   return drawing;
 }
 
@@ -202,18 +206,22 @@ MadeCapture busy_capture() {
   return capture;
 }
 
-Files busy_files() {
-  Files files;
-  files.run = std::string(kStart) + "end 1700000060.5\ntitle " + std::string(250, 'T') +
-              "\nname busy\nstatus 2\nppt_flag failed\n" + "judged " + std::string(400, 'j') +
-              "\ncommand TFTP -o 172.40.0.1\n";
-  files.station_log = "1700000000.100000 " + std::string(200, 'l') + "\n" +
-                      "1700000000.510000 RRQ a name with blanks that is long enough to need a second line\n" +
-                      "1700000007.000500 Cmd received: F_l_m_01TEST_FAILED\n";
-  files.board_log = "1700000007.000700 envtool ppt_flag=failed\n";
-  files.fates =
-      "7 lost\n20 lost\n21 doubled\n90 swapped\n95 lost\n1 lost\ncut 1700000000.520000 1700000000.560000\n";
-  return files;
+RunRecord busy_run() {
+  RunRecord run = started_run();
+  run.end = at(60.5);
+  run.title = std::string(250, 'T');
+  run.name = "busy";
+  run.exit_status = {2, 0};
+  run.ppt_flag = "failed";
+  run.judged = std::string(400, 'j');
+  run.command = "TFTP -o 172.40.0.1";
+  run.station_lines = {{at(0.1), std::string(200, 'l')},
+                       {at(0.51), "RRQ a name with blanks that is long enough to need a second line"},
+                       {at(7.0005), "Cmd received: F_l_m_01TEST_FAILED"}};
+  run.board_calls = {{at(7.0007), "envtool ppt_flag=failed"}};
+  run.fates.of_frame = {{7, kLost}, {20, kLost}, {21, kDuplicated}, {90, kSwapped}, {95, kLost}, {1, kLost}};
+  run.fates.cuts = {{at(0.52), at(0.56)}};
+  return run;
 }
 
 }  // namespace
@@ -262,30 +270,6 @@ TEST(PictureCapture, AnythingElseHasNoFrames) {
   }
 }
 
-TEST(PictureFacts, TimesAreReadToTheMicrosecond) {
-  EXPECT_EQ(picture::time_in("1700000000.123456"), 1700000000123456);
-  EXPECT_EQ(picture::time_in("1700000000.1234569"), 1700000000123456);
-  EXPECT_EQ(picture::time_in("5"), 5000000);
-  EXPECT_EQ(picture::time_in("5.5"), 5500000);
-  for (const char* const text : {"", ".5", "-1", "1e5", "5.x", "123456789012", "12:30"}) {
-    EXPECT_EQ(picture::time_in(text), std::nullopt) << text;
-  }
-}
-
-TEST(PictureFacts, ThePortsAreTakenFromTheCommandLineInEveryForm) {
-  for (const char* const option :
-       {"-n 70 -p 71 -m 72", "-n70 -p71 -m72", "-n=70 -p=71 -m=72", "--port 70 --serverport 71 --msgport 72",
-        "--port=70 --serverport=71 --msgport=72"}) {
-    const picture::Ports ports = picture::ports_in(std::string("TFTP -o 172.40.0.1 ") + option);
-    EXPECT_EQ(ports.tftp, 70) << option;
-    EXPECT_EQ(ports.ppt, 71) << option;
-    EXPECT_EQ(ports.message, 72) << option;
-  }
-  EXPECT_EQ(picture::ports_in("").tftp, 69);
-  EXPECT_EQ(picture::ports_in("").ppt, 69);
-  EXPECT_EQ(picture::ports_in("TFTP -n").message, 12345);
-}
-
 TEST(PictureTransfers, AReadOfFewBlocksIsToldPacketByPacket) {
   MadeCapture capture;
   capture.udp(0, kUnit, kTftp, tftp::rrq("bootscript.txt", {{"blksize", "1428"}, {"timeout", "1"}}));
@@ -310,7 +294,7 @@ TEST(PictureTransfers, ALongReadIsOneBandWithItsSizes) {
   EXPECT_EQ(strokes_of(Pen::kLost, drawing) + strokes_of(Pen::kAgain, drawing), 0U);
 }
 
-TEST(PictureTransfers, WhatWasLostDoubledAndSentAgainIsCountedInTheBandAndBesideIt) {
+TEST(PictureTransfers, WhatWasLostDuplicatedAndSentAgainIsCountedInTheBandAndBesideIt) {
   MadeCapture capture;
   capture.udp(0, kUnit, kTftp, tftp::rrq("image.bin"));             // frame 1
   add_blocks(&capture, 1, 1, 3, 512);                               // 2 to 7
@@ -319,15 +303,16 @@ TEST(PictureTransfers, WhatWasLostDoubledAndSentAgainIsCountedInTheBandAndBeside
   capture.udp(501, kAnswering, kUnit, tftp::data(4, block(512)));   // 10, again
   capture.udp(502, kUnit, kAnswering, tftp::ack(4));                // 11, lost
   capture.udp(1000, kUnit, kAnswering, tftp::ack(4));               // 12, again
-  capture.udp(1001, kAnswering, kUnit, tftp::data(5, block(100)));  // 13, doubled
+  capture.udp(1001, kAnswering, kUnit, tftp::data(5, block(100)));  // 13, duplicated
   capture.udp(1002, kUnit, kAnswering, tftp::ack(5));               // 14, swapped
-  Files files;
-  files.fates = "8 lost\n11 lost\n13 doubled\n14 swapped\n";
-  const Drawing drawing = draw(capture.contents(), files);
-  EXPECT_EQ(words_in(drawing),
-            (Lines{"read image.bin", "image.bin", "2148 bytes, 5 blocks of 512 bytes", "1.001 s, 0.002 MiB/s",
-                   "in all: 1 block and 1 ACK lost, 1 block and 2 ACKs", "sent again, 1 doubled, 1 swapped",
-                   "1 lost", "1 lost, 2 again", "1 again, 1 doubled, 1 swapped"}));
+  RunRecord run = started_run();
+  run.fates.of_frame = {{8, kLost}, {11, kLost}, {13, kDuplicated}, {14, kSwapped}};
+  const Drawing drawing = draw(capture.contents(), run);
+  EXPECT_EQ(
+      words_in(drawing),
+      (Lines{"read image.bin", "image.bin", "2148 bytes, 5 blocks of 512 bytes", "1.001 s, 0.002 MiB/s",
+             "in all: 1 block and 1 ACK lost, 1 block and 2 ACKs", "sent again, 1 duplicated, 1 swapped",
+             "1 lost", "1 lost, 2 again", "1 again, 1 duplicated, 1 swapped"}));
   EXPECT_EQ(strokes_of(Pen::kLost, drawing), 2U);
 }
 
@@ -337,9 +322,9 @@ TEST(PictureTransfers, TheFragmentsOfABlockAreItsSizeAndShareItsFate) {
   capture.udp(1, kAnswering, kUnit, tftp::oack({{"blksize", "8192"}}));              // 2
   capture.udp_in_fragments(2, kAnswering, kUnit, tftp::data(1, block(8192)), 1480);  // 3 to 8
   capture.udp(3, kUnit, kAnswering, tftp::ack(1));
-  Files files;
-  files.fates = "8 lost\n";
-  const Drawing drawing = draw(capture.contents(), files);
+  RunRecord run = started_run();
+  run.fates.of_frame = {{8, kLost}};
+  const Drawing drawing = draw(capture.contents(), run);
   EXPECT_EQ(words_in(drawing), (Lines{"read image.bin, blksize 8192", "option acknowledgement, blksize 8192",
                                       "data 1, 8192 bytes", "lost", "ACK 1"}));
   EXPECT_TRUE(drawing.rows[2].fate.lost);
@@ -365,9 +350,9 @@ TEST(PictureTransfers, AReadWhoseLastBlockWasNotAcknowledgedIsNotFinished) {
   EXPECT_TRUE(says(draw(capture.contents()), "not finished"));
   capture.udp(21, kUnit, kAnswering, tftp::ack(5));  // frame 11
   EXPECT_FALSE(says(draw(capture.contents()), "not finished"));
-  Files files;
-  files.fates = "11 lost\n";
-  EXPECT_TRUE(says(draw(capture.contents(), files), "not finished"));
+  RunRecord run = started_run();
+  run.fates.of_frame = {{11, kLost}};
+  EXPECT_TRUE(says(draw(capture.contents(), run), "not finished"));
 }
 
 TEST(PictureTransfers, ABandMakesRoomForWhatBeginsMeanwhileAndForItsOwnRest) {
@@ -376,9 +361,9 @@ TEST(PictureTransfers, ABandMakesRoomForWhatBeginsMeanwhileAndForItsOwnRest) {
   add_blocks(&capture, 10, 1, 2, 512);
   add_blocks(&capture, 30, 3, 4, 512);
   add_blocks(&capture, 5033, 5, 5, 100);
-  Files files;
-  files.station_log = "1700000000.020000 RRQ image.bin\n";
-  EXPECT_EQ(words_in(draw(capture.contents(), files)),
+  RunRecord run = started_run();
+  run.station_lines = {{at(0.02), "RRQ image.bin"}};
+  EXPECT_EQ(words_in(draw(capture.contents(), run)),
             (Lines{"read image.bin", "image.bin", "2148 bytes, 5 blocks of 512 bytes", "5.024 s, 0.000 MiB/s",
                    "here blocks 1 to 2", "RRQ image.bin", "image.bin", "goes on, blocks 3 to 4",
                    "5.0 s nothing", "image.bin", "goes on, block 5"}));
@@ -388,10 +373,10 @@ TEST(PictureTransfers, ARequestThatIsRepeatedWithoutAnAnswerIsFolded) {
   MadeCapture capture;
   for (const unsigned second : {0U, 1U, 2U}) capture.udp(second * 1000, kUnit, kTftp, tftp::rrq("a"));
   capture.udp(2100, kAnswering, kUnit, tftp::error(1, ""));
-  Files files;
-  files.fates = "1 lost\n2 lost\n";
+  RunRecord run = started_run();
+  run.fates.of_frame = {{1, kLost}, {2, kLost}};
   EXPECT_EQ(
-      words_in(draw(capture.contents(), files)),
+      words_in(draw(capture.contents(), run)),
       (Lines{"read a", "lost", "read a, again, 2 times until 2.0 s, 1 lost", "error 1, no text, for a"}));
 }
 
@@ -405,15 +390,15 @@ TEST(PictureTransfers, AFinishedReadFromTheSamePortIsNoRepetition) {
   EXPECT_EQ(words_in(draw(capture.contents())).at(3), "read a");
 }
 
-TEST(PictureTransfers, TheSecondAnswerToADoubledRequestSaysWhatItIsFor) {
+TEST(PictureTransfers, TheSecondAnswerToADuplicatedRequestSaysWhatItIsFor) {
   MadeCapture capture;
   capture.udp(0, kUnit, kTftp, tftp::rrq("a"));
   capture.udp(1, kAnswering, kUnit, tftp::data(1, "x"));
   capture.udp(2, {MadeCapture::kStation, 33133}, kUnit, tftp::data(1, "x"));
-  Files files;
-  files.fates = "1 doubled\n";
-  const Drawing drawing = draw(capture.contents(), files);
-  EXPECT_EQ(words_in(drawing), (Lines{"read a, doubled", "data 1, 1 byte", "data 1, 1 byte, for a"}));
+  RunRecord run = started_run();
+  run.fates.of_frame = {{1, kDuplicated}};
+  const Drawing drawing = draw(capture.contents(), run);
+  EXPECT_EQ(words_in(drawing), (Lines{"read a, duplicated", "data 1, 1 byte", "data 1, 1 byte, for a"}));
   EXPECT_EQ(drawing.rows.size(), 3U);
 }
 
@@ -538,10 +523,10 @@ TEST(PictureConnections, TextsOfAConnectionAreQuotedBothWays) {
   capture.tcp(5, kCommandPort, client, MadeCapture::kAck, 501, "READY");
   capture.tcp(6, client, kCommandPort, MadeCapture::kAck | MadeCapture::kFin, 12);
   capture.tcp(7, kCommandPort, client, MadeCapture::kRst, 506);
-  Files files;
-  files.fates = "4 lost\n";
+  RunRecord run = started_run();
+  run.fates.of_frame = {{4, kLost}};
   EXPECT_EQ(
-      words_in(draw(capture.contents(), files)),
+      words_in(draw(capture.contents(), run)),
       (Lines{"connects to port 12345", "accepts the connection", "\"DO_PMC_INIT:7\"", "lost",
              "\"DO_PMC_INIT:7\", again", "\"READY\"", "closes the connection", "breaks the connection off"}));
 }
@@ -561,17 +546,16 @@ TEST(PictureConnections, ARefusalAndSilenceAreToldApart) {
 }
 
 TEST(PictureRows, EqualLinesOfTheStationAreFoldedFromTheThirdOn) {
-  Files files;
-  files.station_log =
-      "1700000000.1 twice\n1700000000.2 twice\n1700000000.3 thrice\n1700000000.4 thrice\n"
-      "no time\n1700000001.5 thrice\n";
-  EXPECT_EQ(words_in(draw("", files)), (Lines{"twice", "twice", "thrice x 3 until 1.5 s"}));
+  RunRecord run = started_run();
+  run.station_lines = {
+      {at(0.1), "twice"}, {at(0.2), "twice"}, {at(0.3), "thrice"}, {at(0.4), "thrice"}, {at(1.5), "thrice"}};
+  EXPECT_EQ(words_in(draw("", run)), (Lines{"twice", "twice", "thrice x 3 until 1.5 s"}));
 }
 
 TEST(PictureRows, ABoardCommandGoesFromTheStationToTheBoard) {
-  Files files;
-  files.board_log = "1700000000.1 /mnt/ramdisk/t1-e1 7 -1\n";
-  const Drawing drawing = draw("", files);
+  RunRecord run = started_run();
+  run.board_calls = {{at(0.1), "/mnt/ramdisk/t1-e1 7 -1"}};
+  const Drawing drawing = draw("", run);
   EXPECT_EQ(words_in(drawing), (Lines{"/mnt/ramdisk/t1-e1 7 -1"}));
   EXPECT_EQ(drawing.rows.at(0).source, Lane::kStation);
   EXPECT_EQ(drawing.rows.at(0).target, Lane::kBoard);
@@ -581,9 +565,10 @@ TEST(PictureRows, ACutHatchesTheTestNetworkWhileItLasts) {
   MadeCapture capture;
   capture.udp(1000, kUnit, kTftp, tftp::rrq("a"));
   capture.udp(2500, kUnit, kTftp, tftp::rrq("b"));
-  Files files;
-  files.fates = "cut 1700000000.500000 1700000002.000000\n1 lost\n";
-  const Drawing drawing = draw(capture.contents(), files);
+  RunRecord run = started_run();
+  run.fates.of_frame = {{1, kLost}};
+  run.fates.cuts = {{at(0.5), at(2)}};
+  const Drawing drawing = draw(capture.contents(), run);
   EXPECT_EQ(words_in(drawing), (Lines{"cable pulled, 1.5 s", "read a", "lost", "read b"}));
   const std::vector<Box> hatched = areas_of(Area::Paint::kCut, drawing);
   ASSERT_EQ(hatched.size(), 1U);
@@ -598,19 +583,19 @@ TEST(PictureRows, APauseIsOneRowAndSaysWhetherSomethingFoldedWentOn) {
   for (const unsigned second : {0U, 1U, 2U, 3U}) {
     capture.udp(second * 1000, kCommandPort, {MadeCapture::kBroadcast, 12345}, "script");
   }
-  Files files;
-  files.run = std::string(kStart) + "end 1700000063.0\n";
-  files.station_log = "1700000005.0 one\n1700000060.0 two\n1700000062.0 three\n";
-  EXPECT_EQ(words_in(draw(capture.contents(), files)),
+  RunRecord run = started_run();
+  run.end = at(63);
+  run.station_lines = {{at(5), "one"}, {at(60), "two"}, {at(62), "three"}};
+  EXPECT_EQ(words_in(draw(capture.contents(), run)),
             (Lines{"boot script, 4 times until 3.0 s", "5.0 s nothing else", "one", "55.0 s nothing", "two",
                    "three", "end of the run"}));
 }
 
 TEST(PictureRows, ACutIsNothingThatGoesOn) {
-  Files files;
-  files.fates = "cut 1700000000.500000 1700000009.000000\n";
-  files.station_log = "1700000005.5 one\n";
-  EXPECT_EQ(words_in(draw("", files)), (Lines{"cable pulled, 8.5 s", "5.0 s nothing", "one"}));
+  RunRecord run = started_run();
+  run.fates.cuts = {{at(0.5), at(9)}};
+  run.station_lines = {{at(5.5), "one"}};
+  EXPECT_EQ(words_in(draw("", run)), (Lines{"cable pulled, 8.5 s", "5.0 s nothing", "one"}));
 }
 
 TEST(PictureRows, ASlowBandIsNoPause) {
@@ -626,32 +611,34 @@ TEST(PictureRows, ASlowBandIsNoPause) {
                    "read b"}));
 }
 
-TEST(PictureRows, ALostArrowEndsInACrossAndADoubledOneHasTwoHeads) {
+TEST(PictureRows, ALostArrowEndsInACrossAndADuplicatedOneHasTwoHeads) {
   MadeCapture capture;
   capture.udp(0, kUnit, kTftp, tftp::rrq("a"));
-  Files files;
-  const std::size_t heads = draw(capture.contents(), files).sheet.heads.size();
-  files.fates = "1 doubled\n";
-  EXPECT_EQ(draw(capture.contents(), files).sheet.heads.size(), heads + 1);
-  files.fates = "1 lost\n";
-  const Drawing lost = draw(capture.contents(), files);
+  RunRecord run = started_run();
+  const std::size_t heads = draw(capture.contents(), run).sheet.heads.size();
+  run.fates.of_frame = {{1, kDuplicated}};
+  EXPECT_EQ(draw(capture.contents(), run).sheet.heads.size(), heads + 1);
+  run.fates.of_frame = {{1, kLost}};
+  const Drawing lost = draw(capture.contents(), run);
   EXPECT_EQ(lost.sheet.heads.size(), heads - 1);
   EXPECT_EQ(strokes_of(Pen::kLost, lost), 2U);
 }
 
 TEST(PictureRows, OfAnEndlessStoryTheBeginningIsDrawn) {
-  Files files;
-  for (int line = 0; line < 1000; ++line) files.station_log += "1700000001.0 " + std::to_string(line) + "\n";
-  const Drawing drawing = draw("", files);
+  RunRecord run = started_run();
+  for (int line = 0; line < 1000; ++line) run.station_lines.push_back({at(1), std::to_string(line)});
+  const Drawing drawing = draw("", run);
   EXPECT_EQ(drawing.rows.size(), 401U);
   EXPECT_EQ(words_in(drawing).back(), "600 further rows left out");
 }
 
 TEST(PicturePage, TheFootSaysHowTheRunEnded) {
-  Files files;
-  files.run += "status 2\nppt_flag failed\njudged as the scenario says\n";
-  files.station_log = "1700000000.1 Cmd received: F_l_m_01A\n1700000000.2 Cmd received: F_l_m_02PPT_FAILED\n";
-  const Drawing drawing = draw("", files);
+  RunRecord run = started_run();
+  run.exit_status = {2, 0};
+  run.ppt_flag = "failed";
+  run.judged = "as the scenario says";
+  run.station_lines = {{at(0.1), "Cmd received: F_l_m_01A"}, {at(0.2), "Cmd received: F_l_m_02PPT_FAILED"}};
+  const Drawing drawing = draw("", run);
   EXPECT_TRUE(says(drawing, "F_l_m_02PPT_FAILED"));
   EXPECT_TRUE(says(drawing, "failed"));
   EXPECT_TRUE(says(drawing, "2 (a final verdict or SIGINT ended the run)"));
@@ -659,30 +646,32 @@ TEST(PicturePage, TheFootSaysHowTheRunEnded) {
 }
 
 TEST(PicturePage, AnExitStatusThatMeansNothingStandsAlone) {
-  EXPECT_EQ(picture::exit_status_in_words("15"), "15 (SIGTERM)");
-  EXPECT_EQ(picture::exit_status_in_words("killed by signal 9"), "killed by signal 9 (SIGKILL)");
-  EXPECT_EQ(picture::exit_status_in_words("3"), "3");
-  EXPECT_EQ(picture::exit_status_in_words(""), "not known");
+  EXPECT_EQ(picture::in_words({2, 0}), "2 (a final verdict or SIGINT ended the run)");
+  EXPECT_EQ(picture::in_words({15, 0}), "15 (SIGTERM)");
+  EXPECT_EQ(picture::in_words({0, 9}), "137 (SIGKILL)");
+  EXPECT_EQ(picture::in_words({0, 13}),
+            "141 (SIGPIPE: the unit closed its command connection before its answer was sent)");
+  EXPECT_EQ(picture::in_words({0, 11}), "139");
+  EXPECT_EQ(picture::in_words({3, 0}), "3");
+  EXPECT_TRUE(says(draw(""), "not known"));
 }
 
 TEST(PicturePage, NothingOverlapsInAFullRun) {
-  EXPECT_EQ(wrong_in_layout(draw(busy_capture().contents(), busy_files()).sheet), "");
+  EXPECT_EQ(wrong_in_layout(draw(busy_capture().contents(), busy_run()).sheet), "");
 }
 
 TEST(PicturePage, TheCountsBesideABandStayInTheirPlace) {
   MadeCapture capture;
-  Files files;
+  RunRecord run = started_run();
   capture.udp(0, kUnit, kTftp, tftp::rrq("image.bin", {{"blksize", "8"}}));
   for (int number = 1; number <= 20000; ++number) {
     const auto milliseconds = static_cast<unsigned>(number) / 100;
     capture.udp(milliseconds, kAnswering, kUnit, tftp::data(number, "12345678"));
-    const std::string frame = std::to_string(capture.frames());
-    for (const char* const fate : {" lost\n", " doubled\n", " swapped\n"})
-      files.fates.append(frame).append(fate);
+    run.fates.of_frame[capture.frames()] = {true, true, true};
     capture.udp(milliseconds, kAnswering, kUnit, tftp::data(number, "12345678"));
   }
-  EXPECT_EQ(wrong_in_layout(draw(capture.contents(), files).sheet), "");
-  for (const Text& text : draw(capture.contents(), files).sheet.texts) {
+  EXPECT_EQ(wrong_in_layout(draw(capture.contents(), run).sheet), "");
+  for (const Text& text : draw(capture.contents(), run).sheet.texts) {
     const bool beside = text.box.x > picture::kUnitX && text.text.find(" again") != std::string::npos;
     if (beside) {
       EXPECT_LT(text.box.x + text.box.width, picture::kPptServerX) << text.text;
@@ -690,10 +679,8 @@ TEST(PicturePage, TheCountsBesideABandStayInTheirPlace) {
   }
 }
 
-TEST(PicturePage, WithoutAnyFileThePageIsDrawnAllTheSame) {
-  Files files;
-  files.run = "";
-  const Drawing drawing = draw("", files);
+TEST(PicturePage, WhereNothingIsKnownThePageIsDrawnAllTheSame) {
+  const Drawing drawing = draw("", RunRecord());
   EXPECT_EQ(drawing.rows.size(), 0U);
   EXPECT_TRUE(says(drawing, "A run"));
   EXPECT_EQ(wrong_in_layout(drawing.sheet), "");
@@ -709,7 +696,7 @@ TEST(PictureSvg, NamesAreEscaped) {
 }
 
 TEST(PictureSvg, AFullRunIsWellFormed) {
-  const Drawing drawing = draw(busy_capture().contents(), busy_files());
+  const Drawing drawing = draw(busy_capture().contents(), busy_run());
   EXPECT_GT(drawing.rows.size(), 20U);
   EXPECT_EQ(wrong_in_xml(drawing.svg), "");
 }
@@ -742,12 +729,17 @@ TEST(PictureRobustness, ACaptureWithAnyByteSpoiledOrCutAnywhereIsDrawn) {
   }
 }
 
-TEST(PictureRobustness, FilesOfGarbageAreDrawn) {
-  const std::string garbage =
-      "\xff\xfe 1 2 3\n\n 99999999999.9 x\n99999999999.999999 far\n-1 lost\n"
-      "99999999999999999999 lost\n1 found\ncut 5 4\ncut x y\ncut\nstart never\nend 1e9\n" +
-      std::string(5000, '<');
-  const Drawing drawing = draw(busy_capture().contents(), {garbage, garbage, garbage, garbage});
+TEST(PictureRobustness, ARecordOfGarbageIsDrawn) {
+  RunRecord run;
+  run.title = run.name = run.command = run.ppt_flag = run.judged = "\xff\xfe\n" + std::string(5000, '<');
+  run.start = -kStart;
+  run.end = 99999999999 * 1000000;
+  run.exit_status = {-1, -1};
+  run.station_lines = {{at(99999999999.0 - 1700000000), run.title}, {-kStart, "\n\0\r"}, {0, ""}};
+  run.board_calls = run.station_lines;
+  run.fates.of_frame = {{0, kLost}, {999999, kSwapped}};
+  run.fates.cuts = {{5, 4}, {-kStart, 2 * kStart}};
+  const Drawing drawing = draw(busy_capture().contents(), run);
   EXPECT_EQ(wrong_in_xml(drawing.svg), "");
   EXPECT_EQ(wrong_in_layout(drawing.sheet), "");
 }

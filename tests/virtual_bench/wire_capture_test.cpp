@@ -94,14 +94,44 @@ TEST(WireFates, EachFateIsALineOnceItIsFlushed) {
   const ScratchDirectory directory;
   Fates fates("fates");
   fates.note(1, Fate::kLost);
-  fates.note(20, Fate::kDoubled);
+  fates.note(20, Fate::kDuplicated);
   fates.note(18446744073709551615U, Fate::kSwapped);
   fates.note_cut(1700000000000007, 1700000002500000);
   EXPECT_EQ(whole_file("fates"), "");
   fates.flush();
   fates.flush();
   EXPECT_EQ(whole_file("fates"),
-            "1 lost\n20 doubled\n18446744073709551615 swapped\ncut 1700000000.000007 1700000002.500000\n");
+            "1 lost\n20 duplicated\n18446744073709551615 swapped\ncut 1700000000.000007 1700000002.500000\n");
+}
+
+TEST(WireFates, AreReadAsTheyWereNoted) {
+  const ScratchDirectory directory;
+  Fates fates("fates");
+  fates.note(1, Fate::kLost);
+  fates.note(20, Fate::kDuplicated);
+  fates.note_cut(1700000000000007, 1700000002500000);
+  fates.note(18446744073709551615U, Fate::kSwapped);
+  fates.flush();
+  const RecordedFates read = read_fates("fates");
+  ASSERT_EQ(read.frames.size(), 3U);
+  EXPECT_EQ(read.frames[0].number, 1U);
+  EXPECT_EQ(read.frames[0].fate, Fate::kLost);
+  EXPECT_EQ(read.frames[1].number, 20U);
+  EXPECT_EQ(read.frames[1].fate, Fate::kDuplicated);
+  EXPECT_EQ(read.frames[2].number, 18446744073709551615U);
+  EXPECT_EQ(read.frames[2].fate, Fate::kSwapped);
+  ASSERT_EQ(read.cuts.size(), 1U);
+  EXPECT_EQ(read.cuts[0].from_microseconds, 1700000000000007U);
+  EXPECT_EQ(read.cuts[0].until_microseconds, 1700000002500000U);
+}
+
+TEST(WireFates, OfAFileThatIsCutShortTheWholeLinesAreRead) {
+  const ScratchDirectory directory;
+  write_whole_file("fates", "1 lost\n2 lo");
+  EXPECT_EQ(read_fates("fates").frames.size(), 1U);
+  write_whole_file("fates", "1 lost\n2 lost");
+  EXPECT_EQ(read_fates("fates").frames.size(), 1U);
+  EXPECT_EQ(read_fates("nowhere").frames.size(), 0U);
 }
 
 }  // namespace

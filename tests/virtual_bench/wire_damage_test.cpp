@@ -45,8 +45,8 @@ class DamagedLink : private FrameSink {
     events_.push_back(std::to_string(number) + way + std::string(frame) +
                       (copies == 1 ? "" : " times " + std::to_string(copies)));
   }
-  void suffer(std::uint64_t number, Fate fate) override {
-    const char* const words[] = {" lost", " doubled", " swapped"};
+  void note(std::uint64_t number, Fate fate) override {
+    const char* const words[] = {" lost", " duplicated", " swapped"};
     events_.push_back(std::to_string(number) + words[static_cast<int>(fate)]);
   }
 
@@ -93,18 +93,18 @@ TEST(WireDamage, EveryFrameOfManyIsLostAtHundredPercent) {
   EXPECT_EQ(link.events().size(), kManyFrames);
 }
 
-TEST(WireDamage, EveryFrameOfManyIsDoubledAtHundredPercent) {
+TEST(WireDamage, EveryFrameOfManyIsDuplicatedAtHundredPercent) {
   DamagedLink link;
   link.damage.duplicate(100);
   link.frames_enter(kManyFrames);
   EXPECT_EQ(link.count_of(" times 2"), static_cast<long>(kManyFrames));
 }
 
-TEST(WireDamage, ADoubledFrameIsNotedAndLeavesTwice) {
+TEST(WireDamage, ADuplicatedFrameIsNotedAndLeavesTwice) {
   DamagedLink link;
   link.damage.duplicate(100);
   link.frame_enters();
-  EXPECT_EQ(link.events(), (Events{"1 doubled", "1 > 1 times 2"}));
+  EXPECT_EQ(link.events(), (Events{"1 duplicated", "1 > 1 times 2"}));
 }
 
 TEST(WireDamage, ZeroPercentEndsAnOrder) {
@@ -123,11 +123,11 @@ TEST(WireDamage, TheOrderedShareIsLost) {
   expect_share(link.count_of(" lost"), 0.125);
 }
 
-TEST(WireDamage, TheOrderedShareIsDoubled) {
+TEST(WireDamage, TheOrderedShareIsDuplicated) {
   DamagedLink link;
   link.damage.duplicate(30);
   link.frames_enter(kManyFrames);
-  expect_share(link.count_of(" doubled"), 0.3);
+  expect_share(link.count_of(" duplicated"), 0.3);
 }
 
 // A frame behind a held one cannot be held, so that the share is the chance of one frame in two at most.
@@ -144,7 +144,7 @@ TEST(WireDamage, LossDoublingAndSwappingAreDrawnApart) {
   link.damage.duplicate(50);
   link.frames_enter(kManyFrames);
   expect_share(link.count_of(" lost"), 0.5);
-  expect_share(link.count_of(" doubled"), 0.25);
+  expect_share(link.count_of(" duplicated"), 0.25);
 }
 
 Events fates_of_a_thousand(std::uint64_t seed) {
@@ -257,7 +257,8 @@ TEST(WireDamage, LossComesBeforeDoublingAndDoublingBeforeSwapping) {
   EXPECT_EQ(link.events(), (Events{"1 lost"}));
   link.damage.lose(0);
   link.frames_enter(2);
-  EXPECT_EQ(link.events(), (Events{"2 doubled", "2 swapped", "3 doubled", "3 > 3 times 2", "2 > 2 times 2"}));
+  EXPECT_EQ(link.events(),
+            (Events{"2 duplicated", "2 swapped", "3 duplicated", "3 > 3 times 2", "2 > 2 times 2"}));
 }
 
 TEST(WireDamage, ADelayedFrameLeavesWhenTheTimeIsOver) {
@@ -331,7 +332,7 @@ TEST(WireDamage, ACopyIsDelayedWithItsFrame) {
   link.damage.duplicate(100);
   link.frame_enters();
   link.time_passes(50ms);
-  EXPECT_EQ(link.events(), (Events{"1 doubled", "1 > 1 times 2"}));
+  EXPECT_EQ(link.events(), (Events{"1 duplicated", "1 > 1 times 2"}));
 }
 
 TEST(WireDamage, NothingGetsThroughACut) {

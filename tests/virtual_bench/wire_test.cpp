@@ -1,4 +1,4 @@
-// The wire as a process: devices in two namespaces, Ethernet frames at their ends, orders by its pipes.
+// The wire in its process: devices in two namespaces, Ethernet frames at their ends, orders to it.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -6,29 +6,27 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <functional>
 #include <optional>
 #include <thread>
 
+#include "stage/network_namespace.h"
 #include "support/sandbox.h"
 #include "support/scratch_directory.h"
+#include "wire/wire_process.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using What = Order::What;
 
 constexpr int kPatienceMilliseconds = 10000;
 constexpr int kQuietMilliseconds = 200;
@@ -46,46 +44,12 @@ std::string no_tun_device() {
   NEEDS_SANDBOX();   \
   if (!no_tun_device().empty()) GTEST_SKIP() << "needs /dev/net/tun: " << no_tun_device()
 
-// Without IPv6 and addresses, devices send nothing on their own.
-void keep_quiet() {
-  std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
-}
-
-// A second network namespace beside that of the test.
-class FarPlace {
- public:
-  FarPlace() {
-    std::thread([this] {
-      if (unshare(CLONE_NEWNET) != 0) return;
-      descriptor_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-      keep_quiet();
-    }).join();
-    if (descriptor_ == -1) throw std::runtime_error("unshare of a network failed");
-  }
-  ~FarPlace() { close(descriptor_); }
-  FarPlace(const FarPlace&) = delete;
-  FarPlace& operator=(const FarPlace&) = delete;
-
-  std::string path() const {
-    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(descriptor_);
-  }
-  void visit(const std::function<void()>& function) const {
-    std::thread([&] {
-      ASSERT_EQ(setns(descriptor_, CLONE_NEWNET), 0);
-      function();
-    }).join();
-  }
-
- private:
-  int descriptor_ = -1;
-};
-
 // Whoever sits at one device and speaks Ethernet. Made in the namespace of the device.
 class Station {
  public:
   explicit Station(const std::string& device)
       : socket_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(kEtherType))) {
-    sandbox::run("ip link set " + device + " up");
+    ip("link set " + device + " up");
     sockaddr_ll address = {};
     address.sll_family = AF_PACKET;
     address.sll_protocol = htons(kEtherType);
@@ -126,124 +90,36 @@ class Station {
   int socket_;
 };
 
-// The program with its standard input and output as pipes. It is killed with the object if it still runs.
-class WireProcess {
- public:
-  explicit WireProcess(std::vector<std::string> words) : errors_(memfd_create("errors", MFD_CLOEXEC)) {
-    int to_wire[2];
-    int from_wire[2];
-    if (pipe2(to_wire, O_CLOEXEC) != 0 || pipe2(from_wire, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    words.insert(words.begin(), WIRE_PROGRAM);
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(to_wire[0], STDIN_FILENO);
-      dup2(from_wire[1], STDOUT_FILENO);
-      dup2(errors_, STDERR_FILENO);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(to_wire[0]);
-    close(from_wire[1]);
-    orders_ = to_wire[1];
-    answers_ = from_wire[0];
-  }
-  ~WireProcess() {
-    end_orders();
-    if (!ended_) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    close(answers_);
-    close(errors_);
-  }
-  WireProcess(const WireProcess&) = delete;
-  WireProcess& operator=(const WireProcess&) = delete;
-
-  pid_t pid() const { return pid_; }
-  std::string errors() const { return whole_file(errors_); }
-  // The next line that it says, or what came of it in time.
-  std::string says() const {
-    std::string line;
-    pollfd waiting = {answers_, POLLIN, 0};
-    char letter = 0;
-    while (poll(&waiting, 1, kPatienceMilliseconds) == 1 && read(answers_, &letter, 1) == 1) {
-      if (letter == '\n') return line;
-      line += letter;
-    }
-    return line + " (no end of line)";
-  }
-  void is_told(const std::string& text) const {
-    ASSERT_EQ(write(orders_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  std::string answers(const std::string& order) const {
-    is_told(order + "\n");
-    return says();
-  }
-  void end_orders() {
-    if (orders_ != -1) close(orders_);
-    orders_ = -1;
-  }
-  // Its exit status, or minus the number of the signal that ended it, or -1000 when it still runs.
-  int exit_status() {
-    constexpr int kStillRunning = -1000;
-    int status = 0;
-    for (int waited = 0; !ended_ && waited < kPatienceMilliseconds; ++waited) {
-      ended_ = waitpid(pid_, &status, WNOHANG) == pid_;
-      if (!ended_) std::this_thread::sleep_for(1ms);
-    }
-    if (!ended_) return kStillRunning;
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-  }
-
- private:
-  int errors_;
-  int orders_ = -1;
-  int answers_ = -1;
-  pid_t pid_ = -1;
-  bool ended_ = false;
-};
-
 // The wire between this namespace (left) and another (right): test0 is the first link, plain0 the second.
 class Bench {
  public:
-  Bench() : wire({"capture", "fates", "1", link("test0"), link("plain0")}) {
-    keep_quiet();
-    if (wire.says() != "ready") throw std::runtime_error("the wire is not ready: " + wire.errors());
+  Bench() {
     left.emplace("test0");
     plain_left.emplace("plain0");
-    far_place_.visit([this] {
-      right.emplace("test0");
-      plain_right.emplace("plain0");
-    });
+    const ScopedNamespace inside(right_place);
+    right.emplace("test0");
+    plain_right.emplace("plain0");
   }
 
-  static std::string link_between(const std::string& left, const std::string& right,
-                                  const std::string& device) {
-    return left + "=" + device + "," + right + "=" + device;
-  }
   // Waits until the files are as they will stay, by an order that changes nothing.
-  void catches_up() const { EXPECT_EQ(wire.answers("delays 0"), "ok"); }
+  void catches_up() const { wire.order(What::kDelay, 0); }
   std::string fates() const {
     catches_up();
     return whole_file("fates");
   }
 
  private:
-  std::string link(const std::string& device) const {
-    return link_between("/proc/self/ns/net", far_place_.path(), device);
-  }
-
   ScratchDirectory directory_;
-  FarPlace far_place_;
+  NetworkNamespace left_place_ = NetworkNamespace::current();
 
  public:
-  WireProcess wire;
+  NetworkNamespace right_place;
+  WireProcess wire{"capture",
+                   "fates",
+                   1,
+                   {{{{left_place_, "test0"}, {right_place, "test0"}}},
+                    {{{left_place_, "plain0"}, {right_place, "plain0"}}}}};
   std::optional<Station> left, right, plain_left, plain_right;
-
-  void at_the_right(const std::function<void()>& function) const { far_place_.visit(function); }
 };
 
 struct CapturedFrame {
@@ -270,7 +146,7 @@ double seconds_since_epoch() {
 
 TEST(Wire, CarriesFramesBothWaysAndRecordsThem) {
   NEEDS_WIRE();
-  const Bench bench;
+  Bench bench;
   const double before = seconds_since_epoch();
   bench.left->sends("to the right");
   EXPECT_EQ(bench.right->receives(), "to the right");
@@ -293,16 +169,16 @@ TEST(Wire, CarriesFramesBothWaysAndRecordsThem) {
 
 TEST(Wire, CarriesABurstInOrder) {
   NEEDS_WIRE();
-  const Bench bench;
+  Bench bench;
   for (int i = 0; i < 300; ++i) bench.left->sends(std::to_string(i));
   for (int i = 0; i < 300; ++i) ASSERT_EQ(bench.right->receives(), std::to_string(i));
 }
 
 TEST(Wire, CarriesFramesOfEveryLength) {
   NEEDS_WIRE();
-  const Bench bench;
-  bench.at_the_right([] { sandbox::run("ip link set test0 mtu 65521"); });
-  sandbox::run("ip link set test0 mtu 65521");
+  Bench bench;
+  ip(bench.right_place, "link set test0 mtu 65521");
+  ip("link set test0 mtu 65521");
   for (const std::size_t length : {0UL, 1UL, 1500UL, 65521UL}) {
     const std::string text(length, 'x');
     bench.left->sends(text);
@@ -314,8 +190,8 @@ TEST(Wire, CarriesFramesOfEveryLength) {
 
 TEST(Wire, TheFilesFollowByThemselves) {
   NEEDS_WIRE();
-  const Bench bench;
-  EXPECT_EQ(bench.wire.answers("loses 100"), "ok");
+  Bench bench;
+  bench.wire.order(What::kLose, 100);
   bench.left->sends("lost");
   const auto end = Clock::now() + 10s;
   while (whole_file("fates").empty() && Clock::now() < end) std::this_thread::sleep_for(5ms);
@@ -325,15 +201,15 @@ TEST(Wire, TheFilesFollowByThemselves) {
 
 TEST(Wire, LosesEveryFrameOfTheFirstLinkOnly) {
   NEEDS_WIRE();
-  const Bench bench;
-  EXPECT_EQ(bench.wire.answers("loses 100"), "ok");
+  Bench bench;
+  bench.wire.order(What::kLose, 100);
   bench.left->sends("lost");
   bench.right->sends("lost too");
   bench.plain_left->sends("plain");
   EXPECT_EQ(bench.plain_right->receives(), "plain");
   EXPECT_EQ(bench.right->receives(kQuietMilliseconds), "nothing");
   EXPECT_EQ(bench.left->receives(0), "nothing");
-  EXPECT_EQ(bench.wire.answers("loses 0"), "ok");
+  bench.wire.order(What::kLose, 0);
   bench.left->sends("not lost");
   EXPECT_EQ(bench.right->receives(), "not lost");
   EXPECT_EQ(bench.fates(), "1 lost\n2 lost\n");
@@ -342,38 +218,38 @@ TEST(Wire, LosesEveryFrameOfTheFirstLinkOnly) {
 
 TEST(Wire, WhatWasSentBeforeAnOrderIsNotSubjectToIt) {
   NEEDS_WIRE();
-  const Bench bench;
+  Bench bench;
   for (int i = 0; i < 50; ++i) {
     bench.left->sends("before");
-    EXPECT_EQ(bench.wire.answers("loses 100"), "ok");
+    bench.wire.order(What::kLose, 100);
     ASSERT_EQ(bench.right->receives(), "before");
-    EXPECT_EQ(bench.wire.answers("loses 0"), "ok");
+    bench.wire.order(What::kLose, 0);
     std::this_thread::sleep_for(1ms);
   }
 }
 
-TEST(Wire, DoublesFrames) {
+TEST(Wire, DuplicatesFrames) {
   NEEDS_WIRE();
-  const Bench bench;
-  EXPECT_EQ(bench.wire.answers("duplicates 100"), "ok");
+  Bench bench;
+  bench.wire.order(What::kDuplicate, 100);
   bench.right->sends("twice");
   EXPECT_EQ(bench.left->receives(), "twice");
   EXPECT_EQ(bench.left->receives(), "twice");
   EXPECT_EQ(bench.left->receives(kQuietMilliseconds), "nothing");
-  EXPECT_EQ(bench.fates(), "1 doubled\n");
+  EXPECT_EQ(bench.fates(), "1 duplicated\n");
   EXPECT_EQ(captured_frames().size(), 1U);
 }
 
 TEST(Wire, SwapsFramesAndReleasesTheLastOneAlone) {
   NEEDS_WIRE();
-  const Bench bench;
-  EXPECT_EQ(bench.wire.answers("swaps 100"), "ok");
+  Bench bench;
+  bench.wire.order(What::kSwap, 100);
   // In one turn, so that the hold does not end between them.
-  kill(bench.wire.pid(), SIGSTOP);
+  kill(bench.wire.process().pid(), SIGSTOP);
   bench.left->sends("first");
   bench.left->sends("second");
   bench.left->sends("third");
-  kill(bench.wire.pid(), SIGCONT);
+  kill(bench.wire.process().pid(), SIGCONT);
   EXPECT_EQ(bench.right->receives(), "second");
   EXPECT_EQ(bench.right->receives(), "first");
   EXPECT_EQ(bench.right->receives(), "third");
@@ -382,8 +258,8 @@ TEST(Wire, SwapsFramesAndReleasesTheLastOneAlone) {
 
 TEST(Wire, DelaysFrames) {
   NEEDS_WIRE();
-  const Bench bench;
-  EXPECT_EQ(bench.wire.answers("delays 150"), "ok");
+  Bench bench;
+  bench.wire.order(What::kDelay, 150);
   const auto start = Clock::now();
   bench.left->sends("late");
   EXPECT_EQ(bench.right->receives(), "late");
@@ -394,9 +270,9 @@ TEST(Wire, DelaysFrames) {
 
 TEST(Wire, ACutEndsByItselfAndIsOnRecord) {
   NEEDS_WIRE();
-  const Bench bench;
+  Bench bench;
   const double before = seconds_since_epoch();
-  EXPECT_EQ(bench.wire.answers("cuts 0.5"), "ok");
+  bench.wire.order(What::kCut, 0.5);
   const double after = seconds_since_epoch();
   bench.left->sends("into the cut");
   EXPECT_EQ(bench.right->receives(600), "nothing");
@@ -413,38 +289,16 @@ TEST(Wire, ACutEndsByItselfAndIsOnRecord) {
   EXPECT_NEAR(until - from, 0.5, 0.000002);
 }
 
-TEST(Wire, RefusesWhatIsNoOrderAndGoesOn) {
-  NEEDS_WIRE();
-  const Bench bench;
-  EXPECT_EQ(bench.wire.answers("sings"), "refused: loses, duplicates, swaps, delays or cuts, and a number");
-  EXPECT_EQ(bench.wire.answers("loses 101"), "refused: loses and a number of percent from 0 to 100");
-  bench.left->sends("still there");
-  EXPECT_EQ(bench.right->receives(), "still there");
-}
-
-TEST(Wire, TakesOrdersInPiecesAndSeveralAtOnce) {
-  NEEDS_WIRE();
-  const Bench bench;
-  bench.wire.is_told("loses 1");
-  std::this_thread::sleep_for(50ms);
-  bench.wire.is_told("00\nswaps x\nduplicates 5\n");
-  EXPECT_EQ(bench.wire.says(), "ok");
-  EXPECT_EQ(bench.wire.says(), "refused: swaps and a number of percent from 0 to 100");
-  EXPECT_EQ(bench.wire.says(), "ok");
-  bench.left->sends("lost");
-  EXPECT_EQ(bench.fates(), "1 lost\n");
-}
-
 TEST(Wire, FollowsOrdersWhileFramesKeepComing) {
   NEEDS_WIRE();
-  const Bench bench;
+  Bench bench;
   std::atomic<bool> flooding = true;
   const auto floods = [&](const Station& station) {
     while (flooding) station.can_send("more");
   };
   std::thread flood(floods, std::cref(*bench.plain_left));
   std::thread flood_back(floods, std::cref(*bench.plain_right));
-  EXPECT_EQ(bench.wire.answers("loses 100"), "ok");
+  bench.wire.order(What::kLose, 100);
   bench.left->sends("lost");
   EXPECT_EQ(bench.right->receives(kQuietMilliseconds), "nothing");
   flooding = false;
@@ -454,11 +308,11 @@ TEST(Wire, FollowsOrdersWhileFramesKeepComing) {
 
 TEST(Wire, LosesWhatADeviceDoesNotTake) {
   NEEDS_WIRE();
-  const Bench bench;
-  bench.at_the_right([] { sandbox::run("ip link set test0 down"); });
+  Bench bench;
+  ip(bench.right_place, "link set test0 down");
   bench.left->sends("to a device that is down");
   EXPECT_EQ(bench.fates(), "1 lost\n");
-  bench.at_the_right([] { sandbox::run("ip link set test0 up"); });
+  ip(bench.right_place, "link set test0 up");
   bench.left->sends("to a device that is up");
   EXPECT_EQ(bench.right->receives(), "to a device that is up");
 }
@@ -473,33 +327,39 @@ long ticks_of(pid_t pid) {
   return user + kernel;
 }
 
+TEST(Wire, IsMissedByWhoGivesItOrders) {
+  NEEDS_WIRE();
+  Bench bench;
+  bench.wire.process().send_signal(SIGKILL);
+  EXPECT_THROW(bench.wire.order(What::kLose, 5), std::runtime_error);
+}
+
 TEST(Wire, SleepsWhenNothingComesEvenWhenADeviceIsDeleted) {
   NEEDS_WIRE();
-  const Bench bench;
+  Bench bench;
   bench.left->sends("awake");
   EXPECT_EQ(bench.right->receives(), "awake");
-  sandbox::run("ip link delete test0");
+  ip("link delete test0");
   bench.plain_left->sends("plain");
   EXPECT_EQ(bench.plain_right->receives(), "plain");
-  const long before = ticks_of(bench.wire.pid());
+  const long before = ticks_of(bench.wire.process().pid());
   ASSERT_GE(before, 0);
   std::this_thread::sleep_for(1s);
-  EXPECT_LE(ticks_of(bench.wire.pid()) - before, 10);
+  EXPECT_LE(ticks_of(bench.wire.process().pid()) - before, 10);
 }
 
 TEST(Wire, EndsWithItsOrdersAndDropsWhatIsDelayed) {
   NEEDS_WIRE();
   Bench bench;
-  EXPECT_EQ(bench.wire.answers("delays 60000"), "ok");
+  bench.wire.order(What::kDelay, 60000);
   bench.left->sends("delayed");
   bench.catches_up();
   bench.plain_left->sends("recorded");
   EXPECT_EQ(bench.plain_right->receives(), "recorded");
-  bench.wire.end_orders();
-  EXPECT_EQ(bench.wire.exit_status(), 0);
+  bench.wire.process().close_input();
+  EXPECT_EQ(bench.wire.process().wait_for_end()->text(), "exit status 0");
   EXPECT_EQ(bench.right->receives(0), "nothing");
   EXPECT_EQ(captured_frames().size(), 2U);
-  EXPECT_EQ(bench.wire.errors(), "");
   EXPECT_EQ(if_nametoindex("test0"), 0U);
 }
 
@@ -509,37 +369,40 @@ TEST(Wire, EndsWithZeroOnSignals) {
     Bench bench;
     bench.plain_left->sends("recorded");
     EXPECT_EQ(bench.plain_right->receives(), "recorded");
-    kill(bench.wire.pid(), signal_number);
-    EXPECT_EQ(bench.wire.exit_status(), 0);
+    kill(bench.wire.process().pid(), signal_number);
+    EXPECT_EQ(bench.wire.process().wait_for_end()->text(), "exit status 0");
     EXPECT_EQ(captured_frames().size(), 1U);
   }
 }
 
-void expect_failure(const std::vector<std::string>& words, const std::string& line) {
-  WireProcess wire(words);
-  EXPECT_EQ(wire.exit_status(), 2);
-  EXPECT_EQ(wire.errors(), line + "\n");
-  EXPECT_EQ(wire.says(), " (no end of line)");
+void expect_refused(const std::string& capture, const std::string& fates, const std::string& device,
+                    const std::string& expected) {
+  const NetworkNamespace here = NetworkNamespace::current();
+  const NetworkNamespace there;
+  try {
+    const WireProcess wire(capture, fates, 1, {{{{here, "taken0"}, {there, device}}}});
+    FAIL() << "was made instead of: " << expected;
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(error.what(), expected);
+  }
 }
 
-TEST(Wire, SaysWhatItExpectedAndEndsWithTwo) {
+TEST(Wire, SaysWhatItExpected) {
   NEEDS_WIRE();
   const ScratchDirectory directory;
-  const FarPlace far_place;
-  const std::string here = "/proc/self/ns/net";
-  const std::string link = Bench::link_between(here, far_place.path(), "test0");
-  expect_failure({"capture", "fates", "1"}, "wire: expected CAPTURE FATES SEED LINK [LINK]");
-  expect_failure({"/nowhere/capture", "fates", "1", link},
-                 "wire: expected a file that can be written: /nowhere/capture: No such file or directory");
-  expect_failure({"capture", "/nowhere/fates", "1", link},
-                 "wire: expected a file that can be written: /nowhere/fates: No such file or directory");
-  expect_failure({"capture", "fates", "1", Bench::link_between(here, "/nowhere", "test0")},
-                 "wire: expected a namespace that can be opened, /nowhere: No such file or directory");
-  expect_failure({"capture", "fates", "1", Bench::link_between(here, "/dev/null", "test0")},
-                 "wire: expected a network namespace and the right to enter it, /dev/null: Invalid argument");
-  expect_failure({"capture", "fates", "1", Bench::link_between(here, here, "test0")},
-                 "wire: expected the right to make a device, and a name that is free, test0 in " + here +
-                     ": Device or resource busy");
+  const NetworkNamespace here = NetworkNamespace::current();
+  expect_refused("/nowhere/capture", "fates", "test0",
+                 "expected a file that can be written: /nowhere/capture: No such file or directory");
+  expect_refused("capture", "/nowhere/fates", "test0",
+                 "expected a file that can be written: /nowhere/fates: No such file or directory");
+  for (const std::string device : {"", "0123456789abcdef"}) {
+    expect_refused("capture", "fates", device,
+                   "expected a device name of 1 to 15 characters instead of '" + device + "'");
+  }
+  const TapDevice first(here, "taken0");
+  expect_refused(
+      "capture", "fates", "test0",
+      "expected the right to make a device, and a name that is free, taken0: Device or resource busy");
 }
 
 }  // namespace

@@ -5,26 +5,31 @@
 // NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --steps lists what
 // a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or the
 // scenario cannot be understood, 77 this machine does not allow it.
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "bench/network.h"
 #include "bench/run.h"
 #include "bench/scenario.h"
-#include "bench/waiting.h"
+#include "picture/picture.h"
+#include "stage/network_namespace.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr double kDrawingSeconds = 60;  // at most
+constexpr char kTunDevice[] = "/dev/net/tun";
 
 enum ExitStatus { kAsExpected = 0, kOtherwise = 1, kNotUnderstood = 2, kNotAllowed = 77 };
 
@@ -33,9 +38,6 @@ struct Call {
   fs::path station;
   fs::path scenario;
   fs::path results;
-  // Where the bench's other programs are: beside this one. Asked for early, since in a mount namespace of its
-  // own a process below a chroot is no longer told a path that leads there.
-  fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
 };
 
 bool understood(std::vector<std::string> arguments, Call* call) {
@@ -50,13 +52,10 @@ bool understood(std::vector<std::string> arguments, Call* call) {
   return true;
 }
 
-bool draw(const fs::path& program, const fs::path& folder, const fs::path& capture, const fs::path& picture) {
-  Process process({program, folder, capture, picture}, [] {});
-  const auto has_ended = [&] {
-    process.rest();
-    return process.ended().has_value();
-  };
-  return comes_true(kDrawingSeconds, has_ended) && process.ended() == 0;
+// As somebody would write the path who stands where the bench, or the script around it, was called.
+std::string as_caller_writes(const fs::path& path) {
+  const char* const place = std::getenv("PWD_OF_CALLER");
+  return fs::proximate(path, place == nullptr || *place == '\0' ? fs::current_path() : fs::path(place));
 }
 
 // The folder of one run, under a name of its own until the run has ended: other runs of the same scenario may
@@ -81,14 +80,14 @@ class RunFolder {
   std::string file(const std::string& name) const { return path_ + "/" + name; }
   const std::string& path() const { return path_; }
   const std::string& name() const { return name_; }
-  // Puts NAME.pcap or NAME.svg in the place of what an earlier run left there. Where it is then, as somebody
-  // would write it who stands in the working directory; nothing where the run has not made it.
+  // Puts NAME.pcap or NAME.svg in the place of what an earlier run left there. Where it is then, for the
+  // caller; nothing where the run has not made it.
   std::optional<std::string> hand_over(const std::string& extension) const {
     const fs::path result = results_ / (name_ + extension);
     fs::remove(result);
     if (!fs::exists(file(name_ + extension))) return std::nullopt;
     fs::rename(file(name_ + extension), result);
-    return fs::proximate(result);
+    return as_caller_writes(result);
   }
 
  private:
@@ -101,19 +100,25 @@ class RunFolder {
   std::string path_;
 };
 
+std::string content(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
 int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
   const std::string capture = folder.file(folder.name() + ".pcap");
-  const std::string picture = folder.file(folder.name() + ".svg");
-  const Programs programs = {call.station, call.programs / "unit", call.programs / "ppt_server",
-                             call.programs / "wire"};
-  const std::optional<std::string> wrong =
-      Run(scenario, programs, folder.name(), folder.path(), capture).play();
-  const bool drawn = draw(call.programs / "picture", folder.path(), capture, picture);
-  if (!drawn) fs::remove(picture);
-  std::cout << folder.name() << (wrong ? " did not go" : " went")
-            << " as the scenario says: " << folder.hand_over(".svg").value_or("no picture could be drawn")
+  Run run(scenario, call.station, folder.path(), capture);
+  const std::optional<std::string> wrong = run.play();
+  picture::RunRecord record = run.record();
+  record.name = folder.name();
+  record.judged = wrong.value_or("as the scenario says");
+  record.capture = content(capture);
+  std::ofstream(folder.file(folder.name() + ".svg")) << picture::picture_of(record);
+  std::cout << run.verdict() << '\n'
+            << folder.name() << (wrong ? " did not go" : " went")
+            << " as the scenario says: " << folder.hand_over(".svg").value_or("no picture could be written")
             << ", " << folder.hand_over(".pcap").value_or("nothing was on the network") << std::endl;
-  return wrong || !drawn ? kOtherwise : kAsExpected;
+  return wrong ? kOtherwise : kAsExpected;
 }
 
 // What work returns; what it throws is said, and is a status too.
@@ -136,7 +141,7 @@ int reported(const std::function<int()>& work) {
 
 int main(int argc, char** argv) {
   if (argc == 2 && argv[1] == std::string("--steps")) {
-    for (const std::string& form : step_forms()) std::cout << form << '\n';
+    for (const Command& command : commands()) std::cout << command.form << '\n';
     return kAsExpected;
   }
   Call call;
@@ -146,11 +151,13 @@ int main(int argc, char** argv) {
   }
   const int status = reported([&] {
     const Scenario scenario = read_scenario(call.scenario);
-    be_ended_by_signals();
+    if (access(kTunDevice, R_OK | W_OK) != 0)
+      throw NotAllowed(std::string(kTunDevice) + ": " + std::strerror(errno));
+    end_work_on_signals();
     const RunFolder folder(call.results, call.scenario.stem(), call.keep);
-    return in_namespaces([&] {
+    return run_in_private_namespaces([&] {
       return reported([&] {
-        become_station();
+        mount_own_proc();
         return play(call, scenario, folder);
       });
     });

@@ -3,11 +3,12 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
-#include <map>
+
+#include "picture/page.h"
+#include "wire/fates.h"
 
 namespace {
 
@@ -15,20 +16,51 @@ namespace fs = std::filesystem;
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr int kLookMilliseconds = 5;
-constexpr double kLastFramesSeconds = 0.1;  // until what the station's end sends is in the capture
-constexpr int kWireSeed = 1;                // the same chances at every run
+constexpr double kLastFramesSeconds = 0.1;             // until what the station's end sends is in the capture
+constexpr char kTemporaryMac[] = "02:00:00:00:17:2a";  // not the one that a station without envtool assumes
+constexpr int kToolStatus = 1;                         // of the T1/E1 tool where no step says otherwise
+constexpr char kVerdictLine[] = "Cmd received: ";
+
+std::string in_log_form(std::int64_t microseconds) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%.6f", static_cast<double>(microseconds) / 1e6);
+  return text;
+}
+
+std::vector<picture::TimedLine> read_log(const std::string& path) {
+  std::vector<picture::TimedLine> lines;
+  std::ifstream file(path);
+  double seconds = 0;
+  for (std::string line; file >> seconds && std::getline(file.ignore(), line);)
+    lines.push_back({std::llround(seconds * 1e6), line});
+  return lines;
+}
+
+picture::Fates drawn(const RecordedFates& recorded) {
+  picture::Fates fates;
+  for (const auto& [number, fate] : recorded.frames) {
+    picture::Fate& all = fates.of_frame[number];
+    all.lost = all.lost || fate == Fate::kLost;
+    all.duplicated = all.duplicated || fate == Fate::kDuplicated;
+    all.swapped = all.swapped || fate == Fate::kSwapped;
+  }
+  for (const auto& [from, until] : recorded.cuts)
+    fates.cuts.push_back({static_cast<std::int64_t>(from), static_cast<std::int64_t>(until)});
+  return fates;
+}
 
 }  // namespace
 
-Run::Run(const Scenario& scenario, const Programs& programs, const std::string& name,
-         const std::string& folder, const std::string& capture)
+Run::Run(const Scenario& scenario, const std::string& station, const std::string& folder,
+         const std::string& capture)
     : scenario_(scenario),
-      programs_(programs),
-      name_(name),
+      station_program_(station),
       folder_(folder),
       capture_(capture),
       board_(folder + "/board", folder + "/board.log"),
       station_log_(folder + "/station.log") {
+  board_.sets_variable("tempmac", kTemporaryMac);
+  set_tool_status(kToolStatus);
   fs::create_directory(folder_ + "/served");
   fs::create_directory(folder_ + "/unit");
 }
@@ -36,117 +68,118 @@ Run::Run(const Scenario& scenario, const Programs& programs, const std::string& 
 std::optional<std::string> Run::play() {
   std::optional<std::string> wrong;
   try {
-    for (const Step& step : scenario_.steps) {
-      try {
-        play_step(step);
-      } catch (const NotAllowed&) {
-        throw;
-      } catch (const std::runtime_error& error) {
-        throw Wrong("line " + std::to_string(step.line) + ", " + step.text + ": " + error.what());
-      }
-    }
-    if (reading_.unit) throw Wrong(reading_.name + " is still being read; expected \"unit ends reading\"");
-    if (station_ && !station_end_) throw Wrong("the station still runs; expected a step that ends it");
+    for (const Step& step : scenario_.steps) play_step(step);
+    if (reading_) throw StepFailed(reading_name_ + " is still being read; expected \"unit ends reading\"");
+    if (station_ && !station_end_) throw StepFailed("the station still runs; expected a step that ends it");
   } catch (const NotAllowed&) {
     throw;
   } catch (const std::runtime_error& error) {
     wrong = error.what();
-    timeline_.says("bench", "WRONG: " + *wrong);
+    timeline_.log("bench", "WRONG: " + *wrong);
   }
-  until(kLastFramesSeconds, [] { return false; });
-  write_summary(wrong);
-  reading_.unit.reset();
+  wait(kLastFramesSeconds);
+  end_ = microseconds_since_epoch();
+  reading_.reset();
   station_.reset();
-  ppt_server_.reset();
-  network_.reset();
+  neighbours_.reset();
   return wrong;
 }
 
 void Run::play_step(const Step& step) {
-  static const std::map<std::string, void (Run::*)(const Step&)> kPlayers = {
-      {"file", &Run::play_file_step}, {"wire", &Run::play_wire_step},
-      {"ppt", &Run::play_ppt_step},   {"board", &Run::play_board_step},
-      {"unit", &Run::play_unit_step}, {"station", &Run::play_station_step},
-      {"bench", &Run::wait},
-  };
   look();
-  (this->*kPlayers.at(step.role))(step);
-}
-
-void Run::wait(const Step& step) {
-  until(step.number_of("SECONDS"), [] { return false; });
-}
-
-Network& Run::network() {
-  if (!network_) {
-    network_ = std::make_unique<Network>(programs_.wire, capture_, folder_ + "/fates", folder_ + "/errors",
-                                         kWireSeed, station_link_);
-    ppt_server_ = std::make_unique<Process>(
-        std::vector<std::string>{programs_.ppt_server, kPptServerIp, kTftpPort, kMessagePort, kRelayPort},
-        [this] { network_->ppt_server.enter(); }, folder_ + "/errors");
-    if (!until(kPatienceSeconds, [&] { return ppt_server_said("ready"); })) throw Wrong("no PPT server");
+  try {
+    step.command->play(*this, step);
+  } catch (const NotAllowed&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    throw StepFailed("line " + std::to_string(step.line) + ", " + step.text + ": " + error.what());
   }
-  return *network_;
+}
+
+picture::RunRecord Run::record() const {
+  picture::RunRecord record;
+  record.title = scenario_.title;
+  record.command = station_command_;
+  record.ports = {station_options_.tftp_port, station_options_.ppt_port, station_options_.message_port};
+  record.start = timeline_.start();
+  record.end = end_;
+  if (station_end_) record.exit_status = {station_end_->status, station_end_->signal};
+  record.ppt_flag = board_.variable("ppt_flag");
+  record.fates = drawn(read_fates(folder_ + "/fates"));
+  record.station_lines = station_lines_;
+  record.board_calls = read_log(folder_ + "/board.log");
+  return record;
+}
+
+std::string Run::verdict() const {
+  std::string verdict = "the unit gave no final verdict";
+  for (const picture::TimedLine& line : station_lines_) {
+    if (line.text.rfind(kVerdictLine, 0) != 0) continue;
+    if (line.text.find("PPT_PASSED") != std::string::npos) verdict = "the unit PASSED";
+    if (line.text.find("PPT_FAILED") != std::string::npos) verdict = "the unit FAILED";
+  }
+  return verdict;
+}
+
+void Run::wait(double seconds) {
+  until(seconds, [] { return false; });
+}
+
+Run::Neighbours::Neighbours(Run& run)
+    : network(run.capture_, run.folder_ + "/fates", run.station_link_),
+      ppt_server(network.ppt_server, run.station_options_.ppt_port, run.station_options_.message_port),
+      unit(network.unit, [&run](double seconds, const std::function<bool()>& condition) {
+        return run.until(seconds, condition);
+      }) {}
+
+Run::Neighbours& Run::neighbours() {
+  if (!neighbours_) neighbours_ = std::make_unique<Neighbours>(*this);
+  return *neighbours_;
 }
 
 void Run::look() {
-  std::array<pollfd, 2> outputs = {{{station_ ? station_->output() : -1, POLLIN, 0},
-                                    {ppt_server_ ? ppt_server_->output() : -1, POLLIN, 0}}};
-  if (poll(outputs.data(), outputs.size(), kLookMilliseconds) > 0 &&
-      ((outputs[0].revents | outputs[1].revents) & POLLHUP) != 0) {
-    usleep(kLookMilliseconds * 1000);  // an output that has ended is always ready
-  }
+  std::vector<pollfd> watched = {{station_ && !station_end_ ? station_->output() : -1, POLLIN, 0}};
+  if (neighbours_) neighbours_->ppt_server.add_descriptors(&watched);
+  poll(watched.data(), watched.size(), kLookMilliseconds);
+  if ((watched[0].revents & POLLHUP) != 0) usleep(kLookMilliseconds * 1000);  // it is always ready
   if (station_ && !station_end_) {
-    station_end_ = station_->ended();
-    while (const auto line = station_->next_line()) take_station_line(*line);
-    if (station_end_) end_station_output();
+    station_end_ = station_->end();
+    while (const auto line = station_->read_line()) take_station_line(*line);
+    if (station_end_) take_station_end();
   }
-  while (ppt_server_) {
-    const auto line = ppt_server_->next_line();
-    if (!line) break;
-    ppt_lines_.push_back(*line);
-    if (*line != "ok" && *line != "ready") timeline_.says("ppt", *line);
+  if (neighbours_) {
+    for (const PptServer::Event& event : neighbours_->ppt_server.serve()) take_ppt_event(event);
   }
   const std::vector<std::string> calls = board_.calls();
   for (; board_calls_shown_ < calls.size(); ++board_calls_shown_) {
-    timeline_.says("board", "runs " + calls[board_calls_shown_]);
+    timeline_.log("board", "runs " + calls[board_calls_shown_]);
   }
 }
 
-// What stands behind its last newline is a line too.
-void Run::end_station_output() {
-  const std::string last = station_->rest();
+// What follows its last newline is a line too.
+void Run::take_station_end() {
+  const std::string last = station_->read_text();
   if (!last.empty()) take_station_line(last);
-  timeline_.says("station", "ends with exit status " + std::to_string(*station_end_));
+  timeline_.log("station", "ends: " + picture::in_words({station_end_->status, station_end_->signal}));
 }
 
 void Run::take_station_line(const std::string& line) {
-  station_log_ << in_log_form(epoch_seconds()) << ' ' << line << std::endl;
-  station_lines_.push_back(line);
-  timeline_.says("station", "| " + line);
+  const std::int64_t now = microseconds_since_epoch();
+  station_log_ << in_log_form(now) << ' ' << line << std::endl;
+  station_lines_.push_back({now, line});
+  timeline_.log("station", "| " + line);
 }
 
-bool Run::until(double seconds, const std::function<bool()>& is_so) {
+void Run::take_ppt_event(const PptServer::Event& event) {
+  ppt_events_.push_back(event);
+  timeline_.log("ppt", event.in_words());
+}
+
+bool Run::until(double seconds, const std::function<bool()>& condition) {
   const auto deadline = SteadyClock::now() + std::chrono::duration<double>(seconds);
   do {
     look();
-    if (is_so()) return true;
+    if (condition()) return true;
   } while (SteadyClock::now() < deadline);
   return false;
-}
-
-bool Run::ppt_server_said(const std::string& line) const {
-  return std::count(ppt_lines_.begin(), ppt_lines_.end(), line) != 0;
-}
-
-void Run::write_summary(const std::optional<std::string>& wrong) const {
-  std::ofstream summary(folder_ + "/run");
-  summary << "title " << scenario_.title << '\n'
-          << "name " << name_ << '\n'
-          << "start " << in_log_form(timeline_.start()) << '\n'
-          << "end " << in_log_form(epoch_seconds()) << '\n'
-          << "command " << station_command_ << '\n'
-          << "ppt_flag " << board_.keeps("ppt_flag") << '\n'
-          << "judged " << wrong.value_or("as the scenario says") << '\n';
-  if (station_end_) summary << "status " << *station_end_ << '\n';
 }

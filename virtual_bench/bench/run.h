@@ -9,121 +9,139 @@
 #include <string>
 #include <vector>
 
-#include "bench/board.h"
 #include "bench/network.h"
-#include "bench/process.h"
 #include "bench/scenario.h"
+#include "bench/station_options.h"
 #include "bench/timeline.h"
+#include "picture/record.h"
+#include "ppt_server/ppt_server.h"
+#include "stage/board.h"
+#include "stage/process.h"
+#include "unit/unit.h"
 
-// The programs that take part.
-struct Programs {
-  std::string station;  // the daemon, unmodified
-  std::string unit;
-  std::string ppt_server;
-  std::string wire;
+// Why what a step says did not happen.
+struct StepFailed : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct ReadOptions {
+  int block_size = 512;     // bytes
+  int timeout_seconds = 5;  // of the option
+  int tries = 1;
 };
 
 // One run: plays a scenario's steps one after another, and prints meanwhile what station, board and PPT
 // server do.
 //
 // What it leaves in its folder; times in seconds since the epoch:
-//   - run: the run as a whole, "KEY VALUE"
 //   - station.log: "SECONDS LINE" of the station's output
 //   - board.log: "SECONDS COMMAND", each call of a board command
 //   - fates: what the wire did to which frame
-//   - errors: what the programs said on standard error
+//   - errors: what the station said on standard error
 //   - served/, unit/: the files that the station serves, those that the unit read
 //   - board/: the board's state
 class Run {
  public:
-  // name: the run's. folder: exists and is empty. capture: the file that the wire records into. The calling
-  // process has become the station.
-  Run(const Scenario& scenario, const Programs& programs, const std::string& name, const std::string& folder,
+  static constexpr double kExitSeconds = 20;  // for the station to end, if nothing else is said
+
+  // station: the daemon's program, unmodified. folder: exists and is empty. capture: the file that the wire
+  // records into. The calling process has mounts, network and process numbers of its own.
+  Run(const Scenario& scenario, const std::string& station, const std::string& folder,
       const std::string& capture);
 
   // Nothing when all went as the scenario says, else what did not. The run's processes have ended then.
   // Throws NotAllowed where this machine gives no network.
   std::optional<std::string> play();
 
+  // After play: all that is known of the run but name, judgement and capture.
+  picture::RunRecord record() const;
+  // After play: "the unit PASSED", "the unit FAILED" or "the unit gave no final verdict".
+  std::string verdict() const;
+
+  // What the steps do: each throws StepFailed when what it waits for does not happen.
+  void serve_text(const std::string& name, const std::string& text) const;
+  void serve_random_bytes(const std::string& name, double size) const;
+  // Follows all the orders; the step is printed.
+  void order_wire(const Step& step, const std::vector<Order>& orders);
+  PptServer& ppt_server(const Step& step);
+  void expect_of_ppt(const PptServer::Event& event);
+  void expect_ppt_not_to_have_heard(const std::string& name);
+  void name_link(const std::string& name);
+  void set_tool_status(int status) const;
+  void expect_no_call() const;
+  void expect_call(const std::string& command);
+  void expect_variable(const std::string& name, const std::string& value);
+  void start_station(const std::string& more_arguments);
+  void expect_line(const std::string& line);
+  void signal_station(const std::string& name, int number) const;
+  // status: as a shell counts it, 128 plus the number of a signal.
+  void expect_exit(int status, double seconds);
+  void hear_script();
+  void hear_nothing(double seconds);
+  void obey_heard_script(const ReadOptions& options);
+  void read(const std::string& name, const ReadOptions& options);
+  void read_until_death(const std::string& name, const ReadOptions& options, double bytes);
+  void fail_to_read(const std::string& name, const ReadOptions& options);
+  void begin_reading(const std::string& name, const ReadOptions& options);
+  void end_reading();
+  void ask(const std::string& question, const std::string& reply);
+  void ask_in_vain(const std::string& question);
+  void send(const std::string& text);
+  void wait(double seconds);
+
  private:
-  static constexpr double kPatienceSeconds = 10;  // for what is to happen at once
-  static constexpr char kTftpPort[] = "69";
-  static constexpr char kMessagePort[] = "12345";
-  static constexpr char kRelayPort[] = "12345";
-
-  struct Wrong : std::runtime_error {
-    using std::runtime_error::runtime_error;
+  // Who lives on the network, made when the first step needs it.
+  struct Neighbours {
+    explicit Neighbours(Run& run);
+    Network network;
+    PptServer ppt_server;
+    Unit unit;
   };
-
-  // A file on its way to the unit.
-  struct Reading {
-    std::string name;
-    double since;
-    std::unique_ptr<Process> unit;  // until it has ended
-  };
+  Neighbours& neighbours();
 
   void play_step(const Step& step);
   std::string served(const std::string& name) const;
   std::string local(const std::string& name) const;
-  void play_file_step(const Step& step);
-  void play_wire_step(const Step& step);
-  void play_ppt_step(const Step& step);
-  void play_board_step(const Step& step);
-  void play_station_step(const Step& step);
-  void play_unit_step(const Step& step);
-
-  void wait(const Step& step);
+  bool has_said(const std::string& line) const;
+  bool has_happened(const PptServer::Event& event) const;
   void expect_started() const;
-  void expect_line(const std::string& line);
-  void start_station(const std::string& more_arguments);
-  void expect_exit(const Step& step);
-  void hear_script();
-  void hear_nothing(double seconds);
   // depth: 0 for the script that was heard, 1 for the ones that it obeys, and so on.
-  void obey_script(const std::string& script, const Step& options, int depth);
-  void read(const std::string& name, const Step& options);
-  void begin_reading(const std::string& name, const Step& options);
-  bool ends_reading();
-  void read_until_death(const Step& step);
+  void obey_script(const std::string& script, const ReadOptions& options, int depth);
+  Unit::Answer answer_to(const std::string& question, double seconds);
+  // Why the file has not arrived; nothing when it has.
+  std::optional<std::string> failure_of_reading();
+  void report_progress(std::int64_t* next_report) const;
   void expect_whole() const;
-  void ask(const Step& step);
 
-  // The network and what lives on it, made when the first step needs it.
-  Network& network();
-  void order_ppt_server(const std::string& order);
-  std::unique_ptr<Process> unit_does(const std::vector<std::string>& arguments);
-  // Waits for the unit's program to end. Whether it ended well.
-  bool finished(Process& process);
-  void report_progress(double* next_report);
-
-  // Waits a moment for output and prints what is new. until: the same until is_so() holds, for at most so
-  // many seconds; whether it held.
+  // Waits a moment for output and prints what is new. until: the same until the condition holds, for at most
+  // so many seconds; whether it held.
   void look();
+  bool until(double seconds, const std::function<bool()>& condition);
   void take_station_line(const std::string& line);
-  void end_station_output();
-  bool until(double seconds, const std::function<bool()>& is_so);
-  bool ppt_server_said(const std::string& line) const;
-  void write_summary(const std::optional<std::string>& wrong) const;
+  void take_station_end();
+  void take_ppt_event(const PptServer::Event& event);
 
   const Scenario scenario_;
-  const Programs programs_;
-  const std::string name_;
+  const std::string station_program_;
   const std::string folder_;
   const std::string capture_;
   const Timeline timeline_;
   const Board board_;
   std::ofstream station_log_;
   std::string station_link_ = "lan0";
-  std::unique_ptr<Network> network_;
-  std::unique_ptr<Process> ppt_server_;
+  std::unique_ptr<Neighbours> neighbours_;
   std::unique_ptr<Process> station_;
   std::string station_command_;
-  std::vector<std::string> station_lines_;
-  std::optional<int> station_end_;
-  std::vector<std::string> ppt_lines_;
+  StationOptions station_options_;
+  std::vector<picture::TimedLine> station_lines_;
+  std::optional<ProcessEnd> station_end_;
+  std::int64_t end_ = 0;  // of the run, in microseconds since the epoch
+  std::vector<PptServer::Event> ppt_events_;
   std::size_t board_calls_shown_ = 0;
-  std::string script_;  // as the unit heard it
-  Reading reading_;     // the last one
+  std::string script_;                // as the unit heard it
+  std::unique_ptr<Reading> reading_;  // that goes on
+  std::string reading_name_;          // of the last one
+  std::int64_t reading_since_ = 0;    // in microseconds since the epoch
 };
 
 #endif

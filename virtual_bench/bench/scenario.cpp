@@ -12,53 +12,7 @@
 
 namespace {
 
-// Capital words stand for values: NAME, TEXT, REPLY for any word; UNIT and SIGNAL for those below; every
-// other one for a number in kRanges. What stands in brackets may be left away.
-struct Form {
-  Act act;
-  const char* words;
-};
-
-constexpr Form kForms[] = {
-    {Act::kFileHolds, "file NAME holds TEXT"},
-    {Act::kFileIs, "file NAME is SIZE UNIT"},
-    {Act::kWireLoses, "wire loses PERCENT %"},
-    {Act::kWireDuplicates, "wire duplicates PERCENT %"},
-    {Act::kWireSwaps, "wire swaps PERCENT %"},
-    {Act::kWireDelays, "wire delays MILLISECONDS ms"},
-    {Act::kWireIsCut, "wire is cut for SECONDS s"},
-    {Act::kWireIsWhole, "wire is whole"},
-    {Act::kPptIsSilent, "ppt is silent"},
-    {Act::kPptRefuses, "ppt refuses"},
-    {Act::kPptAnswersError, "ppt answers ERROR CODE TEXT"},
-    {Act::kPptAnswers, "ppt answers"},
-    {Act::kPptHears, "ppt hears NAME"},
-    {Act::kPptIsConnected, "ppt is connected"},
-    {Act::kPptReceives, "ppt receives TEXT"},
-    {Act::kBoardLinkIsCalled, "board link is called NAME"},
-    {Act::kBoardToolExits, "board tool exits STATUS"},
-    {Act::kBoardRanNothing, "board ran nothing"},
-    {Act::kBoardRan, "board ran TEXT"},
-    {Act::kBoardKeeps, "board keeps NAME TEXT"},
-    {Act::kStationStartsWith, "station starts with TEXT"},
-    {Act::kStationStarts, "station starts"},
-    {Act::kStationSays, "station says TEXT"},
-    {Act::kStationGets, "station gets SIGNAL"},
-    {Act::kStationExits, "station exits STATUS [within SECONDS s]"},
-    {Act::kUnitHears, "unit hears the boot script"},
-    {Act::kUnitHearsNothing, "unit hears nothing for SECONDS s"},
-    {Act::kUnitObeys, "unit obeys the boot script [timeout TIMEOUT] [tries TRIES]"},
-    {Act::kUnitReads,
-     "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]"},
-    {Act::kUnitCannotRead, "unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT]"},
-    {Act::kUnitBeginsReading, "unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]"},
-    {Act::kUnitEndsReading, "unit ends reading"},
-    {Act::kUnitAsksInVain, "unit asks TEXT in vain"},
-    {Act::kUnitAsks, "unit asks TEXT expects REPLY"},
-    {Act::kUnitSends, "unit sends TEXT"},
-    {Act::kBenchWaits, "bench waits SECONDS s"},
-};
-
+const std::string kByteOrderMark = "\xEF\xBB\xBF";  // of UTF-8; some editors write it
 const std::set<std::string> kFreeWords = {"NAME", "TEXT", "REPLY"};
 struct Range {
   double least;
@@ -147,7 +101,7 @@ std::vector<std::string> words_of(const std::string& line) {
 }
 
 // One form against one line. matched: how many words of the line fitted; expected: what could have stood
-// behind them.
+// after them.
 struct Attempt {
   bool whole = false;
   std::size_t matched = 0;
@@ -158,8 +112,8 @@ struct Attempt {
 // Takes the words of one part of a form, all or none of them when it stands in brackets.
 class Matcher {
  public:
-  Matcher(const Form& form, const std::vector<std::string>& words)
-      : form_(split_at_blanks(form.words)), words_(words) {}
+  Matcher(const Command& command, const std::vector<std::string>& words)
+      : form_(split_at_blanks(command.form)), words_(words) {}
 
   Attempt match() {
     for (std::size_t i = 0; i < form_.size() && !failed_; ++i) {
@@ -215,8 +169,8 @@ std::string joined(const std::set<std::string>& items) {
 std::string complaint(const std::vector<std::string>& words) {
   std::size_t furthest = 0;
   std::set<std::string> expected;
-  for (const Form& form : kForms) {
-    const Attempt attempt = Matcher(form, words).match();
+  for (const Command& command : commands()) {
+    const Attempt attempt = Matcher(command, words).match();
     if (attempt.matched < furthest) continue;
     if (attempt.matched > furthest) expected.clear();
     furthest = attempt.matched;
@@ -230,10 +184,10 @@ Step parse_step(const std::string& line, int number, const std::string& where) {
   if (line.find('\0') != std::string::npos) throw ScenarioError(where + "a byte is 0; expected: text");
   const std::vector<std::string> words = words_of(line);
   if (words.empty()) throw ScenarioError(where + "a quote is opened and not closed; expected: \"");
-  for (const Form& form : kForms) {
-    const Attempt attempt = Matcher(form, words).match();
+  for (const Command& command : commands()) {
+    const Attempt attempt = Matcher(command, words).match();
     if (!attempt.whole) continue;
-    const Step step = {number, line, form.act, words[0], attempt.values};
+    const Step step = {number, line, &command, attempt.values};
     if (step.has("SIZE") && step.bytes() > kRanges.at("SIZE").most)
       throw ScenarioError(where + "the file is too large; expected: at most 4096 MiB");
     return step;
@@ -261,15 +215,11 @@ int Step::signal() const {
   return kSignals.at(text_of("SIGNAL"));
 }
 
-std::vector<std::string> step_forms() {
-  std::vector<std::string> forms;
-  for (const Form& form : kForms) forms.emplace_back(form.words);
-  return forms;
-}
-
 Scenario parse_scenario(const std::string& text, const std::string& file_name) {
   Scenario scenario;
-  std::istringstream in(text);
+  std::istringstream in(text.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0
+                            ? text.substr(kByteOrderMark.size())
+                            : text);
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     line = trimmed(line);

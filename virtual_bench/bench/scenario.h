@@ -6,64 +6,40 @@
 #include <string>
 #include <vector>
 
-// A run as a text: one step a line, readable aloud. kForms in scenario.cpp lists every step that there is.
+// A run as a text: one step a line, readable aloud; commands() lists every step that there is.
 // A line that begins with # is a comment; the first one is the run's title. A word that holds blanks stands
 // in double quotes, in which \r, \n, \" and \\ stand for what they stand for in C++.
 
-// What a step does; the words behind each are in kForms.
-enum class Act {
-  kFileHolds,
-  kFileIs,
-  kWireDuplicates,
-  kWireDelays,
-  kWireIsCut,
-  kWireIsWhole,
-  kWireLoses,
-  kWireSwaps,
-  kPptAnswers,
-  kPptAnswersError,
-  kPptHears,
-  kPptIsConnected,
-  kPptIsSilent,
-  kPptReceives,
-  kPptRefuses,
-  kBoardKeeps,
-  kBoardLinkIsCalled,
-  kBoardRan,
-  kBoardRanNothing,
-  kBoardToolExits,
-  kStationStarts,
-  kStationStartsWith,
-  kStationSays,
-  kStationGets,
-  kStationExits,
-  kUnitAsks,
-  kUnitAsksInVain,
-  kUnitBeginsReading,
-  kUnitCannotRead,
-  kUnitEndsReading,
-  kUnitHears,
-  kUnitHearsNothing,
-  kUnitObeys,
-  kUnitReads,
-  kUnitSends,
-  kBenchWaits,
+class Run;
+struct Step;
+
+// What a step can be. In its form, capital words stand for values: NAME, TEXT, REPLY for any word; UNIT and
+// SIGNAL for those that scenario.cpp lists; every other one for a number in a range that stands there. What
+// stands in brackets may be omitted. Of two forms that both fit a line, the one that is listed first counts.
+struct Command {
+  // Throws StepFailed, or another std::runtime_error, when what the step says does not happen.
+  using Play = void (*)(Run& run, const Step& step);
+
+  constexpr Command(const char* form_, Play play_) : form(form_), play(play_) {}
+  const char* form;
+  Play play;
 };
+
+const std::vector<Command>& commands();
 
 struct Step {
   int line;          // from 1
   std::string text;  // as it stands in the file
-  Act act;
-  std::string role;  // the first word: file, wire, ppt, board, station, unit or bench
+  const Command* command;
   std::map<std::string, std::string> values;  // by the capital word of the form: values["NAME"]
 
   const std::string& text_of(const std::string& word) const { return values.at(word); }
-  // What the step says, in the range that kRanges gives, or otherwise when its optional part is left away.
+  // What the step says, in its range, or otherwise when its optional part is omitted.
   double number_of(const std::string& word, double otherwise = 0) const;
   bool has(const std::string& word) const { return values.count(word) != 0; }
   // The product of SIZE and UNIT, in bytes.
   double bytes() const;
-  // The number behind SIGNAL.
+  // The number of SIGNAL.
   int signal() const;
 };
 
@@ -76,10 +52,6 @@ struct Scenario {
 struct ScenarioError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
-
-// Every step that there is, as words: capital ones stand for values, what stands in brackets may be left
-// away.
-std::vector<std::string> step_forms();
 
 // text: a file's whole content; file_name: for the errors. Throws ScenarioError.
 Scenario parse_scenario(const std::string& text, const std::string& file_name);

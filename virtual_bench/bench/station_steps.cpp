@@ -2,8 +2,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <numeric>
 #include <random>
 #include <sstream>
+#include <utility>
 
 #include "bench/run.h"
 
@@ -11,157 +13,152 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr double kExitSeconds = 20;  // for the station to end
-constexpr int kSeed = 1;             // of the files' bytes
+constexpr double kPatienceSeconds = 10;         // for what is to happen at once
+constexpr double kForwardingSeconds = 0.2;      // for what is on its way to the PPT server to be heard there
+constexpr std::mt19937::result_type kSeed = 1;  // of the files' bytes
 constexpr char kStationServes[] = "Server started , waiting for connections";
 
-void fill(std::ostream& out, std::size_t bytes) {
-  std::mt19937 random(kSeed);
-  for (std::size_t i = 0; i < bytes; ++i) out.put(static_cast<char>(random() & 0xFF));
+// How many letters must be changed, added or taken away to make one text of the other.
+std::size_t distance(const std::string& one, const std::string& other) {
+  std::vector<std::size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 0; i < one.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < other.size(); ++j) {
+      const std::size_t changed = diagonal + (one[i] == other[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+    }
+  }
+  return row.back();
+}
+
+std::string after_first_word(const std::string& text) {
+  return text.substr(text.find_first_of(" \t") + 1);
+}
+
+std::ofstream opened(const std::string& name, const std::string& path) {
+  if (name.find('/') != std::string::npos) throw StepFailed("it would be elsewhere; expected a plain name");
+  std::ofstream out(path, std::ios::binary);
+  if (!out) throw StepFailed("it cannot be written; expected a plain name");
+  return out;
 }
 
 }  // namespace
 
-void Run::play_file_step(const Step& step) {
-  const std::string& name = step.text_of("NAME");
-  if (name.find('/') != std::string::npos) throw Wrong("it would be elsewhere; expected a plain name");
-  std::ofstream out(served(name), std::ios::binary);
-  if (step.act == Act::kFileHolds) {
-    out << step.text_of("TEXT");
-  } else {
-    fill(out, static_cast<std::size_t>(step.bytes()));
-  }
-  if (!out.flush()) throw Wrong("it cannot be written; expected a plain name");
+void Run::serve_text(const std::string& name, const std::string& text) const {
+  opened(name, served(name)) << text;
 }
 
-void Run::play_wire_step(const Step& step) {
-  Network& wire = network();
-  timeline_.says("wire", step.text.substr(step.text.find(' ') + 1));
-  switch (step.act) {
-    case Act::kWireLoses:
-      return wire.orders("loses " + step.text_of("PERCENT"));
-    case Act::kWireDuplicates:
-      return wire.orders("duplicates " + step.text_of("PERCENT"));
-    case Act::kWireSwaps:
-      return wire.orders("swaps " + step.text_of("PERCENT"));
-    case Act::kWireDelays:
-      return wire.orders("delays " + step.text_of("MILLISECONDS"));
-    case Act::kWireIsCut:
-      return wire.orders("cuts " + step.text_of("SECONDS"));
-    default:
-      for (const char* damage : {"loses 0", "duplicates 0", "swaps 0", "delays 0"}) wire.orders(damage);
-  }
+void Run::serve_random_bytes(const std::string& name, double size) const {
+  std::ofstream out = opened(name, served(name));
+  std::mt19937 random(kSeed);
+  for (double left = std::floor(size); left > 0; --left) out.put(static_cast<char>(random() & 0xFF));
 }
 
-void Run::play_ppt_step(const Step& step) {
-  network();
-  const auto expect = [&](const std::string& line) {
-    if (!until(kPatienceSeconds, [&] { return ppt_server_said(line); }))
-      throw Wrong("the PPT server has not " + line);
-  };
-  switch (step.act) {
-    case Act::kPptAnswers:
-      return order_ppt_server("answers");
-    case Act::kPptIsSilent:
-      return order_ppt_server("silent");
-    case Act::kPptRefuses:
-      return order_ppt_server("refuses");
-    case Act::kPptAnswersError:
-      return order_ppt_server("error " + step.text_of("CODE") + " " + step.text_of("TEXT"));
-    case Act::kPptIsConnected:
-      return expect("connected");
-    case Act::kPptHears:
-      return expect("heard " + step.text_of("NAME"));
-    default:
-      return expect("received " + step.text_of("TEXT"));
-  }
+void Run::order_wire(const Step& step, const std::vector<Order>& orders) {
+  const Network& network = neighbours().network;
+  timeline_.log("wire", after_first_word(step.text));
+  for (const Order& order : orders) network.order_wire(order.what, order.amount);
 }
 
-void Run::play_board_step(const Step& step) {
-  if (step.act == Act::kBoardLinkIsCalled) {
-    if (network_) throw Wrong("the link is there already; expected this step before anything starts");
-    station_link_ = step.text_of("NAME");
-  } else if (step.act == Act::kBoardToolExits) {
-    board_.tool_exits(static_cast<int>(step.number_of("STATUS")));
-  } else if (step.act == Act::kBoardRanNothing) {
+PptServer& Run::ppt_server(const Step& step) {
+  PptServer& server = neighbours().ppt_server;
+  timeline_.log("ppt", after_first_word(step.text));
+  return server;
+}
+
+bool Run::has_happened(const PptServer::Event& event) const {
+  return std::count(ppt_events_.begin(), ppt_events_.end(), event) != 0;
+}
+
+void Run::expect_of_ppt(const PptServer::Event& event) {
+  neighbours();
+  if (!until(kPatienceSeconds, [&] { return has_happened(event); }))
+    throw StepFailed("the PPT server has not " + event.in_words());
+}
+
+void Run::expect_ppt_not_to_have_heard(const std::string& name) {
+  if (until(kForwardingSeconds, [&] { return has_happened({PptServer::Event::Kind::kHeard, name}); }))
+    throw StepFailed("it has");
+}
+
+void Run::name_link(const std::string& name) {
+  if (neighbours_) throw StepFailed("the link is there already; expected this step before anything starts");
+  station_link_ = name;
+}
+
+void Run::set_tool_status(int status) const {
+  board_.ends_with(Board::kT1E1, status);
+}
+
+void Run::expect_no_call() const {
+  const std::vector<std::string> calls = board_.calls();
+  if (!calls.empty()) throw StepFailed("the board ran " + calls.front());
+}
+
+void Run::expect_call(const std::string& command) {
+  const auto has_run = [&] {
     const std::vector<std::string> calls = board_.calls();
-    if (!calls.empty()) throw Wrong("the board ran " + calls.front());
-  } else if (step.act == Act::kBoardRan) {
-    const auto has_run = [&] {
-      const std::vector<std::string> calls = board_.calls();
-      return std::count(calls.begin(), calls.end(), step.text_of("TEXT")) != 0;
-    };
-    if (!until(kPatienceSeconds, has_run)) throw Wrong("the board did not");
-  } else {
-    const auto value = [&] { return board_.keeps(step.text_of("NAME")); };
-    if (!until(kPatienceSeconds, [&] { return value() == step.text_of("TEXT"); }))
-      throw Wrong("it keeps " + value());
-  }
+    return std::count(calls.begin(), calls.end(), command) != 0;
+  };
+  if (!until(kPatienceSeconds, has_run)) throw StepFailed("the board did not");
 }
 
-void Run::play_station_step(const Step& step) {
-  switch (step.act) {
-    case Act::kStationStarts:
-      return start_station("");
-    case Act::kStationStartsWith:
-      return start_station(step.text_of("TEXT"));
-    case Act::kStationExits:
-      return expect_exit(step);
-    case Act::kStationGets:
-      expect_started();
-      timeline_.says("station", "gets " + step.text_of("SIGNAL"));
-      return station_->signals(step.signal());
-    default:
-      return expect_line(step.text_of("TEXT"));
-  }
-}
-
-void Run::expect_line(const std::string& line) {
-  const auto has_said = [&] { return std::count(station_lines_.begin(), station_lines_.end(), line) != 0; };
-  if (!until(kPatienceSeconds, has_said)) throw Wrong("the station did not");
+void Run::expect_variable(const std::string& name, const std::string& value) {
+  if (!until(kPatienceSeconds, [&] { return board_.variable(name) == value; }))
+    throw StepFailed("it keeps " + board_.variable(name));
 }
 
 void Run::start_station(const std::string& more_arguments) {
-  network();
-  if (station_) throw Wrong("it has started already");
-  std::vector<std::string> arguments = {programs_.station, "-o", kStationIp};
+  if (station_) throw StepFailed("it has started already");
+  std::vector<std::string> arguments = {station_program_, "-o", Network::kStationIp};
   std::istringstream words(more_arguments);
   for (std::string word; words >> word;) arguments.push_back(word);
+  station_options_ = read_station_options({arguments.begin() + 1, arguments.end()});
+  neighbours().network.move_ppt_server(station_options_.ppt_ip);
+  neighbours().ppt_server.move_to(station_options_.ppt_port, station_options_.message_port);
   station_command_ = "TFTP";
   for (std::size_t i = 1; i < arguments.size(); ++i) station_command_ += " " + arguments[i];
-  timeline_.says("station", station_command_);
-  station_ = std::make_unique<Process>(
-      arguments,
-      [this] {
-        setenv("PATH", board_.path().c_str(), 1);
-        fs::current_path(folder_ + "/served");
-      },
-      folder_ + "/errors");
-  const auto serves_or_ended = [&] {
-    return station_end_ || std::count(station_lines_.begin(), station_lines_.end(), kStationServes) != 0;
-  };
-  if (!until(kPatienceSeconds, serves_or_ended)) throw Wrong("the station does not serve");
+  timeline_.log("station", station_command_);
+  station_ = std::make_unique<Process>(arguments, [this] {
+    append_errors_to(folder_ + "/errors");
+    setenv("PATH", board_.path().c_str(), 1);
+    fs::current_path(folder_ + "/served");
+  });
+  if (!until(kPatienceSeconds, [&] { return station_end_ || has_said(kStationServes); }))
+    throw StepFailed("the station does not serve");
+}
+
+bool Run::has_said(const std::string& line) const {
+  return std::any_of(station_lines_.begin(), station_lines_.end(),
+                     [&line](const picture::TimedLine& said) { return said.text == line; });
+}
+
+void Run::expect_line(const std::string& line) {
+  if (until(kPatienceSeconds, [&] { return has_said(line); })) return;
+  const auto nearest = std::min_element(station_lines_.begin(), station_lines_.end(),
+                                        [&line](const auto& one, const auto& other) {
+                                          return distance(line, one.text) < distance(line, other.text);
+                                        });
+  throw StepFailed("the station did not; " + (nearest == station_lines_.end()
+                                                  ? "it has said nothing"
+                                                  : "the nearest that it said: \"" + nearest->text + "\""));
+}
+
+void Run::signal_station(const std::string& name, int number) const {
+  expect_started();
+  timeline_.log("station", "gets " + name);
+  station_->send_signal(number);
 }
 
 void Run::expect_started() const {
-  if (!station_) throw Wrong("it never started; expected \"station starts\" before");
+  if (!station_) throw StepFailed("it never started; expected \"station starts\" before");
 }
 
-void Run::expect_exit(const Step& step) {
+void Run::expect_exit(int status, double seconds) {
   expect_started();
-  const double patience = step.number_of("SECONDS", kExitSeconds);
-  if (!until(patience, [&] { return station_end_.has_value(); })) throw Wrong("the station still runs");
-  if (*station_end_ != static_cast<int>(step.number_of("STATUS"))) {
-    throw Wrong("its exit status is " + std::to_string(*station_end_));
-  }
-}
-
-void Run::order_ppt_server(const std::string& order) {
-  if (order.find('\n') != std::string::npos)
-    throw Wrong("it is told by the line; expected a text of one line");
-  timeline_.says("ppt", order);
-  ppt_lines_.erase(std::remove(ppt_lines_.begin(), ppt_lines_.end(), "ok"), ppt_lines_.end());
-  ppt_server_->says(order);
-  if (!until(kPatienceSeconds, [&] { return ppt_server_said("ok"); }))
-    throw Wrong("the PPT server does not obey");
+  if (!until(seconds, [&] { return station_end_.has_value(); })) throw StepFailed("the station still runs");
+  if (station_end_->shell_status() != status)
+    throw StepFailed("its exit status is " + std::to_string(station_end_->shell_status()));
 }

@@ -1,6 +1,4 @@
 // What a scenario's steps do with the unit.
-#include <signal.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -13,11 +11,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr double kTransferSeconds = 150;    // the longest that a transfer may take
-constexpr double kProgressSeconds = 1;      // between two lines about one long read
-constexpr double kVainSeconds = 3;          // for a question that is not to be answered
-constexpr double kBulkBytes = 1024 * 1024;  // from here on a read's rate says something
-constexpr int kDeepestScript = 10;          // a script that obeys itself would never end
+constexpr double kPatienceSeconds = 10;          // for what is to happen at once
+constexpr double kTransferSeconds = 150;         // the longest that a transfer may take
+constexpr std::int64_t kProgressTime = 1000000;  // between two lines about one long read, in microseconds
+constexpr double kVainSeconds = 3;               // for a question that is not to be answered
+constexpr double kBulkBytes = 1024 * 1024;       // from here on a read's rate says something
+constexpr int kDeepestScript = 10;               // a script that obeys itself would never end
 constexpr char kVerdictPrefix[] = "F_l_m_";
 
 std::string content(const fs::path& file) {
@@ -44,11 +43,16 @@ std::string in_kib(double bytes) {
   return with_digits(bytes / 1024, 0);
 }
 
-std::vector<std::string> split(const std::string& text) {
+// Without what ends a line, and a text's final NUL; empty lines are left out.
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
   std::istringstream in(text);
-  std::vector<std::string> words;
-  for (std::string word; in >> word;) words.push_back(word);
-  return words;
+  for (std::string line; std::getline(in, line);) {
+    line.erase(std::remove_if(line.begin(), line.end(), [](char c) { return c == '\r' || c == '\0'; }),
+               line.end());
+    if (!line.empty()) lines.push_back(line);
+  }
+  return lines;
 }
 
 bool is_verdict(const std::string& name) {
@@ -67,170 +71,153 @@ std::string Run::local(const std::string& name) const {
   return fs::path(folder_) / "unit" / fs::path(name).filename();
 }
 
-void Run::play_unit_step(const Step& step) {
-  network();
-  switch (step.act) {
-    case Act::kUnitHears:
-      return hear_script();
-    case Act::kUnitHearsNothing:
-      return hear_nothing(step.number_of("SECONDS"));
-    case Act::kUnitObeys:
-      if (script_.empty()) throw Wrong("it has heard none");
-      return obey_script(script_, step, 0);
-    case Act::kUnitReads:
-      return step.has("UNIT") ? read_until_death(step) : read(step.text_of("NAME"), step);
-    case Act::kUnitBeginsReading:
-      return begin_reading(step.text_of("NAME"), step);
-    case Act::kUnitEndsReading:
-      if (!ends_reading()) throw Wrong(reading_.name + " was not read");
-      return;
-    case Act::kUnitCannotRead:
-      begin_reading(step.text_of("NAME"), step);
-      if (ends_reading()) throw Wrong("it could");
-      return;
-    case Act::kUnitSends: {
-      const auto unit = unit_does({"send", kStationIp, kRelayPort, step.text_of("TEXT")});
-      timeline_.says("unit", "sends '" + step.text_of("TEXT") + "'");
-      if (!finished(*unit)) throw Wrong("it could not");
-      return;
-    }
-    default:
-      ask(step);
-  }
-}
-
 void Run::hear_script() {
-  const auto unit = unit_does({"hear", kMessagePort, std::to_string(kPatienceSeconds)});
-  if (!finished(*unit)) throw Wrong("the unit heard nothing");
-  script_ = unit->rest();
-  timeline_.says("unit", "hears a boot script of " + std::to_string(script_.size()) + " bytes:");
-  std::istringstream lines(script_);
-  for (std::string line; std::getline(lines, line);) {
-    line.erase(std::remove_if(line.begin(), line.end(), [](char c) { return c == '\r' || c == '\0'; }),
-               line.end());
-    if (!line.empty()) timeline_.says("unit", "> " + line);
-  }
+  const auto script = neighbours().unit.hear(station_options_.message_port, kPatienceSeconds);
+  if (!script) throw StepFailed("the unit heard nothing");
+  script_ = *script;
+  timeline_.log("unit", "hears a boot script of " + std::to_string(script_.size()) + " bytes:");
+  for (const std::string& line : lines_of(script_)) timeline_.log("unit", "> " + line);
 }
 
 void Run::hear_nothing(double seconds) {
-  const auto unit = unit_does({"hear", kMessagePort, std::to_string(seconds)});
-  if (finished(*unit)) throw Wrong("it heard " + unit->rest());
-  timeline_.says("unit", "hears nothing");
+  const auto heard = neighbours().unit.hear(station_options_.message_port, seconds);
+  if (heard) {
+    const std::vector<std::string> lines = lines_of(*heard);
+    throw StepFailed("it heard " + std::to_string(heard->size()) + " bytes that begin \"" +
+                     (lines.empty() ? "" : lines.front()) + "\"");
+  }
+  timeline_.log("unit", "hears nothing");
+}
+
+void Run::obey_heard_script(const ReadOptions& options) {
+  if (script_.empty()) throw StepFailed("it has heard none");
+  obey_script(script_, options, 0);
 }
 
 // "tftp ADDRESS NAME" loads a file; "inst ADDRESS" obeys the script that was loaded there.
-void Run::obey_script(const std::string& script, const Step& options, int depth) {
-  if (depth > kDeepestScript) throw Wrong("the scripts obey each other without an end");
+void Run::obey_script(const std::string& script, const ReadOptions& options, int depth) {
+  if (depth > kDeepestScript) throw StepFailed("the scripts obey each other without an end");
   std::map<std::string, std::string> loaded;
-  std::istringstream lines(script);
-  for (std::string line; std::getline(lines, line);) {
-    const std::vector<std::string> words = split(line);
-    if (words.size() == 3 && words[0] == "tftp") {
-      read(words[2], options);
-      loaded[words[1]] = words[2];
-    } else if (words.size() == 2 && words[0] == "inst") {
-      if (loaded.count(words[1]) == 0) throw Wrong("nothing was loaded to " + words[1]);
-      timeline_.says("unit", "obeys " + loaded[words[1]]);
-      obey_script(content(local(loaded[words[1]])), options, depth + 1);
+  for (const std::string& line : lines_of(script)) {
+    std::istringstream words(line);
+    std::string command, address, name, surplus;
+    words >> command >> address >> name >> surplus;
+    if (!surplus.empty() || address.empty()) continue;
+    if (command == "tftp" && !name.empty()) {
+      read(name, options);
+      loaded[address] = name;
+    } else if (command == "inst" && name.empty()) {
+      if (loaded.count(address) == 0) throw StepFailed("nothing was loaded to " + address);
+      timeline_.log("unit", "obeys " + loaded[address]);
+      obey_script(content(local(loaded[address])), options, depth + 1);
     }
   }
 }
 
-void Run::read(const std::string& name, const Step& options) {
-  const int tries = static_cast<int>(options.number_of("TRIES", 1));
-  for (int attempt = 1; attempt <= tries; ++attempt) {
+void Run::read(const std::string& name, const ReadOptions& options) {
+  std::optional<std::string> failure;
+  for (int attempt = 1; attempt <= options.tries; ++attempt) {
     begin_reading(name, options);
-    if (ends_reading()) return;
+    failure = failure_of_reading();
+    if (!failure) return;
   }
-  throw Wrong(name + " was not read");
+  throw StepFailed(name + " was not read: " + *failure);
 }
 
-void Run::begin_reading(const std::string& name, const Step& options) {
-  const auto option = [&](const char* word, const char* otherwise) {
-    return options.has(word) ? options.text_of(word) : otherwise;
-  };
-  if (reading_.unit)
-    throw Wrong(reading_.name + " is still being read; expected \"unit ends reading\" before");
-  timeline_.says("unit", "reads " + name);
-  reading_.name = name;
-  reading_.since = epoch_seconds();
-  reading_.unit = unit_does(
-      {"read", kStationIp, kTftpPort, name, local(name), option("BLOCK", "512"), option("TIMEOUT", "5")});
+void Run::fail_to_read(const std::string& name, const ReadOptions& options) {
+  begin_reading(name, options);
+  if (!failure_of_reading()) throw StepFailed("it could");
 }
 
-// Whether the file has arrived. One that arrives otherwise than it is served is wrong whatever the step
-// expects.
-bool Run::ends_reading() {
-  if (!reading_.unit) throw Wrong("nothing is read; expected \"unit begins reading\" before");
-  double next_report = reading_.since + kProgressSeconds;
+void Run::begin_reading(const std::string& name, const ReadOptions& options) {
+  if (reading_)
+    throw StepFailed(reading_name_ + " is still being read; expected \"unit ends reading\" before");
+  const NetworkNamespace& place = neighbours().network.unit;
+  timeline_.log("unit", "reads " + name);
+  reading_name_ = name;
+  reading_since_ = microseconds_since_epoch();
+  reading_ = std::make_unique<Reading>(
+      place, Reading::Request{Network::kStationIp, station_options_.tftp_port, name, local(name),
+                              options.block_size, options.timeout_seconds});
+}
+
+void Run::end_reading() {
+  if (!reading_) throw StepFailed("nothing is read; expected \"unit begins reading\" before");
+  if (const auto failure = failure_of_reading())
+    throw StepFailed(reading_name_ + " was not read: " + *failure);
+}
+
+// A file that arrives otherwise than it is served is wrong whatever the step expects.
+std::optional<std::string> Run::failure_of_reading() {
+  std::int64_t next_report = reading_since_ + kProgressTime;
   const auto has_ended = [&] {
     report_progress(&next_report);
-    return reading_.unit->ended().has_value();
+    return reading_->has_ended();
   };
-  const bool arrived = until(kTransferSeconds, has_ended) && reading_.unit->ended() == 0;
-  reading_.unit.reset();
-  if (arrived) {
-    expect_whole();
+  std::optional<std::string> failure = "it takes longer than " + with_digits(kTransferSeconds, 0) + " s";
+  if (until(kTransferSeconds, has_ended)) failure = reading_->failure();
+  reading_.reset();
+  if (failure) {
+    timeline_.log("unit", "could not read " + reading_name_ + ": " + *failure);
   } else {
-    timeline_.says("unit", "could not read " + reading_.name);
+    expect_whole();
   }
-  return arrived;
+  return failure;
 }
 
-void Run::report_progress(double* next_report) {
-  if (epoch_seconds() < *next_report) return;
-  const std::string arrived = in_kib(size_of(local(reading_.name)));
-  const std::string whole = in_kib(size_of(served(reading_.name)));
-  timeline_.says("unit", "has " + arrived + " of " + whole + " KiB of " + reading_.name);
-  *next_report += kProgressSeconds;
+void Run::report_progress(std::int64_t* next_report) const {
+  if (microseconds_since_epoch() < *next_report) return;
+  const std::string arrived = in_kib(size_of(local(reading_name_)));
+  const std::string whole = in_kib(size_of(served(reading_name_)));
+  timeline_.log("unit", "has " + arrived + " of " + whole + " KiB of " + reading_name_);
+  *next_report += kProgressTime;
 }
 
 // A verdict is answered by an empty file.
 void Run::expect_whole() const {
-  const std::string& name = reading_.name;
-  const double seconds = epoch_seconds() - reading_.since;
+  const std::string& name = reading_name_;
+  const double seconds = static_cast<double>(microseconds_since_epoch() - reading_since_) / 1e6;
   const std::string arrived = content(local(name));
   const std::string expected = is_verdict(name) ? "" : content(served(name));
-  if (arrived != expected) throw Wrong(name + " arrived, but not as it is served");
+  if (arrived != expected) throw StepFailed(name + " arrived, but not as it is served");
   const double bytes = static_cast<double>(arrived.size());
   const std::string rate =
       bytes < kBulkBytes ? "" : ", " + with_digits(bytes / seconds / kBulkBytes, 1) + " MiB/s";
-  timeline_.says("unit", "has " + name + ", " + std::to_string(arrived.size()) + " bytes as served, in " +
-                             with_digits(seconds, 3) + " s" + rate);
+  timeline_.log("unit", "has " + name + ", " + std::to_string(arrived.size()) + " bytes as served, in " +
+                            with_digits(seconds, 3) + " s" + rate);
 }
 
-void Run::read_until_death(const Step& step) {
-  begin_reading(step.text_of("NAME"), step);
-  const auto has_enough = [&] { return size_of(local(reading_.name)) >= step.bytes(); };
-  const auto has_ended = [&] { return reading_.unit->ended().has_value(); };
-  if (!until(kTransferSeconds, [&] { return has_enough() || has_ended(); }) || has_ended()) {
-    throw Wrong("the transfer ended before");
-  }
-  reading_.unit.reset();
-  timeline_.says("unit", "dies");
+void Run::read_until_death(const std::string& name, const ReadOptions& options, double bytes) {
+  begin_reading(name, options);
+  const auto has_enough = [&] { return size_of(local(name)) >= bytes; };
+  if (!until(kTransferSeconds, [&] { return has_enough() || reading_->has_ended(); }) ||
+      reading_->has_ended())
+    throw StepFailed("the transfer ended before");
+  reading_.reset();
+  timeline_.log("unit", "dies");
 }
 
-void Run::ask(const Step& step) {
-  const bool in_vain = step.act == Act::kUnitAsksInVain;
-  const std::string question = step.text_of("TEXT");
-  const std::string patience = std::to_string(in_vain ? kVainSeconds : kPatienceSeconds);
-  timeline_.says("unit", "asks " + question);
-  const auto unit = unit_does({"ask", kStationIp, kMessagePort, question, patience});
-  const bool answered = finished(*unit);
-  const std::string answer = unit->rest();
-  timeline_.says("unit", answered ? "is told " + answer : "gets no answer");
-  if (answered == in_vain || (answered && answer != step.text_of("REPLY"))) {
-    throw Wrong(answered ? "it was told " + answer : "nobody answered");
-  }
+void Run::ask(const std::string& question, const std::string& reply) {
+  const Unit::Answer answer = answer_to(question, kPatienceSeconds);
+  if (!answer.came) throw StepFailed(answer.text);
+  if (answer.text != reply) throw StepFailed("it was told " + answer.text);
 }
 
-std::unique_ptr<Process> Run::unit_does(const std::vector<std::string>& arguments) {
-  std::vector<std::string> command = {programs_.unit};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return std::make_unique<Process>(
-      command, [this] { network_->unit.enter(); }, folder_ + "/errors");
+void Run::ask_in_vain(const std::string& question) {
+  const Unit::Answer answer = answer_to(question, kVainSeconds);
+  if (answer.came) throw StepFailed("it was told " + answer.text);
 }
 
-bool Run::finished(Process& process) {
-  return until(kTransferSeconds, [&] { return process.ended().has_value(); }) && process.ended() == 0;
+Unit::Answer Run::answer_to(const std::string& question, double seconds) {
+  timeline_.log("unit", "asks " + question);
+  const Unit::Answer answer =
+      neighbours().unit.ask(Network::kStationIp, station_options_.message_port, question, seconds);
+  timeline_.log("unit", answer.came ? "is told " + answer.text : "gets no answer: " + answer.text);
+  return answer;
+}
+
+void Run::send(const std::string& text) {
+  timeline_.log("unit", "sends '" + text + "'");
+  if (!neighbours().unit.send(Network::kStationIp, PptServer::kRelayPort, text))
+    throw StepFailed("it could not");
 }

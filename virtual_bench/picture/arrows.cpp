@@ -14,10 +14,10 @@ bool is_usual(std::uint32_t address) {
 
 void count(const Fate& fate, Event* event) {
   event->times_lost += fate.lost ? 1 : 0;
-  event->times_doubled += fate.doubled ? 1 : 0;
+  event->times_duplicated += fate.duplicated ? 1 : 0;
   event->times_swapped += fate.swapped ? 1 : 0;
   event->fate.lost = event->times_lost == event->times;
-  event->fate.doubled = event->times_doubled > 0;
+  event->fate.duplicated = event->times_duplicated > 0;
   event->fate.swapped = event->times_swapped > 0;
 }
 

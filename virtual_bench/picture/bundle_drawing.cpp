@@ -25,7 +25,7 @@ struct Counts {
   std::size_t acks_again = 0;
   std::size_t data_lost = 0;
   std::size_t acks_lost = 0;
-  std::size_t doubled = 0;
+  std::size_t duplicated = 0;
   std::size_t swapped = 0;
 };
 
@@ -34,7 +34,7 @@ void count(const BundlePacket& packet, Counts* counts) {
   counts->acks_again += !packet.is_data && packet.is_again ? 1 : 0;
   counts->data_lost += packet.is_data && packet.fate.lost ? 1 : 0;
   counts->acks_lost += !packet.is_data && packet.fate.lost ? 1 : 0;
-  counts->doubled += packet.fate.doubled ? 1 : 0;
+  counts->duplicated += packet.fate.duplicated ? 1 : 0;
   counts->swapped += packet.fate.swapped ? 1 : 0;
 }
 
@@ -51,7 +51,7 @@ void add_pair(std::string* text, std::size_t blocks, std::size_t acks, const std
 }
 
 void add_order(const Counts& counts, std::string* text) {
-  if (counts.doubled > 0) add_words(text, std::to_string(counts.doubled) + " doubled");
+  if (counts.duplicated > 0) add_words(text, std::to_string(counts.duplicated) + " duplicated");
   if (counts.swapped > 0) add_words(text, std::to_string(counts.swapped) + " swapped");
 }
 
@@ -64,7 +64,7 @@ std::string in_words(const Counts& counts) {
 }
 
 bool went_straight(const BundlePacket& packet) {
-  return !packet.is_again && !packet.fate.lost && !packet.fate.doubled && !packet.fate.swapped;
+  return !packet.is_again && !packet.fate.lost && !packet.fate.duplicated && !packet.fate.swapped;
 }
 
 std::string speed_of(const Bundle& bundle) {

@@ -17,7 +17,7 @@ enum class Lane { kBoard, kStation, kUnit, kPptServer };
 // What the wire did to a frame, or to any frame of a datagram.
 struct Fate {
   bool lost = false;
-  bool doubled = false;
+  bool duplicated = false;
   bool swapped = false;
 };
 
@@ -58,7 +58,7 @@ struct Event {
   // How many equal ones this stands for, and what the wire did to them.
   std::size_t times = 1;
   std::size_t times_lost = 0;
-  std::size_t times_doubled = 0;
+  std::size_t times_duplicated = 0;
   std::size_t times_swapped = 0;
 
   // kBundle: the packets [first, last) of it.

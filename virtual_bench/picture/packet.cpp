@@ -120,7 +120,7 @@ std::optional<Packet> packet_in(const IpDatagram& ip) {
 
 void add_fate(const Fate& more, Fate* fate) {
   fate->lost = fate->lost || more.lost;
-  fate->doubled = fate->doubled || more.doubled;
+  fate->duplicated = fate->duplicated || more.duplicated;
   fate->swapped = fate->swapped || more.swapped;
 }
 

@@ -10,7 +10,7 @@
 
 #include "picture/capture.h"
 #include "picture/event.h"
-#include "picture/run_folder.h"
+#include "picture/record.h"
 
 namespace picture {
 

@@ -1,5 +1,7 @@
 #include "picture/page.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -24,7 +26,8 @@ constexpr double kLaneHeadWidth = 132;
 constexpr double kNarrowLaneHeadWidth = 88;  // the board's, beside the time axis
 constexpr double kFootKeyWidth = 130;
 constexpr std::size_t kMaxHeadLines = 3;
-constexpr char kNotKnown[] = "not known";
+const std::string kNotKnown = "not known";
+constexpr int kKilled = 128;  // plus the signal's number, as a shell says it
 
 struct LaneName {
   Lane lane;
@@ -73,10 +76,9 @@ void add_middle(const std::string& text, Text::Font font, double middle, double 
       {{middle - width / 2, y, width, kTextHeight}, text, font, Text::Align::kMiddle, false});
 }
 
-std::string date_in_words(const RunFolder& run) {
-  const std::optional<Microseconds> start = time_in(fact(run, "start"));
-  if (!start) return "";
-  const std::time_t moment = *start / 1000000;
+std::string date_in_words(const RunRecord& run) {
+  if (!run.start) return "";
+  const std::time_t moment = *run.start / 1000000;
   std::tm calendar = {};
   std::array<char, 64> text = {};
   if (gmtime_r(&moment, &calendar) == nullptr) return "";
@@ -104,14 +106,14 @@ double add_legend(double y, Sheet* sheet) {
   return y + kLineHeight;
 }
 
-double add_head(const RunFolder& run, Sheet* sheet) {
-  const std::string title = printable(fact(run, "title"));
+double add_head(const RunRecord& run, Sheet* sheet) {
+  const std::string title = printable(run.title);
   double y = add_text(title.empty() ? "A run" : title, Text::Font::kTitle, kMargin, kMargin, sheet);
-  const std::string name = printable(fact(run, "name"));
+  const std::string name = printable(run.name);
   const std::string date = date_in_words(run);
   const std::string line = name + (name.empty() || date.empty() ? "" : ", ") + date;
   if (!line.empty()) y = add_text(line, Text::Font::kLabel, kMargin, y, sheet);
-  const std::string command = printable(fact(run, "command"));
+  const std::string command = printable(run.command);
   if (!command.empty()) y = add_text(command, Text::Font::kOutput, kMargin, y, sheet);
   return add_legend(y + kGap / 2, sheet) + kGap / 2;
 }
@@ -137,9 +139,8 @@ void add_life_lines(double top, double bottom, Pen pen, Sheet* sheet) {
   sheet->strokes.push_back({kAxisX, top, kAxisX, bottom, pen == Pen::kLifeLine ? Pen::kAxis : pen});
 }
 
-Microseconds start_of(const std::vector<Event>& rows, const RunFolder& run) {
-  const std::optional<Microseconds> start = time_in(fact(run, "start"));
-  if (start) return *start;
+Microseconds start_of(const std::vector<Event>& rows, const RunRecord& run) {
+  if (run.start) return *run.start;
   return rows.empty() ? 0 : rows.front().from;
 }
 
@@ -168,7 +169,7 @@ double add_rows(const std::vector<Event>& rows, Microseconds start, double y, Sh
   return y;
 }
 
-std::string last_verdict(const RunFolder& run) {
+std::string last_verdict(const RunRecord& run) {
   constexpr char kIntroduction[] = "Cmd received: ";
   std::string verdict = "none";
   for (const TimedLine& line : run.station_lines) {
@@ -177,16 +178,13 @@ std::string last_verdict(const RunFolder& run) {
   return verdict;
 }
 
-double add_foot(const RunFolder& run, double y, Sheet* sheet) {
-  const auto known = [&run](const std::string& key) {
-    const std::string value = fact(run, key);
-    return value.empty() ? std::string(kNotKnown) : value;
-  };
+double add_foot(const RunRecord& run, double y, Sheet* sheet) {
+  const auto known = [](const std::string& value) { return value.empty() ? kNotKnown : value; };
   const std::array<std::pair<const char*, std::string>, 4> lines{
       {{"last verdict", last_verdict(run)},
-       {"ppt_flag", known("ppt_flag")},
-       {"exit status", exit_status_in_words(fact(run, "status"))},
-       {"judged", known("judged")}}};
+       {"ppt_flag", known(run.ppt_flag)},
+       {"exit status", run.exit_status ? in_words(*run.exit_status) : kNotKnown},
+       {"judged", known(run.judged)}}};
   const double top = y;
   y += kGap;
   for (const auto& [key, value] : lines) {
@@ -204,7 +202,7 @@ double add_foot(const RunFolder& run, double y, Sheet* sheet) {
 
 }  // namespace
 
-Sheet page_of(const std::vector<Event>& rows, const RunFolder& run) {
+Sheet page_of(const std::vector<Event>& rows, const RunRecord& run) {
   Sheet sheet;
   double y = add_head(run, &sheet);
   y = add_lane_heads(y, &sheet);
@@ -217,22 +215,24 @@ Sheet page_of(const std::vector<Event>& rows, const RunFolder& run) {
   return sheet;
 }
 
-std::string exit_status_in_words(const std::string& status) {
-  static const std::array<std::pair<const char*, const char*>, 8> kMeanings{
-      {{"2", "a final verdict or SIGINT ended the run"},
-       {"1", "the TFTP port could not be bound, or -s was empty"},
-       {"15", "SIGTERM"},
-       {"141", "SIGPIPE: the unit closed its command connection before its answer was sent"},
-       {"killed by signal 13", "SIGPIPE: the unit closed its command connection before its answer was sent"},
-       {"134", "abort: no socket could be made, or a verdict name of fewer than eight characters came"},
-       {"killed by signal 6",
-        "abort: no socket could be made, or a verdict name of fewer than eight characters came"},
-       {"killed by signal 9", "SIGKILL"}}};
-  if (status.empty()) return kNotKnown;
-  for (const auto& [value, meaning] : kMeanings) {
-    if (status == value) return status + " (" + meaning + ")";
+std::string in_words(const ExitStatus& exit_status) {
+  struct Meaning {
+    ExitStatus of;
+    const char* words;
+  };
+  static constexpr Meaning kMeanings[] = {
+      {{2, 0}, "a final verdict or SIGINT ended the run"},
+      {{1, 0}, "the TFTP port could not be bound, or -s was empty"},
+      {{15, 0}, "SIGTERM"},
+      {{0, SIGPIPE}, "SIGPIPE: the unit closed its command connection before its answer was sent"},
+      {{0, SIGABRT}, "abort: no socket could be made, or a verdict name of fewer than eight characters came"},
+      {{0, SIGKILL}, "SIGKILL"}};
+  const int number = exit_status.signal == 0 ? exit_status.status : kKilled + exit_status.signal;
+  for (const auto& [of, words] : kMeanings) {
+    if (of.status == exit_status.status && of.signal == exit_status.signal)
+      return std::to_string(number) + " (" + words + ")";
   }
-  return status;
+  return std::to_string(number);
 }
 
 }  // namespace picture

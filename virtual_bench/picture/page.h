@@ -1,20 +1,20 @@
 #ifndef PICTURE_PAGE_H
 #define PICTURE_PAGE_H
 
+#include <string>
 #include <vector>
 
 #include "picture/event.h"
-#include "picture/run_folder.h"
+#include "picture/record.h"
 #include "picture/sheet.h"
 
 namespace picture {
 
 // The whole picture: head, life lines, rows, foot.
-Sheet page_of(const std::vector<Event>& rows, const RunFolder& run);
+Sheet page_of(const std::vector<Event>& rows, const RunRecord& run);
 
-// "2: a final verdict or SIGINT ended the run": the exit status as it stands in the run's facts, and what it
-// means.
-std::string exit_status_in_words(const std::string& status);
+// "2 (a final verdict or SIGINT ended the run)": as a shell gives it, and what it means where that is known.
+std::string in_words(const ExitStatus& exit_status);
 
 }  // namespace picture
 

@@ -26,21 +26,9 @@ constexpr std::size_t kMaxLabelLines = 4;
 constexpr std::size_t kMaxNoteLines = 6;
 
 Pen pen_of(Event::Look look) {
-  switch (look) {
-    case Event::Look::kDatagram:
-      return Pen::kDatagram;
-    case Event::Look::kVerdict:
-      return Pen::kVerdict;
-    case Event::Look::kBroadcast:
-      return Pen::kBroadcast;
-    case Event::Look::kTcp:
-      return Pen::kTcp;
-    case Event::Look::kBoard:
-      return Pen::kBoard;
-    case Event::Look::kUnreachable:
-      break;
-  }
-  return Pen::kUnreachable;
+  constexpr Pen kPens[] = {Pen::kDatagram, Pen::kVerdict, Pen::kBroadcast,
+                           Pen::kTcp,      Pen::kBoard,   Pen::kUnreachable};  // in the order of Look
+  return kPens[static_cast<std::size_t>(look)];
 }
 
 std::string share(std::size_t count, std::size_t times, const std::string& what) {
@@ -56,7 +44,7 @@ std::string label_of(const Event& event, Microseconds start) {
     label += ", " + std::to_string(event.times) + " times until " + seconds(event.until - start, 1) + " s";
     label += share(event.times_lost, event.times, "lost");
   }
-  return label + share(event.times_doubled, event.times, "doubled") +
+  return label + share(event.times_duplicated, event.times, "duplicated") +
          share(event.times_swapped, event.times, "swapped");
 }
 
@@ -144,7 +132,7 @@ double draw_arrow(const Event& event, double top, Microseconds start, Sheet* she
     add_line(from, to, y, pen, sheet);
     sheet->heads.push_back({to, y, to_the_right, pen});
     const double second = to + (to_the_right ? -kSecondHeadDistance : kSecondHeadDistance);
-    if (event.fate.doubled) sheet->heads.push_back({second, y, to_the_right, pen});
+    if (event.fate.duplicated) sheet->heads.push_back({second, y, to_the_right, pen});
   }
   return y + kArrowToNext - top;
 }

@@ -94,7 +94,10 @@ constexpr double kStationX = 530;
 constexpr double kUnitX = 960;
 constexpr double kPptServerX = 1310;
 
-double x_of(Lane lane);
+inline double x_of(Lane lane) {
+  constexpr double kLifeLines[] = {kBoardX, kStationX, kUnitX, kPptServerX};  // in the order of Lane
+  return kLifeLines[static_cast<std::size_t>(lane)];
+}
 
 }  // namespace picture
 

@@ -141,11 +141,10 @@ void append(std::vector<Event>* all, const std::vector<Event>& more) {
 
 }  // namespace
 
-std::vector<Event> story_of(const std::vector<Packet>& packets, const RunFolder& run) {
-  const Ports ports = ports_in(fact(run, "command"));
-  Transfers transfers(ports);
+std::vector<Event> story_of(const std::vector<Packet>& packets, const RunRecord& run) {
+  Transfers transfers(run.ports);
   Connections connections;
-  Datagrams datagrams(ports);
+  Datagrams datagrams(run.ports);
   for (const Packet& packet : packets) {
     if (packet.protocol == Packet::Protocol::kTcp) {
       connections.take(packet);

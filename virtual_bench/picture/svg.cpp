@@ -46,62 +46,14 @@ constexpr char kStyle[] =
     "patternTransform=\"rotate(45)\"><line x1=\"0\" y1=\"0\" x2=\"0\" y2=\"10\" "
     "style=\"stroke: #999; stroke-width: 3\"/></pattern></defs>\n";
 
+// In the orders of the enumerations.
+constexpr const char* kPenNames[] = {"axis",    "life",      "paused", "lost",  "again",      "datagram",
+                                     "verdict", "broadcast", "tcp",    "board", "unreachable"};
+constexpr const char* kPaintNames[] = {"cut", "bundle", "note", "lane", "foot"};
+constexpr const char* kFontClasses[] = {"", " class=\"bold\"", " class=\"output\"", " class=\"title\""};
+
 const char* name_of(Pen pen) {
-  switch (pen) {
-    case Pen::kAxis:
-      return "axis";
-    case Pen::kLifeLine:
-      return "life";
-    case Pen::kPausedLifeLine:
-      return "paused";
-    case Pen::kLost:
-      return "lost";
-    case Pen::kAgain:
-      return "again";
-    case Pen::kDatagram:
-      return "datagram";
-    case Pen::kVerdict:
-      return "verdict";
-    case Pen::kBroadcast:
-      return "broadcast";
-    case Pen::kTcp:
-      return "tcp";
-    case Pen::kBoard:
-      return "board";
-    case Pen::kUnreachable:
-      break;
-  }
-  return "unreachable";
-}
-
-const char* name_of(Area::Paint paint) {
-  switch (paint) {
-    case Area::Paint::kCut:
-      return "cut";
-    case Area::Paint::kBundle:
-      return "bundle";
-    case Area::Paint::kNote:
-      return "note";
-    case Area::Paint::kLaneHead:
-      return "lane";
-    case Area::Paint::kFoot:
-      break;
-  }
-  return "foot";
-}
-
-const char* name_of(Text::Font font) {
-  switch (font) {
-    case Text::Font::kBold:
-      return " class=\"bold\"";
-    case Text::Font::kOutput:
-      return " class=\"output\"";
-    case Text::Font::kTitle:
-      return " class=\"title\"";
-    case Text::Font::kLabel:
-      break;
-  }
-  return "";
+  return kPenNames[static_cast<std::size_t>(pen)];
 }
 
 // An attribute with a number.
@@ -166,8 +118,9 @@ std::string written(const Text& text) {
   } else if (text.align == Text::Align::kRight) {
     place = attribute("x", box.x + box.width) + " text-anchor=\"end\"";
   }
-  return (text.on_white ? rectangle(box, "white") : "") + "<text" + name_of(text.font) + place +
-         attribute("y", y) + ">" + escaped(text.text) + "</text>\n";
+  return (text.on_white ? rectangle(box, "white") : "") + "<text" +
+         kFontClasses[static_cast<std::size_t>(text.font)] + place + attribute("y", y) + ">" +
+         escaped(text.text) + "</text>\n";
 }
 
 }  // namespace
@@ -177,7 +130,8 @@ std::string svg_of(const Sheet& sheet) {
                     attribute("width", kSheetWidth) + attribute("height", sheet.height) + " viewBox=\"0 0 " +
                     decimal(kSheetWidth, 0) + " " + decimal(sheet.height, 1) + "\">\n" + kStyle +
                     rectangle({0, 0, kSheetWidth, sheet.height}, "white");
-  for (const Area& area : sheet.areas) svg += rectangle(area.box, name_of(area.paint));
+  for (const Area& area : sheet.areas)
+    svg += rectangle(area.box, kPaintNames[static_cast<std::size_t>(area.paint)]);
   for (const Stroke& stroke : sheet.strokes) svg += line(stroke);
   for (const Hop& hop : sheet.hops) svg += half_circle(hop);
   for (const Head& head : sheet.heads) svg += triangle(head);

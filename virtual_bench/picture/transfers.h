@@ -9,7 +9,7 @@
 
 #include "picture/event.h"
 #include "picture/packet.h"
-#include "picture/run_folder.h"
+#include "picture/record.h"
 #include "picture/tftp_message.h"
 
 namespace picture {
@@ -18,7 +18,7 @@ namespace picture {
 //
 // A datagram to a server's port begins a transfer. The server answers each request that reaches it from a
 // port of its own; which request an answer belongs to is not in it, so of one client port the first request
-// that did arrive and has no answer yet gets it. An answer beyond those belongs to a doubled request.
+// that did arrive and has no answer yet gets it. An answer beyond those belongs to a duplicated request.
 class Transfers {
  public:
   explicit Transfers(const Ports& ports);
@@ -36,7 +36,7 @@ class Transfers {
     bool from_client = false;
   };
   struct Transfer {
-    std::vector<Step> steps;  // the first is the request; a doubled one's second answer has none
+    std::vector<Step> steps;  // the first is the request; a duplicated one's second answer has none
     TftpMessage request;
     bool is_second_answer = false;
     bool repeats_request = false;

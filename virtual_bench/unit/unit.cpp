@@ -1,9 +1,5 @@
-// The unit on the test network, one thing at a time:
-//   - unit hear PORT SECONDS: prints the first datagram that comes to the port
-//   - unit read SERVER PORT NAME LOCAL_FILE BLOCK_SIZE TIMEOUT: downloads a file; in bytes and in seconds
-//   - unit ask SERVER PORT TEXT SECONDS: sends a text on a new connection, prints the answer
-//   - unit send SERVER PORT TEXT: sends a datagram
-// Exit status 0 when it was done, 1 when it was not, 2 for a call that is none of these.
+#include "unit/unit.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -11,13 +7,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
-#include <cstdlib>
+#include <cstring>
 #include <iostream>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
+#include <stdexcept>
 
 #include "sockets/sockets.h"
 #include "tftp_client/tftp_client.h"
@@ -25,93 +19,126 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Arguments = std::vector<std::string>;
 
 constexpr std::size_t kLongestText = 65536;  // bytes
-constexpr std::chrono::milliseconds kBetweenConnections{100};
+constexpr double kBetweenConnectionsSeconds = 0.1;
 
-sockaddr_in address_of(const std::string& ip, const std::string& port) {
-  return ipv4_address(inet_addr(ip.c_str()), std::atoi(port.c_str()));
+sockaddr_in address_of(const std::string& ip, int port) {
+  return ipv4_address(inet_addr(ip.c_str()), port);
 }
 
-Clock::time_point in_seconds(const std::string& seconds) {
-  return Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                            std::chrono::duration<double>(std::atof(seconds.c_str())));
-}
-
-// One datagram or one piece of a connection's text; nothing when none came in time or the connection ended.
-std::optional<std::string> next_text(int socket, Clock::time_point until) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count();
-  pollfd readable = {socket, POLLIN, 0};
-  if (left <= 0 || poll(&readable, 1, static_cast<int>(left)) <= 0) return std::nullopt;
-  std::array<char, kLongestText> text;
-  const ssize_t count = recv(socket, text.data(), text.size(), 0);
-  if (count <= 0) return std::nullopt;
-  return std::string(text.data(), static_cast<std::size_t>(count));
-}
-
-bool hear(const Arguments& arguments) {
-  const int socket_fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in here = address_of("0.0.0.0", arguments[0]);
-  if (bind(socket_fd, as_sockaddr(&here), sizeof here) != 0) return false;
-  const std::optional<std::string> text = next_text(socket_fd, in_seconds(arguments[1]));
-  std::cout << text.value_or("") << std::flush;
-  return text.has_value();
-}
-
-bool read(const Arguments& arguments) {
-  TFTPClient client(arguments[0], std::atoi(arguments[1].c_str()));
-  client.block_size = std::atoi(arguments[4].c_str());
-  client.timeout = std::atoi(arguments[5].c_str());
-  return client.getFile(arguments[2], arguments[3]) == 1;
-}
-
-// The command port opens only after a verdict: until then a connection is refused and tried again.
-int connected(sockaddr_in server, Clock::time_point until) {
-  for (;;) {
-    const int socket_fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (connect(socket_fd, as_sockaddr(&server), sizeof server) == 0) return socket_fd;
-    close(socket_fd);
-    if (Clock::now() + kBetweenConnections > until) return -1;
-    std::this_thread::sleep_for(kBetweenConnections);
-  }
-}
-
-bool ask(const Arguments& arguments) {
-  const Clock::time_point until = in_seconds(arguments[3]);
-  const int connection = connected(address_of(arguments[0], arguments[1]), until);
-  const std::string& question = arguments[2];
-  if (connection < 0 || send(connection, question.data(), question.size(), MSG_NOSIGNAL) < 0) return false;
-  const std::optional<std::string> answer = next_text(connection, until);
-  std::cout << answer.value_or("") << std::flush;
-  return answer.has_value();
-}
-
-bool send(const Arguments& arguments) {
-  const int socket_fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in server = address_of(arguments[0], arguments[1]);
-  const std::string& text = arguments[2];
-  return sendto(socket_fd, text.data(), text.size(), 0, as_sockaddr(&server), sizeof server) ==
-         static_cast<ssize_t>(text.size());
-}
-
-struct Deed {
-  const char* name;
-  std::size_t arguments;
-  bool (*does)(const Arguments&);
+// What the reading process tells.
+struct Outcome {
+  bool arrived;
+  bool was_answered;
+  int error_code;  // of an ERROR packet; -1: none came
+  char error_text[256];
 };
-constexpr Deed kDeeds[] = {{"hear", 2, hear}, {"read", 6, read}, {"ask", 4, ask}, {"send", 3, send}};
+
+Outcome outcome_of(const Reading::Request& request) {
+  TFTPClient client(request.server, request.port);
+  client.block_size = request.block_size;
+  client.timeout = request.timeout_seconds;
+  Outcome outcome = {};
+  outcome.arrived = client.getFile(request.name, request.local_file) == 1;
+  const TFTP_Packet& last = client.received_packet;
+  outcome.was_answered = last.size > 0;
+  outcome.error_code = last.isError() ? last.errorCode() : -1;
+  last.errorText().copy(outcome.error_text, sizeof outcome.error_text - 1);
+  return outcome;
+}
+
+int read_file(const NetworkNamespace& place, const Reading::Request& request) {
+  place.enter();
+  std::cout.setstate(std::ios::failbit);  // what the client prints is not for the bench
+  const Outcome outcome = outcome_of(request);
+  return write(STDOUT_FILENO, &outcome, sizeof outcome) == sizeof outcome ? 0 : 1;
+}
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  const Arguments arguments(argv + (argc > 1 ? 2 : argc), argv + argc);
-  for (const Deed& deed : kDeeds) {
-    if (argc > 1 && argv[1] == std::string(deed.name) && arguments.size() == deed.arguments) {
-      return deed.does(arguments) ? EXIT_SUCCESS : EXIT_FAILURE;
-    }
+Reading::Reading(const NetworkNamespace& place, const Request& request)
+    : process_([&] { return read_file(place, request); }) {}
+
+std::optional<std::string> Reading::failure() {
+  const std::string told = process_.read_text();
+  Outcome outcome;
+  if (told.size() != sizeof outcome) return "its client failed";
+  std::memcpy(&outcome, told.data(), sizeof outcome);
+  if (outcome.arrived) return std::nullopt;
+  if (outcome.error_code < 0)
+    return outcome.was_answered ? "the station fell silent" : "no answer came from the station";
+  const std::string text = outcome.error_text;
+  return "ERROR " + std::to_string(outcome.error_code) + (text.empty() ? ", no text" : ", " + text);
+}
+
+// One that does not wait, in the place of the unit.
+class Unit::Socket {
+ public:
+  Socket(const NetworkNamespace& place, int kind) {
+    const ScopedNamespace inside(place);
+    descriptor_ = socket(AF_INET, kind | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (descriptor_ < 0)
+      throw std::runtime_error(std::string("a socket of the unit: ") + std::strerror(errno));
   }
-  std::cerr << "unit: expected: hear PORT SECONDS, read SERVER PORT NAME LOCAL_FILE BLOCK_SIZE TIMEOUT,\n"
-               "ask SERVER PORT TEXT SECONDS, or send SERVER PORT TEXT\n";
-  return 2;
+  ~Socket() { close(descriptor_); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+  int descriptor() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+std::optional<std::string> Unit::next_text(const Socket& socket, double seconds) const {
+  std::array<char, kLongestText> text;
+  ssize_t count = -1;
+  const auto has_come = [&] {
+    count = recv(socket.descriptor(), text.data(), text.size(), 0);
+    return count >= 0 || errno != EAGAIN;
+  };
+  if (!wait_until_(seconds, has_come) || count < 0) return std::nullopt;
+  return std::string(text.data(), static_cast<std::size_t>(count));
+}
+
+std::optional<std::string> Unit::hear(int port, double seconds) const {
+  const Socket socket(place_, SOCK_DGRAM);
+  sockaddr_in here = ipv4_address(INADDR_ANY, port);
+  if (bind(socket.descriptor(), as_sockaddr(&here), sizeof here) != 0)
+    throw std::runtime_error("the unit's port " + std::to_string(port) + ": " + std::strerror(errno));
+  return next_text(socket, seconds);
+}
+
+bool Unit::send(const std::string& server, int port, const std::string& text) const {
+  const Socket socket(place_, SOCK_DGRAM);
+  sockaddr_in there = address_of(server, port);
+  return sendto(socket.descriptor(), text.data(), text.size(), 0, as_sockaddr(&there), sizeof there) ==
+         static_cast<ssize_t>(text.size());
+}
+
+Unit::Answer Unit::ask(const std::string& server, int port, const std::string& question,
+                       double seconds) const {
+  const auto end = Clock::now() + std::chrono::duration<double>(seconds);
+  const auto seconds_left = [end] { return std::chrono::duration<double>(end - Clock::now()).count(); };
+  for (;;) {
+    const Socket connection(place_, SOCK_STREAM);
+    sockaddr_in there = address_of(server, port);
+    connect(connection.descriptor(), as_sockaddr(&there), sizeof there);
+    pollfd connected = {connection.descriptor(), POLLOUT, 0};
+    if (!wait_until_(seconds_left(), [&] { return poll(&connected, 1, 0) == 1; }))
+      return {false, "the connection was neither taken nor refused"};
+    int error = 0;
+    socklen_t length = sizeof error;
+    getsockopt(connection.descriptor(), SOL_SOCKET, SO_ERROR, &error, &length);
+    if (error == 0) {
+      ::send(connection.descriptor(), question.data(), question.size(), MSG_NOSIGNAL);
+      const std::optional<std::string> answer = next_text(connection, seconds_left());
+      if (!answer) return {false, "the connection was taken, and no answer came"};
+      if (answer->empty()) return {false, "the connection was taken, and closed without an answer"};
+      return {true, *answer};
+    }
+    if (seconds_left() < kBetweenConnectionsSeconds)
+      return {false, error == ECONNREFUSED ? "every connection was refused" : std::strerror(error)};
+    wait_until_(kBetweenConnectionsSeconds, [] { return false; });
+  }
 }

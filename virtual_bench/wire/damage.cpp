@@ -11,8 +11,8 @@ bool Damage::happens(double percent) {
 void Damage::cut(Duration time, Time now) {
   let_out(now);
   for (Direction& direction : directions_) {
-    for (const WaitingFrame& waiting : direction.delayed) sink_.suffer(waiting.number, Fate::kLost);
-    if (direction.held) sink_.suffer(direction.held->number, Fate::kLost);
+    for (const WaitingFrame& waiting : direction.delayed) sink_.note(waiting.number, Fate::kLost);
+    if (direction.held) sink_.note(direction.held->number, Fate::kLost);
     direction.delayed.clear();
     direction.held.reset();
   }
@@ -23,17 +23,17 @@ void Damage::cut(Duration time, Time now) {
 void Damage::enter(int direction, std::uint64_t number, std::string_view frame, Time now) {
   let_out(now);
   const bool is_lost = happens(lost_percent_);
-  const bool is_doubled = happens(doubled_percent_);
+  const bool is_duplicated = happens(duplicated_percent_);
   const bool is_swapped = happens(swapped_percent_);
   if (now < cut_until_ || is_lost) {
-    sink_.suffer(number, Fate::kLost);
+    sink_.note(number, Fate::kLost);
     return;
   }
-  if (is_doubled) sink_.suffer(number, Fate::kDoubled);
-  const int copies = is_doubled ? 2 : 1;
+  if (is_duplicated) sink_.note(number, Fate::kDuplicated);
+  const int copies = is_duplicated ? 2 : 1;
   std::optional<WaitingFrame>& held = directions_[direction].held;
   if (is_swapped && !held) {
-    sink_.suffer(number, Fate::kSwapped);
+    sink_.note(number, Fate::kSwapped);
     held = WaitingFrame{number, std::string(frame), copies, now + kHoldTime};
     return;
   }
@@ -72,7 +72,7 @@ void Damage::go_on(int direction, const Frame& frame, Time now) {
   if (due <= now) {
     sink_.leave(direction, frame.number, frame.bytes, frame.copies);
   } else if (delayed_bytes_ + frame.bytes.size() > kMostDelayedBytes) {
-    sink_.suffer(frame.number, Fate::kLost);
+    sink_.note(frame.number, Fate::kLost);
   } else {
     delayed.push_back({frame.number, std::string(frame.bytes), frame.copies, due});
     delayed_bytes_ += frame.bytes.size();

@@ -10,28 +10,28 @@
 #include <string>
 #include <string_view>
 
-enum class Fate { kLost, kDoubled, kSwapped };
+enum class Fate { kLost, kDuplicated, kSwapped };
 
-// Who is told what becomes of the frames.
+// Takes what becomes of the frames.
 class FrameSink {
  public:
   virtual ~FrameSink() = default;
   // The frame comes out at the far end, this many times in a row. The bytes are valid during the call.
   virtual void leave(int direction, std::uint64_t number, std::string_view frame, int copies) = 0;
-  virtual void suffer(std::uint64_t number, Fate fate) = 0;
+  virtual void note(std::uint64_t number, Fate fate) = 0;
 };
 
 // What becomes of each frame of a link with two directions, 0 and 1. It knows no device and no clock: times
 // are given, and must never go back.
 //
 // A frame passes five stages, each of which may be its last:
-//   cut        while the cable is pulled it is lost
-//   loss       by chance
-//   doubling   by chance; from here on the two copies go together
-//   swap       by chance it is held, unless one of its direction is held already. A frame that is not held
-//              goes on, and the held one goes on right behind it. If none comes for kHoldTime, the held one
-//              goes on alone.
-//   delay      it waits, and never leaves before one that went before it
+//   cut          while the cable is pulled it is lost
+//   loss         by chance
+//   duplication  by chance; from here on the two copies go together
+//   swap         by chance it is held, unless one of its direction is held already. A frame that is not held
+//                goes on, and the held one goes on right after it. If none comes for kHoldTime, the held one
+//                goes on alone.
+//   delay        it waits, and never leaves before one that went before it
 // A cut also loses what is held or delayed at that moment. What would make more than kMostDelayedBytes wait
 // is lost.
 //
@@ -50,7 +50,7 @@ class Damage {
 
   // Of the frames that enter from now on; percent from 0 to 100.
   void lose(double percent) { lost_percent_ = percent; }
-  void duplicate(double percent) { doubled_percent_ = percent; }
+  void duplicate(double percent) { duplicated_percent_ = percent; }
   void swap(double percent) { swapped_percent_ = percent; }
   void delay(Duration time) { delay_ = time; }
   // Pulls the cable now for this time; a cut that lasts already ends.
@@ -89,7 +89,7 @@ class Damage {
   FrameSink& sink_;
   std::mt19937_64 generator_;
   double lost_percent_ = 0;
-  double doubled_percent_ = 0;
+  double duplicated_percent_ = 0;
   double swapped_percent_ = 0;
   Duration delay_ = Duration::zero();
   Time cut_until_ = Time::min();

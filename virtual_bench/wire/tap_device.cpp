@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -12,66 +11,34 @@
 #include <stdexcept>
 #include <utility>
 
+#include "stage/network_namespace.h"
+
 namespace {
 
 [[noreturn]] void refuse(const std::string& expected) {
   throw std::runtime_error("expected " + expected + ": " + std::strerror(errno));
 }
 
-// A descriptor that is closed with the object.
-class OpenFile {
- public:
-  OpenFile(const char* path, int flags) : descriptor_(open(path, flags | O_CLOEXEC)) {}
-  ~OpenFile() {
-    if (descriptor_ != -1) close(descriptor_);
-  }
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-
-  int number() const { return descriptor_; }
-  int release() { return std::exchange(descriptor_, -1); }
-
- private:
-  int descriptor_;
-};
-
-// Takes the thread into another network namespace while it lives.
-class Visit {
- public:
-  explicit Visit(const std::string& network_namespace) : home_("/proc/thread-self/ns/net", O_RDONLY) {
-    if (home_.number() == -1) refuse("/proc with the namespace of this process");
-    const OpenFile place(network_namespace.c_str(), O_RDONLY);
-    if (place.number() == -1) refuse("a namespace that can be opened, " + network_namespace);
-    if (setns(place.number(), CLONE_NEWNET) != 0) {
-      refuse("a network namespace and the right to enter it, " + network_namespace);
-    }
-  }
-  // Back home: the thread came from there with the right to enter namespaces.
-  ~Visit() { setns(home_.number(), CLONE_NEWNET); }
-  Visit(const Visit&) = delete;
-  Visit& operator=(const Visit&) = delete;
-
- private:
-  OpenFile home_;
-};
-
-int make_device(const std::string& network_namespace, const std::string& name) {
-  const Visit visit(network_namespace);
-  OpenFile device("/dev/net/tun", O_RDWR | O_NONBLOCK);
-  if (device.number() == -1) refuse("/dev/net/tun and the right to open it");
+int make_device(const NetworkNamespace& place, const std::string& name) {
+  if (name.empty() || name.size() >= IFNAMSIZ)
+    throw std::runtime_error("expected a device name of 1 to 15 characters instead of '" + name + "'");
+  const ScopedNamespace inside(place);
+  const int device = open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  if (device == -1) refuse("/dev/net/tun and the right to open it");
   ifreq request = {};
   name.copy(request.ifr_name, IFNAMSIZ - 1);
   request.ifr_flags = IFF_TAP | IFF_NO_PI;
-  if (ioctl(device.number(), TUNSETIFF, &request) != 0) {
-    refuse("the right to make a device, and a name that is free, " + name + " in " + network_namespace);
-  }
-  return device.release();
+  if (ioctl(device, TUNSETIFF, &request) == 0) return device;
+  const int reason = errno;
+  close(device);
+  errno = reason;
+  refuse("the right to make a device, and a name that is free, " + name);
 }
 
 }  // namespace
 
-TapDevice::TapDevice(const std::string& network_namespace, const std::string& name)
-    : descriptor_(make_device(network_namespace, name)) {}
+TapDevice::TapDevice(const NetworkNamespace& place, const std::string& name)
+    : descriptor_(make_device(place, name)) {}
 
 TapDevice::~TapDevice() {
   if (descriptor_ != -1) close(descriptor_);

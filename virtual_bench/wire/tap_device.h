@@ -5,13 +5,14 @@
 #include <string>
 #include <string_view>
 
+#include "stage/network_namespace.h"
+
 // An Ethernet device of some network namespace whose cable ends in this process. It lives as long as the
 // object. Whoever made the namespace gives it its addresses and sets it up.
 class TapDevice {
  public:
-  // Makes the device in the namespace with that path; the calling thread is back in its own afterwards.
-  // Throws std::runtime_error with one line that says what was expected.
-  TapDevice(const std::string& network_namespace, const std::string& name);
+  // Makes the device in the namespace. Throws std::runtime_error with one line that says what was expected.
+  TapDevice(const NetworkNamespace& place, const std::string& name);
   ~TapDevice();
   TapDevice(TapDevice&& other) noexcept;
   TapDevice(const TapDevice&) = delete;

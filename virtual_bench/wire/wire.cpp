@@ -2,7 +2,9 @@
 
 #include <poll.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +18,7 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t kDamagedLink = 0;
 constexpr int kFramesPerTurn = 64;
-constexpr Damage::Duration kWakefulTime = 100us;
+constexpr Damage::Duration kSpinTime = 100us;
 // How long orders may wait while frames keep the wire awake.
 constexpr Damage::Duration kOrdersInterval = 1ms;
 // How old what is not yet in the files may get.
@@ -40,12 +42,6 @@ int ending_signals() {
   return descriptor;
 }
 
-// Nobody may be listening any more; then standard input ends too.
-void say(const std::string& line) {
-  const std::string text = line + "\n";
-  if (write(STDOUT_FILENO, text.data(), text.size()) == -1) return;
-}
-
 timespec as_timespec(Damage::Duration time) {
   const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(time).count();
   return {nanoseconds / 1000000000, nanoseconds % 1000000000};
@@ -53,36 +49,29 @@ timespec as_timespec(Damage::Duration time) {
 
 }  // namespace
 
-Wire::Wire(const Arguments& arguments)
-    : capture_(arguments.capture),
-      fates_(arguments.fates),
-      damage_(arguments.seed, *this),
-      signals_(ending_signals()) {
-  for (const LinkAddress& link : arguments.links) {
-    links_.push_back({{TapDevice(link[0].network_namespace, link[0].device),
-                       TapDevice(link[1].network_namespace, link[1].device)}});
-  }
+Wire::Wire(const std::string& capture, const std::string& fates, std::uint64_t seed,
+           const std::vector<Ends>& links)
+    : capture_(capture), fates_(fates), damage_(seed, *this) {
+  for (const Ends& ends : links)
+    links_.push_back({TapDevice(ends[0].place, ends[0].device), TapDevice(ends[1].place, ends[1].device)});
 }
 
-Wire::~Wire() {
-  close(signals_);
-}
-
-void Wire::run() {
-  say("ready");
+void Wire::run(int orders, int answers) {
+  const int signals = ending_signals();
   Time awake_until = Time::min();
   Time next_look = Time::min();
   for (;;) {
     const Time now = Damage::Clock::now();
     const bool came = take_frames(now);
-    if (came) awake_until = now + kWakefulTime;
+    if (came) awake_until = now + kSpinTime;
     damage_.let_out(now);
     if (flush_due_ && *flush_due_ <= now) flush();
     if (now < awake_until && now < next_look) {
       if (!came) sched_yield();
       continue;
     }
-    if (!goes_on_after_waiting(now < awake_until ? now : next_due(now))) break;
+    const Wake wake = sleep(orders, signals, now < awake_until ? now : next_due(now));
+    if (wake == Wake::kSignal || (wake == Wake::kOrder && !follow_next_order(orders, answers))) break;
     next_look = Damage::Clock::now() + kOrdersInterval;
   }
   flush();
@@ -99,7 +88,7 @@ bool Wire::take_frames(Time now) {
 }
 
 bool Wire::take_frames_of(std::size_t link, int end, Time now) {
-  TapDevice& device = links_[link].ends[static_cast<std::size_t>(end)];
+  TapDevice& device = links_[link][static_cast<std::size_t>(end)];
   for (int i = 0; i < kFramesPerTurn; ++i) {
     const std::size_t length = device.take(capture_.room(), Capture::kLongestFrameBytes);
     if (length == 0) return i > 0;
@@ -121,15 +110,15 @@ void Wire::leave(int direction, std::uint64_t number, std::string_view frame, in
 // A direction has the number of the end that it comes from.
 void Wire::deliver(std::size_t link, int direction, std::uint64_t number, std::string_view frame,
                    int copies) {
-  TapDevice& far_end = links_[link].ends[static_cast<std::size_t>(1 - direction)];
+  TapDevice& far_end = links_[link][static_cast<std::size_t>(1 - direction)];
   bool arrived = false;
   for (int i = 0; i < copies; ++i) {
     if (far_end.deliver(frame)) arrived = true;
   }
-  if (!arrived) suffer(number, Fate::kLost);
+  if (!arrived) note(number, Fate::kLost);
 }
 
-void Wire::suffer(std::uint64_t number, Fate fate) {
+void Wire::note(std::uint64_t number, Fate fate) {
   fates_.note(number, fate);
   if (!flush_due_) flush_due_ = Damage::Clock::now() + kFlushInterval;
 }
@@ -141,41 +130,28 @@ Wire::Time Wire::next_due(Time now) const {
   return due;
 }
 
-// Sleeps until a frame, an order or a signal comes, at most until the time. False when it is time to end.
-bool Wire::goes_on_after_waiting(Time until) {
-  std::vector<pollfd> watched = {{STDIN_FILENO, POLLIN, 0}, {signals_, POLLIN, 0}};
+// Until a frame, an order or a signal comes, at most until the time.
+Wire::Wake Wire::sleep(int orders, int signals, Time until) const {
+  std::vector<pollfd> watched = {{orders, POLLIN, 0}, {signals, POLLIN, 0}};
   for (const Link& link : links_) {
-    for (const TapDevice& end : link.ends) watched.push_back({end.descriptor(), POLLIN, 0});
+    for (const TapDevice& end : link) watched.push_back({end.descriptor(), POLLIN, 0});
   }
   const timespec limit = as_timespec(std::max(until - Damage::Clock::now(), Damage::Duration::zero()));
-  if (ppoll(watched.data(), watched.size(), &limit, nullptr) <= 0) return true;
-  if (watched[1].revents != 0) return false;
-  return watched[0].revents == 0 || follow_orders();
+  if (ppoll(watched.data(), watched.size(), &limit, nullptr) <= 0) return Wake::kTimeOrFrame;
+  if (watched[1].revents != 0) return Wake::kSignal;
+  return watched[0].revents != 0 ? Wake::kOrder : Wake::kTimeOrFrame;
 }
 
 // False when there will be no more.
-bool Wire::follow_orders() {
-  // What was sent before the orders is not subject to them.
+bool Wire::follow_next_order(int orders, int answers) {
+  // What was sent before the order is not subject to it.
   take_frames(Damage::Clock::now());
-  char piece[4096];
-  const ssize_t length = read(STDIN_FILENO, piece, sizeof piece);
-  if (length <= 0) return false;
-  unfinished_line_.append(piece, static_cast<std::size_t>(length));
-  for (std::size_t end = unfinished_line_.find('\n'); end != std::string::npos;
-       end = unfinished_line_.find('\n')) {
-    const std::string answer = answer_to(std::string_view(unfinished_line_).substr(0, end));
-    unfinished_line_.erase(0, end + 1);
-    flush();
-    say(answer);
-  }
-  return true;
-}
-
-std::string Wire::answer_to(std::string_view line) {
-  const ReadOrder read = read_order(line);
-  if (!read.is_valid) return "refused: " + read.expected;
-  follow(read.order);
-  return "ok";
+  Order order;
+  if (recv(orders, &order, sizeof order, MSG_WAITALL) != sizeof order) return false;
+  follow(order);
+  flush();
+  const char done = 1;
+  return write(answers, &done, sizeof done) == sizeof done;
 }
 
 void Wire::follow(const Order& order) {

@@ -1,8 +1,6 @@
 #ifndef WIRE_WIRE_H
 #define WIRE_WIRE_H
 
-#include <signal.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -11,11 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "wire/arguments.h"
 #include "wire/capture.h"
 #include "wire/damage.h"
 #include "wire/fates.h"
-#include "wire/orders.h"
+#include "wire/order.h"
 #include "wire/tap_device.h"
 
 // Carries frames between the two ends of each link, records every one as it enters, and damages those of the
@@ -23,38 +20,41 @@
 //
 // The two sides of a lock-step transfer wait for each other with every frame, so what counts is how soon a
 // frame is at the far end, not how many can be under way. A thread that sleeps is late by the time it takes
-// to wake it. After a frame, the wire therefore tries the devices again and again for kWakefulTime; it offers
+// to wake it. After a frame, the wire therefore tries the devices again and again for kSpinTime; it offers
 // its core to others between the attempts, so that on a machine with one core they lose nothing. A frame is
 // read into the capture's buffer and written to the far end from there: it is never copied.
 class Wire : private FrameSink {
  public:
-  // Makes the devices and the files. From here on SIGTERM and SIGINT are blocked: they end run().
-  // Throws std::runtime_error with one line that says what was expected, as does run.
-  explicit Wire(const Arguments& arguments);
-  ~Wire() override;
-  Wire(const Wire&) = delete;
-  Wire& operator=(const Wire&) = delete;
+  // A link's two ends: the device with that name in that namespace.
+  struct End {
+    const NetworkNamespace& place;
+    std::string device;
+  };
+  using Ends = std::array<End, 2>;
 
-  // Says "ready" on standard output, then carries frames and follows the orders from standard input until
-  // that ends or a signal comes. Frames that wait then are dropped. Each order is answered when the files
-  // hold all that happened before it.
-  void run();
+  // Makes the devices, and the files capture (capture.h) and fates (fates.h). The seed is that of all
+  // chances. Throws std::runtime_error with one line that says what was expected, as does run.
+  Wire(const std::string& capture, const std::string& fates, std::uint64_t seed,
+       const std::vector<Ends>& links);
+
+  // Carries frames, and follows each Order that comes by the socket, until that ends or SIGTERM or SIGINT
+  // comes. Frames that wait then are dropped. Each order is answered by a byte, written to the other
+  // descriptor, when the files hold all that happened before it.
+  void run(int orders, int answers);
 
  private:
   using Time = Damage::Time;
-  struct Link {
-    std::array<TapDevice, 2> ends;
-  };
+  using Link = std::array<TapDevice, 2>;
 
   void leave(int direction, std::uint64_t number, std::string_view frame, int copies) override;
-  void suffer(std::uint64_t number, Fate fate) override;
+  void note(std::uint64_t number, Fate fate) override;
 
   bool take_frames(Time now);
   bool take_frames_of(std::size_t link, int end, Time now);
   void deliver(std::size_t link, int direction, std::uint64_t number, std::string_view frame, int copies);
-  bool goes_on_after_waiting(Time until);
-  bool follow_orders();
-  std::string answer_to(std::string_view line);
+  enum class Wake { kTimeOrFrame, kOrder, kSignal };
+  Wake sleep(int orders, int signals, Time until) const;
+  bool follow_next_order(int orders, int answers);
   void follow(const Order& order);
   Time next_due(Time now) const;
   void flush();
@@ -63,8 +63,6 @@ class Wire : private FrameSink {
   Fates fates_;
   Damage damage_;
   std::vector<Link> links_;
-  int signals_;                    // readable when SIGTERM or SIGINT has come
-  std::string unfinished_line_;    // of standard input
   std::optional<Time> flush_due_;  // nothing: all is in the files
 };
 

@@ -1,0 +1,112 @@
+// Every step that a scenario can say, and what it does.
+#include "bench/run.h"
+#include "bench/scenario.h"
+
+namespace {
+
+using What = Order::What;
+using Event = PptServer::Event;
+
+ReadOptions read_options(const Step& step) {
+  ReadOptions options;
+  options.block_size = static_cast<int>(step.number_of("BLOCK", options.block_size));
+  options.timeout_seconds = static_cast<int>(step.number_of("TIMEOUT", options.timeout_seconds));
+  options.tries = static_cast<int>(step.number_of("TRIES", options.tries));
+  return options;
+}
+
+}  // namespace
+
+const std::vector<Command>& commands() {
+  static const std::vector<Command> kCommands = {
+      {"file NAME holds TEXT",
+       [](Run& run, const Step& step) { run.serve_text(step.text_of("NAME"), step.text_of("TEXT")); }},
+      {"file NAME is SIZE UNIT",
+       [](Run& run, const Step& step) { run.serve_random_bytes(step.text_of("NAME"), step.bytes()); }},
+      {"wire loses PERCENT %",
+       [](Run& run, const Step& step) {
+         run.order_wire(step, {{What::kLose, step.number_of("PERCENT")}});
+       }},
+      {"wire duplicates PERCENT %",
+       [](Run& run, const Step& step) {
+         run.order_wire(step, {{What::kDuplicate, step.number_of("PERCENT")}});
+       }},
+      {"wire swaps PERCENT %",
+       [](Run& run, const Step& step) {
+         run.order_wire(step, {{What::kSwap, step.number_of("PERCENT")}});
+       }},
+      {"wire delays MILLISECONDS ms",
+       [](Run& run, const Step& step) {
+         run.order_wire(step, {{What::kDelay, step.number_of("MILLISECONDS")}});
+       }},
+      {"wire is cut for SECONDS s",
+       [](Run& run, const Step& step) {
+         run.order_wire(step, {{What::kCut, step.number_of("SECONDS")}});
+       }},
+      {"wire is whole",
+       [](Run& run, const Step& step) {
+         run.order_wire(step, {{What::kDuplicate, 0}, {What::kSwap, 0}, {What::kDelay, 0}, {What::kLose, 0}});
+       }},
+      {"ppt is silent", [](Run& run, const Step& step) { run.ppt_server(step).keep_silent(); }},
+      {"ppt refuses", [](Run& run, const Step& step) { run.ppt_server(step).refuse(); }},
+      {"ppt answers [ERROR CODE TEXT]",
+       [](Run& run, const Step& step) {
+         PptServer& server = run.ppt_server(step);
+         if (!step.has("CODE")) return server.answer();
+         server.answer_error(static_cast<int>(step.number_of("CODE")), step.text_of("TEXT"));
+       }},
+      {"ppt hears NAME",
+       [](Run& run, const Step& step) {
+         run.expect_of_ppt({Event::Kind::kHeard, step.text_of("NAME")});
+       }},
+      {"ppt has not heard NAME",
+       [](Run& run, const Step& step) { run.expect_ppt_not_to_have_heard(step.text_of("NAME")); }},
+      {"ppt is connected",
+       [](Run& run, const Step&) {
+         run.expect_of_ppt({Event::Kind::kConnected, ""});
+       }},
+      {"ppt receives TEXT",
+       [](Run& run, const Step& step) {
+         run.expect_of_ppt({Event::Kind::kReceived, step.text_of("TEXT")});
+       }},
+      {"board link is called NAME", [](Run& run, const Step& step) { run.name_link(step.text_of("NAME")); }},
+      {"board tool exits STATUS",
+       [](Run& run, const Step& step) { run.set_tool_status(static_cast<int>(step.number_of("STATUS"))); }},
+      {"board ran nothing", [](Run& run, const Step&) { run.expect_no_call(); }},
+      {"board ran TEXT", [](Run& run, const Step& step) { run.expect_call(step.text_of("TEXT")); }},
+      {"board keeps NAME TEXT",
+       [](Run& run, const Step& step) { run.expect_variable(step.text_of("NAME"), step.text_of("TEXT")); }},
+      {"station starts [with TEXT]",
+       [](Run& run, const Step& step) { run.start_station(step.has("TEXT") ? step.text_of("TEXT") : ""); }},
+      {"station says TEXT", [](Run& run, const Step& step) { run.expect_line(step.text_of("TEXT")); }},
+      {"station gets SIGNAL",
+       [](Run& run, const Step& step) { run.signal_station(step.text_of("SIGNAL"), step.signal()); }},
+      {"station exits STATUS [within SECONDS s]",
+       [](Run& run, const Step& step) {
+         run.expect_exit(static_cast<int>(step.number_of("STATUS")),
+                         step.number_of("SECONDS", Run::kExitSeconds));
+       }},
+      {"unit hears the boot script", [](Run& run, const Step&) { run.hear_script(); }},
+      {"unit hears nothing for SECONDS s",
+       [](Run& run, const Step& step) { run.hear_nothing(step.number_of("SECONDS")); }},
+      {"unit obeys the boot script [timeout TIMEOUT] [tries TRIES]",
+       [](Run& run, const Step& step) { run.obey_heard_script(read_options(step)); }},
+      {"unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]",
+       [](Run& run, const Step& step) {
+         if (step.has("SIZE"))
+           return run.read_until_death(step.text_of("NAME"), read_options(step), step.bytes());
+         run.read(step.text_of("NAME"), read_options(step));
+       }},
+      {"unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT]",
+       [](Run& run, const Step& step) { run.fail_to_read(step.text_of("NAME"), read_options(step)); }},
+      {"unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]",
+       [](Run& run, const Step& step) { run.begin_reading(step.text_of("NAME"), read_options(step)); }},
+      {"unit ends reading", [](Run& run, const Step&) { run.end_reading(); }},
+      {"unit asks TEXT in vain", [](Run& run, const Step& step) { run.ask_in_vain(step.text_of("TEXT")); }},
+      {"unit asks TEXT expects REPLY",
+       [](Run& run, const Step& step) { run.ask(step.text_of("TEXT"), step.text_of("REPLY")); }},
+      {"unit sends TEXT", [](Run& run, const Step& step) { run.send(step.text_of("TEXT")); }},
+      {"bench waits SECONDS s", [](Run& run, const Step& step) { run.wait(step.number_of("SECONDS")); }},
+  };
+  return kCommands;
+}
