@@ -14,7 +14,7 @@ constexpr std::size_t kMaxOptions = 16;
 constexpr std::size_t kMaxNumberDigits = 9;
 constexpr char kVerdictPrefix[] = "F_l_m_";
 
-// Cuts a text and the NUL behind it off the bytes.
+// Cuts a text and the NUL after it off the bytes.
 std::string take_text(std::string_view* bytes) {
   const std::size_t end = std::min(bytes->find('\0'), bytes->size());
   std::string text(bytes->substr(0, end));

@@ -49,7 +49,7 @@ double em_of(char letter) {
   return letter >= 'A' && letter <= 'Z' ? 0.79 : 0.65;
 }
 
-// Where to break a line of which `fitting` letters fit: behind the last blank, or in a word that fills it.
+// Where to break a line of which `fitting` letters fit: after the last blank, or in a word that fills it.
 std::size_t break_in(const std::string& text, std::size_t fitting) {
   const std::size_t blank = text.rfind(' ', fitting);
   return blank == std::string::npos || blank == 0 ? fitting : blank;
