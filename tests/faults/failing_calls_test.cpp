@@ -166,7 +166,7 @@ TEST_F(FailingCall, WaitForAnAcknowledgementDisconnectsTheClient) {
 
 TEST_F(FailingCall, FileThatCannotBeOpenedIsRefusedLikeAMissingOne) {
   for (const int error_number : {EMFILE, EACCES, EIO}) {
-    FaultyStation station(fault("fopen", 2, error_number));
+    FaultyStation station(fault("open", 2, error_number));
     UdpPeer client = station.asks(rrq("file"));
     client.expects(error(1, ""));
     station.survives(kRequested);
@@ -175,7 +175,7 @@ TEST_F(FailingCall, FileThatCannotBeOpenedIsRefusedLikeAMissingOne) {
 
 TEST_F(FailingCall, FileThatCannotBeCreatedIsAcknowledgedLikeOneThatCan) {
   // The look for the file is the call before.
-  FaultyStation station(fault("fopen", 3, ENOSPC));
+  FaultyStation station(fault("open", 3, ENOSPC));
   UdpPeer client = station.asks(wrq("new"));
   client.expects(ack(0));
   EXPECT_FALSE(std::filesystem::exists("new"));

@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -6,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,7 +17,7 @@
 // clock:
 //
 //   FAIL="CALL N ERRNO"   the N-th CALL fails with this error. CALL: socket.dgram, socket.raw, bind, sendto,
-//                         recvfrom, select, fopen (of the streams for files) or pthread_create
+//                         recvfrom, select, open (of a file in the working directory) or pthread_create
 //   SECOND=MILLISECONDS   a second that select waits lasts so long
 //   CLOCK_STEP=SECONDS    the time of day moves by so much at every look at it, forward or back
 //
@@ -68,8 +70,9 @@ extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
   static auto* const next = real<int(int, int, int)>("socket");
-  if (type == SOCK_DGRAM && fails("socket.dgram")) return -1;
-  if (type == SOCK_RAW && fails("socket.raw")) return -1;
+  constexpr int kFlags = SOCK_CLOEXEC | SOCK_NONBLOCK;
+  if ((type & ~kFlags) == SOCK_DGRAM && fails("socket.dgram")) return -1;
+  if ((type & ~kFlags) == SOCK_RAW && fails("socket.raw")) return -1;
   return next(domain, type, protocol);
 }
 
@@ -100,9 +103,13 @@ int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait
   return ready;
 }
 
-FILE* fopen64(const char* path, const char* mode) {
-  static auto* const next = real<FILE*(const char*, const char*)>("fopen64");
-  return fails("fopen") ? nullptr : next(path, mode);
+int open(const char* path, int flags, ...) {
+  static auto* const next = real<int(const char*, int, ...)>("open");
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return path[0] != '/' && fails("open") ? -1 : next(path, flags, mode);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),

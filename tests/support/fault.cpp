@@ -101,9 +101,9 @@ int connect(int descriptor, const sockaddr* address, socklen_t length) {
   return strikes(Call::kConnect) ? -1 : next(descriptor, address, length);
 }
 
-int accept(int descriptor, sockaddr* address, socklen_t* length) {
-  static auto* const next = real<int(int, sockaddr*, socklen_t*)>("accept");
-  return strikes(Call::kAccept) ? -1 : next(descriptor, address, length);
+int accept4(int descriptor, sockaddr* address, socklen_t* length, int flags) {
+  static auto* const next = real<int(int, sockaddr*, socklen_t*, int)>("accept4");
+  return strikes(Call::kAccept) ? -1 : next(descriptor, address, length, flags);
 }
 
 int setsockopt(int descriptor, int level, int option, const void* value, socklen_t length) noexcept {

@@ -203,7 +203,7 @@ TEST_F(TftpClient, HasPlainUdpSocketThatIsNotBound) {
   EXPECT_EQ(socket_option(client_.socket_fd, SO_PROTOCOL), IPPROTO_UDP);
   EXPECT_EQ(socket_option(client_.socket_fd, SO_REUSEADDR), 0);
   EXPECT_EQ(socket_option(client_.socket_fd, SO_BROADCAST), 0);
-  EXPECT_EQ(fcntl(client_.socket_fd, F_GETFD), 0);
+  EXPECT_EQ(fcntl(client_.socket_fd, F_GETFD), FD_CLOEXEC);
   EXPECT_EQ(fcntl(client_.socket_fd, F_GETFL) & O_NONBLOCK, 0);
   sockaddr_in own = {};
   socklen_t length = sizeof own;
