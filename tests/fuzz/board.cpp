@@ -28,12 +28,14 @@ extern "C" {
 
 int system(const char* command) {
   require(is_known(command), "only the board's commands are run");
+  Script::current->commands.emplace_back(command);
   return Script::current->takes('X') ? 256 : 0;
 }
 
 FILE* popen(const char* command, const char* mode) {
   require(std::strcmp(command, "envtool show tempmac") == 0, "only the board's tool is read from");
   require(std::strcmp(mode, "r") == 0, "the board's tool is only read from");
+  Script::current->commands.emplace_back(command);
   if (Script::current->next() != 'B') return nullptr;
   const std::string printed = Script::current->take();
   std::memcpy(output, printed.data(), printed.size());

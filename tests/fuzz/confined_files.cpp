@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -45,15 +46,13 @@ int flags_of(const char* mode) {
   }
 }
 
-FILE* confined_open(const char* path, const char* mode) {
-  const int flags = flags_of(mode);
+int confined_open(const char* path, int flags) {
   const int descriptor = open_below(path, flags);
-  if (descriptor == -1) return nullptr;
-  if ((flags & O_CREAT) != 0) {
+  if (descriptor != -1 && (flags & O_CREAT) != 0) {
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
     created.push_back(std::filesystem::read_symlink(link).string());
   }
-  return fdopen(descriptor, mode);
+  return descriptor;
 }
 
 void make_root() {
@@ -72,13 +71,25 @@ void make_root() {
 using Open = FILE*(const char*, const char*);
 
 FILE* opened(const char* name, const char* path, const char* mode) {
-  if (confines) return confined_open(path, mode);
+  if (confines) {
+    const int descriptor = confined_open(path, flags_of(mode));
+    return descriptor == -1 ? nullptr : fdopen(descriptor, mode);
+  }
   return reinterpret_cast<Open*>(dlsym(RTLD_NEXT, name))(path, mode);
 }
 
 }  // namespace
 
 extern "C" {
+
+int open(const char* path, int flags, ...) {
+  if (confines) return confined_open(path, flags);
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+}
 
 FILE* fopen(const char* path, const char* mode) {
   return opened("fopen", path, mode);

@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr char kOfAConnection[] = "DEGR";
+
 int fails_with(int error) {
   errno = error;
   return -1;
@@ -31,24 +33,26 @@ int connections::listener = -1;
 
 extern "C" {
 
-int select(int, fd_set* readable, fd_set*, fd_set*, timeval*) {
+int select(int, fd_set* readable, fd_set*, fd_set*, timeval* wait) {
   Script& script = *Script::current;
+  script.waits.push_back(wait->tv_sec);
   const int connection = highest_connection(*readable);
   // What only a connection can bring does not come without one.
-  while (connection == -1 && std::strchr("DEGR", script.next()) != nullptr && !script.is_over())
+  while (connection == -1 && std::strchr(kOfAConnection, script.next()) != nullptr && !script.is_over())
     script.take();
   const char next = script.next();
   if (script.takes('W')) return fails_with(EINTR);
   FD_ZERO(readable);
   if (next == 'C') FD_SET(connections::listener, readable);
-  if (next != '\0' && std::strchr("DEGR", next) != nullptr) FD_SET(connection, readable);
+  if (next != '\0' && std::strchr(kOfAConnection, next) != nullptr) FD_SET(connection, readable);
   if (next != '\0' && std::strchr("CDEGR", next) != nullptr) return 1;
   if (script.is_over()) script.counts_wait_after_end();
   script.take();
+  *wait = {0, 0};  // as on Linux, where the time that is left comes back
   return 0;
 }
 
-int accept(int, sockaddr*, socklen_t*) {
+int accept4(int, sockaddr*, socklen_t*, int) {
   Script& script = *Script::current;
   if (script.takes('C')) return script.new_descriptor();
   return fails_with(script.takes('R') ? EMFILE : EAGAIN);

@@ -1,6 +1,6 @@
 #include "fuzz/script.h"
 
-#include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr char kKindsWithBytes[] = "DB";
-constexpr char kKinds[] = "DBTWRSCEGX";
+constexpr char kKindsWithBytes[] = "DBP";
+constexpr char kKinds[] = "DBTWRSCEGXVQOZP";
 constexpr std::size_t kLengthSize = 2;
 constexpr int kMaxWaitsAfterEnd = 100;
 constexpr std::size_t kMaxDescriptors = 500;
@@ -47,9 +47,7 @@ Script::Script(const std::uint8_t* bytes, std::size_t size) : bytes_(bytes), lef
 }
 
 Script::~Script() {
-  for (int descriptor : descriptors_) {
-    require(fcntl(descriptor, F_GETFD) == -1, "every socket is closed at the end");
-  }
+  for (bool is_open : open_) require(!is_open, "every socket is closed at the end");
   current = nullptr;
 }
 
@@ -58,6 +56,19 @@ bool Script::is_over() {
 }
 
 char Script::next() {
+  while (peek() == 'P') {
+    const std::string port = take_any();
+    if (port.size() == 2) sender_port = (port[0] & 0xFF) << 8 | (port[1] & 0xFF);
+  }
+  return peek();
+}
+
+std::string Script::take() {
+  next();
+  return take_any();
+}
+
+char Script::peek() {
   while (left_ > 0 && (*bytes_ == 0 || std::strchr(kKinds, *bytes_) == nullptr)) {
     ++bytes_;
     --left_;
@@ -65,8 +76,8 @@ char Script::next() {
   return left_ > 0 ? static_cast<char>(*bytes_) : '\0';
 }
 
-std::string Script::take() {
-  const char kind = next();
+std::string Script::take_any() {
+  const char kind = peek();
   std::size_t before = 1;
   std::size_t length = 0;
   if (kind == '\0') return {};
@@ -88,21 +99,30 @@ bool Script::takes(char kind) {
 }
 
 int Script::new_descriptor() {
-  if (descriptors_.size() == kMaxDescriptors) {
+  if (open_.size() == kMaxDescriptors) {
     errno = EMFILE;
     return -1;
   }
-  const int descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
-  require(descriptor != -1, "descriptors are left");
-  descriptors_.push_back(descriptor);
-  return descriptor;
+  open_.push_back(true);
+  return kFirstDescriptor + static_cast<int>(open_.size()) - 1;
+}
+
+bool Script::has_open(int descriptor) const {
+  const int index = descriptor - kFirstDescriptor;
+  return index >= 0 && index < static_cast<int>(open_.size()) && open_[static_cast<std::size_t>(index)];
+}
+
+void Script::closes(int descriptor) {
+  require(has_open(descriptor), "a socket is closed once");
+  open_[static_cast<std::size_t>(descriptor - kFirstDescriptor)] = false;
 }
 
 void Script::closes_newest_descriptor() {
-  close(descriptors_.back());
+  open_.back() = false;
 }
 
 void Script::counts_wait_after_end() {
+  if (stops_at_end) throw EndOfScript();
   if (cleared_at_end != nullptr) *cleared_at_end = false;
   require(++waits_after_end_ <= kMaxWaitsAfterEnd, "a conversation ends when the other side is silent");
 }
@@ -111,4 +131,11 @@ void require(bool condition, const char* expectation) {
   if (condition) return;
   std::fprintf(stderr, "not as expected: %s\n", expectation);
   std::abort();
+}
+
+// Takes the place of the system's, for the descriptors that a script has made.
+extern "C" int close(int descriptor) {
+  if (descriptor < Script::kFirstDescriptor) return static_cast<int>(syscall(SYS_close, descriptor));
+  Script::current->closes(descriptor);
+  return 0;
 }
