@@ -188,7 +188,7 @@ class Worker:
             chance = chance or chance_here
             if killer:
                 self._tests.has_killed(killer[0], mutant.file)
-                return Verdict(mutant, 'killed', f'{killer[0].name} {killer[1]}')
+                return Verdict(mutant, 'killed', f'{killer[0].name.split("  #")[0]} {killer[1]}')
         if self._folder.makes_same_code(mutant.file, text, mutant.apply(text)):
             return Verdict(mutant, 'without effect', 'the compiler makes the same code of it')
         return Verdict(mutant, 'survived', chance)
