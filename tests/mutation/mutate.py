@@ -62,9 +62,8 @@ class Exceptions:
     A + line that is missing, or <any> in a line, stands for everything."""
 
     def __init__(self, text):
-        self.entries = [_entry(block.splitlines())
-                        for block in '\n'.join(line for line in text.splitlines() if line[:1] != '#').split('\n\n')
-                        if block.strip()]
+        told = '\n'.join(line for line in text.splitlines() if line[:1] != '#')
+        self.entries = [_entry(block.strip('\n').splitlines()) for block in told.split('\n\n') if block.strip()]
 
     def find(self, mutant):
         return next((entry for entry in self.entries if _is_meant(entry, mutant)), None)

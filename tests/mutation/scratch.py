@@ -14,7 +14,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 # What takes minutes, runs other people's programs, or never runs src/, as in `scripts/test --coverage`.
-LEFT_OUT = re.compile(r'(analysis|boards|documents|fuzz|interop|lint|load|package|virtual_bench)\.|system\.scripts')
+LEFT_OUT = re.compile(r'(analysis|boards|documents|fuzz|interop|lint|load|package|scripts|virtual_bench)\.|system\.scripts')
 TESTS_AT_ONCE = 8  # most wait for the network or the clock
 PATIENCE_SECONDS = 10  # and PATIENCE_FACTOR times what the test takes otherwise
 PATIENCE_FACTOR = 5

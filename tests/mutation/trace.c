@@ -34,8 +34,8 @@ __attribute__((constructor(101))) static void begin_trace(void) {
   const int file = (int)syscall(SYS_openat, AT_FDCWD, path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
   if (file < 0) return;
   if (syscall(SYS_ftruncate, file, (long)size) == 0) {
-    void* const mapped = (void*)syscall(SYS_mmap, 0L, (long)size, (long)(PROT_READ | PROT_WRITE), (long)MAP_SHARED,
-                                        (long)file, 0L);
+    void* const mapped = (void*)syscall(SYS_mmap, 0L, (long)size, (long)(PROT_READ | PROT_WRITE),
+                                        (long)MAP_SHARED, (long)file, 0L);
     if ((long)mapped > 0 || (long)mapped < -4095) reached = mapped;
   }
   syscall(SYS_close, file);
