@@ -347,4 +347,21 @@ TEST_F(Verdict, SignalsDuringTheDeletionFindNoServiceToDelete) {
   EXPECT_EQ(run(), "ended, exit code 2");
 }
 
+// It fired while the verdict was being read, and is let in only once the service's threads are waited for.
+TEST_F(Verdict, AlarmThatIsHeldBackUntilAfterTheVerdictIsForgotten) {
+  signal(SIGALRM, TimeoutHandler);
+  block_signals();
+  MessageServer* const service = server->message_server;
+  service->sender_thread = pthread_self();
+  std::thread sender([this, service] {
+    wait_until([this] { return server->message_server == nullptr; });
+    std::this_thread::sleep_for(100ms);
+    service->sender_thread = 0;
+  });
+  raise(SIGALRM);
+  EXPECT_EQ(processes(rrq(kPassed)), refused(std::string(kPassedReceived) + kNoReceiver + kServiceDeleted));
+  sender.join();
+  EXPECT_EQ(run(), "ended, exit code 2");
+}
+
 }  // namespace
