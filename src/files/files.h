@@ -23,9 +23,14 @@ void attach_descriptor(Stream* stream, int descriptor, std::ios::openmode mode) 
   stream->setstate(std::ios::failbit);
 }
 
+// A descriptor of the file, or -1. The caller owns it. Of a named pipe this waits for the other end.
+inline int open_for_reading(const std::string& name) {
+  return open(name.c_str(), O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+}
+
 // Opens the file for reading.
 inline void open_file(std::ifstream* file, const std::string& name) {
-  attach_descriptor(file, open(name.c_str(), O_RDONLY | O_CLOEXEC | O_LARGEFILE), std::ios::in);
+  attach_descriptor(file, open_for_reading(name), std::ios::in);
 }
 
 // Creates the file, empty, and opens it for writing. Fails where something has that name already: no file is

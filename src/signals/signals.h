@@ -6,10 +6,10 @@
 // Which thread takes which signal, and when.
 //
 // SIGALRM times a run, SIGINT and SIGTERM end it. All three are meant for the main thread, and for the
-// moments in which it waits: for a request, for the PPT server's answer or its connection, for a board's
-// command, for the end of another thread. Everywhere else they are blocked, and on every other thread always.
-// So no handler ever runs in the middle of a written line, of an allocation, or of a change of the server: it
-// may stop the server, print, and end the process.
+// moments in which it waits: for a request, for the other end of a named pipe, for the PPT server's answer or
+// its connection, for a board's command, for the end of another thread. Everywhere else they are blocked, and
+// on every other thread always. So no handler ever runs in the middle of a written line, of an allocation, or
+// of a change of the server: it may stop the server, print, and end the process.
 //
 // A board's command is no part of this: it starts with the mask that the process itself was started with. The
 // thread that starts it has that mask meanwhile, so that a signal may arrive there; the handler hands it on

@@ -21,10 +21,15 @@ bool is_verdict(const std::string& file_name) {
   return file_name.rfind(kVerdictPrefix, 0) == 0;
 }
 
+int wait_for_file(const std::string& file_name) {
+  const SignalsLetIn meanwhile;
+  return open_for_reading(file_name);
+}
+
 // Whether the name can be opened, and has an end.
 bool exists(const std::string& file_name) {
   std::ifstream file;
-  open_file(&file, file_name);
+  attach_descriptor(&file, wait_for_file(file_name), std::ios::in);
   return file.seekg(0, std::ios::end).good();
 }
 
@@ -80,7 +85,8 @@ int TFTPServer::processRead(ServerClient* client, const std::string& file_name) 
     return refuse(client, TFTP_Packet::kNotDefined, "Mode not supported");
   }
   auto file = std::make_unique<std::ifstream>();
-  open_file(file.get(), file_name);  // a directory or a pipe too (known behaviour 6)
+  // A directory or a pipe too (known behaviour 6).
+  attach_descriptor(file.get(), wait_for_file(file_name), std::ios::in);
   const bool opened = file->is_open() && file->good();
   client->input_file = file.release();
   // The message is empty here, unlike for an empty name (known behaviour 5).
@@ -121,7 +127,7 @@ int TFTPServer::processVerdict(ServerClient* client, const std::string& file_nam
 
   const bool is_final = forwardVerdict(file_name);
   if (message_server != nullptr) {
-    alarm(0);  // before its flag is ever looked at (known behaviour 13)
+    alarm(0);                          // before its flag is ever looked at (known behaviour 13)
     { const SignalsLetIn held_back; }  // an alarm that has fired by now is forgotten, too
     _bTimeoutFlag = false;
     message_server->StopSender();

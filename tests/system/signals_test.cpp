@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -140,6 +141,15 @@ TEST_P(Signals, WaitsForTheSenderOfTheBootScript) {
   EXPECT_EQ(station.daemon->exit_status(), GetParam());
   station::expect_output(*station.daemon, InNetwork::start_lines(), kServerAndServiceGone,
                          {station::kSenderStopped});
+}
+
+TEST_P(Signals, WhileANamedPipeIsWaitedForEndsIt) {
+  const OnLoopback station;
+  ASSERT_EQ(mkfifo("pipe", S_IRUSR | S_IWUSR), 0);
+  station.asks(rrq("pipe"));
+  ASSERT_TRUE(station.daemon->prints("RRQ pipe\n"));
+  std::this_thread::sleep_for(milliseconds(50));
+  station.ends_by(GetParam(), "RRQ pipe\n");
 }
 
 TEST_P(Signals, EndsItWithATransferOpen) {
