@@ -1,5 +1,5 @@
 #include <iostream>
-#include <sstream>
+#include <string>
 
 #include "tftp_server/tftp_server.h"
 
@@ -9,15 +9,15 @@ constexpr int kUntilStopped = -1;
 
 // What the unit's boot loader is told, in its own command language.
 std::string boot_script(int message_port) {
-  std::ostringstream script;
-  script << "ZIRN install boot script"
-         << "\r\nsetenv msgport " << message_port << "\r\n#setaddr 172.40.0.1"
-         << "\r\nsetenv ppt_flag 1\r\nsave"
-         << "\r\ntftp 46000000 bootscript.txt\r\n#ifint\r\n#netstate\r\n4\r\n\treset\r\n#endif"
-         << "\r\ntftp 45000000 F_l_m_t_Bootstrap_loading"
-         << "\r\ninst 46000000"
-         << "\r\n#endscript\r\n";
-  return script.str();
+  return "ZIRN install boot script"
+         "\r\nsetenv msgport " +
+         std::to_string(message_port) +
+         "\r\n#setaddr 172.40.0.1"
+         "\r\nsetenv ppt_flag 1\r\nsave"
+         "\r\ntftp 46000000 bootscript.txt\r\n#ifint\r\n#netstate\r\n4\r\n\treset\r\n#endif"
+         "\r\ntftp 45000000 F_l_m_t_Bootstrap_loading"
+         "\r\ninst 46000000"
+         "\r\n#endscript\r\n";
 }
 
 }  // namespace

@@ -3,8 +3,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -16,6 +18,36 @@
 #include "support/test_network.h"
 #include "support/udp_peer.h"
 #include "tftp_server/tftp_server.h"
+
+namespace {
+
+int failing_allocation = 0;  // counted from when it was set; 0 = none fails
+
+// Not inlined: compilers do not know that these two belong together.
+[[gnu::noinline]] void* allocate(std::size_t size) {
+  const bool fails = failing_allocation > 0 && --failing_allocation == 0;
+  void* const storage = fails ? nullptr : std::malloc(size > 0 ? size : 1);
+  if (storage == nullptr) throw std::bad_alloc();
+  return storage;
+}
+
+[[gnu::noinline]] void release(void* storage) {
+  std::free(storage);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  return allocate(size);
+}
+
+void operator delete(void* storage) noexcept {
+  release(storage);
+}
+
+void operator delete(void* storage, std::size_t) noexcept {
+  release(storage);
+}
 
 namespace {
 
@@ -230,4 +262,21 @@ TEST_F(BootScript, ASecondCallFailsAndSendsNothingNew) {
   EXPECT_EQ(open_descriptors(), before);
   listener.expects_nothing(milliseconds(500));
   EXPECT_TRUE(listener.expects(datagram("12345")));
+}
+
+TEST_F(BootScript, IsNeverSentInPartForWantOfMemory) {
+  makes_server(12345);
+  const FlushRecorder unseen;
+  bool sent = false;
+  int nth = 0;
+  while (!sent) {
+    failing_allocation = ++nth;
+    try {
+      sent = server->SendBroadcastScript(kInterface) != 0;
+    } catch (const std::bad_alloc&) {
+      server->message_server->StopSender();
+    }
+  }
+  EXPECT_GT(nth, 1) << "nothing was allocated";
+  EXPECT_EQ(stored(), datagram("12345"));
 }
