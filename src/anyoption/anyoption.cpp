@@ -6,7 +6,6 @@
 #include <fstream>
 #include <iostream>
 #include <new>
-#include <sstream>
 
 #include "files/files.h"
 
@@ -504,9 +503,11 @@ void AnyOption::parseFile() {
   std::ifstream file;
   open_file(&file, file_name_);
   if (!file.is_open()) return;
-  std::ostringstream whole;
-  whole << file.rdbuf();
-  const std::string text = whole.str();
+  std::string text;  // not by way of a stream, which finds no memory and says nothing
+  char piece[512];
+  while (file.read(piece, sizeof piece), file.gcount() > 0) {
+    text.append(piece, static_cast<std::size_t>(file.gcount()));
+  }
   std::size_t start = 0;
   // A last line without its newline is not used.
   for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {

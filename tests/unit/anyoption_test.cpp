@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <memory>
 #include <new>
 #include <ostream>
@@ -906,6 +907,18 @@ TEST(AnyOption, EndsTheProcessWhenTheUsageCannotGrow) {
           parser.addUsage(" -h Prints this help");
         });
   }
+}
+
+TEST(AnyOptionFile, EndsTheProcessWhenItDoesNotFit) {
+  const ScratchDirectory directory;
+  std::ofstream("options") << "port:" + std::string(3000, '7') + "\n";
+  expect_every_failed_allocation_to_exit("\nOPTIONS ERROR : Failed allocating memory\nExiting.\n",
+                                         [](auto memory_fails) {
+                                           ProgramParser parser;
+                                           memory_fails();
+                                           parser.processFile("options");
+                                           if (parser.getValue('n') == nullptr) _exit(1);
+                                         });
 }
 
 TEST(AnyOptionFile, TrimsBlanksAroundNameAndValue) {
