@@ -127,7 +127,8 @@ int run_server() {
 }  // namespace
 
 void signalHandler(int signal_number) {
-  // The command receiver was about to start a board's command, and would wait here for its own end.
+  // The command receiver, which takes signals while it runs a board's command, would wait here for its own
+  // end.
   if (pthread_equal(pthread_self(), main_thread) == 0) {
     pthread_kill(main_thread, signal_number);
     return;

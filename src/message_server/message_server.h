@@ -75,6 +75,7 @@ class MessageServer {
   pthread_t sender_thread = 0;  // 0 = none alive
   pthread_t receiver_thread = 0;
   pthread_t udp_thread = 0;
+  // Whether the numbers in sender_socket and receive_socket are those of closed sockets.
   ClosedNumber closed_sender_socket;
   ClosedNumber closed_receive_socket;
 };

@@ -12,8 +12,8 @@
 // of a change of the server: it may stop the server, print, and end the process.
 //
 // A board's command is no part of this: it starts with the mask that the process itself was started with. The
-// thread that starts it has that mask meanwhile, so that a signal may arrive there; the handler hands it on
-// to the main thread.
+// thread that starts it has that mask meanwhile, so that a signal may arrive there: SIGALRM is handled there,
+// and the handler of the other two hands them on to the main thread.
 
 // Blocks the three on the calling thread, the main one, and by inheritance on every thread created from now
 // on.
