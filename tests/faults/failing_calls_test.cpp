@@ -180,6 +180,16 @@ TEST_F(FailingCall, FileThatCannotBeCreatedIsAcknowledgedLikeOneThatCan) {
   station.survives("WRQ \n");
 }
 
+TEST_F(FailingCall, LookForAWrittenFileLeavesTheOneThatIsThereAsItIs) {
+  for (const int error_number : {EMFILE, EACCES}) {
+    FaultyStation station(fault("open", 2, error_number));
+    UdpPeer client = station.asks(wrq("file"));
+    client.expects(ack(0));
+    station.survives("WRQ \n");
+    EXPECT_EQ(whole_file("file"), FaultyStation::contents());
+  }
+}
+
 TEST_F(FailingCall, WithoutAThreadAReadStopsBehindItsFirstBlock) {
   FaultyStation station(fault("pthread_create", 3, EAGAIN));
   UdpPeer client = station.asks(rrq("file"));

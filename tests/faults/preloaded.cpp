@@ -1,9 +1,12 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
+#include <new>
 
 // A library that is loaded into the program before all others, and makes one of its calls fail or moves its
 // clock:
@@ -20,6 +25,11 @@
 //                         recvfrom, recvfrom.limited (of a client's socket), open (of a file in the working directory) or pthread_create
 //   SECOND=MILLISECONDS   a second of a wait, or of a receive with a limit, lasts so long
 //   CLOCK_STEP=SECONDS    the time of day moves by so much at every look at it, forward or back
+//   ALLOCATIONS=FILE      "THREAD N FATE" in the file says what becomes of the main thread's ("main") or all
+//                         others' ("others") N-th allocation from then on: it "fails", "fails-on" with all
+//                         that follow, or is "interrupted" by SIGTERM while it holds the heap; "throws"
+//                         counts and strikes operator new alone. The file is gone as soon as it was obeyed,
+//                         but for "fails-on".
 //
 // What the program starts does not inherit it.
 
@@ -32,6 +42,7 @@ std::atomic<int> calls{0};
 long milliseconds_of_a_second = 1000;
 long clock_step = 0;
 std::atomic<long> looks{0};
+const char* allocations = nullptr;
 
 __attribute__((constructor)) void read_environment() {
   if (const char* const fault = std::getenv("FAIL")) {
@@ -41,6 +52,7 @@ __attribute__((constructor)) void read_environment() {
     milliseconds_of_a_second = std::strtol(second, nullptr, 10);
   }
   if (const char* const step = std::getenv("CLOCK_STEP")) clock_step = std::strtol(step, nullptr, 10);
+  allocations = std::getenv("ALLOCATIONS");
   unsetenv("LD_PRELOAD");
 }
 
@@ -55,6 +67,47 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+struct Fate {
+  char thread[8] = "";
+  int number = 0;
+  char name[12] = "";
+
+  bool is_for_this_thread() const {
+    return std::strcmp(thread, gettid() == getpid() ? "main" : "others") == 0;
+  }
+  bool is(const char* text) const { return std::strcmp(name, text) == 0; }
+};
+
+// Without a call that allocates, or that this library plays. False when there is no file.
+bool read_fate(Fate* fate) {
+  const auto file = static_cast<int>(syscall(SYS_openat, AT_FDCWD, allocations, O_RDONLY | O_CLOEXEC));
+  if (file < 0) return false;
+  char text[64] = {};
+  const ssize_t length = read(file, text, sizeof text - 1);
+  close(file);
+  return length > 0 && std::sscanf(text, "%7s %d %11s", fate->thread, &fate->number, fate->name) == 3;
+}
+
+// As the library's heap: held by one thread at a time.
+std::recursive_mutex heap;
+int allocations_of_the_fate = 0;
+
+// Whether this allocation fails. It may be interrupted here.
+bool meets_its_fate(bool by_operator_new) {
+  Fate fate;
+  if (!read_fate(&fate)) {
+    allocations_of_the_fate = 0;
+    return false;
+  }
+  if (fate.is("throws") != by_operator_new || !fate.is_for_this_thread()) return false;
+  if (++allocations_of_the_fate < fate.number) return false;
+  if (fate.is("fails-on")) return true;
+  unlink(allocations);
+  allocations_of_the_fate = 0;
+  if (fate.is("interrupted")) raise(SIGTERM);
+  return !fate.is("interrupted");
+}
+
 timeval stretched(const timeval& time, long numerator, long denominator) {
   const long long microseconds = (time.tv_sec * 1000000LL + time.tv_usec) * numerator / denominator;
   return {static_cast<time_t>(microseconds / 1000000), static_cast<suseconds_t>(microseconds % 1000000)};
@@ -66,7 +119,38 @@ time_t moved(time_t seconds) {
 
 }  // namespace
 
+void* operator new(size_t size) {
+  if (allocations != nullptr) {
+    const std::lock_guard<std::recursive_mutex> lock(heap);
+    if (meets_its_fate(true)) throw std::bad_alloc();
+  }
+  if (void* const storage = std::malloc(size)) return storage;
+  throw std::bad_alloc();
+}
+
+void operator delete(void* storage) noexcept {
+  std::free(storage);
+}
+
+void operator delete(void* storage, size_t) noexcept {
+  std::free(storage);
+}
+
 extern "C" {
+
+void* __libc_malloc(size_t size);  // NOLINT(bugprone-reserved-identifier): the library's own
+
+void* malloc(size_t size) noexcept {
+  if (allocations == nullptr) return __libc_malloc(size);
+  const int error_before = errno;
+  const std::lock_guard<std::recursive_mutex> lock(heap);
+  if (meets_its_fate(false)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  errno = error_before;
+  return __libc_malloc(size);
+}
 
 int socket(int domain, int type, int protocol) noexcept {
   static auto* const next = real<int(int, int, int)>("socket");

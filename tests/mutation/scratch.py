@@ -87,7 +87,7 @@ class Scratch:
             source = os.path.relpath(entry['file'], self.tree)
             if source == file or file.endswith('.h') and source.startswith('src/'):
                 words = [word for word in shlex.split(entry['command']) if word not in FLAGS.split()]
-                yield words[:words.index('-o')] + ['-O2', '-DNDEBUG', '-S', '-o', '-', entry['file']]
+                yield words[:words.index('-o')] + ['-O2', '-DNDEBUG', '-w', '-S', '-o', '-', entry['file']]
 
     def tests(self):
         """The tests that can run src/, each as it was registered."""

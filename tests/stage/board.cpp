@@ -140,7 +140,11 @@ void Board::ends_with(const std::string& command, int status) const {
 }
 
 void Board::is_killed(const std::string& command) const {
-  write_file(place_of(command), "#!/bin/sh\nkill -9 $$\n");
+  is_script(command, "kill -9 $$\n");
+}
+
+void Board::is_script(const std::string& command, const std::string& lines) const {
+  write_file(place_of(command), "#!/bin/sh\n" + lines);
 }
 
 void Board::holds(const std::string& command) const {

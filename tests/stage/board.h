@@ -37,6 +37,8 @@ class Board {
   void holds(const std::string& command) const;
   void releases(const std::string& command) const;
   void removes(const std::string& command) const;
+  // It is these lines of a shell's instead of all else.
+  void is_script(const std::string& command, const std::string& lines) const;
 
   // A variable of envtool's; "nothing" when it is not set.
   void sets_variable(const std::string& name, const std::string& value) const;

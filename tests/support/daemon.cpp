@@ -27,11 +27,11 @@ Process::Arguments command_line(const std::vector<std::string>& arguments) {
 
 }  // namespace
 
-Daemon::Daemon(const std::vector<std::string>& arguments)
+Daemon::Daemon(const std::vector<std::string>& arguments, std::optional<int> output)
     : output_(output_file("output")),
       errors_(output_file("errors")),
-      process_(command_line(arguments), [this] {
-        dup2(output_, STDOUT_FILENO);
+      process_(command_line(arguments), [this, output] {
+        dup2(output.value_or(output_), STDOUT_FILENO);
         dup2(errors_, STDERR_FILENO);
         setenv("LSAN_OPTIONS", "suppressions=" LEAKS_THAT_ARE_MEANT ":print_suppressions=0", 1);
       }) {}
@@ -61,7 +61,6 @@ bool Daemon::serves() const {
 }
 
 void Daemon::gets_signal(int signal_number) {
-  got_signal_ = true;
   process_.send_signal(signal_number);
 }
 

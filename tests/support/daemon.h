@@ -2,6 +2,7 @@
 #define SUPPORT_DAEMON_H
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,8 @@ class Daemon {
   // What exit_status returns besides 0 to 255.
   static constexpr int kStillRunning = kStillRunningStatus;
 
-  explicit Daemon(const std::vector<std::string>& arguments = {});
+  // output: the descriptor that it prints to, instead of what output() returns.
+  explicit Daemon(const std::vector<std::string>& arguments = {}, std::optional<int> output = std::nullopt);
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
@@ -31,7 +33,6 @@ class Daemon {
   // Waits until it serves requests. False when it does not.
   bool serves() const;
   void gets_signal(int signal_number);
-  bool got_signal() const { return got_signal_; }
   // Waits for its end: the exit status, minus the signal's number when a signal ended it, or kStillRunning.
   int exit_status(Milliseconds patience = kPatience);
 
@@ -39,7 +40,6 @@ class Daemon {
   int output_;
   int errors_;
   Process process_;
-  bool got_signal_ = false;
 };
 
 #endif

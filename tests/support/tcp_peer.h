@@ -54,6 +54,12 @@ class TcpPeer {
     }
     EXPECT_EQ(received, text);
   }
+  // What comes next, empty at the end of the connection.
+  std::string reads(Milliseconds patience = kPatience) const {
+    char bytes[4096];
+    const ssize_t count = readable(patience) ? read(descriptor_, bytes, sizeof bytes) : 0;
+    return {bytes, static_cast<std::size_t>(count > 0 ? count : 0)};
+  }
   void asks(const std::string& text, const std::string& reply) const {
     SCOPED_TRACE("asking " + text);
     sends(text);
