@@ -22,7 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-constexpr unsigned kRunsPerCore = 12;          // at a time: most of a run is waiting
+constexpr unsigned kRunsPerCore = 8;           // at a time: most of a run is waiting
 constexpr long kLookNanoseconds = 20'000'000;  // between two looks at the runs
 constexpr int kKilled = 128;                   // plus the signal's number, as a shell counts it
 constexpr char kThisProgram[] = "/proc/self/exe";
