@@ -537,7 +537,92 @@ TEST_F(Bench, RefusesAScenarioThatItDoesNotUnderstand) {
 TEST_F(Bench, RefusesACallThatItDoesNotUnderstand) {
   EXPECT_EQ(calls("a.run").status, 2);
   EXPECT_EQ(result_.output,
-            "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --steps\n");
+            "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
+            "STATION_PROGRAM RESULTS_FOLDER, or --make SEED, or --steps\n");
+  EXPECT_EQ(calls("--many 0 1 " TFTP_PROGRAM " " + results()).status, 2);
+  EXPECT_EQ(calls("--many 1x 1 " TFTP_PROGRAM " " + results()).status, 2);
+  EXPECT_EQ(calls("--keep --many 2 1 " TFTP_PROGRAM " " + results()).status, 2);
+}
+
+class ManyRuns : public Bench {
+ protected:
+  void SetUp() override {
+    Bench::SetUp();
+    fs::remove_all(results());
+  }
+};
+
+TEST_F(ManyRuns, PlaysManyThatAreMadeByChance) {
+  EXPECT_EQ(calls("--many 3 1 " TFTP_PROGRAM " " + results()).status, 0) << result_.output;
+  EXPECT_EQ(
+      result_.output.rfind("3 of 3 runs went as they must, 0 did not, 0 were not played; seeds 1 to 3, ", 0),
+      0U)
+      << result_.output;
+  EXPECT_EQ(left(), std::set<std::string>{});
+}
+
+// A station that serves as it must, and ends otherwise.
+TEST_F(ManyRuns, TellsOfManyThoseThatWentOtherwise) {
+  const std::string station = directory_.file("station");
+  write_whole_file(station, "#!/bin/sh\n" TFTP_PROGRAM " \"$@\"\nexit 3\n");
+  fs::permissions(station, fs::perms::owner_all);
+  EXPECT_EQ(calls("--many 2 1 " + station + " " + results()).status, 1);
+  for (const std::string seed : {"1", "2"}) {
+    const std::size_t told = result_.output.find("chance-" + seed + ": WRONG: line ");
+    ASSERT_NE(told, std::string::npos) << result_.output;
+    const std::size_t end = result_.output.find('\n', told);
+    const std::string again = "\n  again: scripts/run --many 1 --seed " + seed + "\n";
+    EXPECT_EQ(result_.output.substr(end, again.size()), again) << result_.output;
+    for (const char* extension : {".run", ".log", ".svg", ".pcap"})
+      EXPECT_TRUE(fs::exists(results() + "/chance-" + seed + extension)) << seed << extension;
+  }
+  EXPECT_NE(result_.output.find("\n0 of 2 runs went as they must, 2 did not, 0 were not played; "),
+            std::string::npos)
+      << result_.output;
+}
+
+TEST_F(ManyRuns, ShowsAMadeRunAlone) {
+  const std::string made = calls("--make 3").output;
+  EXPECT_EQ(calls("--many 1 3 " TFTP_PROGRAM " " + results()).status, 0);
+  EXPECT_NE(result_.output.find("\nchance-3 went as the scenario says: "), std::string::npos)
+      << result_.output;
+  EXPECT_EQ(left(), (std::set<std::string>{"chance-3.pcap", "chance-3.run", "chance-3.svg"}));
+  EXPECT_EQ(whole_file(results() + "/chance-3.run"), made);
+}
+
+TEST_F(ManyRuns, LeavesNothingOfManyWhenItIsInterrupted) {
+  for (const char* seconds : {"0.05", "0.5", "2"}) {
+    const std::string command = std::string("timeout --preserve-status -s INT ") + seconds +
+                                " " BENCH_PROGRAM " --many 1000 1 " TFTP_PROGRAM " " + results();
+    EXPECT_EQ(runs(command).status, 130) << command;
+    EXPECT_EQ(left(), std::set<std::string>{}) << command;
+  }
+  EXPECT_NE(std::system(("pgrep -f '[b]ench .*" + results() + "' > /dev/null").c_str()), 0);
+}
+
+TEST_F(Bench, DamagesOtherwiseByAnotherSeed) {
+  const auto fates_of = [this](const std::string& first_step) {
+    plays(first_step +
+              "file a is 30 KiB\nstation starts\nwire swaps 50 %\nunit reads a\nstation gets SIGKILL\n"
+              "station exits 137\n",
+          "--keep");
+    EXPECT_EQ(result_.status, 0) << result_.output;
+    return whole_file(results() + "/a/fates").substr(0, 100);
+  };
+  EXPECT_NE(fates_of("wire damages by seed 2\n"), fates_of(""));
+  EXPECT_EQ(goes_wrong("station starts\nwire damages by seed 2\n"),
+            "WRONG: line 2, wire damages by seed 2: the link is there already; expected this step before "
+            "anything starts");
+}
+
+TEST_F(Bench, KeepsTheBoardsVariables) {
+  EXPECT_EQ(
+      plays("board has tempmac 02:00:00:00:00:fe\nboard keeps tempmac 02:00:00:00:00:fe\nstation starts\n"
+            "unit reads F_l_m_01STEP\nunit asks ZIRN_ASKS_FOR_HIS_MAC expects 02:00:00:00:01:00\n"
+            "station gets SIGKILL\nstation exits 137\n")
+          .status,
+      0)
+      << result_.output;
 }
 
 }  // namespace

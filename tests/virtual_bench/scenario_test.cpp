@@ -67,6 +67,7 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"file a.img is 5 MiB", "file NAME is SIZE UNIT"}, Line{"wire loses 5 %", "wire loses PERCENT %"},
         Line{"wire duplicates 0.5 %", "wire duplicates PERCENT %"},
         Line{"wire swaps 100 %", "wire swaps PERCENT %"},
+        Line{"wire damages by seed 7", "wire damages by seed SEED"},
         Line{"wire delays 20 ms", "wire delays MILLISECONDS ms"},
         Line{"wire is cut for 3 s", "wire is cut for SECONDS s"}, Line{"wire is whole", "wire is whole"},
         Line{"ppt is silent", "ppt is silent"}, Line{"ppt refuses", "ppt refuses"},
@@ -75,6 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"ppt hears F_l_m_01X", "ppt hears NAME"}, Line{"ppt has not heard X", "ppt has not heard NAME"},
         Line{"ppt is connected", "ppt is connected"}, Line{"ppt receives \"line 1\"", "ppt receives TEXT"},
         Line{"board link is called lan1", "board link is called NAME"},
+        Line{"board has tempmac 02:00:00:00:00:01", "board has NAME TEXT"},
         Line{"board tool exits 0", "board tool exits STATUS"}, Line{"board ran nothing", "board ran nothing"},
         Line{"board ran \"envtool show tempmac\"", "board ran TEXT"},
         Line{"board keeps ppt_flag failed", "board keeps NAME TEXT"},
@@ -154,7 +156,7 @@ INSTANTIATE_TEST_SUITE_P(
             "a.run:3: \"staton\" is not understood here; expected: \"bench\", \"board\", \"file\", \"ppt\", "
             "\"station\", \"unit\", \"wire\""},
         Refused{"wire looses 5 %",
-                "a.run:1: \"looses\" is not understood here; expected: \"delays\", "
+                "a.run:1: \"looses\" is not understood here; expected: \"damages\", \"delays\", "
                 "\"duplicates\", \"is\", \"loses\", \"swaps\""},
         Refused{"wire loses much %",
                 "a.run:1: \"much\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},

@@ -23,6 +23,8 @@ const std::vector<Command>& commands() {
        [](Run& run, const Step& step) { run.serve_text(step.text_of("NAME"), step.text_of("TEXT")); }},
       {"file NAME is SIZE UNIT",
        [](Run& run, const Step& step) { run.serve_random_bytes(step.text_of("NAME"), step.bytes()); }},
+      {"wire damages by seed SEED",
+       [](Run& run, const Step& step) { run.seed_wire(static_cast<std::uint64_t>(step.number_of("SEED"))); }},
       {"wire loses PERCENT %",
        [](Run& run, const Step& step) {
          run.order_wire(step, {{What::kLose, step.number_of("PERCENT")}});
@@ -70,6 +72,8 @@ const std::vector<Command>& commands() {
          run.expect_of_ppt({Event::Kind::kReceived, step.text_of("TEXT")});
        }},
       {"board link is called NAME", [](Run& run, const Step& step) { run.name_link(step.text_of("NAME")); }},
+      {"board has NAME TEXT",
+       [](Run& run, const Step& step) { run.set_variable(step.text_of("NAME"), step.text_of("TEXT")); }},
       {"board tool exits STATUS",
        [](Run& run, const Step& step) { run.set_tool_status(static_cast<int>(step.number_of("STATUS"))); }},
       {"board ran nothing", [](Run& run, const Step&) { run.expect_no_call(); }},

@@ -1,13 +1,17 @@
 // bench [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER
+// bench --many COUNT SEED STATION_PROGRAM RESULTS_FOLDER
+// bench --make SEED
 // bench --steps
 //
 // Plays one scenario with the unmodified daemon on a private network of this machine, and draws it. Leaves
-// NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --steps lists what
-// a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or the
-// scenario cannot be understood, 77 this machine does not allow it.
+// NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --many plays so many
+// made by chance, of the seeds from SEED on, and leaves only those that went otherwise (many_runs.h). --make
+// prints the scenario of one seed, --steps what a scenario can say. Exit status: 0 the run went as the scenario
+// says, 1 it did not, 2 the call or the scenario cannot be understood, 77 this machine does not allow it.
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +24,9 @@
 #include <string>
 #include <vector>
 
+#include "bench/exit_status.h"
+#include "bench/made_scenario.h"
+#include "bench/many_runs.h"
 #include "bench/run.h"
 #include "bench/scenario.h"
 #include "picture/picture.h"
@@ -31,13 +38,18 @@ namespace fs = std::filesystem;
 
 constexpr char kTunDevice[] = "/dev/net/tun";
 
-enum ExitStatus { kAsExpected = 0, kOtherwise = 1, kNotUnderstood = 2, kNotAllowed = 77 };
+// Whether the text is a number of 32 bits; its value.
+bool is_number(const std::string& text, std::uint32_t* number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *number);
+  return error == std::errc() && end == text.data() + text.size();
+}
 
 struct Call {
   bool keep = false;
-  fs::path station;
-  fs::path scenario;
-  fs::path results;
+  fs::path scenario;  // where none is made
+  ManyRuns runs;      // count 0: none is made
+
+  bool is_made() const { return runs.count == 1; }
 };
 
 bool understood(std::vector<std::string> arguments, Call* call) {
@@ -45,11 +57,17 @@ bool understood(std::vector<std::string> arguments, Call* call) {
     call->keep = true;
     arguments.erase(arguments.begin());
   }
-  if (arguments.size() != 3) return false;
-  call->station = fs::absolute(arguments[0]);
-  call->scenario = arguments[1];
-  call->results = fs::absolute(arguments[2]);
-  return true;
+  ManyRuns& runs = call->runs;
+  const bool many = arguments.size() == 5 && arguments[0] == "--many";
+  if (!many && arguments.size() != 3) return false;
+  runs.results = fs::absolute(arguments.back());
+  runs.station = fs::absolute(*(arguments.end() - (many ? 2 : 3)));
+  if (!many) {
+    call->scenario = arguments[1];
+    return true;
+  }
+  return is_number(arguments[1], &runs.count) && is_number(arguments[2], &runs.seed) && runs.count > 0 &&
+         !(call->keep && runs.count > 1);
 }
 
 // As somebody would write the path who stands where the bench, or the script around it, was called.
@@ -107,13 +125,14 @@ std::string content(const std::string& path) {
 
 int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
   const std::string capture = folder.file(folder.name() + ".pcap");
-  Run run(scenario, call.station, folder.path(), capture);
+  Run run(scenario, call.runs.station, folder.path(), capture);
   const std::optional<std::string> wrong = run.play();
   picture::RunRecord record = run.record();
   record.name = folder.name();
   record.judged = wrong.value_or("as the scenario says");
   record.capture = content(capture);
   std::ofstream(folder.file(folder.name() + ".svg")) << picture::picture_of(record);
+  if (call.is_made()) folder.hand_over(".run");
   std::cout << run.verdict() << '\n'
             << folder.name() << (wrong ? " did not go" : " went")
             << " as the scenario says: " << folder.hand_over(".svg").value_or("no picture could be written")
@@ -137,31 +156,44 @@ int reported(const std::function<int()>& work) {
   }
 }
 
+int play_one(const Call& call) {
+  const std::string made = call.is_made() ? made_scenario(call.runs.seed) : "";
+  const std::string name = call.is_made() ? name_of_made_run(call.runs.seed) : call.scenario.stem().string();
+  const Scenario scenario =
+      call.is_made() ? parse_scenario(made, name + ".run") : read_scenario(call.scenario);
+  if (access(kTunDevice, R_OK | W_OK) != 0)
+    throw NotAllowed(std::string(kTunDevice) + ": " + std::strerror(errno));
+  end_work_on_signals();
+  const RunFolder folder(call.runs.results, name, call.keep);
+  if (call.is_made()) std::ofstream(folder.file(name + ".run")) << made;
+  return run_in_private_namespaces([&] {
+    return reported([&] {
+      mount_own_proc();
+      return play(call, scenario, folder);
+    });
+  });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && argv[1] == std::string("--steps")) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  if (arguments == std::vector<std::string>{"--steps"}) {
     for (const Command& command : commands()) std::cout << command.form << '\n';
     return kAsExpected;
   }
+  std::uint32_t seed = 0;
+  if (arguments.size() == 2 && arguments[0] == "--make" && is_number(arguments[1], &seed)) {
+    std::cout << made_scenario(seed);
+    return kAsExpected;
+  }
   Call call;
-  if (!understood({argv + 1, argv + argc}, &call)) {
-    std::cerr << "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --steps\n";
+  if (!understood(arguments, &call)) {
+    std::cerr << "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
+                 "STATION_PROGRAM RESULTS_FOLDER, or --make SEED, or --steps\n";
     return kNotUnderstood;
   }
-  const int status = reported([&] {
-    const Scenario scenario = read_scenario(call.scenario);
-    if (access(kTunDevice, R_OK | W_OK) != 0)
-      throw NotAllowed(std::string(kTunDevice) + ": " + std::strerror(errno));
-    end_work_on_signals();
-    const RunFolder folder(call.results, call.scenario.stem(), call.keep);
-    return run_in_private_namespaces([&] {
-      return reported([&] {
-        mount_own_proc();
-        return play(call, scenario, folder);
-      });
-    });
-  });
+  const int status = reported([&] { return call.runs.count > 1 ? play_many(call.runs) : play_one(call); });
   // Without the work that others hang on to a process's end, such as a leak check's: it would need a thread,
   // and a process that has given its children process numbers of their own cannot start one.
   std::_Exit(status);

@@ -4,7 +4,6 @@
 
 namespace {
 
-constexpr std::uint64_t kSeed = 1;  // the same chances at every run
 constexpr char kPptServerIp[] = "172.30.0.254";
 constexpr in_addr_t kPptNetwork = 0xac1e0000;  // 172.30.0.0/24
 constexpr in_addr_t kNetworkMask = 0xffffff00;
@@ -26,9 +25,10 @@ bool is_for_ppt_server(const std::string& text) {
 
 }  // namespace
 
-Network::Network(const std::string& capture, const std::string& fates, const std::string& station_link)
+Network::Network(const std::string& capture, const std::string& fates, std::uint64_t seed,
+                 const std::string& station_link)
     : station(NetworkNamespace::current()),
-      wire_(capture, fates, kSeed,
+      wire_(capture, fates, seed,
             {{{{station, station_link}, {unit, "lan0"}}}, {{{station, "ppt0"}, {ppt_server, "ppt0"}}}}),
       ppt_server_address_(kPptServerIp) {
   set_up(station, station_link, "172.40.0.1/24 broadcast 172.40.0.255 label " + station_link + ":0");

@@ -1,6 +1,7 @@
 #ifndef BENCH_NETWORK_H
 #define BENCH_NETWORK_H
 
+#include <cstdint>
 #include <string>
 
 #include "stage/network_namespace.h"
@@ -14,9 +15,11 @@ class Network {
  public:
   static constexpr char kStationIp[] = "172.40.0.1";
 
-  // The station is where the caller is. capture, fates: files that the wire writes. station_link: the name of
-  // the station's end of the test network, "lan0" on a board that is set up well. Throws std::runtime_error.
-  Network(const std::string& capture, const std::string& fates, const std::string& station_link);
+  // The station is where the caller is. capture, fates: files that the wire writes. seed: of the chances of
+  // damage. station_link: the name of the station's end of the test network, "lan0" on a board that is set up
+  // well. Throws std::runtime_error.
+  Network(const std::string& capture, const std::string& fates, std::uint64_t seed,
+          const std::string& station_link);
 
   void order_wire(Order::What what, double amount) const { wire_.order(what, amount); }
   // From now on the PPT server has this address, if it is one for it in its network; else the one it had.

@@ -126,7 +126,7 @@ void Run::wait(double seconds) {
 }
 
 Run::Neighbours::Neighbours(Run& run)
-    : network(run.capture_, run.folder_ + "/fates", run.station_link_),
+    : network(run.capture_, run.folder_ + "/fates", run.wire_seed_, run.station_link_),
       ppt_server(network.ppt_server, run.station_options_.ppt_port, run.station_options_.message_port),
       unit(network.unit, [&run](double seconds, const std::function<bool()>& condition) {
         return run.until(seconds, condition);

@@ -1,6 +1,7 @@
 #ifndef BENCH_RUN_H
 #define BENCH_RUN_H
 
+#include <cstdint>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -66,7 +67,9 @@ class Run {
   PptServer& ppt_server(const Step& step);
   void expect_of_ppt(const PptServer::Event& event);
   void expect_ppt_not_to_have_heard(const std::string& name);
+  void seed_wire(std::uint64_t seed);
   void name_link(const std::string& name);
+  void set_variable(const std::string& name, const std::string& value) const;
   void set_tool_status(int status) const;
   void expect_no_call() const;
   void expect_call(const std::string& command);
@@ -105,6 +108,7 @@ class Run {
   bool has_said(const std::string& line) const;
   bool has_happened(const PptServer::Event& event) const;
   void expect_started() const;
+  void expect_no_network_yet() const;
   // depth: 0 for the script that was heard, 1 for the ones that it obeys, and so on.
   void obey_script(const std::string& script, const ReadOptions& options, int depth);
   Unit::Answer answer_to(const std::string& question, double seconds);
@@ -128,6 +132,7 @@ class Run {
   const Timeline timeline_;
   const Board board_;
   std::ofstream station_log_;
+  std::uint64_t wire_seed_ = 1;
   std::string station_link_ = "lan0";
   std::unique_ptr<Neighbours> neighbours_;
   std::unique_ptr<Process> station_;

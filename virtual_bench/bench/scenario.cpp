@@ -20,6 +20,7 @@ struct Range {
   bool whole;
 };
 const std::map<std::string, Range> kRanges = {
+    {"SEED", {0, 4294967295, true}},
     {"PERCENT", {0, 100, false}},  // of the frames
     {"MILLISECONDS", {0, 60000, false}},
     {"SECONDS", {0, 3600, false}},

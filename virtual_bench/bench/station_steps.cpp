@@ -83,9 +83,22 @@ void Run::expect_ppt_not_to_have_heard(const std::string& name) {
     throw StepFailed("it has");
 }
 
-void Run::name_link(const std::string& name) {
+void Run::expect_no_network_yet() const {
   if (neighbours_) throw StepFailed("the link is there already; expected this step before anything starts");
+}
+
+void Run::seed_wire(std::uint64_t seed) {
+  expect_no_network_yet();
+  wire_seed_ = seed;
+}
+
+void Run::name_link(const std::string& name) {
+  expect_no_network_yet();
   station_link_ = name;
+}
+
+void Run::set_variable(const std::string& name, const std::string& value) const {
+  board_.sets_variable(name, value);
 }
 
 void Run::set_tool_status(int status) const {

@@ -1,0 +1,147 @@
+#include "bench/made_scenario.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+
+#include "bench/maker.h"
+
+namespace {
+
+constexpr int kMostActs = 10;
+constexpr int kLongestSeconds = 12;  // after so many of waiting the run comes to its end
+constexpr int kLargeFile = 60000;    // bytes, at least; at 20 ms a frame its read takes seconds
+
+std::string mac_text(std::uint64_t address) {
+  char text[18];
+  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x",
+                static_cast<unsigned>(address >> 40 & 0xFF), static_cast<unsigned>(address >> 32 & 0xFF),
+                static_cast<unsigned>(address >> 24 & 0xFF), static_cast<unsigned>(address >> 16 & 0xFF),
+                static_cast<unsigned>(address >> 8 & 0xFF), static_cast<unsigned>(address & 0xFF));
+  return text;
+}
+
+}  // namespace
+
+const std::vector<Maker::Act> Maker::kActs = {
+    {30, "the unit boots", &Maker::script_is_sent, &Maker::boot},
+    {3, "the unit hears the boot script", &Maker::script_is_sent, &Maker::hear_again},
+    {20, "the unit reads", &Maker::always, &Maker::read_file},
+    {4, "a file is missing", &Maker::always, &Maker::read_missing_file},
+    {6, "a read beside commands", &Maker::loses_nothing, &Maker::read_beside_commands},
+    {5, "the unit dies and comes back", &Maker::loses_nothing, &Maker::die_and_come_back},
+    {3, "the cable is pulled", &Maker::always, &Maker::pull_the_cable},
+    {8, "frames are lost", &Maker::loses_nothing, &Maker::lose},
+    {6, "frames are duplicated", &Maker::duplicates_nothing, &Maker::duplicate},
+    {6, "frames are swapped", &Maker::swaps_nothing, &Maker::swap},
+    {5, "frames are delayed", &Maker::delays_nothing, &Maker::delay},
+    {3, "the wire is mended", &Maker::always, &Maker::mend_wire},
+    {8, "the PPT server changes", &Maker::always, &Maker::change_ppt},
+    {15, "a step passes", &Maker::always, &Maker::pass_step},
+    {6, "a step fails", &Maker::always, &Maker::fail_step},
+    {3, "no more boot script", &Maker::serves_commands, &Maker::hear_no_more},
+    {10, "MAC", &Maker::serves_commands, &Maker::ask_mac},
+    {3, "the tool changes", &Maker::always, &Maker::change_tool},
+    {12, "PMC", &Maker::serves_commands, &Maker::ask_pmc},
+    {4, "echo", &Maker::serves_commands, &Maker::ask_echo},
+    {2, "a command in vain", &Maker::serves_no_commands, &Maker::ask_in_vain},
+    {8, "a datagram", &Maker::loses_nothing, &Maker::relay},
+};
+
+const std::vector<Maker::Ending> Maker::kEndings = {
+    {40, &Maker::end_passed},          {20, &Maker::end_failed},          {3, &Maker::end_with_both},
+    {3, &Maker::end_passed_after_all}, {8, &Maker::end_by_interrupt},     {8, &Maker::end_by_termination},
+    {4, &Maker::end_by_kill},          {4, &Maker::end_by_short_verdict},
+};
+
+std::string Maker::scenario() {
+  say("wire damages by seed " + number(static_cast<long>(seed_)));
+  prepare_files();
+  prepare_board();
+  if (chance_.one_in(50)) {
+    start_at_a_wrong_address();
+  } else {
+    start();
+    for (int left = chance_.between(2, kMostActs); left > 0 && seconds_ < kLongestSeconds; --left) act();
+    (this->*chance_.by_weight(kEndings).happen)();
+  }
+  expect_of_board();
+  return "# By chance: " + title_ + "\n" + steps_;
+}
+
+// Of every kind of size; the first is the one that the boot script names.
+void Maker::prepare_files() {
+  constexpr int kEdges[] = {0, 1, 511, 512, 513, 1024, 1428, 2856};
+  files_.push_back({"bootscript.txt", 0});
+  files_.push_back({"small.cfg", chance_.one_of(kEdges)});
+  files_.push_back({"medium.bin", chance_.between(2, 11000)});
+  files_.push_back({"kernel.img", chance_.between(kLargeFile, 300000)});
+  std::string script = "setenv bootdelay 1\\r\\n";
+  if (chance_.one_in(2)) script += "tftp 47000000 small.cfg\\r\\n";
+  say("file bootscript.txt holds " + quoted(script));
+  for (auto file = files_.begin() + 1; file != files_.end(); ++file)
+    say("file " + file->name + " is " + number(file->bytes) + " bytes");
+  files_[0].bytes = static_cast<int>(script.size());  // some less: the escapes are one byte each
+}
+
+void Maker::prepare_board() {
+  if (chance_.one_in(20)) {
+    link_is_right_ = false;
+    say("board link is called lan1");
+  }
+  const std::uint64_t address = chance_.one_in(5)
+                                    ? 0xfffffffffffe + static_cast<unsigned>(chance_.between(0, 1))
+                                    : 0x020000000000 + static_cast<unsigned>(chance_.between(0, 1 << 30));
+  mac_ = mac_text(address + 2);
+  if (chance_.one_in(15)) {
+    mac_ = mac_text(2);
+    say("board has tempmac \"\"");
+  } else {
+    say("board has tempmac " + mac_text(address));
+  }
+  if (chance_.one_in(3)) change_tool();
+  if (chance_.one_in(4)) change_ppt();
+}
+
+void Maker::start() {
+  std::string options;
+  if (chance_.one_in(5)) options += " -n " + number(chance_.between(70, 32000));
+  if (chance_.one_in(5)) options += " -p " + number(chance_.between(70, 12000));
+  if (chance_.one_in(5)) {
+    message_port_ = chance_.between(1024, 32000);
+    options += " --msgport=" + number(message_port_);
+  }
+  if (chance_.one_in(5)) {
+    ppt_ip_ = "172.30.0." + number(chance_.between(2, 253));
+    options += " -s " + ppt_ip_;
+  }
+  say(options.empty() ? "station starts" : "station starts with " + quoted(options.substr(1)));
+  if (link_is_right_) return;
+  say_of_station("Error: Failed to initialize sender");
+  if (chance_.one_in(2)) say("unit hears nothing for 2 s");
+}
+
+void Maker::start_at_a_wrong_address() {
+  title_ = "a wrong address";
+  say("station starts with \"-o 172.40.0.9\"");
+  say_of_station("Socket Bind exception: Cannot assign requested address");
+  say("station exits 1");
+}
+
+void Maker::act() {
+  std::vector<Act> possible;
+  std::copy_if(kActs.begin(), kActs.end(), std::back_inserter(possible),
+               [this](const Act& act) { return (this->*act.is_possible)(); });
+  const Act& drawn = chance_.by_weight(possible);
+  title_ += (title_.empty() ? "" : ", ") + std::string(drawn.words);
+  (this->*drawn.happen)();
+}
+
+void Maker::expect_of_board() {
+  say(std::string("board keeps ppt_flag ") + (is_marked_failed_ ? "failed" : "nothing"));
+  if (!board_was_called_) say("board ran nothing");
+}
+
+std::string made_scenario(std::uint64_t seed) {
+  return Maker(seed).scenario();
+}

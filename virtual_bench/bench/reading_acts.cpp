@@ -1,0 +1,164 @@
+// What a made scenario has of files and of the wire.
+#include <algorithm>
+
+#include "bench/maker.h"
+
+namespace {
+
+constexpr int kLostBlockSeconds = 5;  // the shortest time-out of the station
+constexpr int kSmallestBlock = 32;    // bytes, from where on the answer to the options has room
+constexpr int kLargestBlock = 32764;  // bytes, that the unit's client has room for
+constexpr int kUnfragmented = 1428;   // bytes of a block that fits a frame
+constexpr int kBlocksUnderLoss = 8;   // few frames, so that few are lost
+constexpr int kBlocksAtMost = 300;
+constexpr int kDelayedMilliseconds = 1500;  // that a read may wait in all for frames under way
+constexpr int kLongestDelay = 20;           // milliseconds
+
+}  // namespace
+
+void Maker::hear_again() {
+  say("unit hears the boot script");
+}
+
+const Maker::File& Maker::readable_file() {
+  std::vector<const File*> readable;
+  for (const File& file : files_)
+    if (is_readable(file)) readable.push_back(&file);
+  return *chance_.one_of(readable);
+}
+
+int Maker::most_blocks() const {
+  const int by_delay = delay_ > 0 ? kDelayedMilliseconds / (2 * delay_) : kBlocksAtMost;
+  return loss_ > 0 ? std::min(by_delay, kBlocksUnderLoss) : by_delay;
+}
+
+// Often one that the file's size is a multiple of, or nearly.
+int Maker::drawn_block(const File& file) {
+  switch (chance_.between(1, 8)) {
+    case 1:
+      return file.bytes;
+    case 2:
+      return file.bytes + chance_.between(-1, 1);
+    case 3:
+      return file.bytes / chance_.between(2, 8);
+    case 4:
+      return chance_.between(kSmallestBlock, 64);
+    case 5:
+      return kUnfragmented;
+    case 6:
+      return chance_.between(65, kUnfragmented);
+    case 7:
+      return chance_.between(kUnfragmented, kLargestBlock);
+    default:
+      return chance_.between(kLargestBlock + 1, 65464);
+  }
+}
+
+int Maker::block_for(const File& file) {
+  constexpr int kAttempts = 10;
+  for (int left = kAttempts; left > 0; --left) {
+    const int block = drawn_block(file);
+    const bool has_room = block <= kLargestBlock || file.bytes < kLargestBlock;
+    const bool is_asked = block >= kSmallestBlock && has_room && (loss_ == 0 || block <= kUnfragmented);
+    if (is_asked && file.bytes / block <= most_blocks()) return block;
+  }
+  return largest_block();
+}
+
+std::string Maker::options_for(const File& file) {
+  constexpr int kTimeouts[] = {1, 2, 5, 6};
+  std::string options;
+  if (file.bytes / 512 > most_blocks() || !chance_.one_in(3))
+    options += " blksize " + number(block_for(file));
+  if (chance_.one_in(4)) options += " timeout " + number(chance_.one_of(kTimeouts));
+  return options;
+}
+
+void Maker::read_file() {
+  const File& file = readable_file();
+  say("unit reads " + file.name + options_for(file) + tries());
+  say_of_station("RRQ " + file.name);
+  if (loss_ > 0) seconds_ += kLostBlockSeconds / 2;
+}
+
+void Maker::read_missing_file() {
+  say("unit cannot read missing.img");
+  if (loss_ == 0) say_of_station("RRQ missing.img");
+}
+
+void Maker::begin_reading(const File& file) {
+  say("unit begins reading " + file.name + options_for(file));
+  say_of_station("RRQ " + file.name);
+}
+
+void Maker::read_beside_commands() {
+  if (delay_ == 0) delay();
+  begin_reading(readable_file());
+  if (commands_are_served_) ask_mac();
+  relay();
+  if (commands_are_served_ && chance_.one_in(2)) ask_pmc();
+  say("unit ends reading");
+}
+
+void Maker::die_and_come_back() {
+  if (delay_ < kLongestDelay) delay_by(kLongestDelay);
+  say("unit reads kernel.img blksize 1428 dies after " + number(chance_.between(1, 16000)) + " bytes");
+  say_of_station("RRQ kernel.img");
+  if (chance_.one_in(2)) say("bench waits 1 s");
+  if (chance_.one_in(2)) mend_wire();
+  if (script_is_sent()) say("unit hears the boot script");
+  read_file();
+  seconds_ += 2;
+}
+
+void Maker::pull_the_cable() {
+  const std::string time = number(chance_.between(1, 2)) + " s";
+  const bool in_between = loss_ == 0 && chance_.one_in(2);
+  if (in_between && delay_ < kLongestDelay) delay_by(kLongestDelay);
+  const File& file = readable_file();
+  if (in_between) {
+    begin_reading(file);
+    say("bench waits 0.3 s");
+    say("wire is cut for " + time);
+    say("unit ends reading");
+    say("bench waits " + time);  // a short file has come before the cut
+  } else {
+    say("wire is cut for " + time);
+    say("unit reads " + file.name + options_for(file) + " tries 9");
+    say_of_station("RRQ " + file.name);
+  }
+  seconds_ += kLostBlockSeconds;
+}
+
+void Maker::lose() {
+  loss_ = chance_.between(1, 3);
+  say("wire loses " + number(loss_) + " %");
+}
+
+void Maker::duplicate() {
+  duplication_ = chance_.between(1, 60);
+  say("wire duplicates " + number(duplication_) + " %");
+}
+
+void Maker::swap() {
+  swapping_ = chance_.between(1, 60);
+  say("wire swaps " + number(swapping_) + " %");
+}
+
+void Maker::delay() {
+  delay_by(chance_.between(1, kLongestDelay));
+}
+
+void Maker::delay_by(int milliseconds) {
+  delay_ = milliseconds;
+  say("wire delays " + number(delay_) + " ms");
+}
+
+void Maker::mend_wire() {
+  loss_ = duplication_ = swapping_ = delay_ = 0;
+  say("wire is whole");
+}
+
+int Maker::largest_block() const {
+  return loss_ > 0 ? kUnfragmented : kLargestBlock;
+}
