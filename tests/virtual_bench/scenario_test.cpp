@@ -194,11 +194,11 @@ INSTANTIATE_TEST_SUITE_P(
             "file a is 4294967297 bytes",
             "a.run:1: \"4294967297\" is not understood here; expected: a number from 0 to 4294967296 (SIZE)"},
         Refused{"file a is 4097 MiB", "a.run:1: the file is too large; expected: at most 4096 MiB"},
-        Refused{"wire loses 5", "a.run:1: the end of the line is not understood here; expected: \"%\""},
+        Refused{"wire loses 5", "a.run:1: the line ends too early; expected: \"%\""},
         Refused{"file a is 5 MB", "a.run:1: \"MB\" is not understood here; expected: bytes, KiB or MiB"},
         Refused{"station gets TERM",
                 "a.run:1: \"TERM\" is not understood here; expected: SIGINT, SIGTERM or SIGKILL"},
-        Refused{"unit reads", "a.run:1: the end of the line is not understood here; expected: NAME"},
+        Refused{"unit reads", "a.run:1: the line ends too early; expected: NAME"},
         Refused{"unit reads a blocksize 5",
                 "a.run:1: \"blocksize\" is not understood here; expected: \"blksize\", "
                 "\"dies\", \"timeout\", \"tries\", the end of the line"},
@@ -207,6 +207,12 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"station starts now",
                 "a.run:1: \"now\" is not understood here; expected: \"with\", the end of the line"},
         Refused{"unit sends \"a text", "a.run:1: a quote is opened and not closed; expected: \""},
+        Refused{
+            "staton exits\nstation starts\nunit reads\nwire is hole\n",
+            "a.run:1: \"staton\" is not understood here; expected: \"bench\", \"board\", \"file\", \"ppt\", "
+            "\"station\", \"unit\", \"wire\"\n"
+            "a.run:3: the line ends too early; expected: NAME\n"
+            "a.run:4: \"hole\" is not understood here; expected: \"cut\", \"whole\""},
         Refused{"# nothing but a title\n", "a.run: no step at all; expected: at least one"}));
 
 TEST(Scenario, IsRefusedWhereAByteIsZero) {

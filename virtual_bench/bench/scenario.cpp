@@ -177,8 +177,9 @@ std::string complaint(const std::vector<std::string>& words) {
     furthest = attempt.matched;
     expected.insert(attempt.expected.begin(), attempt.expected.end());
   }
-  const std::string found = furthest < words.size() ? '"' + words[furthest] + '"' : "the end of the line";
-  return found + " is not understood here; expected: " + joined(expected);
+  const std::string found = furthest < words.size() ? '"' + words[furthest] + "\" is not understood here"
+                                                    : "the line ends too early";
+  return found + "; expected: " + joined(expected);
 }
 
 Step parse_step(const std::string& line, int number, const std::string& where) {
@@ -222,6 +223,7 @@ Scenario parse_scenario(const std::string& text, const std::string& file_name) {
                             ? text.substr(kByteOrderMark.size())
                             : text);
   std::string line;
+  std::string mistakes;
   for (int number = 1; std::getline(in, line); ++number) {
     line = trimmed(line);
     if (line.empty()) continue;
@@ -229,8 +231,13 @@ Scenario parse_scenario(const std::string& text, const std::string& file_name) {
       if (scenario.title.empty()) scenario.title = trimmed(line.substr(1));
       continue;
     }
-    scenario.steps.push_back(parse_step(line, number, file_name + ":" + std::to_string(number) + ": "));
+    try {
+      scenario.steps.push_back(parse_step(line, number, file_name + ":" + std::to_string(number) + ": "));
+    } catch (const ScenarioError& mistake) {
+      mistakes += (mistakes.empty() ? "" : "\n") + std::string(mistake.what());
+    }
   }
+  if (!mistakes.empty()) throw ScenarioError(mistakes);
   if (scenario.steps.empty()) throw ScenarioError(file_name + ": no step at all; expected: at least one");
   return scenario;
 }

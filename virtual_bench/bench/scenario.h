@@ -48,7 +48,7 @@ struct Scenario {
   std::vector<Step> steps;
 };
 
-// FILE:LINE: what is wrong and what was expected.
+// FILE:LINE: what is wrong and what was expected; a line for each mistake.
 struct ScenarioError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
