@@ -851,6 +851,120 @@ TEST(AnyOption, StartsWithTablesOfTheGivenCapacities) {
             (std::vector<int>{7}));
 }
 
+TEST(AnyOption, InitForgetsEverything) {
+  Parser parser;
+  char prefix[] = "++";
+  parser.setVerbose();
+  parser.autoUsagePrint(true);
+  parser.setOption("port", 'n');
+  parser.addUsage("usage");
+  parser.setCommandPrefixChar('+');
+  parser.setCommandLongPrefix(prefix);
+  parser.parse({"+n", "70", "stray"}, 1).read("port:71\n");
+  printed_by([&] { parser.printUsage(); });
+  parser.noPOSIX();
+
+  parser.init(2, 3);
+  EXPECT_EQ(parser.value("port") + parser.value('n'), "(null)(null)");
+  EXPECT_EQ(parser.extra_arguments(), Texts{});
+  EXPECT_FALSE(parser.hasOptions() || parser.CommandSet() || parser.FileSet());
+  EXPECT_TRUE(parser.POSIX());
+  EXPECT_FALSE(parser.valueStoreOK());
+  parser.setOption("port", 'n');
+  EXPECT_EQ(printed_by([&] { parser.parse({"-n", "72", "--unknown", "first", "second"}); }), "");
+  EXPECT_EQ(parser.value("port"), "'72'");
+  EXPECT_EQ(parser.extra_arguments(), (Texts{"first", "second"}));
+  EXPECT_EQ(printed_by([&] { parser.printUsage(); }), "\n\n");
+}
+
+TEST(AnyOption, InitWithoutRoomLeavesTablesThatGrow) {
+  Parser parser;
+  for (const int capacity : {0, -1, INT_MIN}) {
+    parser.init(capacity, capacity);
+    parser.setOption("port", 'n');
+    parser.setOption("address", 'o');
+    EXPECT_EQ(parser.parse({"-o", "text"}).value("address"), "'text'");
+  }
+}
+
+TEST(AnyOption, AllocEmptiesTheTablesAndKeepsTheirCapacities) {
+  Parser parser(5);
+  for (int number = 1; number <= 6; ++number)
+    parser.setOption(numbered_name(number), numbered_letter(number));
+  parser.addUsage("usage");
+  parser.alloc();
+  EXPECT_EQ(parser.parse({"-A", "text"}).value(numbered_name(1)), "(null)");
+  EXPECT_EQ(printed_by([&] { parser.printUsage(); }), "\n\n");
+  EXPECT_EQ(allocating_calls(21, [&](int number) { parser.setFlag(numbered_name(number)); }),
+            (std::vector<int>{11, 21}));
+  EXPECT_EQ(allocating_calls(21, [&](int number) { parser.setFlag(numbered_letter(number)); }),
+            (std::vector<int>{11, 21}));
+}
+
+TEST(AnyOption, StorageIsDoubledBeforeItIsFull) {
+  Parser parser(5);
+  parser.setOption("port", 'n');
+  parser.addUsage("usage");
+  parser.doubleOptStorage();
+  parser.doubleCharStorage();
+  parser.doubleUsageStorage();
+  EXPECT_EQ(allocating_calls(12, [&](int number) { parser.setFlag(numbered_name(number)); }),
+            (std::vector<int>{10}));
+  EXPECT_EQ(allocating_calls(12, [&](int number) { parser.setFlag(numbered_letter(number)); }),
+            (std::vector<int>{10}));
+  EXPECT_EQ(allocating_calls(12, [&](int) { parser.addUsage("more"); }), (std::vector<int>{6, 12}));
+  EXPECT_EQ(parser.parse({"-n", "70"}).value("port"), "'70'");
+}
+
+TEST(AnyOption, EndsTheProcessWhenItsStorageCannotBeDoubledAndNamesNothing) {
+  const std::string begin = "\nOPTIONS ERROR : Failed allocating extra memory \nWhile adding the ";
+  expect_every_failed_allocation_to_exit(begin + "option : \"\"\nExiting.\n", [](auto memory_fails) {
+    AnyOption parser;
+    memory_fails();
+    parser.doubleOptStorage();
+  });
+  expect_every_failed_allocation_to_exit(begin + "option: \"0\"\nExiting.\n", [](auto memory_fails) {
+    AnyOption parser;
+    memory_fails();
+    parser.doubleCharStorage();
+  });
+  expect_every_failed_allocation_to_exit(begin + "usage/help  : \"\"\nExiting.\n", [](auto memory_fails) {
+    AnyOption parser;
+    memory_fails();
+    parser.doubleUsageStorage();
+  });
+}
+
+TEST(AnyOption, ValueStoreIsMadeOnceAndOnlyForOptions) {
+  Parser parser;
+  EXPECT_FALSE(parser.valueStoreOK());
+  parser.setOption("port", 'n');
+  EXPECT_EQ(allocating_calls(3, [&](int) { EXPECT_TRUE(parser.valueStoreOK()); }), (std::vector<int>{1}));
+  parser.setOption("address", 'o');
+  EXPECT_EQ(parser.parse({"-n", "70", "-o", "text"}).value('n'), "'70'");
+  EXPECT_EQ(parser.value('o'), "(null)");
+}
+
+TEST(AnyOption, EndsTheProcessWhenACommandLineOrAFileCannotBeParsed) {
+  const std::string output = "\nOPTIONS ERROR : Failed allocating memory\nExiting.\n";
+  const std::string name(40, 'n');
+  expect_every_failed_allocation_to_exit(output, [&](auto memory_fails) {
+    CommandLine line({"--" + name + "=value", "stray", "-x"});
+    AnyOption parser;
+    parser.setOption(name.c_str(), 'n');
+    memory_fails();
+    parser.processCommandArgs(line.argc(), line.argv());
+  });
+  const ScratchDirectory directory;
+  write_whole_file(directory.file("resource"), name + " : " + name + "\nunknown-and-rather-long-name:1\n");
+  expect_every_failed_allocation_to_exit(output, [&](auto memory_fails) {
+    AnyOption parser;
+    parser.setOption(name.c_str(), 'n');
+    memory_fails();
+    parser.processFile("resource");
+  });
+}
+
 TEST(AnyOption, EndsTheProcessWhenItCannotBeMade) {
   const std::string output = "\nOPTIONS ERROR : Failed allocating memory\nExiting.\n";
   expect_every_failed_allocation_to_exit(output, [](auto memory_fails) {
