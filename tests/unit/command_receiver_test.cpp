@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +40,23 @@ TEST(CommandReceiver, ConnectionThatIsFoundReadableAgainBeginsWithAnEmptyBuffer)
   }
   peer.expects("hello world");
   peer.asks("HEY", "HEY");
+}
+
+TEST(CommandReceiver, EndOfTheRecordLeavesAloneWhoHasTheNumberOfTheSocketThatTheThreadClosed) {
+  const SpoilingOutput output;
+  const int listener = listening_socket();
+  auto record = std::make_unique<MessageServer>(4000);
+  record->receive_socket = listener;
+  {
+    const TcpPeer wakes_it = connection_to(listener);
+    ReceiverProc(record.get());
+  }
+  ASSERT_FALSE(is_open(listener));
+  const WatchedDescriptor stranger;
+  ASSERT_EQ(stranger.number(), listener);
+  record.reset();
+  EXPECT_FALSE(stranger.is_closed());
+  close(stranger.number());
 }
 
 TEST(CommandReceiver, ConnectionIsServedUntilItsPeerCloses) {

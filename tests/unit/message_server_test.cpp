@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -142,6 +143,19 @@ TEST_F(MessageRelay, EndsAtItsNextCheckWhenTheOwnerClearsTheFlag) {
   EXPECT_EQ(relay.flag_reads, reads);
   relay.may_end = true;
   EXPECT_TRUE(wait_until([] { return relay.has_ended.load(); }));
+}
+
+TEST_F(MessageRelay, StartWaitsForNoThread) {
+  const CapturedOutput output;
+  MessageServer server(kMessagePort);
+  std::atomic<bool> returned{false};
+  std::thread owner([&] {
+    const Fault created_and_not_running(Call::kThread, 0);
+    returned = server.StartUDPServer("172.40.0.1", "172.30.0.254");
+  });
+  if (!wait_until([&] { return returned.load(); })) std::_Exit(1);  // nobody could ever join it
+  owner.join();
+  EXPECT_TRUE(server.udp_running);
 }
 
 TEST_F(MessageRelay, IsForgottenWhenItsThreadCouldNotBeCreated) {

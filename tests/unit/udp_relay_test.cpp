@@ -2,9 +2,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <future>
+#include <iterator>
+#include <new>
 #include <optional>
 #include <string>
 #include <thread>
@@ -382,6 +386,41 @@ TEST_F(UdpRelay, DatagramsDoNotProlongTheFirstTwoSeconds) {
   EXPECT_EQ(relay.has_ended(), kExited);
   EXPECT_GE(watch.elapsed(), milliseconds(1900));
   EXPECT_LE(watch.elapsed(), milliseconds(2000) + kAtOnce);
+}
+
+// The record lives in storage that means something else as soon as it has gone.
+TEST_F(UdpRelay, PassesOnWhatComesAfterItsRecordHasGone) {
+  constexpr unsigned char kPattern = 0xA5;
+  UdpPeer ppt_server(kRemote, kPort);
+  alignas(MessageServer) unsigned char storage[sizeof(MessageServer)];
+  const SpoilingOutput output;
+  auto* const record = new (storage) MessageServer(4000);
+  ASSERT_TRUE(record->StartUDPServer(kLocal, kRemote));
+  UdpPeer unit = Relay::unit();
+  unit.sends("before");
+  ppt_server.expects(bytes("before\0"));
+  record->~MessageServer();
+  std::memset(storage, kPattern, sizeof storage);
+  unit.sends("after");
+  ppt_server.expects(bytes("after\0"));
+  std::this_thread::sleep_for(milliseconds(2300));  // from then on it looks at its record all the time
+  unit.sends("long after");
+  ppt_server.expects(bytes("long after\0"));
+  EXPECT_TRUE(std::all_of(std::begin(storage), std::end(storage),
+                          [](unsigned char byte) { return byte == kPattern; }));
+}
+
+TEST_F(UdpRelay, BeginsThoughItsRecordHasGoneBeforeItRan) {
+  UdpPeer ppt_server(kRemote, kPort);
+  const SpoilingOutput output;
+  alignas(MessageServer) unsigned char storage[sizeof(MessageServer)];
+  auto* const record = new (storage) MessageServer(4000);
+  ASSERT_TRUE(record->StartUDPServer(kLocal, kRemote));
+  record->~MessageServer();
+  std::memset(storage, 0, sizeof storage);
+  UdpPeer unit = Relay::unit();
+  unit.sends("ABC");
+  ppt_server.expects(bytes("ABC\0"));
 }
 
 TEST_F(UdpRelayAtWork, DatagramsArePassedOnAfterTheFirstTwoSecondsToo) {
