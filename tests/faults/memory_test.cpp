@@ -18,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace station;
 
-constexpr milliseconds kShortWhile(200);
+constexpr milliseconds kShortWhile(100);
 
 // What is planned for the allocations of the programs that are started while it lives.
 class PlannedFate {

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -160,7 +159,14 @@ TEST_F(Start, PortIsPrintedWholeAndUsedByItsLow16Bits) {
   serves_on({"-n", "70000"}, "127.0.0.1", 70000 - 65536);
   starts_on_port({"-n", "-65467"}, -65467);
   serves_on({"-n", "-65467"}, "127.0.0.1", 69);
-  starts_on_port({"-n", "4294967366"}, static_cast<int>(std::strtol("4294967366", nullptr, 10)));
+}
+
+TEST_F(Start, PortBeyond32BitsIsTheSameOnEveryBoard) {
+  starts_on_port({"-n", "4294967366"}, 70);
+  starts_on_port({"-n", "-4294967226"}, 70);
+  starts_on_port({"-n", "2147483648"}, -2147483647 - 1);
+  starts_on_port({"-n", "9223372036854775808"}, -1);
+  serves_on({"-n", "4294967366"}, "127.0.0.1", 70);
 }
 
 TEST_F(Start, ValueMayBeginLikeAnOption) {

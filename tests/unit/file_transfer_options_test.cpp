@@ -131,8 +131,6 @@ void PrintTo(const Number& number, std::ostream* stream) {
 
 constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
 constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
-// Numbers of more than 32 bits stop at the limits of a long first.
-constexpr bool kLongIsLonger = sizeof(long) > sizeof(std::int32_t);
 
 class AcknowledgedNumber : public FileDownloadOptions, public testing::WithParamInterface<Number> {};
 
@@ -159,16 +157,19 @@ TEST_P(AcknowledgedNumber, IsTheTimeout) {
 
 INSTANTIATE_TEST_SUITE_P(
     , AcknowledgedNumber,
-    testing::Values(Number{"Plain", "1432", 1432}, Number{"LeadingZeros", "0016", 16},
-                    Number{"LeadingBlank", " 16", 16}, Number{"PlusSign", "+16", 16},
-                    Number{"TextBehind", "16 bytes", 16}, Number{"HexadecimalIsZero", "0x10", 0},
-                    Number{"WordIsZero", "big", 0}, Number{"NothingIsZero", "", 0}, Number{"Zero", "0", 0},
-                    Number{"Negative", "-5", -5}, Number{"HeaderBelowZero", "-4", -4},
-                    Number{"OneTooLong", "32769", 32769}, Number{"Most", "2147483647", kMax},
-                    Number{"OneMore", "2147483648", kLongIsLonger ? kMin : kMax},
-                    Number{"Least", "-2147483648", kMin},
-                    Number{"BeyondLong", "99999999999999999999", kLongIsLonger ? -1 : kMax},
-                    Number{"BelowLong", "-99999999999999999999", kLongIsLonger ? 0 : kMin}),
+    testing::Values(
+        Number{"Plain", "1432", 1432}, Number{"LeadingZeros", "0016", 16}, Number{"LeadingBlank", " 16", 16},
+        Number{"PlusSign", "+16", 16}, Number{"TextBehind", "16 bytes", 16},
+        Number{"HexadecimalIsZero", "0x10", 0}, Number{"WordIsZero", "big", 0},
+        Number{"NothingIsZero", "", 0}, Number{"Zero", "0", 0}, Number{"Negative", "-5", -5},
+        Number{"HeaderBelowZero", "-4", -4}, Number{"OneTooLong", "32769", 32769},
+        Number{"Most", "2147483647", kMax}, Number{"OneMore", "2147483648", kMin},
+        Number{"Least", "-2147483648", kMin},
+        // Of more than 32 bits the low ones count; of more than 64, those of the largest or smallest.
+        Number{"BeyondTheField", "4294967301", 5}, Number{"BelowTheField", "-4294967301", -5},
+        Number{"OneMoreThan64Bits", "9223372036854775808", -1},
+        Number{"Beyond64Bits", "99999999999999999999", -1},
+        Number{"Below64Bits", "-99999999999999999999", 0}),
     [](const testing::TestParamInfo<Number>& number) { return number.param.name; });
 
 // Blocks of sizes that make no sense

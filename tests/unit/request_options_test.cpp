@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <climits>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
@@ -153,23 +152,26 @@ TEST_P(NegotiatedRead, FlushesEachLine) {
 INSTANTIATE_TEST_SUITE_P(Options, NegotiatedRead, testing::ValuesIn(kNegotiations),
                          testing::PrintToStringParamName());
 
-#if LONG_MAX > INT_MAX
 // Numbers are cut to the 32 bits of their field before they are judged.
 const Negotiation kNumbersBeyondTheField[] = {
     {"Timeout2To31", with_timeout("2147483648"), timeout_answer("5")},
     {"Timeout2To32And7", with_timeout("4294967303"), timeout_answer("4294967303"), "timeout 7"},
+    {"Timeout2To32And5", with_timeout("4294967301"), timeout_answer("4294967301")},
+    {"Timeout2To63", with_timeout("9223372036854775808"), timeout_answer("5")},
     {"TimeoutBeyond64Bits", with_timeout("99999999999999999999"), timeout_answer("5")},
     {"BlockSize2To31", with_block_size("2147483648"), "", "block_size -2147483648"},
     {"BlockSize2To32And1024", with_block_size("4294968320"), block_size_answer("4294968320"),
      "block_size 1024"},
     {"BlockSize2To32And32769", with_block_size("4295000065"), block_size_answer("32768"), "block_size 32768",
      "RRQ boot.img\nRequested blksize=32769 we support 32768\n"},
+    {"BlockSizeMinus2To32Minus1", with_block_size("-4294967297"), bytes("\0\6b"), "block_size -1"},
+    {"BlockSize2To63", with_block_size("9223372036854775808"), bytes("\0\6b"), "block_size -1"},
+    {"BlockSizeMinus2To63Minus1", with_block_size("-9223372036854775809"), bytes("\0\6bl"), "block_size 0"},
     {"BlockSizeBeyond64Bits", with_block_size("99999999999999999999"), bytes("\0\6b"), "block_size -1"},
 };
 
 INSTANTIATE_TEST_SUITE_P(NumbersBeyondTheField, NegotiatedRead, testing::ValuesIn(kNumbersBeyondTheField),
                          testing::PrintToStringParamName());
-#endif
 
 TEST_F(NegotiatedRequest, OptionsCountAlsoBehindANameThatWasCut) {
   const std::string name = std::string(255, 'n');
