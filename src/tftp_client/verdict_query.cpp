@@ -28,9 +28,6 @@ void mark_board_failed() {
 }  // namespace
 
 int TFTPClient::sendMagic(const std::string& file_name) {
-  TFTP_Packet request;
-  request.reSize(kRequestCapacity);
-  TFTP_Packet acknowledgement;
   std::string command = file_name;
   std::cout << "Cmd received: " << command << std::endl;
 
@@ -43,11 +40,14 @@ int TFTPClient::sendMagic(const std::string& file_name) {
   if (contains(command, kStepFailed)) mark_board_failed();
 
   command.insert(kTagPosition, kTag);
+  TFTP_Packet request;
+  request.reSize(kRequestCapacity);
   request.createRRQ(command, {}, {});
   sendPacket(&request);
   // One attempt: whatever comes or does not come, the first block is acknowledged.
   received_packet.reSize(kReplyCapacity);
   waitForPacketData(timeout);
+  TFTP_Packet acknowledgement;
   acknowledgement.createACK(1);
   sendPacket(&acknowledgement);
   return 0;

@@ -100,7 +100,7 @@ int Player::play() {
   erase_progress();
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start_).count();
   std::cout << as_expected_ << " of " << runs_.count << " runs went as they must, " << otherwise_
-            << " did not, " << not_played_ << " were not played; seeds " << runs_.seed << " to "
+            << " otherwise, " << not_played_ << " not played; seeds " << runs_.seed << " to "
             << runs_.seed + runs_.count - 1 << ", " << seconds << " s" << std::endl;
   if (not_played_ == runs_.count) return kNotAllowed;
   return as_expected_ == runs_.count ? kAsExpected : kOtherwise;

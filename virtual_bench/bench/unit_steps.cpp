@@ -217,7 +217,7 @@ Unit::Answer Run::answer_to(const std::string& question, double seconds) {
 }
 
 void Run::send(const std::string& text) {
-  timeline_.log("unit", "sends '" + text + "'");
+  timeline_.log("unit", "sends \"" + text + '"');
   if (!neighbours().unit.send(Network::kStationIp, PptServer::kRelayPort, text))
     throw StepFailed("it could not");
 }

@@ -40,7 +40,7 @@ std::string PptServer::Event::in_words() const {
     case Kind::kReceived:
       break;
   }
-  return "received " + text;
+  return "received \"" + text + '"';
 }
 
 PptServer::PptServer(const NetworkNamespace& place, int tftp_port, int message_port)

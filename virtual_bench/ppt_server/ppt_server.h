@@ -20,7 +20,7 @@ class PptServer {
     Kind kind;
     std::string text;  // kHeard: the name; kReceived: the datagram, a final NUL left out
 
-    // "heard NAME", "connected", "closed", "received TEXT".
+    // "heard NAME", "connected", "closed", "received" and TEXT in quotes.
     std::string in_words() const;
     bool operator==(const Event& other) const { return kind == other.kind && text == other.text; }
   };
