@@ -17,7 +17,6 @@
 #include "support/descriptors.h"
 #include "support/emulated.h"
 #include "support/file_reader.h"
-#include "support/sanitized.h"
 #include "support/station.h"
 #include "support/threads.h"
 
@@ -91,7 +90,6 @@ class Load : public testing::TestWithParam<Size> {
     if (transfers > 0) std::cout << ": " << grown / transfers << " KiB each";
     std::cout << std::endl;
     constexpr double kAnywayKib = 512;
-    if (kSanitized) return;
     EXPECT_LT(grown, kAnywayKib + kMostKeptKib * transfers);
   }
 
