@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "support/descriptors.h"
 #include "support/fake_board.h"
 #include "support/station.h"
-#include "support/tcp_listener.h"
 #include "support/tcp_peer.h"
 #include "support/threads.h"
 

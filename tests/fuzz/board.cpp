@@ -38,7 +38,7 @@ FILE* popen(const char* command, const char* mode) {
   Script::current->commands.emplace_back(command);
   if (Script::current->next() != 'B') return nullptr;
   const std::string printed = Script::current->take();
-  std::memcpy(output, printed.data(), printed.size());
+  printed.copy(output, printed.size());
   return fmemopen(output, printed.size(), "r");
 }
 

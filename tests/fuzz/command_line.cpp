@@ -57,6 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   const unsigned setting = bytes[0];
   std::vector<std::string> arguments = arguments_of(reinterpret_cast<const char*>(bytes) + 1, size - 1);
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   const int argc = static_cast<int>(arguments.size());

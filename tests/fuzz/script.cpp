@@ -86,7 +86,7 @@ std::string Script::take_any() {
     if (left_ >= before && before == 1 + kLengthSize) length = bytes_[1] * 256U + bytes_[2];
     length = std::min(length, left_ - before);
   }
-  const std::string taken(reinterpret_cast<const char*>(bytes_) + before, length);
+  std::string taken(reinterpret_cast<const char*>(bytes_) + before, length);
   bytes_ += before + length;
   left_ -= before + length;
   return taken;

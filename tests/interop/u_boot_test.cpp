@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/descriptors.h"
 #include "support/lossy_wire.h"
 #include "support/outcome.h"
 #include "support/station.h"
-#include "support/tcp_listener.h"
 #include "support/unit_machine.h"
 
 namespace {
@@ -29,7 +29,7 @@ class AnsweringPptServer {
  public:
   explicit AnsweringPptServer(const InNetwork& station) : socket_(station.ppt_server()) {
     station.network.at_ppt_server(
-        [&] { listener_ = std::make_unique<TcpListener>(TestNetwork::kPptServer, station::kMessagePort); });
+        [&] { listener_ = std::make_unique<TcpAddress>(TestNetwork::kPptServer, station::kMessagePort); });
     thread_ = std::thread([this] { answers(); });
   }
   ~AnsweringPptServer() { stops(); }
@@ -57,7 +57,7 @@ class AnsweringPptServer {
   }
 
   UdpPeer socket_;
-  std::unique_ptr<TcpListener> listener_;
+  std::unique_ptr<TcpAddress> listener_;
   std::vector<std::string> requests_;
   std::atomic<bool> stopped_{false};
   std::thread thread_;

@@ -5,15 +5,15 @@
 #include <optional>
 #include <string>
 
+#include "support/descriptors.h"
 #include "support/station.h"
-#include "support/tcp_listener.h"
 #include "support/tcp_peer.h"
 
 // A station behind its first verdict: connected to the PPT server, and its command receiver answers.
 struct AtCommands {
   AtCommands() {
     station.network.at_ppt_server(
-        [&] { listener = std::make_unique<TcpListener>(TestNetwork::kPptServer, station::kMessagePort); });
+        [&] { listener = std::make_unique<TcpAddress>(TestNetwork::kPptServer, station::kMessagePort); });
     ppt.emplace(station.ppt_server());
     station.boots();
     takes_verdict("F_l_m_01STEP3");
@@ -39,7 +39,7 @@ struct AtCommands {
   static std::string lines() { return std::string("Cmd received: F_l_m_01STEP3\n") + kReceiverReady; }
 
   station::InNetwork station;
-  std::unique_ptr<TcpListener> listener;
+  std::unique_ptr<TcpAddress> listener;
   std::optional<UdpPeer> ppt;
 };
 

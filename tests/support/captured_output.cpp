@@ -6,8 +6,8 @@
 
 #include <cstdio>
 #include <iostream>
-#include <thread>
 
+#include "stage/wait_until.h"
 #include "support/whole_file.h"
 
 namespace {
@@ -47,10 +47,5 @@ std::string CapturedOutput::text() const {
 }
 
 bool CapturedOutput::waits_for(const std::string& piece, std::chrono::milliseconds patience) const {
-  const auto end = std::chrono::steady_clock::now() + patience;
-  while (text().find(piece) == std::string::npos) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+  return wait_until([&] { return text().find(piece) != std::string::npos; }, patience);
 }

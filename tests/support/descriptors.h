@@ -9,11 +9,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
+
+#include "sockets/sockets.h"
 
 // What a test asks about descriptors and the sockets behind them.
 
@@ -39,11 +43,7 @@ inline int socket_option(int descriptor, int level, int option) {
 }
 
 inline sockaddr_in socket_address(const std::string& ip, int port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = inet_addr(ip.c_str());
-  return address;
+  return ipv4_address(inet_addr(ip.c_str()), port);
 }
 
 // All 16 bytes as text; "172.40.0.1:69" when they are an IPv4 address with nothing else in them.
@@ -59,7 +59,7 @@ inline std::string in_words(const sockaddr_in& address) {
 inline std::string bound_to(int descriptor) {
   sockaddr_in address = {};
   socklen_t length = sizeof address;
-  getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
+  getsockname(descriptor, as_sockaddr(&address), &length);
   return in_words(address);
 }
 
@@ -118,10 +118,10 @@ class TcpAddress {
   // Port 0 lets the system choose.
   explicit TcpAddress(const std::string& ip, int port = 0, bool listening = true)
       : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_in address = socket_address(ip, port);
+    sockaddr_in address = socket_address(ip, port);
     const int on = 1;
     setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+    if (bind(descriptor_, as_sockaddr(&address), sizeof address) != 0 ||
         (listening && listen(descriptor_, 5) != 0)) {
       throw std::runtime_error("cannot hold " + ip + ":" + std::to_string(port) + ": " +
                                std::strerror(errno));
@@ -137,22 +137,29 @@ class TcpAddress {
   std::uint16_t port() const {
     sockaddr_in address = {};
     socklen_t length = sizeof address;
-    getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+    getsockname(descriptor_, as_sockaddr(&address), &length);
     return ntohs(address.sin_port);
   }
   // Takes the next connection; the address that it comes from, or "nobody" after the patience.
   std::string takes_connection_from(int patience_milliseconds = 10000) {
-    pollfd waiting{descriptor_, POLLIN, 0};
-    if (poll(&waiting, 1, patience_milliseconds) != 1) return "nobody";
+    return accepts(std::chrono::milliseconds(patience_milliseconds)).value_or("nobody");
+  }
+  // The same, in the place of the connection taken before; nothing after the patience.
+  std::optional<std::string> accepts(std::chrono::milliseconds patience = std::chrono::seconds(10)) {
+    if (!readable(descriptor_, patience)) return std::nullopt;
     sockaddr_in address = {};
     socklen_t length = sizeof address;
-    connection_ = accept(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+    if (connection_ != -1) close(connection_);
+    connection_ = accept(descriptor_, as_sockaddr(&address), &length);
     return inet_ntoa(address.sin_addr);
   }
   // The next bytes on the connection taken, at most this many, or nothing after the patience.
   std::string reads(std::size_t count, int patience_milliseconds = 10000) const {
-    pollfd waiting{connection_, POLLIN, 0};
-    if (poll(&waiting, 1, patience_milliseconds) != 1) return "";
+    return receives(std::chrono::milliseconds(patience_milliseconds), count).value_or("");
+  }
+  // The same; empty when it was closed, nothing after the patience.
+  std::optional<std::string> receives(std::chrono::milliseconds patience, std::size_t count = 4096) const {
+    if (!readable(connection_, patience)) return std::nullopt;
     std::string bytes(count, '\0');
     const ssize_t received = recv(connection_, bytes.data(), count, 0);
     bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
@@ -160,6 +167,11 @@ class TcpAddress {
   }
 
  private:
+  static bool readable(int descriptor, std::chrono::milliseconds patience) {
+    pollfd waiting{descriptor, POLLIN, 0};
+    return poll(&waiting, 1, static_cast<int>(patience.count())) > 0;
+  }
+
   int descriptor_;
   int connection_ = -1;
 };

@@ -1,8 +1,6 @@
 #ifndef SUPPORT_FILE_READER_H
 #define SUPPORT_FILE_READER_H
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/descriptors.h"
 #include "support/tftp_bytes.h"
 
 // A TFTP client that reads a file whose contents the test knows, and compares every block as it comes. It
@@ -22,10 +21,9 @@ class FileReader {
   // Without options for a block size of 0. Blocks are acknowledged_size long when the server lowers the size.
   FileReader(const std::string& server_ip, int server_port, const std::string& name, int block_size,
              const std::string& contents, int acknowledged_size = 0)
-      : descriptor_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), contents_(contents) {
-    them_.sin_family = AF_INET;
-    them_.sin_port = htons(static_cast<std::uint16_t>(server_port));
-    them_.sin_addr.s_addr = inet_addr(server_ip.c_str());
+      : descriptor_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+        contents_(contents),
+        them_(socket_address(server_ip, server_port)) {
     block_size_ = static_cast<std::size_t>(acknowledged_size != 0 ? acknowledged_size : block_size);
     if (block_size == 0) {
       block_size_ = 512;
@@ -53,7 +51,7 @@ class FileReader {
     static std::vector<char> buffer(65536);
     socklen_t length = sizeof them_;
     const ssize_t count =
-        recvfrom(descriptor_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&them_), &length);
+        recvfrom(descriptor_, buffer.data(), buffer.size(), 0, as_sockaddr(&them_), &length);
     if (count < 0) return fails(std::strerror(errno));
     const auto size = static_cast<std::size_t>(count);
     if (awaits_options_) {
@@ -84,8 +82,7 @@ class FileReader {
     complete_ = count < block_size_;
   }
   void sends(const std::string& datagram) {
-    if (sendto(descriptor_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&them_),
-               sizeof them_) < 0) {
+    if (sendto(descriptor_, datagram.data(), datagram.size(), 0, as_sockaddr(&them_), sizeof them_) < 0) {
       fails(std::strerror(errno));
     }
   }
@@ -93,7 +90,7 @@ class FileReader {
 
   int descriptor_;
   const std::string& contents_;
-  sockaddr_in them_ = {};
+  sockaddr_in them_;
   std::size_t block_size_ = 0;
   bool awaits_options_ = false;
   int block_ = 0;

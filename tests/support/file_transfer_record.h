@@ -37,8 +37,8 @@ class QuickPeer {
  public:
   // Speaks with whoever the peer aims at.
   explicit QuickPeer(const UdpPeer& peer) : descriptor_(peer.descriptor()) {
-    const sockaddr_in them = socket_address(peer.their_ip(), peer.their_port());
-    EXPECT_EQ(connect(descriptor_, reinterpret_cast<const sockaddr*>(&them), sizeof them), 0);
+    sockaddr_in them = socket_address(peer.their_ip(), peer.their_port());
+    EXPECT_EQ(connect(descriptor_, as_sockaddr(&them), sizeof them), 0);
   }
   void sends(const std::string& datagram) const { send(descriptor_, datagram.data(), datagram.size(), 0); }
   // The next datagram, or nothing after some seconds.

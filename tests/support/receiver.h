@@ -23,8 +23,8 @@ constexpr char kStopped[] = "Receiver proc stopped!!!\n";
 // A non-blocking listening socket on a port that the system chooses.
 inline int listening_socket() {
   const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = socket_address("127.0.0.1", 0);
-  EXPECT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  sockaddr_in address = socket_address("127.0.0.1", 0);
+  EXPECT_EQ(bind(descriptor, as_sockaddr(&address), sizeof address), 0);
   EXPECT_EQ(listen(descriptor, 50), 0);
   return descriptor;
 }
@@ -32,7 +32,7 @@ inline int listening_socket() {
 inline TcpPeer connection_to(int listener) {
   sockaddr_in address = {};
   socklen_t length = sizeof address;
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  getsockname(listener, as_sockaddr(&address), &length);
   return {"127.0.0.1", ntohs(address.sin_port)};
 }
 

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "sockets/sockets.h"
+#include "stage/wait_until.h"
 #include "tftp_server/tftp_server.h"
 
 // TFTPServer::Start on a thread of its own. Ends it with the object, if nothing else has. The server must
@@ -35,12 +37,12 @@ class StartedServer {
   // The port that it listens on; waits until there is one.
   int port() const {
     sockaddr_in address = {};
-    for (int tries = 0; address.sin_port == 0 && tries < 2000; ++tries) {
+    const bool bound = wait_until([&] {
       socklen_t length = sizeof address;
-      getsockname(server_.socket_fd, generic(&address), &length);
-      if (address.sin_port == 0) std::this_thread::sleep_for(kPollInterval);
-    }
-    if (address.sin_port == 0) throw std::runtime_error("the server is not bound");
+      getsockname(server_.socket_fd, as_sockaddr(&address), &length);
+      return address.sin_port != 0;
+    });
+    if (!bound) throw std::runtime_error("the server is not bound");
     return ntohs(address.sin_port);
   }
   // Waits for Start to return by itself, and passes on what it threw. False when it goes on.
@@ -61,7 +63,6 @@ class StartedServer {
 
  private:
   static constexpr Milliseconds kPollInterval{5};
-  static sockaddr* generic(sockaddr_in* address) { return reinterpret_cast<sockaddr*>(address); }
 
   TFTPServer& server_;
   std::future<void> result_;

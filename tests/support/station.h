@@ -1,19 +1,14 @@
 #ifndef SUPPORT_STATION_H
 #define SUPPORT_STATION_H
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "stage/network_namespace.h"
@@ -21,6 +16,7 @@
 #include "support/interleaving.h"
 #include "support/sandbox.h"
 #include "support/scratch_directory.h"
+#include "support/tcp_peer.h"
 #include "support/test_network.h"
 #include "support/tftp_bytes.h"
 #include "support/udp_peer.h"
@@ -152,12 +148,10 @@ class OnLoopback {
   void wait_for_the_end_of_the_start() const {
     std::vector<std::string> threads = {kNoSender};
     if (relay_ != Relay::kRuns) threads.push_back(kRelayHasNoAddress);
-    for (int tries = 0; tries < 2000; ++tries) {
+    EXPECT_TRUE(wait_until([&] {
       const std::string output = daemon->output();
-      if (is_interleaving(output.substr(output.find(kServing) + sizeof kServing - 1), threads)) return;
-      std::this_thread::sleep_for(milliseconds(5));
-    }
-    ADD_FAILURE() << "the start did not end";
+      return is_interleaving(output.substr(output.find(kServing) + sizeof kServing - 1), threads);
+    })) << "the start did not end";
   }
 
   Relay relay_;
@@ -192,21 +186,7 @@ class InNetwork {
   }
   // The unit sends a text that is no command to the command receiver, so that it comes back.
   void receiver_answers(int message_port = kMessagePort) const {
-    network.at_unit([&] {
-      const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_in address = {};
-      address.sin_family = AF_INET;
-      address.sin_port = htons(static_cast<std::uint16_t>(message_port));
-      address.sin_addr.s_addr = inet_addr(TestNetwork::kStation);
-      const timeval patience = {10, 0};
-      setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-      char reply[6] = {};
-      EXPECT_EQ(connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-      EXPECT_EQ(send(connection, "hello", 5, MSG_NOSIGNAL), 5);
-      EXPECT_EQ(recv(connection, reply, 5, MSG_WAITALL), 5);
-      EXPECT_STREQ(reply, "hello");
-      close(connection);
-    });
+    network.at_unit([&] { TcpPeer(TestNetwork::kStation, message_port).asks("hello", "hello"); });
   }
   static std::string start_lines() { return starting(TestNetwork::kStation) + kServing + sender_ready(); }
   // The unit reads a name; nothing is in the file.

@@ -23,8 +23,8 @@ class TcpPeer {
 
   // Connects; throws when that is refused.
   TcpPeer(const std::string& ip, int port) : descriptor_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_in address = socket_address(ip, port);
-    if (connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    sockaddr_in address = socket_address(ip, port);
+    if (connect(descriptor_, as_sockaddr(&address), sizeof address) != 0) {
       const std::string reason = std::strerror(errno);
       close(descriptor_);
       throw std::runtime_error("cannot connect to " + ip + ":" + std::to_string(port) + ": " + reason);

@@ -14,23 +14,12 @@
 #include <utility>
 #include <vector>
 
+#include "support/descriptors.h"
 #include "support/tftp_bytes.h"
 
 namespace {
 
 constexpr std::size_t kLargestDatagram = 65536;
-
-sockaddr* generic(sockaddr_in* address) {
-  return reinterpret_cast<sockaddr*>(address);
-}
-
-sockaddr_in ipv4(const std::string& ip, int port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = inet_addr(ip.c_str());
-  return address;
-}
 
 int acknowledged_block_size(const std::string& oack) {
   const std::size_t name = oack.find(tftp::bytes("blksize\0"));
@@ -41,10 +30,10 @@ int acknowledged_block_size(const std::string& oack) {
 
 UdpPeer::UdpPeer(const std::string& ip, int port)
     : descriptor_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), start_(std::chrono::steady_clock::now()) {
-  sockaddr_in address = ipv4(ip, port);
+  sockaddr_in address = socket_address(ip, port);
   const int on = 1;
   setsockopt(descriptor_, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-  if (bind(descriptor_, generic(&address), sizeof address) != 0) {
+  if (bind(descriptor_, as_sockaddr(&address), sizeof address) != 0) {
     throw std::runtime_error("cannot bind " + ip + ":" + std::to_string(port) + ": " + std::strerror(errno));
   }
 }
@@ -62,18 +51,18 @@ UdpPeer::UdpPeer(UdpPeer&& other) noexcept
 int UdpPeer::port() const {
   sockaddr_in address = {};
   socklen_t length = sizeof address;
-  getsockname(descriptor_, generic(&address), &length);
+  getsockname(descriptor_, as_sockaddr(&address), &length);
   return ntohs(address.sin_port);
 }
 
 void UdpPeer::aims_at(const std::string& ip, int port) {
-  them_ = ipv4(ip, port);
+  them_ = socket_address(ip, port);
 }
 
 void UdpPeer::sends(const std::string& datagram) {
   note("->", datagram);
   const ssize_t sent =
-      sendto(descriptor_, datagram.data(), datagram.size(), 0, generic(&them_), sizeof them_);
+      sendto(descriptor_, datagram.data(), datagram.size(), 0, as_sockaddr(&them_), sizeof them_);
   ASSERT_EQ(sent, static_cast<ssize_t>(datagram.size())) << std::strerror(errno);
 }
 
@@ -82,7 +71,7 @@ std::optional<std::string> UdpPeer::receives(Milliseconds patience) {
   if (poll(&waiting, 1, static_cast<int>(patience.count())) <= 0) return std::nullopt;
   std::vector<char> buffer(kLargestDatagram);
   socklen_t length = sizeof them_;
-  const ssize_t count = recvfrom(descriptor_, buffer.data(), buffer.size(), 0, generic(&them_), &length);
+  const ssize_t count = recvfrom(descriptor_, buffer.data(), buffer.size(), 0, as_sockaddr(&them_), &length);
   if (count < 0) return std::nullopt;
   std::string datagram(buffer.data(), static_cast<std::size_t>(count));
   note("<-", datagram);

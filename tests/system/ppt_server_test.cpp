@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/descriptors.h"
 #include "support/station.h"
-#include "support/tcp_listener.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ class PptServer : public testing::Test {
   }
   void accepts_connections(int port = station::kMessagePort) {
     station->network.at_ppt_server(
-        [&] { listener = std::make_unique<TcpListener>(TestNetwork::kPptServer, port); });
+        [&] { listener = std::make_unique<TcpAddress>(TestNetwork::kPptServer, port); });
   }
   void forwards(const std::string& name, const std::string& forwarded) {
     station->unit_reads_verdict(name);
@@ -58,7 +58,7 @@ class PptServer : public testing::Test {
 
   std::unique_ptr<InNetwork> station;
   std::unique_ptr<UdpPeer> ppt;
-  std::unique_ptr<TcpListener> listener;
+  std::unique_ptr<TcpAddress> listener;
 };
 
 milliseconds elapsed_since(std::chrono::steady_clock::time_point start) {

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "support/descriptors.h"
 #include "support/fake_board.h"
 #include "support/file_reader.h"
 #include "support/station.h"
-#include "support/tcp_listener.h"
 
 namespace {
 
@@ -48,9 +48,9 @@ TEST_F(Run, FromTheBootScriptToTheVerdict) {
   const std::string image = noise(5000000);
   write_whole_file("bootscript.txt", "setenv bootdelay 1\n");
   write_whole_file("image", image);
-  std::unique_ptr<TcpListener> listener;
+  std::unique_ptr<TcpAddress> listener;
   station.network.at_ppt_server(
-      [&] { listener = std::make_unique<TcpListener>(TestNetwork::kPptServer, station::kMessagePort); });
+      [&] { listener = std::make_unique<TcpAddress>(TestNetwork::kPptServer, station::kMessagePort); });
   UdpPeer ppt = station.ppt_server();
   station.boots();
 

@@ -97,8 +97,8 @@ TEST_F(FileDownload, Of1024BytesEndsWithAnEmptyThirdBlock) {
 
 TEST_F(FileDownload, ReplacesWhatTheLocalFileHeld) {
   has_local_file("longer than what comes");
-  EXPECT_EQ(downloads({data(1, "new\r\n\x1a\0")}).result, 1);
-  EXPECT_EQ(local_file(), "new\r\n\x1a");
+  EXPECT_EQ(downloads({data(1, bytes("new\r\n\x1a\0"))}).result, 1);
+  EXPECT_EQ(local_file(), bytes("new\r\n\x1a\0"));
 }
 
 TEST_F(FileDownload, RunsToItsEndWhenTheLocalFileCannotBeOpened) {

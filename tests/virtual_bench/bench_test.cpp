@@ -175,7 +175,7 @@ TEST_F(Bench, IsAtTheStationsPorts) {
     EXPECT_NE(picture.find(text), std::string::npos) << text;
 }
 
-TEST_F(Bench, HasNobodyWhereTheStationLooksForAPptServerInVain) {
+TEST_F(Bench, HasNoPptServerElsewhereNorWhereItRefuses) {
   for (const std::string scenario : {"station starts with \"-s 172.31.0.7\"\n",
                                      "ppt refuses\nstation starts with \"-s 172.30.0.7 -p 70 -m 4000\"\n"}) {
     const Result& result = plays(scenario +
@@ -297,7 +297,7 @@ TEST_F(Bench, LeavesItsResultsBesideTheBoardsRamDisk) {
   EXPECT_NE(output.find("\na.pcap\na.svg\n"), std::string::npos) << output;
 }
 
-TEST_F(Bench, TakesALinkThatCannotBeForWrong) {
+TEST_F(Bench, RefusesALinkThatCannotBeMade) {
   EXPECT_NE(goes_wrong("board link is called a-name-that-is-too-long\nstation starts\n")
                 .find("expected a device name of 1 to 15 characters"),
             std::string::npos);
@@ -313,11 +313,11 @@ TEST_F(Bench, SeesThatTheStationDoesNotEnd) {
             "WRONG: line 2, station exits 2 within 1 s: the station still runs");
 }
 
-TEST_F(Bench, WantsAStepThatEndsTheStation) {
+TEST_F(Bench, RequiresAStepThatEndsTheStation) {
   EXPECT_EQ(goes_wrong("station starts\n"), "WRONG: the station still runs; expected a step that ends it");
 }
 
-TEST_F(Bench, WantsTheStationToHaveStarted) {
+TEST_F(Bench, RequiresThatTheStationHasStarted) {
   EXPECT_EQ(goes_wrong("station exits 2\n"),
             "WRONG: line 1, station exits 2: it never started; expected \"station starts\" before");
 }
@@ -346,7 +346,7 @@ TEST_F(Bench, SeesThatTheStationDoesNotStart) {
             "WRONG: line 2, unit ");
 }
 
-TEST_F(Bench, MissesALineOfTheStation) {
+TEST_F(Bench, ReportsAMissingLineOfTheStation) {
   EXPECT_EQ(
       goes_wrong("station starts\nstation says \"Server started, waiting for connection\"\n"),
       "WRONG: line 2, station says \"Server started, waiting for connection\": the station did not; the "
@@ -427,7 +427,7 @@ TEST_F(Bench, HasAPptServerThatAnswersErrorsOfSeveralLines) {
   EXPECT_EQ(result.status, 0) << result.output;
 }
 
-TEST_F(Bench, WantsAReadThatWasBegunToEnd) {
+TEST_F(Bench, RequiresThatAReadThatWasBegunEnds) {
   const std::string begun = "file a is 30 KiB\nstation starts\nwire delays 20 ms\nunit begins reading a\n";
   EXPECT_EQ(goes_wrong(begun + "station gets SIGKILL\nstation exits 137\n"),
             "WRONG: a is still being read; expected \"unit ends reading\"");
@@ -473,7 +473,7 @@ TEST_F(Bench, SeesAReplyThatWasNotToCome) {
             "WRONG: line 3, unit asks A in vain: it was told A");
 }
 
-TEST_F(Bench, MissesWhatThePptServerWasToHear) {
+TEST_F(Bench, ReportsAVerdictThatThePptServerDidNotHear) {
   EXPECT_EQ(goes_wrong("station starts\nunit reads F_l_m_01STEP\nppt hears F_l_m_01STEP\n"),
             "WRONG: line 3, ppt hears F_l_m_01STEP: the PPT server has not heard F_l_m_01STEP");
   EXPECT_EQ(goes_wrong("station starts\nppt is connected\n"),
@@ -485,7 +485,7 @@ TEST_F(Bench, SeesThatThePptServerHeardWhatItWasNotTo) {
             "WRONG: line 3, ppt has not heard F_l_m_01CPU_2_STEP: it has");
 }
 
-TEST_F(Bench, MissesARelayedDatagram) {
+TEST_F(Bench, ReportsAMissingRelayedDatagram) {
   EXPECT_EQ(goes_wrong("station starts\nunit sends one\nppt receives two\n"),
             "WRONG: line 3, ppt receives two: the PPT server has not received \"two\"");
 }
@@ -507,7 +507,7 @@ TEST_F(Bench, SeesABootScriptThatWasNotToCome) {
             "script\"");
 }
 
-TEST_F(Bench, MissesTheBootScript) {
+TEST_F(Bench, ReportsAMissingBootScript) {
   EXPECT_EQ(goes_wrong("board link is called lan1\nstation starts\nunit hears the boot script\n"),
             "WRONG: line 3, unit hears the boot script: the unit heard nothing");
 }

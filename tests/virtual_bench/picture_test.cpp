@@ -624,7 +624,7 @@ TEST(PictureRows, ALostArrowEndsInACrossAndADuplicatedOneHasTwoHeads) {
   EXPECT_EQ(strokes_of(Pen::kLost, lost), 2U);
 }
 
-TEST(PictureRows, OfAnEndlessStoryTheBeginningIsDrawn) {
+TEST(PictureRows, OfAVeryLongRunTheFirst400RowsAreDrawn) {
   RunRecord run = started_run();
   for (int line = 0; line < 1000; ++line) run.station_lines.push_back({at(1), std::to_string(line)});
   const Drawing drawing = draw("", run);

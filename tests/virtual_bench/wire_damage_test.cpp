@@ -138,7 +138,7 @@ TEST(WireDamage, TheOrderedShareOfFramesThatCanBeHeldIsSwapped) {
   expect_share(link.count_of(" swapped"), 0.2 / 1.2);
 }
 
-TEST(WireDamage, LossDoublingAndSwappingAreDrawnApart) {
+TEST(WireDamage, LossDuplicationAndSwappingAreDrawnApart) {
   DamagedLink link;
   link.damage.lose(50);
   link.damage.duplicate(50);
@@ -248,7 +248,7 @@ TEST(WireDamage, ALostFrameReleasesNoSwappedOne) {
   EXPECT_EQ(link.events(), (Events{"1 swapped", "2 lost"}));
 }
 
-TEST(WireDamage, LossComesBeforeDoublingAndDoublingBeforeSwapping) {
+TEST(WireDamage, LossComesBeforeDuplicationAndDuplicationBeforeSwapping) {
   DamagedLink link;
   link.damage.lose(100);
   link.damage.duplicate(100);

@@ -327,7 +327,7 @@ long ticks_of(pid_t pid) {
   return user + kernel;
 }
 
-TEST(Wire, IsMissedByWhoGivesItOrders) {
+TEST(Wire, RefusesOrdersOnceItHasEnded) {
   NEEDS_WIRE();
   Bench bench;
   bench.wire.process().send_signal(SIGKILL);

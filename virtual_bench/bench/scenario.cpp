@@ -189,7 +189,7 @@ Step parse_step(const std::string& line, int number, const std::string& where) {
   for (const Command& command : commands()) {
     const Attempt attempt = Matcher(command, words).match();
     if (!attempt.whole) continue;
-    const Step step = {number, line, &command, attempt.values};
+    Step step = {number, line, &command, attempt.values};
     if (step.has("SIZE") && step.bytes() > kRanges.at("SIZE").most)
       throw ScenarioError(where + "the file is too large; expected: at most 4096 MiB");
     return step;

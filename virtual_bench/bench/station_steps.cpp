@@ -1,5 +1,6 @@
 // What a scenario's steps do with the files, the wire, the PPT server, the board and the station.
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <numeric>
@@ -53,7 +54,8 @@ void Run::serve_text(const std::string& name, const std::string& text) const {
 void Run::serve_random_bytes(const std::string& name, double size) const {
   std::ofstream out = opened(name, served(name));
   std::mt19937 random(kSeed);
-  for (double left = std::floor(size); left > 0; --left) out.put(static_cast<char>(random() & 0xFF));
+  for (auto left = static_cast<std::uint64_t>(size); left > 0; --left)
+    out.put(static_cast<char>(random() & 0xFF));
 }
 
 void Run::order_wire(const Step& step, const std::vector<Order>& orders) {

@@ -24,13 +24,10 @@ void count(const Fate& fate, Event* event) {
 }  // namespace
 
 Event arrow_of(const Packet& packet, Event::Look look, const std::string& text) {
-  Event event;
-  event.from = packet.at;
-  event.until = packet.at;
+  Event event = event_of(Event::Kind::kArrow, packet.at, packet.at, text);
   event.source = packet.source_lane;
   event.target = packet.target_lane;
   event.look = look;
-  event.text = text;
   if (!is_usual(packet.source)) event.text += " (from " + dotted(packet.source) + ")";
   if (!is_usual(packet.destination)) event.text += " (to " + dotted(packet.destination) + ")";
   count(packet.fate, &event);

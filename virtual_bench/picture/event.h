@@ -67,6 +67,15 @@ struct Event {
   std::size_t last = 0;
 };
 
+inline Event event_of(Event::Kind kind, Microseconds from, Microseconds until, const std::string& text) {
+  Event event;
+  event.kind = kind;
+  event.from = from;
+  event.until = until;
+  event.text = text;
+  return event;
+}
+
 }  // namespace picture
 
 #endif

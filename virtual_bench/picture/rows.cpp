@@ -63,13 +63,9 @@ bool something_goes_on(const std::vector<Event>& rows, Microseconds from, Micros
 }
 
 Event pause_of(const std::vector<Event>& rows, Microseconds from, Microseconds until) {
-  Event pause;
-  pause.kind = Event::Kind::kPause;
-  pause.from = from;
-  pause.until = until;
-  pause.text =
-      seconds(until - from, 1) + " s nothing" + (something_goes_on(rows, from, until) ? " else" : "");
-  return pause;
+  return event_of(
+      Event::Kind::kPause, from, until,
+      seconds(until - from, 1) + " s nothing" + (something_goes_on(rows, from, until) ? " else" : ""));
 }
 
 std::vector<Event> with_pauses(const std::vector<Event>& rows) {
@@ -81,15 +77,6 @@ std::vector<Event> with_pauses(const std::vector<Event>& rows) {
     result.push_back(row);
   }
   return result;
-}
-
-Event end_at(Microseconds at, const std::string& text) {
-  Event event;
-  event.kind = Event::Kind::kEnd;
-  event.from = at;
-  event.until = at;
-  event.text = text;
-  return event;
 }
 
 }  // namespace
@@ -108,9 +95,9 @@ std::vector<Event> rows_of(const std::vector<Event>& story, std::optional<Micros
   if (rows.size() > kMaxRows) {
     const std::string text = counted(rows.size() - kMaxRows, "further row") + " left out";
     rows.resize(kMaxRows);
-    rows.push_back(end_at(rows.back().from, text));
+    rows.push_back(event_of(Event::Kind::kEnd, rows.back().from, rows.back().from, text));
   } else if (end) {
-    rows.push_back(end_at(*end, "end of the run"));
+    rows.push_back(event_of(Event::Kind::kEnd, *end, *end, "end of the run"));
     std::stable_sort(rows.begin(), rows.end(), begins_earlier);
   }
   return with_pauses(rows);

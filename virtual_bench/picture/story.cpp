@@ -85,12 +85,7 @@ class Datagrams {
 };
 
 Event note_of(const TimedLine& line) {
-  Event event;
-  event.kind = Event::Kind::kNote;
-  event.from = line.at;
-  event.until = line.at;
-  event.text = printable(line.text);
-  return event;
+  return event_of(Event::Kind::kNote, line.at, line.at, printable(line.text));
 }
 
 // The station's output; of three and more equal lines in a row, one with their count.
@@ -116,23 +111,15 @@ std::vector<Event> notes_of(const std::vector<TimedLine>& lines) {
 }
 
 Event board_call_of(const TimedLine& line) {
-  Event event;
-  event.from = line.at;
-  event.until = line.at;
-  event.source = Lane::kStation;
+  Event event = event_of(Event::Kind::kArrow, line.at, line.at, printable(line.text));
   event.target = Lane::kBoard;
   event.look = Event::Look::kBoard;
-  event.text = printable(line.text);
   return event;
 }
 
 Event cut_of(const Cut& cut) {
-  Event event;
-  event.kind = Event::Kind::kCut;
-  event.from = cut.from;
-  event.until = cut.until;
-  event.text = "cable pulled, " + seconds(cut.until - cut.from, 1) + " s";
-  return event;
+  return event_of(Event::Kind::kCut, cut.from, cut.until,
+                  "cable pulled, " + seconds(cut.until - cut.from, 1) + " s");
 }
 
 void append(std::vector<Event>* all, const std::vector<Event>& more) {

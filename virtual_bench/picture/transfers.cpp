@@ -54,12 +54,9 @@ class Teller {
 
 // The data goes from `sender` to `receiver`.
 Event bundle_event(const Bundle& bundle, Lane sender, Lane receiver) {
-  Event event;
-  event.kind = Event::Kind::kBundle;
+  Event event = event_of(Event::Kind::kBundle, bundle.packets.front().at, bundle.packets.back().at, "");
   event.bundle = std::make_shared<Bundle>(bundle);
   event.last = bundle.packets.size();
-  event.from = bundle.packets.front().at;
-  event.until = bundle.packets.back().at;
   event.source = sender;
   event.target = receiver;
   return event;
