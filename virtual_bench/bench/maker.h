@@ -55,7 +55,9 @@ class Maker {
   bool always() const { return true; }
   bool script_is_sent() const { return link_is_right_ && verdicts_ == 0; }
   bool loses_nothing() const { return loss_ == 0; }
-  bool duplicates_nothing() const { return duplication_ == 0; }
+  // A request that comes twice is served twice. Where then an ACK is lost, each of the two transfers sends its
+  // block before the unit's time is up, the unit never repeats its ACK, and all three give up after minutes.
+  bool neither_loses_nor_duplicates() const { return loss_ + duplication_ == 0; }
   bool swaps_nothing() const { return swapping_ == 0; }
   bool delays_nothing() const { return delay_ == 0; }
   bool serves_commands() const { return commands_are_served_; }

@@ -113,7 +113,7 @@ void Maker::die_and_come_back() {
 
 void Maker::pull_the_cable() {
   const std::string time = number(chance_.between(1, 2)) + " s";
-  const bool in_between = loss_ == 0 && chance_.one_in(2);
+  const bool in_between = neither_loses_nor_duplicates() && chance_.one_in(2);
   if (in_between && delay_ < kLongestDelay) delay_by(kLongestDelay);
   const File& file = readable_file();
   if (in_between) {
