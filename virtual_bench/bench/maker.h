@@ -69,6 +69,7 @@ class Maker {
   void read_file();
   void read_missing_file();
   void begin_reading(const File& file);
+  void begin_long_reading();
   void read_beside_commands();
   void die_and_come_back();
   void pull_the_cable();
@@ -119,7 +120,8 @@ class Maker {
   int block_for(const File& file);
   int drawn_block(const File& file);
   std::string options_for(const File& file);
-  std::string tries() const { return loss_ > 0 ? " tries 9" : ""; }
+  // A request that is lost is asked again; a read that has begun comes to its end in the time of a few losses.
+  std::string tries() const { return loss_ > 0 ? " tries 9 within 60 s" : ""; }
 
   const std::uint64_t seed_;
   Chance chance_;
