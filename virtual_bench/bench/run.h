@@ -106,6 +106,7 @@ class Run {
   void play_step(const Step& step);
   std::string served(const std::string& name) const;
   std::string local(const std::string& name) const;
+  bool serves() const;
   bool has_said(const std::string& line) const;
   bool has_happened(const PptServer::Event& event) const;
   void expect_started() const;
