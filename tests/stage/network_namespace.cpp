@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -21,7 +22,8 @@
 
 namespace {
 
-constexpr int kKilled = 128;  // plus the signal's number, as a shell counts it
+constexpr std::chrono::minutes kPatienceWithIp{1};  // all networks of a machine wait for one lock
+constexpr int kKilled = 128;                        // plus the signal's number, as a shell counts it
 constexpr char kThisNetwork[] = "/proc/thread-self/ns/net";
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
@@ -161,8 +163,9 @@ void ip(const std::string& words) {
   std::istringstream in(words);
   for (std::string word; in >> word;) command.push_back(word);
   Process process(command, [] { dup2(STDOUT_FILENO, STDERR_FILENO); });
-  const std::optional<ProcessEnd> end = process.wait_for_end();
-  if (!end || !end->succeeded()) throw std::runtime_error("ip " + words + ": " + process.read_text());
+  const std::optional<ProcessEnd> end = process.wait_for_end(kPatienceWithIp);
+  if (!end) throw std::runtime_error("ip " + words + ": it does not end");
+  if (!end->succeeded()) throw std::runtime_error("ip " + words + ": " + process.read_text());
 }
 
 void ip(const NetworkNamespace& there, const std::string& words) {

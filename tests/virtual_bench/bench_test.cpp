@@ -261,6 +261,12 @@ TEST_F(Bench, TriesAsOftenAsItIsTold) {
   EXPECT_EQ(result_.output.find("unit     reads a\n", second + 1), std::string::npos) << result_.output;
 }
 
+TEST_F(Bench, TriesNoMoreOnceAReadTakesTooLong) {
+  EXPECT_EQ(
+      goes_wrong("file a is 100 KiB\nstation starts\nwire delays 20 ms\nunit reads a tries 2 within 1 s\n"),
+      "WRONG: line 4, unit reads a tries 2 within 1 s: a was not read: it takes longer than 1 s");
+}
+
 TEST_F(Bench, SaysThatTheStationCannotBeStarted) {
   EXPECT_EQ(calls("/nowhere/TFTP " + file_with("station starts\n") + " " + results()).status, 1);
   EXPECT_EQ(result_.wrong(),

@@ -77,8 +77,9 @@ TEST(MadeScenario, MarksTheBoardExactlyWhenSomethingFailed) {
     bool has_failed = false;
     for (const Step& step : made(seed).steps) {
       const std::string name = step.has("NAME") ? step.text_of("NAME") : "";
-      const bool is_read =
-          is(step, "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]");
+      const bool is_read = is(step,
+                              "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within "
+                              "SECONDS s] [dies after SIZE UNIT]");
       const bool passes = name.find("PPT_PASSED") != std::string::npos;
       has_failed = has_failed || (is_read && (name.find("PPT_FAILED") != std::string::npos ||
                                               (name.find("TEST_FAILED") != std::string::npos && !passes)));

@@ -88,17 +88,25 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"station exits 2 within 30 s", "station exits STATUS [within SECONDS s]"},
         Line{"unit hears the boot script", "unit hears the boot script"},
         Line{"unit hears nothing for 3 s", "unit hears nothing for SECONDS s"},
-        Line{"unit obeys the boot script", "unit obeys the boot script [timeout TIMEOUT] [tries TRIES]"},
+        Line{"unit reads a within 60 s",
+             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
+             "SIZE UNIT]"},
+        Line{"unit obeys the boot script",
+             "unit obeys the boot script [timeout TIMEOUT] [tries TRIES] [within SECONDS s]"},
         Line{"unit obeys the boot script timeout 1 tries 3",
-             "unit obeys the boot script [timeout TIMEOUT] [tries TRIES]"},
+             "unit obeys the boot script [timeout TIMEOUT] [tries TRIES] [within SECONDS s]"},
         Line{"unit reads a.txt",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]"},
+             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
+             "SIZE UNIT]"},
         Line{"unit reads a.txt blksize 1428 timeout 1 tries 3",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]"},
+             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
+             "SIZE UNIT]"},
         Line{"unit reads a.txt tries 3",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]"},
+             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
+             "SIZE UNIT]"},
         Line{"unit reads a.txt dies after 1 MiB",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]"},
+             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
+             "SIZE UNIT]"},
         Line{"unit begins reading a.txt blksize 1428",
              "unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]"},
         Line{"unit ends reading", "unit ends reading"},
@@ -201,9 +209,10 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"unit reads", "a.run:1: the line ends too early; expected: NAME"},
         Refused{"unit reads a blocksize 5",
                 "a.run:1: \"blocksize\" is not understood here; expected: \"blksize\", "
-                "\"dies\", \"timeout\", \"tries\", the end of the line"},
+                "\"dies\", \"timeout\", \"tries\", \"within\", the end of the line"},
         Refused{"unit reads a tries 3 blksize 512",
-                "a.run:1: \"blksize\" is not understood here; expected: \"dies\", the end of the line"},
+                "a.run:1: \"blksize\" is not understood here; expected: \"dies\", \"within\", the end of the "
+                "line"},
         Refused{"station starts now",
                 "a.run:1: \"now\" is not understood here; expected: \"with\", the end of the line"},
         Refused{"unit sends \"a text", "a.run:1: a quote is opened and not closed; expected: \""},

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <random>
 
 // Draws from a seed: the same ones on every machine.
@@ -12,13 +13,14 @@ class Chance {
 
   // A number from least to most, each as likely.
   int between(int least, int most) {
-    return least + static_cast<int>(generator_() % static_cast<std::uint64_t>(most - least + 1));
+    const auto numbers = static_cast<std::uint64_t>(most - least + 1);
+    return least + static_cast<int>((generator_() >> 32) * numbers >> 32);
   }
   bool one_in(int count) { return between(1, count) == 1; }
   // One of what a container or array holds.
   template <typename List>
   const auto& one_of(const List& list) {
-    return list[generator_() % std::size(list)];
+    return list[static_cast<std::size_t>(between(0, static_cast<int>(std::size(list)) - 1))];
   }
   // One of a list of things that have a weight, each as likely as its share of all the weight.
   template <typename List>

@@ -12,6 +12,7 @@ ReadOptions read_options(const Step& step) {
   options.block_size = static_cast<int>(step.number_of("BLOCK", options.block_size));
   options.timeout_seconds = static_cast<int>(step.number_of("TIMEOUT", options.timeout_seconds));
   options.tries = static_cast<int>(step.number_of("TRIES", options.tries));
+  options.longest_seconds = step.number_of("SECONDS", options.longest_seconds);
   return options;
 }
 
@@ -93,9 +94,10 @@ const std::vector<Command>& commands() {
       {"unit hears the boot script", [](Run& run, const Step&) { run.hear_script(); }},
       {"unit hears nothing for SECONDS s",
        [](Run& run, const Step& step) { run.hear_nothing(step.number_of("SECONDS")); }},
-      {"unit obeys the boot script [timeout TIMEOUT] [tries TRIES]",
+      {"unit obeys the boot script [timeout TIMEOUT] [tries TRIES] [within SECONDS s]",
        [](Run& run, const Step& step) { run.obey_heard_script(read_options(step)); }},
-      {"unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [dies after SIZE UNIT]",
+      {"unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after SIZE "
+       "UNIT]",
        [](Run& run, const Step& step) {
          if (step.has("SIZE"))
            return run.read_until_death(step.text_of("NAME"), read_options(step), step.bytes());

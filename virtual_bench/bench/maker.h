@@ -55,7 +55,9 @@ class Maker {
   bool always() const { return true; }
   bool script_is_sent() const { return link_is_right_ && verdicts_ == 0; }
   bool loses_nothing() const { return loss_ == 0; }
-  bool duplicates_nothing() const { return duplication_ == 0; }
+  // A request that comes twice is served twice. Where then an ACK is lost, each of the two transfers sends its
+  // block before the unit's time is up, the unit never repeats its ACK, and all three give up after minutes.
+  bool neither_loses_nor_duplicates() const { return loss_ + duplication_ == 0; }
   bool swaps_nothing() const { return swapping_ == 0; }
   bool delays_nothing() const { return delay_ == 0; }
   bool serves_commands() const { return commands_are_served_; }
@@ -67,6 +69,7 @@ class Maker {
   void read_file();
   void read_missing_file();
   void begin_reading(const File& file);
+  void begin_long_reading();
   void read_beside_commands();
   void die_and_come_back();
   void pull_the_cable();
@@ -117,7 +120,8 @@ class Maker {
   int block_for(const File& file);
   int drawn_block(const File& file);
   std::string options_for(const File& file);
-  std::string tries() const { return loss_ > 0 ? " tries 9" : ""; }
+  // A request that is lost is asked again; a read that has begun comes to its end in the time of a few losses.
+  std::string tries() const { return loss_ > 0 ? " tries 9 within 60 s" : ""; }
 
   const std::uint64_t seed_;
   Chance chance_;

@@ -91,6 +91,13 @@ void Maker::begin_reading(const File& file) {
   say_of_station("RRQ " + file.name);
 }
 
+// At the longest delay it takes more than a second.
+void Maker::begin_long_reading() {
+  const File& file = files_.back();
+  say("unit begins reading " + file.name + " blksize " + number(file.bytes / chance_.between(26, 36)));
+  say_of_station("RRQ " + file.name);
+}
+
 void Maker::read_beside_commands() {
   if (delay_ == 0) delay();
   begin_reading(readable_file());
@@ -113,18 +120,17 @@ void Maker::die_and_come_back() {
 
 void Maker::pull_the_cable() {
   const std::string time = number(chance_.between(1, 2)) + " s";
-  const bool in_between = loss_ == 0 && chance_.one_in(2);
+  const bool in_between = neither_loses_nor_duplicates() && chance_.one_in(2);
   if (in_between && delay_ < kLongestDelay) delay_by(kLongestDelay);
-  const File& file = readable_file();
   if (in_between) {
-    begin_reading(file);
+    begin_long_reading();
     say("bench waits 0.3 s");
     say("wire is cut for " + time);
     say("unit ends reading");
-    say("bench waits " + time);  // a short file has come before the cut
   } else {
+    const File& file = readable_file();
     say("wire is cut for " + time);
-    say("unit reads " + file.name + options_for(file) + " tries 9");
+    say("unit reads " + file.name + options_for(file) + " tries 9 within 60 s");
     say_of_station("RRQ " + file.name);
   }
   seconds_ += kLostBlockSeconds;

@@ -29,6 +29,7 @@ struct ReadOptions {
   int block_size = 512;     // bytes
   int timeout_seconds = 5;  // of the option
   int tries = 1;
+  double longest_seconds = 150;  // that one try may take
 };
 
 // One run: plays a scenario's steps one after another, and prints meanwhile what station, board and PPT
@@ -105,6 +106,7 @@ class Run {
   void play_step(const Step& step);
   std::string served(const std::string& name) const;
   std::string local(const std::string& name) const;
+  bool serves() const;
   bool has_said(const std::string& line) const;
   bool has_happened(const PptServer::Event& event) const;
   void expect_started() const;
@@ -112,8 +114,8 @@ class Run {
   // depth: 0 for the script that was heard, 1 for the ones that it obeys, and so on.
   void obey_script(const std::string& script, const ReadOptions& options, int depth);
   Unit::Answer answer_to(const std::string& question, double seconds);
-  // Why the file has not arrived; nothing when it has.
-  std::optional<std::string> failure_of_reading();
+  // Why the file has not arrived; nothing when it has. Throws StepFailed when that takes longer.
+  std::optional<std::string> failure_of_reading(double seconds = ReadOptions().longest_seconds);
   void report_progress(std::int64_t* next_report) const;
   void expect_whole() const;
 

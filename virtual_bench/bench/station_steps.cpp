@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <numeric>
 #include <random>
 #include <sstream>
@@ -17,7 +18,9 @@ namespace fs = std::filesystem;
 constexpr double kPatienceSeconds = 10;         // for what is to happen at once
 constexpr double kForwardingSeconds = 0.2;      // for what is on its way to the PPT server to be heard there
 constexpr std::mt19937::result_type kSeed = 1;  // of the files' bytes
-constexpr char kStationServes[] = "Server started , waiting for connections";
+// What it says last before it takes requests: one of these begins a line.
+constexpr const char* kStationServes[] = {"Message Sender initialized. ",
+                                          "Error: Failed to initialize sender"};
 
 // How many letters must be changed, added or taken away to make one text of the other.
 std::size_t distance(const std::string& one, const std::string& other) {
@@ -141,8 +144,15 @@ void Run::start_station(const std::string& more_arguments) {
     setenv("PATH", board_.path().c_str(), 1);
     fs::current_path(folder_ + "/served");
   });
-  if (!until(kPatienceSeconds, [&] { return station_end_ || has_said(kStationServes); }))
+  if (!until(kPatienceSeconds, [&] { return station_end_ || serves(); }))
     throw StepFailed("the station does not serve");
+}
+
+bool Run::serves() const {
+  return std::any_of(station_lines_.begin(), station_lines_.end(), [](const picture::TimedLine& said) {
+    return std::any_of(std::begin(kStationServes), std::end(kStationServes),
+                       [&said](const char* beginning) { return said.text.rfind(beginning, 0) == 0; });
+  });
 }
 
 bool Run::has_said(const std::string& line) const {

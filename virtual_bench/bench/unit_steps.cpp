@@ -12,7 +12,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr double kPatienceSeconds = 10;          // for what is to happen at once
-constexpr double kTransferSeconds = 150;         // the longest that a transfer may take
 constexpr std::int64_t kProgressTime = 1000000;  // between two lines about one long read, in microseconds
 constexpr double kVainSeconds = 3;               // for a question that is not to be answered
 constexpr double kBulkBytes = 1024 * 1024;       // from here on a read's rate says something
@@ -118,7 +117,7 @@ void Run::read(const std::string& name, const ReadOptions& options) {
   std::optional<std::string> failure;
   for (int attempt = 1; attempt <= options.tries; ++attempt) {
     begin_reading(name, options);
-    failure = failure_of_reading();
+    failure = failure_of_reading(options.longest_seconds);
     if (!failure) return;
   }
   throw StepFailed(name + " was not read: " + *failure);
@@ -148,14 +147,15 @@ void Run::end_reading() {
 }
 
 // A file that arrives otherwise than it is served is wrong whatever the step expects.
-std::optional<std::string> Run::failure_of_reading() {
+std::optional<std::string> Run::failure_of_reading(double seconds) {
   std::int64_t next_report = reading_since_ + kProgressTime;
   const auto has_ended = [&] {
     report_progress(&next_report);
     return reading_->has_ended();
   };
-  std::optional<std::string> failure = "it takes longer than " + with_digits(kTransferSeconds, 0) + " s";
-  if (until(kTransferSeconds, has_ended)) failure = reading_->failure();
+  if (!until(seconds, has_ended))
+    throw StepFailed(reading_name_ + " was not read: it takes longer than " + with_digits(seconds, 0) + " s");
+  const std::optional<std::string> failure = reading_->failure();
   reading_.reset();
   if (failure) {
     timeline_.log("unit", "could not read " + reading_name_ + ": " + *failure);
@@ -190,7 +190,7 @@ void Run::expect_whole() const {
 void Run::read_until_death(const std::string& name, const ReadOptions& options, double bytes) {
   begin_reading(name, options);
   const auto has_enough = [&] { return size_of(local(name)) >= bytes; };
-  if (!until(kTransferSeconds, [&] { return has_enough() || reading_->has_ended(); }) ||
+  if (!until(options.longest_seconds, [&] { return has_enough() || reading_->has_ended(); }) ||
       reading_->has_ended())
     throw StepFailed("the transfer ended before");
   reading_.reset();
