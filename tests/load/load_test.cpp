@@ -17,6 +17,7 @@
 #include "support/descriptors.h"
 #include "support/emulated.h"
 #include "support/file_reader.h"
+#include "support/sanitized.h"
 #include "support/station.h"
 #include "support/threads.h"
 
