@@ -210,7 +210,7 @@ void Run::ask_in_vain(const std::string& question) {
 
 Unit::Answer Run::answer_to(const std::string& question, double seconds) {
   timeline_.log("unit", "asks " + question);
-  const Unit::Answer answer =
+  Unit::Answer answer =
       neighbours().unit.ask(Network::kStationIp, station_options_.message_port, question, seconds);
   timeline_.log("unit", answer.came ? "is told " + answer.text : "gets no answer: " + answer.text);
   return answer;

@@ -123,7 +123,8 @@ Unit::Answer Unit::ask(const std::string& server, int port, const std::string& q
   for (;;) {
     const Socket connection(place_, SOCK_STREAM);
     sockaddr_in there = address_of(server, port);
-    connect(connection.descriptor(), as_sockaddr(&there), sizeof there);
+    // How it went, the socket tells once it is connected or refused.
+    [[maybe_unused]] const int begun = connect(connection.descriptor(), as_sockaddr(&there), sizeof there);
     pollfd connected = {connection.descriptor(), POLLOUT, 0};
     if (!wait_until_(seconds_left(), [&] { return poll(&connected, 1, 0) == 1; }))
       return {false, "the connection was neither taken nor refused"};
