@@ -17,7 +17,6 @@
 #include "support/descriptors.h"
 #include "support/emulated.h"
 #include "support/file_reader.h"
-#include "support/sanitized.h"
 #include "support/station.h"
 #include "support/threads.h"
 
