@@ -261,6 +261,17 @@ TEST_F(Bench, TriesAsOftenAsItIsTold) {
   EXPECT_EQ(result_.output.find("unit     reads a\n", second + 1), std::string::npos) << result_.output;
 }
 
+TEST_F(Bench, WaitsUntilSoMuchIsRead) {
+  const Result& result = plays(
+      "file a is 100 KiB\nstation starts\nwire delays 10 ms\nunit begins reading a blksize 8192\n"
+      "unit has read 40 KiB\nwire is whole\nunit ends reading\nstation gets SIGKILL\nstation exits 137\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_EQ(goes_wrong("file a is 1 KiB\nstation starts\nunit begins reading a\nunit has read 2 KiB\n"),
+            "WRONG: line 4, unit has read 2 KiB: it has read less");
+  EXPECT_EQ(goes_wrong("station starts\nunit has read 2 KiB\n"),
+            "WRONG: line 2, unit has read 2 KiB: nothing is read; expected \"unit begins reading\" before");
+}
+
 TEST_F(Bench, TriesNoMoreOnceAReadTakesTooLong) {
   EXPECT_EQ(
       goes_wrong("file a is 100 KiB\nstation starts\nwire delays 20 ms\nunit reads a tries 2 within 1 s\n"),

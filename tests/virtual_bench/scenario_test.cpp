@@ -109,6 +109,7 @@ INSTANTIATE_TEST_SUITE_P(
              "SIZE UNIT]"},
         Line{"unit begins reading a.txt blksize 1428",
              "unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]"},
+        Line{"unit has read 8 KiB", "unit has read SIZE UNIT"},
         Line{"unit ends reading", "unit ends reading"},
         Line{"unit cannot read a.txt timeout 1", "unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT]"},
         Line{"unit asks X expects Y", "unit asks TEXT expects REPLY"},

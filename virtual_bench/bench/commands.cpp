@@ -107,6 +107,7 @@ const std::vector<Command>& commands() {
        [](Run& run, const Step& step) { run.fail_to_read(step.text_of("NAME"), read_options(step)); }},
       {"unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]",
        [](Run& run, const Step& step) { run.begin_reading(step.text_of("NAME"), read_options(step)); }},
+      {"unit has read SIZE UNIT", [](Run& run, const Step& step) { run.expect_read(step.bytes()); }},
       {"unit ends reading", [](Run& run, const Step&) { run.end_reading(); }},
       {"unit asks TEXT in vain", [](Run& run, const Step& step) { run.ask_in_vain(step.text_of("TEXT")); }},
       {"unit asks TEXT expects REPLY",

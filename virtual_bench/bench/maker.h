@@ -121,7 +121,7 @@ class Maker {
   int drawn_block(const File& file);
   std::string options_for(const File& file);
   // A request that is lost is asked again; a read that has begun comes to its end in the time of a few losses.
-  std::string tries() const { return loss_ > 0 ? " tries 9 within 60 s" : ""; }
+  std::string tries() const { return loss_ > 0 ? " tries 9 within 40 s" : ""; }
 
   const std::uint64_t seed_;
   Chance chance_;

@@ -124,13 +124,13 @@ void Maker::pull_the_cable() {
   if (in_between && delay_ < kLongestDelay) delay_by(kLongestDelay);
   if (in_between) {
     begin_long_reading();
-    say("bench waits 0.3 s");
+    say("unit has read 8000 bytes");
     say("wire is cut for " + time);
     say("unit ends reading");
   } else {
     const File& file = readable_file();
     say("wire is cut for " + time);
-    say("unit reads " + file.name + options_for(file) + " tries 9 within 60 s");
+    say("unit reads " + file.name + options_for(file) + " tries 9 within 40 s");
     say_of_station("RRQ " + file.name);
   }
   seconds_ += kLostBlockSeconds;

@@ -87,6 +87,7 @@ class Run {
   void read_until_death(const std::string& name, const ReadOptions& options, double bytes);
   void fail_to_read(const std::string& name, const ReadOptions& options);
   void begin_reading(const std::string& name, const ReadOptions& options);
+  void expect_read(double bytes);
   void end_reading();
   void ask(const std::string& question, const std::string& reply);
   void ask_in_vain(const std::string& question);
@@ -110,6 +111,7 @@ class Run {
   bool has_said(const std::string& line) const;
   bool has_happened(const PptServer::Event& event) const;
   void expect_started() const;
+  void expect_reading() const;
   void expect_no_network_yet() const;
   // depth: 0 for the script that was heard, 1 for the ones that it obeys, and so on.
   void obey_script(const std::string& script, const ReadOptions& options, int depth);

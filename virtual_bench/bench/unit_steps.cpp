@@ -140,8 +140,18 @@ void Run::begin_reading(const std::string& name, const ReadOptions& options) {
                               options.block_size, options.timeout_seconds});
 }
 
-void Run::end_reading() {
+void Run::expect_reading() const {
   if (!reading_) throw StepFailed("nothing is read; expected \"unit begins reading\" before");
+}
+
+void Run::expect_read(double bytes) {
+  expect_reading();
+  if (!until(kPatienceSeconds, [&] { return size_of(local(reading_name_)) >= bytes; }))
+    throw StepFailed("it has read less");
+}
+
+void Run::end_reading() {
+  expect_reading();
   if (const auto failure = failure_of_reading())
     throw StepFailed(reading_name_ + " was not read: " + *failure);
 }
