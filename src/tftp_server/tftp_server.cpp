@@ -136,7 +136,7 @@ void TFTPServer::Start() {
     if (next == nullptr) next = next_client();
     if (!receiveRequest(next.get()) || next == nullptr) continue;
     try {
-      serve(std::move(next));
+      serve(std::exchange(next, nullptr));
     } catch (const std::bad_alloc&) {
       // Without memory the datagram is dropped, and its record with it.
     }

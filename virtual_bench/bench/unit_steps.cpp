@@ -165,7 +165,7 @@ std::optional<std::string> Run::failure_of_reading(double seconds) {
   };
   if (!until(seconds, has_ended))
     throw StepFailed(reading_name_ + " was not read: it takes longer than " + with_digits(seconds, 0) + " s");
-  const std::optional<std::string> failure = reading_->failure();
+  std::optional<std::string> failure = reading_->failure();
   reading_.reset();
   if (failure) {
     timeline_.log("unit", "could not read " + reading_name_ + ": " + *failure);
