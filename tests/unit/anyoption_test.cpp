@@ -542,6 +542,12 @@ TEST(AnyOption, KeepsNoMoreExtraArgumentsThanTheMaximum) {
   EXPECT_EQ(parser.value('n'), "'70'");
 }
 
+TEST(AnyOption, ForgetsTheExtraArgumentsOfTheParseBefore) {
+  ProgramParser parser;
+  parser.parse({"one", "two"}, 2);
+  EXPECT_EQ(parser.parse({"three"}, 2).extra_arguments(), (Texts{"three"}));
+}
+
 TEST(AnyOption, ParsesTheCommandLineThatItWasToldToUse) {
   ProgramParser parser;
   parser.use({"-n", "70", "word"});
@@ -754,6 +760,9 @@ TEST(AnyOption, LeavesALongPrefixOfUpToTwoCharactersUncut) {
     EXPECT_EQ(prefix, text);
     EXPECT_EQ(parser.parse({text + "port=70"}).value('n'), "'70'");
   }
+  char shorter[] = "+\0behind";
+  ProgramParser().setCommandLongPrefix(shorter);
+  EXPECT_STREQ(shorter + 2, "behind");
 }
 
 TEST(AnyOption, WithoutOptionsParsesNothingAndAnswersNothing) {
