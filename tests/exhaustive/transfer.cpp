@@ -298,7 +298,8 @@ std::vector<Event> Search::events(const State& state) const {
           time_out(),
           failed_wait(true),
           failed_wait(false),
-          refused_receive()};
+          refused_receive(),
+          vanished_datagram()};
 }
 
 // The event, then each way in which the sends and reads that it causes can come out.

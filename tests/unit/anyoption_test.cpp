@@ -37,6 +37,11 @@ void* allocate_or_throw(std::size_t size) {
   return storage;
 }
 
+// Apart, so that the compiler does not hold it against the operator new that it knows.
+[[gnu::noinline]] void give_back(void* storage) noexcept {
+  std::free(storage);
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
@@ -56,27 +61,27 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
 }
 
 void operator delete(void* storage) noexcept {
-  std::free(storage);
+  give_back(storage);
 }
 
 void operator delete[](void* storage) noexcept {
-  std::free(storage);
+  give_back(storage);
 }
 
 void operator delete(void* storage, std::size_t) noexcept {
-  std::free(storage);
+  give_back(storage);
 }
 
 void operator delete[](void* storage, std::size_t) noexcept {
-  std::free(storage);
+  give_back(storage);
 }
 
 void operator delete(void* storage, const std::nothrow_t&) noexcept {
-  std::free(storage);
+  give_back(storage);
 }
 
 void operator delete[](void* storage, const std::nothrow_t&) noexcept {
-  std::free(storage);
+  give_back(storage);
 }
 
 namespace {
