@@ -268,6 +268,7 @@ TEST_P(Signals, MoreOfThemWhileTheFirstWaitsForTheSenderChangeNothing) {
   InNetwork station;
   station.boots();
   station.daemon->gets_signal(GetParam());
+  std::this_thread::sleep_for(milliseconds(200));  // it has been taken by then
   for (int i = 0; i < 20; ++i) {
     std::this_thread::sleep_for(milliseconds(5));
     station.daemon->gets_signal(SIGINT);
