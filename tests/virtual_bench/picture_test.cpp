@@ -735,7 +735,7 @@ TEST(PictureRobustness, ARecordOfGarbageIsDrawn) {
   run.start = -kStart;
   run.end = 99999999999 * 1000000;
   run.exit_status = {-1, -1};
-  run.station_lines = {{at(99999999999.0 - 1700000000), run.title}, {-kStart, "\n\0\r"}, {0, ""}};
+  run.station_lines = {{at(99999999999.0 - 1700000000), run.title}, {-kStart, "\n\r"}, {0, ""}};
   run.board_calls = run.station_lines;
   run.fates.of_frame = {{0, kLost}, {999999, kSwapped}};
   run.fates.cuts = {{5, 4}, {-kStart, 2 * kStart}};
