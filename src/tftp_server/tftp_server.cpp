@@ -72,12 +72,23 @@ void ServerClient::reset() {
   releaseFilesAndSocket();
 }
 
+bool ServerClient::limitWait() {
+  if (timeout < 0) return false;
+  if (timeout == 0 || (limited_socket_ == socket_fd && limit_seconds_ == timeout)) return true;
+  const timeval limit{timeout, 0};
+  if (setsockopt(socket_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) return false;
+  limited_socket_ = socket_fd;
+  limit_seconds_ = timeout;
+  return true;
+}
+
 void ServerClient::releasePackets() {
   received_packet.release();
   sent_packet.release();
 }
 
 void ServerClient::releaseFilesAndSocket() {
+  limited_socket_ = -1;
   if (socket_fd != -1) close(std::exchange(socket_fd, -1));
   delete std::exchange(input_file, nullptr);
   delete std::exchange(output_file, nullptr);

@@ -50,6 +50,9 @@ struct ServerClient {
   // Ends whatever the record was doing and takes it back to its defaults. Leaves transfer_state, retries,
   // local_port, the address and the thread as they are.
   void reset();
+  // Lets the socket's next receive wait for `timeout` seconds at the most; no call is made where it does so
+  // already. False when that cannot be: for a negative timeout, or without a socket.
+  bool limitWait();
   // For the end of its thread: gives back the bytes of both packets, which nothing looks at any more.
   void releasePackets();
 
@@ -80,6 +83,10 @@ struct ServerClient {
 
  private:
   void releaseFilesAndSocket();
+
+  // The socket that was limited last, and to how many seconds.
+  std::int32_t limited_socket_ = -1;
+  std::int32_t limit_seconds_ = 0;
 };
 
 // The TFTP server: the listening socket, its receive loop, and one thread per transfer.
@@ -131,7 +138,7 @@ class TFTPServer {
   // Reads the next block and sends it.
   int sendPacketData(ServerClient* client);
   int sendError(ServerClient* client, int code, const std::string& message);
-  // Waits for one datagram: the new receive_status, or 0 when the descriptor was not ready.
+  // Waits for one datagram, for `timeout` seconds at the most: the new receive_status.
   int receivePacket(ServerClient* client);
   // The hook for every step of a transfer. It is empty: none of these texts is printed (known behaviour 19).
   void clientStatus(ServerClient* client, const std::string& status);

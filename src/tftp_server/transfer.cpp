@@ -1,7 +1,7 @@
-#include <sys/select.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 #include <memory>
 
@@ -11,6 +11,31 @@
 namespace {
 
 constexpr int kMaxRetries = 10;  // known behaviour 15
+
+// Waits for one datagram and receives it, in one call: the limit of the wait is a property of the socket, set
+// when it changes, and a block costs no select. Every failure is told apart as it would be there: no time
+// left is the time-out, an interruption or a socket that is gone a failed wait, anything else a failed
+// receive. read_set is left as select leaves it.
+ServerClient::ReceiveStatus receive_in_time(ServerClient* client, ssize_t* count) {
+  if (!fits_descriptor_set(client->socket_fd)) return ServerClient::kWaitFailed;
+  FD_ZERO(&client->read_set);
+  FD_SET(client->socket_fd, &client->read_set);
+  if (!client->limitWait()) return ServerClient::kWaitFailed;
+  // A datagram from any address or port is taken as the client's (known behaviour 14).
+  sockaddr_in anyone;
+  socklen_t anyone_length = sizeof anyone;
+  TFTP_Packet& packet = client->received_packet;
+  const int flags = client->timeout == 0 ? MSG_DONTWAIT : 0;  // as a limit, 0 would be none
+  *count = recvfrom(client->socket_fd, packet.getData(0), static_cast<std::size_t>(packet.receivableSize()),
+                    flags, as_sockaddr(&anyone), &anyone_length);
+  if (*count >= 0) return ServerClient::kReceived;
+  if (errno == EAGAIN) {
+    FD_ZERO(&client->read_set);
+    return ServerClient::kTimedOut;
+  }
+  const bool wait_failed = errno == EINTR || errno == EBADF || errno == ENOTSOCK;
+  return wait_failed ? ServerClient::kWaitFailed : ServerClient::kReceiveFailed;
+}
 
 }  // namespace
 
@@ -59,37 +84,21 @@ int TFTPServer::disconnectClient(ServerClient* client) {
 }
 
 int TFTPServer::receivePacket(ServerClient* client) {
-  timeval wait{client->timeout, 0};
-  const int ready = wait_for_datagram(client->socket_fd, &client->read_set, &wait);
-  if (ready < 0) {
-    std::cout << "Error in select(): " << std::endl;
-    client->retries += 1;
-    return client->receive_status = ServerClient::kWaitFailed;
-  }
-  if (ready == 0) {
-    std::cout << "Client timeout" << std::endl;
-    client->retries += 1;
-    return client->receive_status = ServerClient::kTimedOut;
-  }
-  if (!FD_ISSET(client->socket_fd, &client->read_set)) return 0;
-
-  // A datagram from any address or port is taken as the client's (known behaviour 14).
-  sockaddr_in anyone;
-  socklen_t anyone_length = sizeof anyone;
-  TFTP_Packet& packet = client->received_packet;
-  const ssize_t count =
-      recvfrom(client->socket_fd, packet.getData(0), static_cast<std::size_t>(packet.receivableSize()), 0,
-               as_sockaddr(&anyone), &anyone_length);
-  if (count == 0) {
-    client->receive_status = ServerClient::kNothing;
+  ssize_t count = 0;
+  const ServerClient::ReceiveStatus status = receive_in_time(client, &count);
+  if (status == ServerClient::kReceived && count == 0) {
     clientStatus(client, "Client closed connection");
     disconnectClient(client);
-    return ServerClient::kNothing;
+    return client->receive_status = ServerClient::kNothing;
   }
-  if (count < 0) return client->receive_status = ServerClient::kReceiveFailed;
-  client->retries = 0;
-  packet.setSize(static_cast<int>(count));
-  return client->receive_status = ServerClient::kReceived;
+  if (status == ServerClient::kWaitFailed) std::cout << "Error in select(): " << std::endl;
+  if (status == ServerClient::kTimedOut) std::cout << "Client timeout" << std::endl;
+  if (status == ServerClient::kWaitFailed || status == ServerClient::kTimedOut) client->retries += 1;
+  if (status == ServerClient::kReceived) {
+    client->retries = 0;
+    client->received_packet.setSize(static_cast<int>(count));
+  }
+  return client->receive_status = status;
 }
 
 int TFTPServer::Receive(ServerClient* client) {

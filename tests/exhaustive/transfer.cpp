@@ -298,8 +298,7 @@ std::vector<Event> Search::events(const State& state) const {
           time_out(),
           failed_wait(true),
           failed_wait(false),
-          refused_receive(),
-          vanished_datagram()};
+          refused_receive()};
 }
 
 // The event, then each way in which the sends and reads that it causes can come out.

@@ -22,8 +22,9 @@
 // clock:
 //
 //   FAIL="CALL N ERRNO"   the N-th CALL fails with this error. CALL: socket.dgram, socket.raw, bind, sendto,
-//                         recvfrom, select, open (of a file in the working directory) or pthread_create
-//   SECOND=MILLISECONDS   a second that select waits lasts so long
+//                         recvfrom, recvfrom.limited (of a client's socket), open (of a file in the working
+//                         directory) or pthread_create
+//   SECOND=MILLISECONDS   a second of a wait, or of a receive with a limit, lasts so long
 //   CLOCK_STEP=SECONDS    the time of day moves by so much at every look at it, forward or back
 //   ALLOCATIONS=FILE      "THREAD N FATE" in the file says what becomes of the main thread's ("main") or all
 //                         others' ("others") N-th allocation from then on: it "fails", "fails-on" with all
@@ -174,17 +175,29 @@ ssize_t sendto(int descriptor, const void* bytes, size_t count, int flags, const
 
 ssize_t recvfrom(int descriptor, void* bytes, size_t count, int flags, sockaddr* address, socklen_t* length) {
   static auto* const next = real<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)>("recvfrom");
-  return fails("recvfrom") ? -1 : next(descriptor, bytes, count, flags, address, length);
+  timeval limit = {};
+  socklen_t limit_length = sizeof limit;
+  getsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, &limit_length);
+  const bool is_limited = limit.tv_sec != 0 || limit.tv_usec != 0;
+  return fails(is_limited ? "recvfrom.limited" : "recvfrom")
+             ? -1
+             : next(descriptor, bytes, count, flags, address, length);
 }
 
 int select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait) {
   static auto* const next = real<int(int, fd_set*, fd_set*, fd_set*, timeval*)>("select");
-  if (fails("select")) return -1;
   if (wait == nullptr || wait->tv_sec < 0) return next(count, read, write, except, wait);
   timeval played = stretched(*wait, milliseconds_of_a_second, 1000);
   const int ready = next(count, read, write, except, &played);
   *wait = stretched(played, 1000, milliseconds_of_a_second);
   return ready;
+}
+
+int setsockopt(int descriptor, int level, int option, const void* value, socklen_t length) noexcept {
+  static auto* const next = real<int(int, int, int, const void*, socklen_t)>("setsockopt");
+  if (level != SOL_SOCKET || option != SO_RCVTIMEO) return next(descriptor, level, option, value, length);
+  const timeval limit = stretched(*static_cast<const timeval*>(value), milliseconds_of_a_second, 1000);
+  return next(descriptor, level, option, &limit, sizeof limit);
 }
 
 int open(const char* path, int flags, ...) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "support/sanitized.h"
 #include "support/whole_file.h"
 
 namespace {
@@ -45,7 +46,11 @@ Daemon::~Daemon() {
 }
 
 std::string Daemon::output() const {
-  return whole_file(output_);
+  std::string text = whole_file(output_);
+  // LeakSanitizer's look at the end stops every thread, which a transfer takes for a failed wait.
+  const std::string end = "TFTP Server was shut down\n";
+  if (kSanitized && text.find(end) != std::string::npos) text.erase(text.find(end) + end.size());
+  return text;
 }
 
 std::string Daemon::errors() const {

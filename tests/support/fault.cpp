@@ -145,7 +145,15 @@ ssize_t sendto(int descriptor, const void* bytes, size_t count, int flags, const
 
 ssize_t recvfrom(int descriptor, void* bytes, size_t count, int flags, sockaddr* address, socklen_t* length) {
   static auto* const next = real<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)>("recvfrom");
-  return strikes(Call::kRecvfrom) ? -1 : next(descriptor, bytes, count, flags, address, length);
+  if (strikes(Call::kRecvfrom)) return -1;
+  timeval limit = {};
+  socklen_t limit_length = sizeof limit;
+  if (played_waits != nullptr && (flags & MSG_DONTWAIT) == 0 &&
+      getsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, &limit_length) == 0 && limit.tv_sec > 0) {
+    played_waits->push_back(limit.tv_sec);
+    flags |= MSG_DONTWAIT;
+  }
+  return next(descriptor, bytes, count, flags, address, length);
 }
 
 ssize_t send(int descriptor, const void* bytes, size_t count, int flags) {

@@ -3,8 +3,8 @@
 
 #include <vector>
 
-// While the object lives, this thread does not wait in select: it finds what is there, and a wait for what is
-// not is over at once. One object at a time.
+// While the object lives, this thread does not wait in select, or in a recvfrom with a time limit: it finds
+// what is there, and a wait for what is not is over at once. One object at a time.
 class PlayedWaits {
  public:
   PlayedWaits();

@@ -106,16 +106,21 @@ class SlowReader {
   std::string text_;
 };
 
+// What a thread does, as the system says it in one letter: S sleeps, T is stopped.
+char state_of(pid_t process, pid_t thread) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/stat");
+  std::string number;
+  std::string name;
+  char state = '?';
+  file >> number >> name >> state;
+  return state;
+}
+
 // Its main thread sleeps, and does so for some time.
 bool is_stuck(pid_t pid) {
   int asleep = 0;
   return wait_until([&] {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string number;
-    std::string name;
-    char state = '?';
-    file >> number >> name >> state;
-    asleep = state == 'S' ? asleep + 1 : 0;
+    asleep = state_of(pid, pid) == 'S' ? asleep + 1 : 0;
     return asleep == 20;
   });
 }
@@ -451,6 +456,30 @@ TEST_F(Signals, SentToAnyThreadDisturbNoWait) {
   unit.closes();
   EXPECT_EQ(at_commands.station.daemon->exit_status(), SIGTERM);
   EXPECT_EQ(daemon.output().find("select()"), std::string::npos) << daemon.output();
+}
+
+// A stop interrupts a receive with a time limit although no handler runs.
+TEST_F(Signals, StopOfTheProcessIsAFailedWaitOfATransfer) {
+  const OnLoopback station;
+  write_whole_file("file", noise(2000));
+  UdpPeer client = station.asks(rrq("file"));
+  client.expects(data(1, noise(2000).substr(0, 512)));
+  client.sends(ack(1));
+  client.expects(data(2, noise(2000).substr(512, 512)));
+  ASSERT_TRUE(station.daemon->prints("RRQ file\n"));
+  std::this_thread::sleep_for(milliseconds(50));
+  const pid_t daemon = station.daemon->pid();
+  kill(daemon, SIGSTOP);
+  for (const pid_t thread : threads_of(daemon)) {
+    ASSERT_TRUE(wait_until([&] { return state_of(daemon, thread) == 'T'; }));
+  }
+  kill(daemon, SIGCONT);
+  // For the ACK before, judged once more, and for the wait.
+  client.expects(data(2, noise(2000).substr(512, 512)));
+  client.expects(data(2, noise(2000).substr(512, 512)));
+  client.sends(ack(2));
+  client.expects(data(3, noise(2000).substr(1024, 512)));
+  station.printed("RRQ file\nError in select(): \n");
 }
 
 // The masks that the board's commands are started with, as they note them. The shell is one that leaves its own

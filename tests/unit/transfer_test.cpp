@@ -12,6 +12,7 @@
 #include "support/fault.h"
 #include "support/flush_recorder.h"
 #include "support/occupied_descriptors.h"
+#include "support/played_waits.h"
 #include "support/transfer_record.h"
 
 using namespace tftp;
@@ -218,7 +219,7 @@ TEST_F(Transfer, WaitIs5SecondsUnlessNegotiated) {
 TEST_F(Transfer, WaitThatFailsCountsAsRetry) {
   unit.sends(ack(1));
   record.retries = 6;
-  Fault interrupted(Call::kSelect, EINTR);
+  Fault interrupted(Call::kRecvfrom, EINTR);
   EXPECT_EQ(receives_packet(), (Outcome{1, kSelectLine}));
   EXPECT_EQ(status_and_retries(), "status 1, retries 7");
 }
@@ -249,15 +250,66 @@ TEST_F(Transfer, WaitWithDescriptorBeyondADescriptorSetFails) {
   EXPECT_EQ(status_and_retries(), "status 1, retries 1");
 }
 
-TEST_F(Transfer, WaitThatFindsAnotherDescriptorChangesNothing) {
+// What a caller finds in the set is what select would have left there.
+TEST_F(Transfer, WaitLeavesTheDescriptorInItsSetUnlessItTimedOut) {
+  FD_ZERO(&record.read_set);
+  FD_SET(0, &record.read_set);
   unit.sends(ack(1));
-  record.retries = 6;
-  record.receive_status = 4;
-  has_received(ack(7));
-  Fault none_ready(Call::kSelect, 0);
-  EXPECT_EQ(receives_packet(), (Outcome{0, ""}));
-  EXPECT_EQ(status_and_retries(), "status 4, retries 6");
-  EXPECT_EQ(contents_of(record.received_packet), ack(7));
+  EXPECT_EQ(receives_packet(), (Outcome{4, ""}));
+  EXPECT_TRUE(FD_ISSET(record.socket_fd, &record.read_set));
+  EXPECT_FALSE(FD_ISSET(0, &record.read_set));
+  {
+    const Fault interrupted(Call::kRecvfrom, EINTR);
+    EXPECT_EQ(receives_packet(), (Outcome{1, kSelectLine}));
+    EXPECT_TRUE(FD_ISSET(record.socket_fd, &record.read_set));
+  }
+  record.timeout = 0;
+  EXPECT_EQ(receives_packet(), (Outcome{0, kTimeoutLine}));
+  EXPECT_FALSE(FD_ISSET(record.socket_fd, &record.read_set));
+}
+
+TEST_F(Transfer, WaitLastsAsLongAsTheRecordSaysEachTime) {
+  const PlayedWaits waits;
+  for (const int seconds : {5, 7, 7, 3}) {
+    record.timeout = seconds;
+    EXPECT_EQ(receives_packet(), (Outcome{0, kTimeoutLine}));
+  }
+  EXPECT_EQ(waits.seconds(), (std::vector<long>{5, 7, 7, 3}));
+}
+
+TEST_F(Transfer, WaitSetsItsLimitOnceForASocket) {
+  const Fault counted(Call::kSetsockopt, ENOPROTOOPT, 2);
+  record.timeout = 60;
+  for (int block = 1; block <= 3; ++block) {
+    unit.sends(ack(block));
+    EXPECT_EQ(receives_packet(), (Outcome{4, ""}));
+  }
+  EXPECT_EQ(counted.struck(), 0);
+  record.timeout = 61;
+  EXPECT_EQ(receives_packet(), (Outcome{1, kSelectLine}));
+}
+
+TEST_F(Transfer, WaitOnAnotherSocketHasItsLimitToo) {
+  const PlayedWaits waits;
+  EXPECT_EQ(receives_packet(), (Outcome{0, kTimeoutLine}));
+  const int first = record.socket_fd;
+  record.socket_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(receives_packet(), (Outcome{0, kTimeoutLine}));
+  close(first);
+  EXPECT_EQ(waits.seconds(), (std::vector<long>{5, 5}));
+}
+
+TEST_F(Transfer, ReceiveThatFailsIsATimeoutAFailedWaitOrAFailedReceive) {
+  const struct {
+    int error;
+    Outcome outcome;
+  } cases[] = {{EAGAIN, {0, kTimeoutLine}},  {EINTR, {1, kSelectLine}}, {EBADF, {1, kSelectLine}},
+               {ENOTSOCK, {1, kSelectLine}}, {ECONNREFUSED, {3, ""}},   {ENOMEM, {3, ""}},
+               {EHOSTUNREACH, {3, ""}}};
+  for (const auto& failing : cases) {
+    const Fault failure(Call::kRecvfrom, failing.error);
+    EXPECT_EQ(receives_packet(), failing.outcome) << failing.error;
+  }
 }
 
 TEST_F(Transfer, LinesOfTheWaitAreFlushed) {

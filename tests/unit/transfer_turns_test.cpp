@@ -177,10 +177,10 @@ TEST_F(TransferTurn, ShortDatagramIsJudgedWithTheBytesBehindIt) {
   EXPECT_EQ(record.received_packet.size, 1);
 }
 
-enum class Failure { kWait, kReceive, kOtherDescriptor };
+enum class Failure { kWait, kReceive };
 
 void PrintTo(Failure failure, std::ostream* stream) {
-  static const char* const names[] = {"Wait", "Receive", "OtherDescriptor"};
+  static const char* const names[] = {"Wait", "Receive"};
   *stream << names[static_cast<int>(failure)];
 }
 
@@ -198,8 +198,7 @@ class FailedWait : public TransferTest, public testing::WithParamInterface<Failu
 
   // Receive, with the failure, and what it returned.
   int receive() {
-    const Fault failure(GetParam() == Failure::kReceive ? Call::kRecvfrom : Call::kSelect,
-                        GetParam() == Failure::kOtherDescriptor ? 0 : EBADF);
+    const Fault failure(Call::kRecvfrom, GetParam() == Failure::kReceive ? ECONNREFUSED : EBADF);
     const Outcome outcome = receives();
     EXPECT_EQ(outcome.printed, GetParam() == Failure::kWait ? kSelectLine : "");
     EXPECT_EQ(failure.struck(), 1);
@@ -234,17 +233,8 @@ TEST_P(FailedWait, DisconnectsWhenThereWasNoAckBefore) {
   EXPECT_EQ(record.connected, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Turn, FailedWait,
-                         testing::Values(Failure::kWait, Failure::kReceive, Failure::kOtherDescriptor),
+INSTANTIATE_TEST_SUITE_P(Turn, FailedWait, testing::Values(Failure::kWait, Failure::kReceive),
                          testing::PrintToStringParamName());
-
-TEST_F(TransferTurn, ReceiveTrustsTheTimeoutBeforeWhenAnotherDescriptorIsReady) {
-  has_sent_first_block_of(noise(600));
-  EXPECT_EQ(receives(), (Outcome{1, kTimeoutLine}));
-  Fault none_ready(Call::kSelect, 0);
-  EXPECT_EQ(receives(), (Outcome{1, ""}));
-  unit.expects_nothing(kShortWhile);
-}
 
 // ---- Send ----
 
