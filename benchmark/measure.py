@@ -1,8 +1,9 @@
 """Measures the program beside other servers and writes one JSON file. Usage: measure.py SETTINGS
 
 Runs as root in network, mount and process namespaces of its own; scripts/benchmark makes them. SETTINGS is a JSON
-text with: program, load, floor, packet_benchmark (files; "" where there is none), atftpd (file), folder (scratch),
-result (the file to write), quick (true: one round of tiny works, to see that every figure comes out).
+text with: program, load, floor, packet_benchmark (files; "" where there is none), atftpd (file), floor_wait ("" or
+"select"), folder (scratch), result (the file to write), quick (true: one round of tiny works, to see that every figure
+comes out).
 """
 
 import contextlib
@@ -16,6 +17,8 @@ import struct
 import subprocess
 import sys
 import time
+
+import elsewhere
 
 SETTINGS = json.loads(sys.argv[1])
 QUICK = SETTINGS["quick"]
@@ -38,22 +41,25 @@ ADDRESSES = {
 RELAY_WAIT_SECONDS = 2.3  # the relay waits for two seconds before it polls
 PATIENCE_SECONDS = 10
 
-# Most targets are for one core.
+# Most targets are for one core. The interval of a median of rounds comes out about as wide as it says with 5 or 11.
 ROUNDS = {"one core": 1 if QUICK else 11, "two cores": 1 if QUICK else 5}
 IMAGE_BYTES = (2 if QUICK else 32) << 20
+PIECE_BYTES = (1 if QUICK else 8) << 20
 PART_BYTES = 1 << 20
 TINY_FILES = 20 if QUICK else 2000
 MANY_READS = (100, 300) if QUICK else (500, 100000)
+DAY_READS = 100 if QUICK else 4800  # eight hours of a run a minute, with ten reads each
+LONG_READS = (512, 32768)  # their system calls are counted
 STARTS = 3 if QUICK else 20
 
-# The processor's speed changes from one second to the next: what is over soon is measured several times a round.
+# The processor's speed changes from one second to the next: turns are short, and there are several in a round.
 # name: (title, file, count of files, block size, clients, reads, times a round)
 WORKS = {
-    "512": ("one read, block size 512", "image", 0, 512, 1, 1, 1),
-    "1428": ("one read, block size 1428", "image", 0, 1428, 1, 1, 2),
+    "512": ("one read, block size 512", "piece", 0, 512, 1, 1, 4),
+    "1428": ("one read, block size 1428", "piece", 0, 1428, 1, 1, 8),
     "8192": ("one read, block size 8192", "image", 0, 8192, 1, 1, 4),
     "32768": ("one read, block size 32768", "image", 0, 32768, 1, 1, 6),
-    "clients": ("64 clients at once, block size 1428", "part", 0, 1428, 64, 64, 1),
+    "clients": ("64 clients at once, block size 1428", "part", 0, 1428, 64, 64, 2),
     "tiny": ("files of 100 bytes, one after another", "tiny", TINY_FILES, 512, 1, TINY_FILES, 2),
 }
 
@@ -68,7 +74,8 @@ def servers():
     hpa, dnsmasq = shutil.which("in.tftpd"), shutil.which("dnsmasq")
 
     def floor(kind, name):
-        return [SETTINGS["floor"], kind, ADDRESSES[name], str(PORT), SERVED]
+        wait = [SETTINGS["floor_wait"]] if kind == "same-calls" and SETTINGS["floor_wait"] else []
+        return [SETTINGS["floor"], kind, ADDRESSES[name], str(PORT), SERVED, *wait]
 
     return {
         "floor": floor("one-thread", "floor"),
@@ -214,7 +221,9 @@ class Server:
 
 def make_files():
     os.makedirs(SERVED)
-    for name, size in [("image", IMAGE_BYTES), ("part", PART_BYTES)] + [(f"tiny{i}", 100) for i in range(TINY_FILES)]:
+    sizes = {"image": IMAGE_BYTES, "piece": PIECE_BYTES, "part": PART_BYTES}
+    sizes.update((f"tiny{i}", 100) for i in range(TINY_FILES))
+    for name, size in sizes.items():
         with open(os.path.join(SERVED, name), "wb") as file:
             file.write(os.urandom(size))
 
@@ -228,16 +237,22 @@ def cpu_settings():
     return settings
 
 
-def measure_once(server, work):
+def watched(others, server):
+    """What others take while this server is measured; nothing is known where its children leave no account behind."""
+    return contextlib.nullcontext() if server.name == "tftpd-hpa" else others.watch(server.processor_seconds)
+
+
+def measure_once(server, work, others):
     _, file, count, block, clients, reads, _ = WORKS[work]
     server.resume()
-    figures = server.reads(file, count, block, clients, reads)
+    with watched(others, server):
+        figures = server.reads(file, count, block, clients, reads)
     server.pause()
     first_file = os.path.join(SERVED, file + "0" if count else file)
     return {**figures, "bytes": reads * os.path.getsize(first_file), "reads": reads}
 
 
-def measure_round(number, setting, cpus, present, network):
+def measure_round(number, setting, cpus, present, network, others):
     """All servers are started afresh; then every work, and for each work every server in turn."""
     lines = []
     with contextlib.ExitStack() as running:
@@ -248,16 +263,17 @@ def measure_round(number, setting, cpus, present, network):
         for work in WORKS:
             *_, times = WORKS[work]
             for server in servers_in_turn * times:
-                figures = measure_once(server, work)
+                figures = measure_once(server, work, others)
                 lines.append({"round": number, "setting": setting, "work": work, "server": server.name, **figures})
     say(f"round {number + 1} of {ROUNDS[setting]}, {setting}: done")
     return lines
 
 
-def measure_works(present, settings, network):
+def measure_works(present, settings, network, watches):
     """Rounds of both settings in alternation, as long as each has some."""
     return [line for number in range(max(ROUNDS.values())) for setting, cpus in settings.items()
-            if number < ROUNDS[setting] for line in measure_round(number, setting, cpus, present, network)]
+            if number < ROUNDS[setting]
+            for line in measure_round(number, setting, cpus, present, network, watches.of_round(setting, number))]
 
 
 def is_compared(name):
@@ -265,22 +281,26 @@ def is_compared(name):
     return name not in ("floor", "thread floor", "same calls", "TFTP with relay")
 
 
-def measure_processor_seconds(present, cpus, network):
-    """Rounds of: seconds for one read of the image at each block size, and for all the tiny files."""
-    rounds = []
-    for _ in range(ROUNDS["two cores"]):
-        for block in (512, 1428, 8192, 32768):
-            for name in filter(is_compared, present):
-                with Server(name, cpus, network) as server:
-                    seconds = server.seconds_for_read("image", block)
-                rounds.append({"server": name, "work": str(block), "seconds": seconds})
-        for name in filter(is_compared, present):
-            with Server(name, cpus, network) as server:
-                before = server.processor_seconds()
-                server.reads("tiny", TINY_FILES, 512, 1, TINY_FILES)
-                time.sleep(0.05)  # the last transfer comes to its end
-                rounds.append({"server": name, "work": "tiny", "seconds": server.processor_seconds() - before})
-    return rounds
+def measure_processor_seconds(present, cpus, network, watches):
+    return [line for number in range(ROUNDS["one core"])
+            for line in processor_round(number, present, cpus, network, watches.of_round("processor seconds", number))]
+
+
+def processor_round(number, present, cpus, network, others):
+    """Seconds for one read of the image at each block size, and for all the tiny files."""
+    lines = []
+    for work in ("512", "1428", "8192", "32768", "tiny"):
+        for name in (name for name in present if is_compared(name) or name == "same calls"):
+            with Server(name, cpus, network) as server, watched(others, server):
+                if work != "tiny":
+                    seconds = server.seconds_for_read("image", int(work))
+                else:
+                    before = server.processor_seconds()
+                    server.reads("tiny", TINY_FILES, 512, 1, TINY_FILES)
+                    time.sleep(0.05)  # the last transfer comes to its end
+                    seconds = server.processor_seconds() - before
+            lines.append({"round": number, "server": name, "work": work, "seconds": seconds})
+    return lines
 
 
 def memory_with_open_reads(server, count):
@@ -320,12 +340,19 @@ def measure_many_transfers(cpus, network):
     return {"few": few, "many": many, "after_few": points[0], "after_many": points[1], "kept_bytes": kept}
 
 
-def count_calls(cpus, network, file):
-    """The calls of the program from its start to its end when it serves the file once, and the file's blocks."""
+def measure_day(cpus, network):
+    """Resident memory with 64 transfers open, when as many have ended as a station has in a day."""
+    with Server("TFTP", cpus, network) as server:
+        server.reads("tiny", TINY_FILES, 512, 1, DAY_READS)
+        return {"reads": DAY_READS, "open_kib": memory_with_open_reads(server, 64)}
+
+
+def count_calls(name, cpus, network, file, block):
+    """The calls of a server from its start to its end when it serves the file once, and the file's blocks."""
     summary = os.path.join(FOLDER, "strace")
     strace = ["strace", "--follow-forks", "--summary-only", "--output", summary]
-    server = Server("TFTP", cpus, network, strace)
-    blocks = server.reads(file, 0, 1428, 1, 1)["blocks"]
+    server = Server(name, cpus, network, strace)
+    blocks = server.reads(file, 0, block, 1, 1)["blocks"]
     time.sleep(0.2)
     for pid in server.family()[1:]:
         os.kill(pid, signal.SIGTERM)
@@ -339,16 +366,25 @@ def count_calls(cpus, network, file):
     return calls, blocks
 
 
+def calls_per_block(name, cpus, network, block):
+    """What a longer file adds, so that the start, the end and the request drop out.
+
+    To hundredths: the boot script, which goes on meanwhile, adds less.
+    """
+    small, small_blocks = count_calls(name, cpus, network, "part", block)
+    large, large_blocks = count_calls(name, cpus, network, "image", block)
+    blocks = large_blocks - small_blocks
+    per_block = {call: round((count - small.get(call, 0)) / blocks, 2) for call, count in large.items()}
+    return {call: value for call, value in per_block.items() if value > 0}
+
+
 def measure_calls(cpus, network):
-    """System calls per block: what a longer file adds, so that the start, the end and the request drop out."""
+    """System calls per block of a long read, of the program and of the floor that has the same ones."""
     if not shutil.which("strace"):
         say("skipped: system calls per block (strace is not installed)")
         return {}
-    small, small_blocks = count_calls(cpus, network, "part")
-    large, large_blocks = count_calls(cpus, network, "image")
-    blocks = large_blocks - small_blocks
-    per_block = {name: (count - small.get(name, 0)) / blocks for name, count in large.items()}
-    return {name: value for name, value in per_block.items() if value >= 0.005}
+    return {name: {str(block): calls_per_block(name, cpus, network, block) for block in LONG_READS}
+            for name in ("TFTP", "same calls")}
 
 
 def measure_program(cpus):
@@ -387,6 +423,9 @@ def machine():
 
 
 def main():
+    refused = None if QUICK else elsewhere.why_refused()
+    if refused:
+        sys.exit(f"benchmark: {refused}")
     about = machine()
     say("making the files that are served")
     make_files()
@@ -398,20 +437,24 @@ def main():
     for name, command in servers().items():
         if not command:
             say(f"skipped: {name} (not installed)")
-    rounds = measure_works(present, settings, network)
+    watches = elsewhere.Rounds()
+    measured = measure_works(present, settings, network, watches)
     say("measuring processor seconds, memory, system calls, size and start")
     result = {
-        "machine": {**about, "load_at_end": os.getloadavg()[0]}, "settings": settings, "servers": present,
-        "quick": QUICK, "rounds": ROUNDS, "tiny_files": TINY_FILES, "image_bytes": IMAGE_BYTES,
+        "settings": settings, "servers": present, "quick": QUICK, "rounds": ROUNDS, "tiny_files": TINY_FILES,
+        "image_bytes": IMAGE_BYTES, "piece_bytes": PIECE_BYTES, "floor_wait": SETTINGS["floor_wait"],
         "works": {work: values[0] for work, values in WORKS.items()},
         "times": {work: values[-1] for work, values in WORKS.items()},
-        "measured": rounds,
-        "processor_seconds": measure_processor_seconds(present, pinned, network),
+        "measured": measured,
+        "processor_seconds": measure_processor_seconds(present, pinned, network, watches),
+        "elsewhere": watches.shares(),
         "memory": measure_memory(present, pinned, network),
         "many_transfers": measure_many_transfers(pinned, network),
+        "day": measure_day(pinned, network),
         "calls_per_block": measure_calls(pinned, network),
         "program": measure_program(pinned),
         "packets": measure_packets(pinned),
+        "machine": {**about, "load_at_end": os.getloadavg()[0]},
     }
     with open(SETTINGS["result"], "w") as file:
         json.dump(result, file, indent=1)

@@ -1,118 +1,16 @@
 """Writes performance.md and performance.svg from what measure.py has measured. Usage: report.py RESULT FOLDER"""
 
 import json
+import math
 import os
 import statistics
 import sys
-from html import escape
+import textwrap
 
-OWN, RELAY, FLOOR, THREADS, CALLS = "TFTP", "TFTP with relay", "floor", "thread floor", "same calls"
-PEERS = ("tftpd-hpa", "dnsmasq", "atftpd")
-SINGLE_READS = ("512", "1428", "8192", "32768")
-MIB, GIB = 1 << 20, 1 << 30
-
-
-class Result:
-    """The data of one run, and the figures that are drawn from it."""
-
-    def __init__(self, data):
-        self.data = data
-        self.settings = list(data["settings"])
-        self.servers = data["servers"]
-        self.works = data["works"]
-        self.peers = [peer for peer in PEERS if peer in self.servers]
-
-    def lines(self, server, work, setting):
-        return [line for line in self.data["measured"]
-                if (line["server"], line["work"], line["setting"]) == (server, work, setting)]
-
-    def speeds(self, server, work, setting):
-        """MiB per second, or requests per second of the tiny files: one for each measurement."""
-        return [(line["reads"] if work == "tiny" else line["bytes"] / MIB) / line["seconds"]
-                for line in self.lines(server, work, setting)]
-
-    def speed(self, server, work, setting):
-        return statistics.median(self.speeds(server, work, setting))
-
-    def ratio(self, server, reference, work, setting):
-        return self.speed(server, work, setting) / self.speed(reference, work, setting)
-
-    def ratio_in_pairs(self, server, reference, work, setting):
-        """The median of the ratios of measurements from the same turn."""
-        pairs = zip(self.speeds(server, work, setting), self.speeds(reference, work, setting))
-        return statistics.median(own / other for own, other in pairs)
-
-    def best_peer(self, work, setting):
-        return max(self.peers, key=lambda peer: self.speed(peer, work, setting))
-
-    def processor_seconds(self, server, work):
-        return [line["seconds"] for line in self.data["processor_seconds"]
-                if (line["server"], line["work"]) == (server, work)]
-
-    def seconds_per_gib(self, server, work):
-        return statistics.median(self.processor_seconds(server, work)) * GIB / self.data["image_bytes"]
-
-    def first_reply(self, server, setting, place):
-        return statistics.median(line["first_reply"][place] for line in self.lines(server, "tiny", setting))
-
-
-# --- The targets ---------------------------------------------------------------------------------------------------
-
-
-def targets(result):
-    """Rows of: what, against what, the figure, the bound, whether it is an upper bound, the figure in pairs."""
-    one_core = result.settings[0]
-    rows = []
-
-    def speed_row(work, server, against, bound, setting=one_core):
-        if against:
-            rows.append((f"{result.works[work]}, {setting}" + (", relay running" if server == RELAY else ""), against,
-                         result.ratio(server, against, work, setting), bound, False,
-                         result.ratio_in_pairs(server, against, work, setting)))
-
-    for work in SINGLE_READS:
-        if result.peers:
-            speed_row(work, OWN, result.best_peer(work, one_core), 1.03)
-    for work, bound in zip(SINGLE_READS, (0.92, 0.92, 0.88, 0.88)):
-        speed_row(work, OWN, FLOOR, bound)
-    for work in SINGLE_READS:
-        speed_row(work, RELAY, OWN, 0.95)
-    speed_row("clients", OWN, "atftpd" if "atftpd" in result.peers else None, 1.08)
-    speed_row("clients", OWN, THREADS, 0.90)
-    speed_row("tiny", OWN, "atftpd" if "atftpd" in result.peers else None, 1.6)
-    speed_row("tiny", OWN, "dnsmasq" if "dnsmasq" in result.peers else None, 0.75)
-    for setting in result.settings[1:]:
-        for work in SINGLE_READS:
-            if result.peers:
-                speed_row(work, RELAY, result.best_peer(work, setting), 3, setting)
-    if result.peers:
-        for work in SINGLE_READS:
-            least = min(result.peers, key=lambda peer: result.seconds_per_gib(peer, work))
-            figure = result.seconds_per_gib(OWN, work) / result.seconds_per_gib(least, work)
-            rows.append((f"processor seconds per GiB, block size {work}", least, figure, 1, True, None))
-    return rows + absolute_targets(result)
-
-
-def absolute_targets(result):
-    many = result.data["many_transfers"]
-    few, after = many["after_few"], many["after_many"]
-    outside = [point["address_space_kib"] - point["heap_kib"] for point in (few, after)]
-    since = f"after {many['many']:,} transfers, against {many['few']:,}"
-    return [
-        ("memory kept per finished transfer, KiB", "", many["kept_bytes"] / 1024, 2, True, None),
-        (f"memory maps {since}", "", after["maps"] - few["maps"], 0, True, None),
-        (f"address space but for the kept records {since}, KiB", "", outside[1] - outside[0], 0, True, None),
-        ("resident memory idle, MiB", "", result.data["memory"][OWN]["idle_kib"] / 1024, 4, True, None),
-        ("stripped program, KiB", "", result.data["program"]["stripped_bytes"] / 1024, 150, True, None),
-    ]
-
-
-def is_met(row):
-    _, _, figure, bound, is_upper, _ = row
-    return figure <= bound if is_upper else figure >= bound
-
-
-# --- The document --------------------------------------------------------------------------------------------------
+import picture
+import targets
+from elsewhere import BOUND, is_busy, percent
+from targets import CALLS, FLOOR, GIB, MET, MIB, ONE_CORE, OWN, PEERS, SINGLE_READS, SPEED, THREADS
 
 
 def table(header, rows):
@@ -126,6 +24,10 @@ def number(value):
 
 def finer(value):
     return f"{value:.4g}"
+
+
+def wrapped(text):
+    return textwrap.fill(text, 120, break_on_hyphens=False)
 
 
 def quartiles(values):
@@ -150,20 +52,66 @@ def speed_tables(result):
     return text
 
 
-def target_table(result):
-    rows = [[what, against, finer(figure), ("at most " if is_upper else "at least ") + number(bound),
-             "met" if is_met(row) else "**missed**", finer(in_pairs) if in_pairs else ""]
-            for row in targets(result) for what, against, figure, bound, is_upper, in_pairs in [row]]
-    return table(["", "against", "figure", "target", "", "in pairs"], rows)
+def figure_of(row):
+    if row.figure is None:
+        return "—"
+    return f"{row.figure:.3f}" if row.interval else finer(row.figure)
+
+
+def bound_of(row):
+    return ("at most " if row.is_upper else "at least ") + f"{row.bound:g}"
+
+
+def interval_of(row):
+    if row.interval is None or math.isinf(row.interval[0]):
+        return ""
+    return "{:.3f} to {:.3f}".format(*row.interval)
+
+
+def target_table(rows):
+    return table(["", "against", "figure", "95 % interval", "target", "", "remark"],
+                 [[row.what, row.against, figure_of(row), interval_of(row), bound_of(row),
+                   row.verdict if row.verdict == MET else f"**{row.verdict}**", row.remark] for row in rows])
+
+
+def verdicts(rows):
+    counts = [(sum(row.verdict == name for row in rows), name)
+              for name in (MET, targets.MISSED, targets.UNDECIDED, targets.NOT_MEASURED)]
+    said = ", ".join(f"{count} {name}" for count, name in counts if count)
+    unattainable = sum(bool(row.remark) for row in rows)
+    return f"{len(rows)} targets: {said}." + (
+        f" {unattainable} cannot be had with the calls that there are." if unattainable else "")
+
+
+def disturbances(result):
+    """What is to be said of the rounds in which others took more than the bound of the processors."""
+    rounds, busy = len(result.data["elsewhere"]), [line for line in result.data["elsewhere"] if is_busy(line)]
+    bound = f"{percent(BOUND)} of a processor"
+    if not busy:
+        return f"In none of {rounds} rounds did others take more than {bound}."
+    places = "; ".join(f"{line['setting']}, round {line['round'] + 1}: programs {percent(line['others'])}, host "
+                       f"{percent(line['stolen'])}" for line in busy)
+    return f"**In {len(busy)} of {rounds} rounds others took more than {bound}** ({places}); they are counted like the rest."
 
 
 def floor_table(result):
     """How near the program comes to each floor, and how near the last floor comes to the others."""
-    one_core = result.settings[0]
     pairs = ((OWN, FLOOR), (OWN, THREADS), (OWN, CALLS), (CALLS, FLOOR), (CALLS, THREADS))
-    rows = [[title] + [f"{result.ratio_in_pairs(server, floor, work, one_core):.3f}" for server, floor in pairs]
-            for work, title in result.works.items()]
+    rows = [[title] + [f"{statistics.median(result.ratios(SPEED, server, floor, work, ONE_CORE)):.3f}"
+                       for server, floor in pairs] for work, title in result.works.items()]
     return table([""] + [f"{server} / {floor}" for server, floor in pairs], rows)
+
+
+def calls_table(result):
+    calls = result.data["calls_per_block"]
+    if not calls:
+        return "Not measured: strace is not installed.\n"
+    columns = [(server, block) for server in (OWN, CALLS) for block in calls[server]]
+    names = sorted({name for server, block in columns for name in calls[server][block]})
+    rows = [[f"`{name}`"] + [f"{calls[server][block].get(name, 0):.2f}" for server, block in columns] for name in names]
+    rows.append(["all"] + [f"{result.calls_per_block(block, server):.2f}" for server, block in columns])
+    same = "They are the same." if calls[OWN] == calls[CALLS] else "**They are not the same.**"
+    return table([""] + [f"{server}, {block}" for server, block in columns], rows) + f"\n{same}\n"
 
 
 def cost_table(result):
@@ -194,9 +142,10 @@ def program_table(result):
     ]
     for point, count in zip(points, (many["few"], many["many"])):
         rows.append([f"after {count:,} transfers", f"{point['maps']} memory maps, address space "
-                     f"{point['address_space_kib']:,} KiB, of which {point['heap_kib']:,} KiB hold the kept records"])
-    for name, calls in sorted(result.data["calls_per_block"].items(), key=lambda item: -item[1]):
-        rows.append([f"calls of `{name}` per block of 1428 bytes", f"{calls:.2f}"])
+                     f"{point['address_space_kib']:,} KiB, of which {point['heap_kib']:,} KiB hold the kept records, "
+                     f"resident {point['resident_kib']:,} KiB"])
+    day = result.data["day"]
+    rows.append([f"resident with 64 transfers open, after {day['reads']:,}", f"{day['open_kib'] / 1024:.1f} MiB"])
     return table(["", ""], rows)
 
 
@@ -210,57 +159,76 @@ def packet_table(result):
                  [[name] + [by_size[size] for size in sizes] for name, by_size in rows.items()])
 
 
-def document(result):
+def origin(result):
     data, machine = result.data, result.data["machine"]
-    missed = [row for row in targets(result) if not is_met(row)]
-    cpus = "; ".join(f"{setting}: processor {cpus}" for setting, cpus in data["settings"].items())
     absent = [peer for peer in PEERS if peer not in result.servers]
-    rounds = " and ".join(f"{data['rounds'][setting]} rounds on {setting}" for setting in data["settings"])
-    most = f"up to {max(data['times'].values())}"
-    repeats = sum(line["repeats"] for line in data["measured"])
-    return f"""# Performance
-
-Written by `scripts/benchmark` from one run on {machine['date']}: {machine['processor']}, {machine['cores']} cores, Linux
+    return f"""Written by `scripts/benchmark` from one run on {machine['date']}: {machine['processor']}, {machine['cores']} cores, Linux
 {machine['kernel']}, load {machine['load']:.1f} before the run and {machine['load_at_end']:.1f} at its end.{
 " **A quick run: the figures say nothing.**" if data['quick'] else ""}{
-" Not installed and left out: " + ", ".join(absent) + "." if absent else ""}
+" Not installed and left out: " + ", ".join(absent) + "." if absent else ""}"""
 
-{len(targets(result)) - len(missed)} of {len(targets(result))} targets are met.
 
-![Speed of every server as a ratio to the floor](performance.svg)
-
-## How it is measured
-
-- {rounds}; in each, all servers are started afresh, and for every work
-  each is read from in turn, the others being idle. What is over soon is measured {most} times in a round. Figures are
-  medians; ± is half the distance between the quartiles.
+def conditions(result):
+    data = result.data
+    cpus = "; ".join(f"{setting}: processor {cpus}" for setting, cpus in data["settings"].items())
+    rounds = " and ".join(f"{data['rounds'][setting]} rounds on {setting}" for setting in data["settings"])
+    repeats = sum(line["repeats"] for line in data["measured"])
+    waits = "waits with select before each receive" if data["floor_wait"] else "has its receive end when the time is up"
+    return f"""- {rounds}; in each, all servers are started afresh, and for every work
+  each is read from in turn, the others being idle, up to {max(data['times'].values())} times. Figures are medians; ± is half the distance
+  between the quartiles.
 - Server and client share the same processors ({cpus}) and talk over
   an address of a link, as on a station. The client compares every byte. It had to repeat {repeats} packets in the whole run.
-- One read is of {data['image_bytes'] // MIB} MiB. The 64 clients read 1 MiB each. There are {data['tiny_files']:,} tiny files, and the first
-  reply is timed from the request.
+- One read is of {data['piece_bytes'] // MIB} MiB with blocks of 512 and 1428 bytes and of {data['image_bytes'] // MIB} MiB with larger ones. The 64 clients read
+  1 MiB each. There are {data['tiny_files']:,} tiny files, and the first reply is timed from the request.
 - `floor` sends from memory, with one receive and one send per block, in one thread and on one socket: the limit of the
   machine. `thread floor` does the same with a socket and a thread for each read: the limit of the program's shape.
-  `same calls` is a thread floor that opens and reads the file and waits for each ACK with a time-out, as the program
-  does. For a block it makes all of the program's calls; at a request it binds no port, prints no line, masks no signals
-  and keeps no record.
+  `same calls` is a thread floor that makes all of the program's system calls, at a request and for a block: the limit of
+  the program as long as it makes these. In this run it {waits}.
 - `TFTP with relay` is the program with the relay, which polls, on a network that has the station's address. `TFTP` has
   no relay. Both broadcast their boot script once a second.
 - tftpd-hpa, dnsmasq (`--edns-packet-max=65000`) and atftpd run with their own defaults, and without logging.
-- Of the transfers after which memory is looked at, the first {data['many_transfers']['few']} come 64 at once, the rest one after another.
+- Of the transfers after which memory is looked at, the first {data['many_transfers']['few']} come 64 at once, the rest one after another. A
+  day's work is {data['day']['reads']:,} reads, the program never ending meanwhile: eight hours of a run a minute with ten reads each.
 - Processor seconds are those of the server and its children from before the request to the last ACK.
+- System calls are counted by strace, all threads together; the calls per block are what a file of {data['image_bytes'] // MIB} MiB adds to one
+  of 1 MiB, to hundredths.
+- What others take is the processor time of the whole machine less that of the servers and the client, and what the host
+  of a virtual machine takes, while anything but tftpd-hpa is measured. More than {percent(BOUND)} of a processor before the first
+  measurement, and the run is refused; in a round, and it is marked: a build or a test run takes twenty times that."""
+
+
+def document(result):
+    rows = targets.rows(result)
+    return f"""# Performance
+
+{wrapped(picture.sentence(result))}
+
+![Seconds to load the boot images from each server](performance.svg)
+
+{origin(result)}
+
+{wrapped(verdicts(rows) + " " + disturbances(result))}
+
+## How it is measured
+
+{conditions(result)}
 
 ## Targets
 
-A figure of speed is the ratio of two medians, and that is what a target is held against. In pairs, it is the median of
-the ratios of measurements from the same turn, which the machine's own changes of speed disturb less: a turn takes from
-less than a second to some ten on one core, and longer on two.
+A figure of speed or processor time is the median, over the rounds, of the median ratio of neighbouring measurements in a
+round. The interval is what that figure comes to in 95 % of {targets.RESAMPLES:,} draws of as many rounds, with replacement: rounds and
+not single pairs, for those of one round share its processes and the machine's state. `met`: the whole interval is at the
+bound or beyond; `missed`: the whole interval is short of it; `undecided`: the bound is inside. A figure without an
+interval is one measurement, or exact.
 
-{target_table(result)}
+{target_table(rows)}
 ### The floors, on one core
 
-In pairs. Where `same calls` itself is below a target, the calls alone are enough to miss it.
-
 {floor_table(result)}
+### System calls per block
+
+{calls_table(result)}
 ## Speed
 {speed_tables(result)}
 ## Cost, on one core
@@ -271,102 +239,21 @@ In pairs. Where `same calls` itself is below a target, the calls alone are enoug
 {program_table(result)}
 ## Packets
 
-{packet_table(result) if data['packets'] else "Not measured: libbenchmark-dev is not installed."}"""
-
-
-# --- The plot ------------------------------------------------------------------------------------------------------
-
-PANEL_WIDTH, LABEL_WIDTH, BAR_HEIGHT, GAP = 600, 118, 19, 26
-COLOURS = {OWN: "#1259a8", RELAY: "#6aa5e3", THREADS: "#7d7d7d", CALLS: "#7d7d7d"}
-PEER_COLOUR = "#c9c4b8"
-HALO = 'stroke="white" stroke-width="4" paint-order="stroke" '  # keeps a text apart from what is behind it
-
-
-def text_at(x, y, content, size=13, extra=""):
-    return f'<text x="{x:.1f}" y="{y:.1f}" font-size="{size}" {extra}>{escape(content)}</text>'
-
-
-class Panel:
-    """One work: for each setting a group of bars, each the ratio of a server's speed to the floor's."""
-
-    def __init__(self, result, work, left, top):
-        self.result, self.work, self.left, self.top = result, work, left, top
-        self.shown = [server for server in (OWN, RELAY, CALLS, THREADS) + PEERS if server in result.servers]
-        self.parts = []
-        reach = max(self.ratios(server, setting)[2] for server in self.shown for setting in result.settings)
-        self.scale = (PANEL_WIDTH - LABEL_WIDTH - 60) / max(reach, 1.15)
-
-    def ratios(self, server, setting):
-        """Median, lower and upper quartile, against the floor's median."""
-        floor = self.result.speed(FLOOR, self.work, setting)
-        low, median, high = quartiles(self.result.speeds(server, self.work, setting))
-        return [value / floor for value in (median, low, high)]
-
-    def bar(self, server, setting, y):
-        start = self.left + LABEL_WIDTH
-        median, low, high = (ratio * self.scale for ratio in self.ratios(server, setting))
-        own = server in (OWN, RELAY)
-        middle = y + BAR_HEIGHT / 2
-        self.parts += [
-            text_at(start - 8, middle + 4, server, 13,
-                    'text-anchor="end"' + (' font-weight="bold"' if own else "")),
-            f'<rect x="{start}" y="{y + 2}" width="{median:.1f}" height="{BAR_HEIGHT - 4}" '
-            f'fill="{COLOURS.get(server, PEER_COLOUR)}"/>',
-            f'<line x1="{start + low:.1f}" x2="{start + high:.1f}" y1="{middle}" y2="{middle}" stroke="#222"/>',
-            text_at(start + max(median, high) + 6, middle + 4, f"{median / self.scale:.2f}", 13,
-                    HALO + ('font-weight="bold"' if own else "")),
-        ]
-
-    def draw(self):
-        self.parts.append(text_at(self.left, self.top + 14, self.result.works[self.work], 16, 'font-weight="bold"'))
-        y = self.top + 24
-        for setting in self.result.settings:
-            self.parts.append(text_at(self.left, y + 14, setting, 13, 'font-style="italic"'))
-            y += 20
-            self.floor_line(y, y + len(self.shown) * BAR_HEIGHT)
-            for server in self.shown:
-                self.bar(server, setting, y)
-                y += BAR_HEIGHT
-        self.bottom = y
-        return self.parts
-
-    def floor_line(self, top, bottom):
-        x = self.left + LABEL_WIDTH + self.scale
-        self.parts.append(f'<line x1="{x:.1f}" x2="{x:.1f}" y1="{top - 3}" y2="{bottom + 3}" stroke="#c0392b" '
-                          'stroke-width="1.5" stroke-dasharray="5 3"/>')
-        self.parts.append(text_at(x, top - 6, "floor", 11, 'text-anchor="middle" fill="#c0392b"'))
-
-
-def plot(result):
-    head = 64
-    parts, bottom = [], head
-    for index, work in enumerate(result.works):
-        if index % 2 == 0:
-            top = bottom + (GAP if index else 0)
-        panel = Panel(result, work, 24 + index % 2 * (PANEL_WIDTH + GAP), top)
-        parts += panel.draw()
-        bottom = max(bottom, panel.bottom) if index % 2 else panel.bottom
-    width, height = 24 + 2 * PANEL_WIDTH + GAP + 10, bottom + 24
-    title = [text_at(24, 28, "Speed as a ratio to the floor of the machine: longer is faster", 20, 'font-weight="bold"'),
-             text_at(24, 49, "The floor sends from memory and does nothing else, in one thread. Thin lines: from the lower "
-                     "to the upper quartile.", 13, 'fill="#555"')]
-    return "\n".join([f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
-                      f'font-family="DejaVu Sans, Verdana, sans-serif" fill="#222">',
-                      f'<rect width="{width}" height="{height}" fill="white"/>'] + title + parts + ["</svg>\n"])
+{packet_table(result) if result.data['packets'] else "Not measured: libbenchmark-dev is not installed."}"""
 
 
 def main():
     with open(sys.argv[1]) as file:
-        result = Result(json.load(file))
-    for name, text in (("performance.md", document(result)), ("performance.svg", plot(result))):
+        result = targets.Result(json.load(file))
+    for name, text in (("performance.md", document(result)), ("performance.svg", picture.draw(result))):
         with open(os.path.join(sys.argv[2], name), "w") as file:
             file.write(text)
         print(f"wrote {os.path.join(sys.argv[2], name)}")
-    for row in targets(result):
-        what, against, figure, bound, is_upper, _ = row
-        if not is_met(row):
-            print(f"missed: {what}{' against ' + against if against else ''}: {finer(figure)}, "
-                  f"{'at most' if is_upper else 'at least'} {number(bound)} is wanted")
+    for row in targets.rows(result):
+        if row.verdict != MET:
+            against = f" against {row.against}" if row.against else ""
+            print(f"{row.verdict}: {row.what}{against}: {figure_of(row)}, {bound_of(row)} is wanted")
 
 
-main()
+if __name__ == "__main__":
+    main()
