@@ -451,6 +451,40 @@ TEST(AnyOption, AsksTheFirstEntryOfAName) {
   EXPECT_EQ(parser.value('n'), "'first'");
 }
 
+TEST(AnyOption, TakesALetterOfTwoKindsForTheOneThatItsSourceKnows) {
+  Parser option_first;
+  option_first.setFileOption('v');
+  option_first.setCommandFlag('v');
+  option_first.setVerbose();
+  // As for every argument without a value letter; the letter itself is known.
+  EXPECT_EQ(printed_by([&] { option_first.parse({"-v"}); }), "Unknown command argument option : v\n");
+  EXPECT_EQ(option_first.value('v'), "(null)");
+  EXPECT_EQ(printed_by([&] { option_first.read("v:text\n"); }), "");
+  EXPECT_EQ(option_first.value('v'), "'text'");
+
+  Parser flag_first;
+  flag_first.setCommandFlag('v');
+  flag_first.setFileOption('v');
+  flag_first.setVerbose();
+  EXPECT_EQ(printed_by([&] { flag_first.read("v:text\n"); }), "");
+  EXPECT_EQ(flag_first.value('v'), "(null)");
+  EXPECT_TRUE(flag_first.parse({"-v"}).getFlag('v'));
+}
+
+TEST(AnyOption, TakesALetterThatIsFlagAndOptionForTheOption) {
+  Parser option_first;
+  option_first.setOption('v');
+  option_first.setFlag('v');
+  EXPECT_EQ(option_first.parse({"-v", "text"}).value('v'), "'text'");
+  EXPECT_EQ(option_first.getArgc(), 0);
+
+  Parser flag_first;
+  flag_first.setFlag('v');
+  flag_first.setOption('v');
+  EXPECT_EQ(flag_first.parse({"-v", "text"}).value('v'), "(null)");
+  EXPECT_EQ(flag_first.getArgc(), 0);
+}
+
 TEST(AnyOption, ReplacesAnEarlierValueAndLeavesItsTextAlone) {
   ProgramParser parser;
   const char* const first = parser.parse({"-n", "70"}).getValue('n');
@@ -545,6 +579,18 @@ TEST(AnyOption, KeepsNoMoreExtraArgumentsThanTheMaximum) {
   parser.use({"one", "-n70", "two"}).processCommandArgs(1);
   EXPECT_EQ(parser.extra_arguments(), (Texts{"one"}));
   EXPECT_EQ(parser.value('n'), "'70'");
+}
+
+TEST(AnyOption, KeepsTheMaximumOfTheParseBefore) {
+  ProgramParser parser;
+  parser.parse({"one", "two"}, 1);
+  EXPECT_EQ(parser.parse({"three", "four"}).extra_arguments(), (Texts{"three"}));
+
+  // Without one, the first parse makes it the number of its arguments, the program's name included.
+  ProgramParser unlimited;
+  unlimited.parse({"one"});
+  EXPECT_EQ(unlimited.parse({"two", "three", "four"}).extra_arguments(), (Texts{"two", "three"}));
+  EXPECT_EQ(unlimited.parse({"two", "three", "four"}, 0).extra_arguments(), (Texts{"two", "three", "four"}));
 }
 
 TEST(AnyOption, ForgetsTheExtraArgumentsOfTheParseBefore) {
