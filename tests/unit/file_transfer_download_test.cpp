@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <string>
 #include <vector>
@@ -108,6 +109,24 @@ TEST_F(FileDownload, RunsToItsEndWhenTheLocalFileCannotBeOpened) {
   expects_request();
   expects_acks({1, 2});
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+}
+
+TEST_F(FileDownload, HasTheSameResultWhenTheLocalFileCannotBeClosed) {
+  const auto has_a_file_without_room = [this] {
+    std::filesystem::create_symlink("/dev/full", directory.file("local.img"));
+    std::ofstream file(directory.file("local.img"));
+    file << "written when it is closed";
+    file.close();
+    EXPECT_TRUE(file.fail());
+  };
+  has_a_file_without_room();
+  EXPECT_EQ(downloads({data(1, "contents")}), (Outcome{1, kTransferStarted}));
+  expects_acks({1});
+  std::filesystem::remove(directory.file("local.img"));
+  has_a_file_without_room();
+  EXPECT_EQ(downloads({data(1, std::string(512, 'a')), error(1, "")}),
+            (Outcome{0, std::string(kTransferStarted) + kFileNotFound}));
+  EXPECT_FALSE(std::filesystem::is_symlink(directory.file("local.img")));
 }
 
 TEST_F(FileDownload, LeavesNoDescriptorOpen) {
