@@ -3,8 +3,10 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -107,6 +109,33 @@ TEST_F(TftpServerLoop, DiscardsAClientWithoutASocketSilently) {
     started->ends();
   });
   EXPECT_EQ(printed, std::string(kStarted) + "RRQ file\n");
+}
+
+TEST_F(TftpServerLoop, CountsNoDatagramThatThereIsNoMemoryForARecordOf) {
+  std::atomic<bool> memory{true};
+  std::atomic<int> tries{0};
+  records.before_each = [&] {
+    if (memory) return;
+    ++tries;
+    throw std::bad_alloc();
+  };
+  starts();
+  serves_client(1);
+  ASSERT_TRUE(wait_until([&] { return records.made() == 2; }));
+  memory = false;
+  serves_client(2);  // its record was there already
+  for (int dropped = 0; dropped < 3; ++dropped) {
+    ASSERT_TRUE(wait_until([&] { return tries == dropped + 1; }));
+    asks(rrq("file"));
+  }
+  ASSERT_TRUE(wait_until([&] { return tries == 4; }));
+  EXPECT_EQ(ServerClient::sClientID, 2);
+  memory = true;
+  asks(rrq("file"));  // still waited for without a record
+  ASSERT_TRUE(wait_until([&] { return records.made() == 3; }));
+  serves_client(3);
+  EXPECT_EQ(ServerClient::sClientID, 3);
+  started->ends();
 }
 
 TEST_F(TftpServerLoop, DiscardsAClientWhoseSocketIsDescriptorZeroSilently) {
