@@ -219,6 +219,15 @@ TEST_P(Signals, WhileANamedPipeIsWaitedForEndsIt) {
   station.ends_by(GetParam(), "RRQ pipe\n");
 }
 
+TEST_P(Signals, WhileAWriteRequestWaitsForANamedPipeEndsIt) {
+  const OnLoopback station;
+  ASSERT_EQ(mkfifo("pipe", S_IRUSR | S_IWUSR), 0);
+  station.asks(wrq("pipe"));
+  ASSERT_TRUE(station.daemon->prints("WRQ \n"));
+  std::this_thread::sleep_for(milliseconds(50));
+  station.ends_by(GetParam(), "WRQ \n");
+}
+
 TEST_P(Signals, EndsItWithATransferOpen) {
   const OnLoopback station;
   write_whole_file("file", noise(2000));
