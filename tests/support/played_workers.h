@@ -19,6 +19,7 @@
 // What the test sees of a body that it plays.
 struct PlayedBody {
   std::atomic<int> starts{0};
+  std::atomic<int> ends{0};  // of receivers: they touch no record any more
   std::atomic<void*> record{nullptr};
   std::atomic<SignalMask> blocked{0};
   std::atomic<bool> has_its_handle{false};
@@ -54,6 +55,7 @@ void* ReceiverProc(void* record) {
   while (server->receiving || !receiver.may_end) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   receiver.has_ended = true;
   server->receiver_thread = 0;
+  ++receiver.ends;
   return nullptr;
 }
 
@@ -80,6 +82,7 @@ class WithPlayedWorkers : public testing::Test {
   void SetUp() override {
     for (PlayedBody* body : {&receiver, &relay}) {
       body->starts = 0;
+      body->ends = 0;
       body->record = nullptr;
       body->may_end = true;
       body->has_ended = false;

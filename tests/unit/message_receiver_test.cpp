@@ -340,6 +340,30 @@ TEST_F(MessageReceiver, IsIdleAgainAfterAStopThatWaitsForNobody) {
   EXPECT_TRUE(server.StartReceive(kLocal, kRemote, ppt_server.port()));
 }
 
+TEST_F(MessageReceiver, IsStartedAgainWhileAnEarlierOneIsEnding) {
+  const CapturedOutput output;
+  const TcpAddress ppt_server(kRemoteInDots);
+  const TcpAddress elsewhere(kRemoteInDots);
+  MessageServer server(kMessagePort);
+  receiver.may_end = false;
+  ASSERT_TRUE(server.StartReceive(kLocal, kRemote, ppt_server.port()));
+  const pthread_t earlier = server.receiver_thread;
+  const int earlier_listener = server.receive_socket;
+  server.StopReceive();
+  EXPECT_TRUE(server.StartReceive(kLocal, kRemote, elsewhere.port()));
+  EXPECT_TRUE(server.receiving);
+  EXPECT_FALSE(pthread_equal(server.receiver_thread, earlier));
+  EXPECT_TRUE(wait_until([] { return receiver.starts == 2; }));
+  EXPECT_EQ(output.text(),
+            initialized(kRemoteInDots, ppt_server.port()) + initialized(kRemoteInDots, elsewhere.port()));
+  EXPECT_TRUE(is_open(earlier_listener));
+  EXPECT_NE(server.receive_socket, earlier_listener);
+  server.StopReceive();
+  receiver.may_end = true;
+  EXPECT_TRUE(wait_until([] { return receiver.ends == 2; }));
+  close(earlier_listener);
+}
+
 TEST_F(MessageReceiver, StoppingWhatDoesNotRunDoesNothing) {
   const CapturedOutput output;
   MessageServer server(kMessagePort);
