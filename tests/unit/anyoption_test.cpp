@@ -791,6 +791,27 @@ TEST(AnyOption, TakesAnotherPrefixForLetters) {
   EXPECT_EQ(parser.extra_arguments(), (Texts{"-h"}));
 }
 
+TEST(AnyOption, TakesALetterForThePrefixOfLetters) {
+  Parser parser;
+  parser.setFlag('n');
+  parser.setCommandPrefixChar('x');
+  EXPECT_EQ(parser.parse({"xn"}).value('n'), "'true'");
+}
+
+TEST(AnyOption, EmptyArgumentIsNoGroupOfLettersWhateverThePrefixIs) {
+  Parser parser;
+  parser.setFlag('n');
+  parser.setCommandPrefixChar('\0');
+  EXPECT_EQ(parser.parse({"", "n"}, 3).extra_arguments(), (Texts{"", "n"}));
+}
+
+TEST(AnyOption, OptionWithTheLetterNulTakesNothingBehindAGroupOfFlags) {
+  Parser parser;
+  parser.setFlag('n');
+  parser.setOption('\0');
+  EXPECT_EQ(parser.parse({"-n", "text"}).value('\0'), "(null)");
+}
+
 TEST(AnyOption, TakesAnotherPrefixForLongNamesAndCutsItToTwoCharacters) {
   ProgramParser parser;
   char prefix[] = "+:long";

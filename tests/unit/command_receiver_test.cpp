@@ -149,6 +149,22 @@ TEST(CommandReceiver, HundredConnectionsLeaveNoDescriptorOpen) {
   EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; }));
 }
 
+TEST(CommandReceiver, ConnectionWithTheNumber0IsServed) {
+  Receiver receiver;
+  TcpPeer holding = receiver.connection();
+  holding.asks("hold", "hold");
+  TcpPeer peer = receiver.connection();
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  holding.closes();
+  peer.asks("hello", "hello");
+  EXPECT_TRUE(is_open(STDIN_FILENO));
+  peer.closes();
+  EXPECT_TRUE(wait_until([] { return !is_open(STDIN_FILENO); }));
+  dup2(input, STDIN_FILENO);
+  close(input);
+}
+
 TEST(CommandReceiver, AcceptsUntilNoConnectionIsLeft) {
   const int listener = listening_socket();
   const TcpPeer first = connection_to(listener);

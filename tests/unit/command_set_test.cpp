@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -12,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "support/descriptors.h"
 #include "support/fake_board.h"
 #include "support/receiver.h"
 #include "support/sandbox.h"
@@ -214,6 +217,18 @@ TEST(CommandSet, EnvtoolIsReadToItsEndThoughASignalInterrupts) {
   std::this_thread::sleep_for(milliseconds(100));
   board.releases(FakeBoard::kEnvtool);
   peer.expects("02:00:00:00:00:09");
+}
+
+TEST(CommandSet, EnvtoolLeavesNeitherADescriptorNorAProcess) {
+  const FakeBoard board;
+  Receiver receiver;
+  const TcpPeer peer = receiver.connection();
+  peer.asks("hello", "hello");
+  const int before = open_descriptors();
+  peer.asks(kAskForMac, "02:00:00:00:00:03");
+  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
 }
 
 TEST(CommandSet, MacIsAskedOfTheBoardEveryTime) {
