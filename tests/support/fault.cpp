@@ -45,6 +45,7 @@ bool strikes(Call call) {
 }
 
 thread_local std::vector<long>* played_waits = nullptr;
+std::atomic<int> raw_protocol{-1};
 
 template <typename Function>
 Function* real(const char* name) {
@@ -70,6 +71,10 @@ int Fault::struck() const {
   return plan_of(call_).struck;
 }
 
+int last_raw_protocol() {
+  return raw_protocol;
+}
+
 PlayedWaits::PlayedWaits() {
   if (played_waits != nullptr) throw std::logic_error("waits are played already");
   played_waits = &seconds_;
@@ -83,6 +88,7 @@ extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
   static auto* const next = real<int(int, int, int)>("socket");
+  if ((type & SOCK_RAW) == SOCK_RAW) raw_protocol = protocol;
   return strikes(Call::kSocket) ? -1 : next(domain, type, protocol);
 }
 

@@ -41,4 +41,7 @@ class Fault {
   Call call_;
 };
 
+// The protocol of the raw socket that was asked for last; -1: none was.
+int last_raw_protocol();
+
 #endif

@@ -175,6 +175,11 @@ TEST_F(MessageSenderSocket, AsksTheInterfaceThroughARawSocket) {
   EXPECT_EQ(output.text(), "Can't create socket for ioctl calls  because of : Operation not permitted\n");
 }
 
+TEST_F(MessageSenderSocket, TheRawSocketIsOfProtocol255) {
+  EXPECT_EQ(server.InitializeSender("lan0:0", true), 0);
+  EXPECT_EQ(last_raw_protocol(), 255);
+}
+
 TEST_F(MessageSenderSocket, BothAddressesAreAskedForBeforeEitherAnswerIsJudged) {
   MessageServer without_broadcast(kMessagePort);
   {

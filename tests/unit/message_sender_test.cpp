@@ -80,6 +80,11 @@ TEST_F(MessageSender, LengthBelowZeroSendsNoByteOfItsMemory) {
   EXPECT_EQ(server.message_length, -1);
 }
 
+TEST_F(MessageSender, LengthZeroReadsNoByte) {
+  EXPECT_TRUE(server.StartSender(1, nullptr, 0));
+  peer.expects("", kAtOnce);
+}
+
 TEST_F(MessageSender, CountZeroSendsNothingAndEndsAtOnce) {
   EXPECT_TRUE(start(server, 0, "boot"));
   EXPECT_TRUE(output.waits_for("\n", kAtOnce));
