@@ -769,6 +769,15 @@ TEST(TftpPacket, GivesItsArrayBack) {
   EXPECT_TRUE(packet.addByte(1));
 }
 
+TEST(TftpPacket, StringOfAPacketThatClaimsMoreThanItHasIsEmpty) {
+  TFTP_Packet packet;
+  packet.release();
+  packet.size = 10;
+  char text[] = "text";
+  EXPECT_TRUE(packet.getString(2, text, sizeof text));
+  EXPECT_STREQ(text, "");
+}
+
 TEST(TftpPacket, NamesFileAndModeOfARequest) {
   TFTP_Packet packet;
   receive(packet, "\0\1name\0netascii\0blksize\0008\0"s);
