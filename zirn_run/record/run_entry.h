@@ -1,0 +1,68 @@
+#ifndef RECORD_RUN_ENTRY_H
+#define RECORD_RUN_ENTRY_H
+
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "record/item.h"
+
+// What the journal entries of a record say about a run. The bench writes all of these; from a station come the
+// lines and the end, as its journal has them.
+namespace record {
+
+// The run begins. What is empty is not known.
+struct RunBegins {
+  std::string name;     // "loss-20"
+  std::string title;    // what it is to show
+  std::string command;  // the station's command line
+};
+
+// The station printed a line.
+struct Line {
+  std::string text;
+};
+
+// The station called a command of the board.
+struct BoardCall {
+  std::string command;
+  std::optional<int> status;  // that it ended with, as a shell counts it
+};
+
+// The cable of a network was out, from the entry's time on.
+struct Cut {
+  Nanoseconds lasts = 0;
+};
+
+// The station has ended.
+struct StationEnds {
+  int status = 0;  // that it exited with
+  int signal = 0;  // that killed it; 0: none did
+};
+
+// The run has ended.
+struct RunEnds {
+  std::string ppt_flag;  // the board's variable; empty: not set, or not known
+  std::string judged;    // whether the run went as it was to go
+};
+
+using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunEnds>;
+
+// The entry that says so, without a number.
+Entry entry_of(const RunEntry& said, Nanoseconds at);
+
+// What the entry says: one that entry_of made, a line that the journal keeps of the station's service or
+// program (SYSLOG_IDENTIFIER TFTP, or _SYSTEMD_UNIT zirn-test-station.service), or what systemd says of the
+// service's end. Nothing for any other.
+std::optional<RunEntry> said_by(const Entry& entry);
+
+// What the wire did to a frame stands in a comment of it.
+inline constexpr char kLostByChance[] = "lost: by chance";
+inline constexpr char kLostByCut[] = "lost: the cable was out";
+inline constexpr char kLostAtTheEnd[] = "lost: the far end took none";
+inline constexpr char kDuplicated[] = "duplicated";
+inline constexpr char kSwapped[] = "swapped with the next one";
+
+}  // namespace record
+
+#endif
