@@ -32,6 +32,7 @@ struct Frame {
   std::uint32_t interface = 0;  // its index
   std::uint16_t link_type = kEthernet;
   Nanoseconds at = 0;
+  bool is_timed = true;    // false: the file does not say when, and `at` is the time of what stands before it
   std::string_view bytes;  // what is kept of it
   std::uint32_t size = 0;  // bytes that it had on the wire, at least those that are kept
   std::vector<std::string> comments;

@@ -36,8 +36,8 @@ struct Cut {
 
 // The station has ended.
 struct StationEnds {
-  int status = 0;  // that it exited with
-  int signal = 0;  // that killed it; 0: none did
+  std::optional<int> status;  // that it exited with; absent: not known, or a signal killed it
+  int signal = 0;             // that killed it; 0: none did
 };
 
 // The run has ended.
@@ -51,9 +51,10 @@ using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunE
 // The entry that says so, without a number.
 Entry entry_of(const RunEntry& said, Nanoseconds at);
 
-// What the entry says: one that entry_of made, a line that the journal keeps of the station's service or
-// program (SYSLOG_IDENTIFIER TFTP, or _SYSTEMD_UNIT zirn-test-station.service), or what systemd says of the
-// service's end. Nothing for any other.
+// What the entry says: one that entry_of made, a line that the journal keeps of the station's program
+// (SYSLOG_IDENTIFIER TFTP) or of what it started (standard output of zirn-test-station.service), or what systemd
+// says of the service's end. Nothing for any other. Of a service that ended well (status 2 or 15) systemd says so
+// and keeps the status to itself: it is not known then.
 std::optional<RunEntry> said_by(const Entry& entry);
 
 // What the wire did to a frame stands in a comment of it.
