@@ -12,7 +12,7 @@ void Input::fill(std::size_t count) {
     before_ += begin_;
     end_ -= begin_;
     begin_ = 0;
-    if (count > buffer_.size()) buffer_.resize(count);
+    if (count > buffer_.size()) buffer_.resize(std::max(count, 2 * buffer_.size()));
   }
   while (end_ - begin_ < count && !ended_) {
     const std::size_t received = receive(buffer_.data() + end_, buffer_.size() - end_);

@@ -18,7 +18,7 @@ class Input {
   explicit Input(std::istream& stream) : stream_(*stream.rdbuf()) {}
 
   // The bytes from here on: at least `count` of them, unless the stream ends before. They are valid until the
-  // next call. As many as are asked for are kept in memory, and kChunkBytes at the least.
+  // next call. Twice as many as are asked for are kept in memory at the most, or kChunkBytes.
   std::string_view at_least(std::size_t count) {
     if (end_ - begin_ < count) fill(count);
     return {buffer_.data() + begin_, end_ - begin_};
