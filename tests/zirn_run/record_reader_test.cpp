@@ -437,6 +437,8 @@ TEST(RecordReaderBegins, SaysWhatItFoundInstead) {
                  "ELF\x02"),
             Words({kExpected + "the bytes 7f 45 4c 46"}));
   EXPECT_EQ(read(std::string("\0\xff", 2)), Words({kExpected + "no more than the bytes 00 ff"}));
+  EXPECT_EQ(read(std::string(63, 'x') + "\x01"), Words({kExpected + "the bytes 78 78 78 78"}));
+  EXPECT_EQ(read(std::string(64, 'x') + "\x01"), Words({kExpected + "text"}));
   EXPECT_EQ(read("\x0a\x0d\x0d"), Words({kExpected + "text"}));
   EXPECT_EQ(read(MadeRecord(false).pcap_header(0xa1b2cd34, 1)), Words({kExpected + "the bytes 34 cd b2 a1"}));
 }
@@ -555,7 +557,17 @@ TEST(RecordClock, WhatIsOutOfRangeIsItsEnd) {
   EXPECT_EQ(with_offset(std::numeric_limits<std::int64_t>::min(), 0), kEarliest);
   EXPECT_EQ(with_offset(std::numeric_limits<std::int64_t>::max(), 18446744073709551615U), kLatest);
   EXPECT_EQ(with_offset(-5, 2000000), -3000000000);
-  EXPECT_EQ((Clock{false, 0}.nanoseconds(18446744073709551615U)) / 1000000000, kLatest / 1000000000 - 1);
+  EXPECT_EQ((Clock{false, 0}.nanoseconds(18446744073709551615U)), kLatest);
+  EXPECT_EQ((Clock{false, 9}.nanoseconds(9223372036854775807U)), kLatest);
+  EXPECT_EQ((Clock{false, 9}.nanoseconds(9223372036854775806U)), kLatest - 1);
+  EXPECT_EQ((Clock{false, 9}.nanoseconds(9223372036854775808U)), kLatest);
+  EXPECT_EQ(with_offset(-9223372036, 0), -9223372036000000000);
+  EXPECT_EQ(with_offset(-9223372037, 0), kEarliest);
+  EXPECT_EQ(with_offset(9223372036, 0), 9223372036000000000);
+  EXPECT_EQ(with_offset(9223372036, 854776), kLatest);
+  EXPECT_EQ(with_offset(9223372037, 0), kLatest);
+  EXPECT_EQ((Clock{false, 0, -9223372037}.nanoseconds(18446744073709551615U)), kLatest);
+  EXPECT_EQ((Clock{false, 0, -9223372037}.nanoseconds(9223372038)), 1000000000);
 }
 
 }  // namespace

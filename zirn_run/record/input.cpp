@@ -7,14 +7,14 @@
 namespace record {
 
 void Input::fill(std::size_t count) {
-  if (begin_ + count > buffer_.size()) {
+  if (count > buffer_.size() - begin_) {
     std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
     before_ += begin_;
     end_ -= begin_;
     begin_ = 0;
-    if (count > buffer_.size()) buffer_.resize(std::max(count, 2 * buffer_.size()));
   }
   while (end_ - begin_ < count && !ended_) {
+    if (end_ == buffer_.size()) buffer_.resize(2 * buffer_.size());
     const std::size_t received = receive(buffer_.data() + end_, buffer_.size() - end_);
     end_ += received;
     ended_ = received == 0;

@@ -18,7 +18,7 @@ class Input {
   explicit Input(std::istream& stream) : stream_(*stream.rdbuf()) {}
 
   // The bytes from here on: at least `count` of them, unless the stream ends before. They are valid until the
-  // next call. Twice as many as are asked for are kept in memory at the most, or kChunkBytes.
+  // next call. The memory that it takes is at most twice what is asked for and there, and kChunkBytes at the least.
   std::string_view at_least(std::size_t count) {
     if (end_ - begin_ < count) fill(count);
     return {buffer_.data() + begin_, end_ - begin_};
@@ -31,7 +31,7 @@ class Input {
   const std::string& error() const { return error_; }
 
  private:
-  static constexpr std::size_t kChunkBytes = 1U << 18;
+  static constexpr std::size_t kChunkBytes = 1U << 16;
 
   void fill(std::size_t count);
   std::size_t receive(char* to, std::size_t room);

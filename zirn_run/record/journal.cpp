@@ -38,7 +38,7 @@ std::optional<Entry> JournalReader::ends(const std::string& why) {
 std::optional<Line> LogReader::next() {
   std::string_view there = input_.at_least(1);
   std::size_t end = there.find('\n');
-  while (end == std::string_view::npos && there.size() < kMostLineBytes) {
+  while (end == std::string_view::npos && there.size() <= kMostLineBytes) {
     const std::size_t known = there.size();
     there = input_.at_least(known + 1);
     if (there.size() == known) break;

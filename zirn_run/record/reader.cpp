@@ -16,6 +16,7 @@ namespace {
 constexpr std::uint32_t kPcapMicroseconds = 0xa1b2c3d4;
 constexpr std::uint32_t kPcapNanoseconds = 0xa1b23c4d;
 constexpr std::size_t kMagicBytes = 4;
+constexpr std::size_t kLookedAtBytes = 64;  // of what is none of these
 constexpr std::size_t kPcapHeaderBytes = 24;
 constexpr std::size_t kPcapFrameHeaderBytes = 16;
 constexpr std::size_t kSmallestBlockBytes = 12;
@@ -36,12 +37,18 @@ std::uint64_t power_of_ten(unsigned exponent) {
   return power;
 }
 
+// The sum, or the end of the range that it is beyond.
 Nanoseconds within_range(std::uint64_t seconds, std::uint64_t nanoseconds, std::int64_t offset_seconds) {
-  constexpr std::int64_t kMostSeconds = kLatest / kSecond - 1;
-  const auto limited = static_cast<std::int64_t>(std::min<std::uint64_t>(seconds, kMostSeconds));
-  if (offset_seconds > kMostSeconds - limited) return kLatest;
-  if (offset_seconds < -kMostSeconds) return kEarliest;
-  return (limited + offset_seconds) * kSecond + static_cast<Nanoseconds>(nanoseconds);
+  constexpr std::int64_t kMostSeconds = kLatest / kSecond;
+  constexpr std::uint64_t kManySeconds = std::uint64_t{1} << 62U;  // and an offset: no overflow
+  if (offset_seconds > kMostSeconds) return kLatest;
+  if (offset_seconds < -2 * kMostSeconds) return kEarliest;
+  const auto sum = static_cast<std::int64_t>(std::min(seconds, kManySeconds)) + offset_seconds;
+  if (sum > kMostSeconds) return kLatest;
+  if (sum < -kMostSeconds) return kEarliest;
+  const Nanoseconds whole = sum * kSecond;
+  const auto rest = static_cast<Nanoseconds>(nanoseconds);
+  return whole > kLatest - rest ? kLatest : whole + rest;
 }
 
 bool is_text(std::string_view bytes) {
@@ -105,7 +112,8 @@ void Reader::recognise() {
     }
     if (is_pcap_ || magic == pcapng::kSectionHeader) return;
   }
-  throw NotARecord("expected a pcapng or pcap file, found " + description_of(beginning));
+  throw NotARecord("expected a pcapng or pcap file, found " +
+                   description_of(input_.at_least(kLookedAtBytes).substr(0, kLookedAtBytes)));
 }
 
 std::optional<Item> Reader::next() {
