@@ -11,9 +11,7 @@
 
 namespace {
 
-using record::Entry;
 using record::JournalReader;
-using record::Line;
 using record::LogReader;
 using Words = std::vector<std::string>;
 
