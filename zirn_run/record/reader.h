@@ -31,8 +31,8 @@ struct Clock {
 };
 
 // Reads a file of frames and entries, item by item: pcapng and classic pcap of either order of bytes, whatever made
-// it. Nothing in a file makes it take more memory than for kMostBlockBytes and kMostInterfaces. It reads no further
-// than it must, so that a file that is still being written can be followed through a pipe.
+// it. Its memory stays below 64 MiB whatever a file says, and mostly takes 64 KiB. It reads no further than it must, so
+// that a file that is still being written can be followed through a pipe.
 class Reader {
  public:
   static constexpr std::size_t kMostBlockBytes = std::size_t{16} << 20;  // a larger one is a problem
