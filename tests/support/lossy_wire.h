@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -10,12 +11,12 @@
 #include "support/emulated.h"
 #include "support/sandbox.h"
 #include "support/test_network.h"
-#include "wire/fates.h"
 #include "wire/wire_process.h"
+#include "wire/wire_record.h"
 
 // Takes the place of the unit's link in a test network: the virtual bench's wire carries the frames, and
 // loses some of them on order. Make it before anything uses the link, in a test that began with NEEDS_WIRE();
-// it keeps its capture and the fate of every frame in the working directory.
+// it keeps its record in the working directory.
 class LossyWire {
  public:
   explicit LossyWire(const TestNetwork& network) {
@@ -23,7 +24,7 @@ class LossyWire {
     const NetworkNamespace station = NetworkNamespace::current();
     network.at_unit([&] {
       const NetworkNamespace unit = NetworkNamespace::current();
-      wire_ = std::make_unique<WireProcess>("wire.pcap", kFates, 1,
+      wire_ = std::make_unique<WireProcess>(kRecord, 1,
                                             std::vector<Wire::Ends>{{{{station, "lan0"}, {unit, "lan0"}}}});
       ip("address add 172.40.0.2/24 broadcast 172.40.0.255 dev lan0");
       ip("link set lan0 up");
@@ -34,10 +35,13 @@ class LossyWire {
 
   // From now on, of the frames of both directions.
   void loses(int percent) const { wire_->order(Order::What::kLose, percent); }
-  std::size_t lost_frames() const { return read_fates(kFates).frames.size(); }
+  std::size_t lost_frames() const {
+    std::ifstream record(kRecord, std::ios::binary);
+    return read_fates(record).of_frames.size();
+  }
 
  private:
-  static constexpr char kFates[] = "wire.fates";
+  static constexpr char kRecord[] = "wire.pcapng";
   std::unique_ptr<WireProcess> wire_;
 };
 

@@ -5,10 +5,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <ostream>
 #include <set>
+#include <sstream>
 #include <string>
 
+#include "record/reader.h"
 #include "support/sandbox.h"
 #include "support/scratch_directory.h"
 #include "support/whole_file.h"
@@ -39,8 +42,25 @@ class Bench : public testing::Test {
     }
   }
 
-  const Result& plays(const std::string& scenario, const std::string& options = "") {
-    return calls(options + " " TFTP_PROGRAM " " + file_with(scenario) + " " + results());
+  const Result& plays(const std::string& scenario) {
+    return calls(TFTP_PROGRAM " " + file_with(scenario) + " " + results());
+  }
+
+  // The entries and frames of the run's record, one a line: what it says, and a frame's comments.
+  std::string recorded() const {
+    std::ifstream file(results() + "/a.pcapng", std::ios::binary);
+    record::Reader reader(file);
+    std::string text;
+    while (const auto item = reader.next()) {
+      if (const auto* const entry = std::get_if<record::Entry>(&*item)) {
+        text += std::string(entry->value("MESSAGE")) + "\n";
+      } else if (const auto* const frame = std::get_if<record::Frame>(&*item)) {
+        text += "frame";
+        for (const std::string& comment : frame->comments) text += ", " + comment;
+        text += "\n";
+      }
+    }
+    return text + reader.problem();
   }
 
   std::string file_with(const std::string& scenario) const {
@@ -82,16 +102,7 @@ TEST_F(Bench, LeavesCaptureAndPictureAlone) {
   const Result& result =
       plays("file a holds b\nstation starts\nunit reads a\nunit reads F_l_m_01PPT_PASSED\nstation exits 2\n");
   EXPECT_EQ(result.status, 0) << result.output;
-  EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"}));
-}
-
-TEST_F(Bench, KeepsTheFolderOnRequest) {
-  EXPECT_EQ(
-      plays("file a holds b\nstation starts\nunit reads a\nstation gets SIGINT\nstation exits 2\n", "--keep")
-          .status,
-      0);
-  EXPECT_EQ(left(), (std::set<std::string>{"a", "a.pcap", "a.svg"}));
-  EXPECT_EQ(whole_file(results() + "/a/unit/a"), "b");
+  EXPECT_EQ(left(), (std::set<std::string>{"a.pcapng", "a.svg"}));
 }
 
 // At many moments: before there are namespaces, while they are made, and when the station runs.
@@ -103,7 +114,7 @@ TEST_F(Bench, LeavesNothingWhenItIsInterrupted) {
       const std::string command = std::string("timeout --preserve-status -s ") + signal + " " + seconds +
                                   " " BENCH_PROGRAM " " TFTP_PROGRAM " " + file + " " + results();
       EXPECT_GT(runs(command).status, 128) << command;
-      EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"})) << command;
+      EXPECT_EQ(left(), (std::set<std::string>{"a.pcapng", "a.svg"})) << command;
     }
   }
   EXPECT_NE(std::system("pgrep -f '[l]ong.run' > /dev/null"), 0);
@@ -128,8 +139,7 @@ TEST_F(Bench, PlaysOneScenarioTwiceAtATime) {
 TEST_F(Bench, DrawsAndLogsWhatItKnowsOfTheRun) {
   plays(
       "# A title\nstation starts\nunit reads F_l_m_01TEST_FAILED\nstation says \"Cmd received: "
-      "F_l_m_01TEST_FAILED\"\nboard keeps ppt_flag failed\nstation gets SIGKILL\nstation exits 137\n",
-      "--keep");
+      "F_l_m_01TEST_FAILED\"\nboard keeps ppt_flag failed\nstation gets SIGKILL\nstation exits 137\n");
   EXPECT_NE(result_.output.find("board    runs envtool ppt_flag=failed\n"), std::string::npos)
       << result_.output;
   const std::string picture = whole_file(results() + "/a.svg");
@@ -137,17 +147,40 @@ TEST_F(Bench, DrawsAndLogsWhatItKnowsOfTheRun) {
                            ">envtool ppt_flag=failed<", ">failed<", ">as the scenario says<",
                            ">137 (SIGKILL)<", ">Cmd received: F_l_m_01TEST_FAILED<", ">end of the run<"})
     EXPECT_NE(picture.find(text), std::string::npos) << text;
-  const std::string log = whole_file(results() + "/a/station.log");
-  constexpr std::size_t kTimeLength = sizeof "1795279068.894371" - 1;
-  const std::size_t end_of_time = log.find(" Cmd received: F_l_m_01TEST_FAILED\n");
-  ASSERT_TRUE(end_of_time != std::string::npos && end_of_time >= kTimeLength) << log;
-  std::string time = log.substr(end_of_time - kTimeLength, kTimeLength);
-  std::replace_if(
-      time.begin(), time.end(), [](char c) { return c >= '0' && c <= '9'; }, '0');
-  EXPECT_EQ(time, "0000000000.000000") << log;
   plays("station starts\nstation gets SIGKILL\nstation exits 2\n");
   EXPECT_NE(whole_file(results() + "/a.svg").find(">line 3, station exits 2: its exit status is 137<"),
             std::string::npos);
+}
+
+TEST_F(Bench, RecordsWhatItKnowsOfTheRun) {
+  plays(
+      "# A title\nfile a holds b\nstation starts\nunit reads a\nwire loses 100 %\nunit cannot read a timeout "
+      "1\n"
+      "wire is whole\nunit reads F_l_m_01TEST_FAILED\nstation gets SIGKILL\nstation exits 137\n");
+  const std::string record = recorded();
+  for (const char* text :
+       {"Server started , waiting for connections\n", "\nframe\n", "\nRRQ a\n", "\nframe, lost: by chance\n",
+        "\nCmd received: F_l_m_01TEST_FAILED\n", "\nthe board runs envtool ppt_flag=failed\n",
+        "\nthe station ends by signal 9\nthe run ends: as the scenario says\n"}) {
+    EXPECT_NE(record.find(text), std::string::npos) << text << "in\n" << record;
+  }
+  EXPECT_EQ(record.rfind("the run begins: a\n", 0), 0U);
+}
+
+TEST_F(Bench, RecordsInTheOrderOfTime) {
+  plays("file a is 30 KiB\nstation starts\nunit reads a\nstation gets SIGINT\nstation exits 2\n");
+  std::ifstream file(results() + "/a.pcapng", std::ios::binary);
+  record::Reader reader(file);
+  record::Nanoseconds before = 0;
+  while (const auto item = reader.next()) {
+    const auto* const entry = std::get_if<record::Entry>(&*item);
+    const auto* const frame = std::get_if<record::Frame>(&*item);
+    if (entry == nullptr && frame == nullptr) continue;
+    const record::Nanoseconds at = entry != nullptr ? entry->at : frame->at;
+    EXPECT_LE(before, at);
+    before = at;
+  }
+  EXPECT_GT(before, 0);
 }
 
 TEST_F(Bench, DrawsDamage) {
@@ -210,12 +243,12 @@ TEST_F(Bench, EndsEveryDamageWhenTheWireIsWhole) {
   const Result& result = plays(
       "file a holds b\nstation starts\nwire loses 100 %\nunit cannot read a\n"
       "wire duplicates 100 %\nwire swaps 100 %\nwire delays 5000 ms\nwire is whole\n"
-      "unit reads a\nwire is cut for 3600 s\nunit cannot read a\nstation gets SIGKILL\nstation exits 137\n",
-      "--keep");
+      "unit reads a\nwire is cut for 3600 s\nunit cannot read a\nstation gets SIGKILL\nstation exits 137\n");
   EXPECT_EQ(result.status, 0) << result.output;
-  const std::string fates = whole_file(results() + "/a/fates");
-  EXPECT_NE(fates.find(" lost\n"), std::string::npos);
-  for (const char* fate : {" duplicated\n", " swapped\n"})
+  const std::string fates = recorded();
+  EXPECT_NE(fates.find(", lost: by chance\n"), std::string::npos);
+  EXPECT_NE(fates.find(", lost: the cable was out\n"), std::string::npos);
+  for (const char* fate : {", duplicated\n", ", swapped"})
     EXPECT_EQ(fates.find(fate), std::string::npos) << fates;
 }
 
@@ -230,16 +263,15 @@ class BenchDamage : public Bench, public testing::WithParamInterface<Damage> {};
 
 TEST_P(BenchDamage, IsWhatTheScenarioSays) {
   plays("file a is 30 KiB\nstation starts\nwire " + std::string(GetParam().step) +
-            "\nunit reads a\nstation gets SIGKILL\nstation exits 137\n",
-        "--keep");
-  const std::string fates = whole_file(results() + "/a/fates");
-  for (const char* fate : {" duplicated\n", " swapped\n"})
+        "\nunit reads a\nstation gets SIGKILL\nstation exits 137\n");
+  const std::string fates = recorded();
+  for (const char* fate : {", duplicated\n", ", swapped"})
     EXPECT_EQ(fates.find(fate) != std::string::npos, fate == std::string(GetParam().fate)) << fates;
 }
 
 INSTANTIATE_TEST_SUITE_P(Bench, BenchDamage,
-                         testing::Values(Damage{"duplicates 50 %", " duplicated\n"},
-                                         Damage{"swaps 50 %", " swapped\n"}));
+                         testing::Values(Damage{"duplicates 50 %", ", duplicated\n"},
+                                         Damage{"swaps 50 %", ", swapped"}));
 
 // A silent PPT server costs the verdict's station five seconds.
 TEST_F(Bench, HasAPptServerThatIsSilent) {
@@ -311,7 +343,7 @@ TEST_F(Bench, LeavesItsResultsBesideTheBoardsRamDisk) {
       file_with("station starts\nstation gets SIGKILL\nstation exits 137\n") +
       " /mnt/results && ls /mnt/results";
   const std::string output = runs("unshare --mount sh -c '" + command + "'").output;
-  EXPECT_NE(output.find("\na.pcap\na.svg\n"), std::string::npos) << output;
+  EXPECT_NE(output.find("\na.pcapng\na.svg\n"), std::string::npos) << output;
 }
 
 TEST_F(Bench, RefusesALinkThatCannotBeMade) {
@@ -412,15 +444,15 @@ TEST_F(Bench, RefusesAFileThatWouldBeElsewhere) {
             "WRONG: line 1, file .. holds c: it cannot be written; expected a plain name");
 }
 
-TEST_F(Bench, SaysThatNothingWasOnTheNetwork) {
+TEST_F(Bench, RecordsARunWithNothingOnTheNetwork) {
   plays("station starts\nstation gets SIGKILL\nstation exits 137\n");
-  EXPECT_EQ(left(), (std::set<std::string>{"a.pcap", "a.svg"}));
+  EXPECT_EQ(left(), (std::set<std::string>{"a.pcapng", "a.svg"}));
   const std::string output = plays("file a holds b\n").output;
   EXPECT_EQ(result_.status, 0);
   EXPECT_EQ(output,
-            "the unit gave no final verdict\na went as the scenario says: results/a.svg, nothing was on the "
-            "network\n");
-  EXPECT_EQ(left(), (std::set<std::string>{"a.svg"}));
+            "the unit gave no final verdict\na went as the scenario says: results/a.svg, results/a.pcapng\n");
+  EXPECT_EQ(left(), (std::set<std::string>{"a.pcapng", "a.svg"}));
+  EXPECT_EQ(recorded(), "the run begins: a\nthe run ends: as the scenario says\n");
 }
 
 TEST_F(Bench, RenamesTheLinkOnlyBeforeAnythingStarts) {
@@ -433,8 +465,7 @@ TEST_F(Bench, NamesItsResultsForWhoeverCalledIt) {
   const std::string command = "PWD_OF_CALLER=" + results() + "/folder " BENCH_PROGRAM " " TFTP_PROGRAM " " +
                               file_with("file a holds b\n") + " " + results();
   EXPECT_EQ(runs(command).output,
-            "the unit gave no final verdict\na went as the scenario says: ../a.svg, nothing was on the "
-            "network\n");
+            "the unit gave no final verdict\na went as the scenario says: ../a.svg, ../a.pcapng\n");
 }
 
 TEST_F(Bench, HasAPptServerThatAnswersErrorsOfSeveralLines) {
@@ -554,11 +585,10 @@ TEST_F(Bench, RefusesAScenarioThatItDoesNotUnderstand) {
 TEST_F(Bench, RefusesACallThatItDoesNotUnderstand) {
   EXPECT_EQ(calls("a.run").status, 2);
   EXPECT_EQ(result_.output,
-            "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
+            "bench: expected: STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
             "STATION_PROGRAM RESULTS_FOLDER, or --make SEED, or --steps\n");
   EXPECT_EQ(calls("--many 0 1 " TFTP_PROGRAM " " + results()).status, 2);
   EXPECT_EQ(calls("--many 1x 1 " TFTP_PROGRAM " " + results()).status, 2);
-  EXPECT_EQ(calls("--keep --many 2 1 " TFTP_PROGRAM " " + results()).status, 2);
 }
 
 class ManyRuns : public Bench {
@@ -589,7 +619,7 @@ TEST_F(ManyRuns, TellsOfManyThoseThatWentOtherwise) {
     const std::size_t end = result_.output.find('\n', told);
     const std::string again = "\n  again: scripts/run --many 1 --seed " + seed + "\n";
     EXPECT_EQ(result_.output.substr(end, again.size()), again) << result_.output;
-    for (const char* extension : {".run", ".log", ".svg", ".pcap"})
+    for (const char* extension : {".run", ".log", ".svg", ".pcapng"})
       EXPECT_TRUE(fs::exists(results() + "/chance-" + seed + extension)) << seed << extension;
   }
   EXPECT_NE(result_.output.find("\n0 of 2 runs went as they must, 2 otherwise, 0 not played; "),
@@ -602,7 +632,7 @@ TEST_F(ManyRuns, ShowsAMadeRunAlone) {
   EXPECT_EQ(calls("--many 1 3 " TFTP_PROGRAM " " + results()).status, 0);
   EXPECT_NE(result_.output.find("\nchance-3 went as the scenario says: "), std::string::npos)
       << result_.output;
-  EXPECT_EQ(left(), (std::set<std::string>{"chance-3.pcap", "chance-3.run", "chance-3.svg"}));
+  EXPECT_EQ(left(), (std::set<std::string>{"chance-3.pcapng", "chance-3.run", "chance-3.svg"}));
   EXPECT_EQ(whole_file(results() + "/chance-3.run"), made);
 }
 
@@ -619,11 +649,14 @@ TEST_F(ManyRuns, LeavesNothingOfManyWhenItIsInterrupted) {
 TEST_F(Bench, DamagesOtherwiseByAnotherSeed) {
   const auto fates_of = [this](const std::string& first_step) {
     plays(first_step +
-              "file a is 30 KiB\nstation starts\nwire swaps 50 %\nunit reads a\nstation gets SIGKILL\n"
-              "station exits 137\n",
-          "--keep");
+          "file a is 30 KiB\nstation starts\nwire swaps 50 %\nunit reads a\nstation gets SIGKILL\n"
+          "station exits 137\n");
     EXPECT_EQ(result_.status, 0) << result_.output;
-    return whole_file(results() + "/a/fates").substr(0, 100);
+    std::istringstream lines(recorded());
+    std::string frames;
+    for (std::string line; std::getline(lines, line);)
+      frames += line.rfind("frame", 0) == 0 ? line + "\n" : "";
+    return frames;
   };
   EXPECT_NE(fates_of("wire damages by seed 2\n"), fates_of(""));
   EXPECT_EQ(goes_wrong("station starts\nwire damages by seed 2\n"),

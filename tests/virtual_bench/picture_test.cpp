@@ -61,7 +61,8 @@ struct Drawing {
 Drawing draw(const std::string& capture, RunRecord run = started_run()) {
   run.capture = capture;
   Drawing drawing;
-  const auto packets = picture::packets_in(picture::read_capture(run.capture), run.fates);
+  const picture::Capture read = picture::read_capture(run.capture);
+  const auto packets = picture::packets_in(read, run.fates);
   drawing.rows = picture::rows_of(picture::story_of(packets, run), run.end);
   drawing.sheet = picture::page_of(drawing.rows, run);
   drawing.svg = picture::picture_of(run);
@@ -258,14 +259,11 @@ TEST(PictureCapture, OfAFileThatIsCutShortTheWholeFramesAreRead) {
 TEST(PictureCapture, AnythingElseHasNoFrames) {
   MadeCapture made;
   made.frame(1, "x");
-  std::string nanoseconds = made.contents();
-  nanoseconds[0] = '\x4d';
-  nanoseconds[1] = '\x3c';
   std::string other_link = made.contents();
   other_link[20] = 2;
   std::string huge = made.contents();
   huge[24 + 11] = '\xff';
-  for (const std::string& contents : {nanoseconds, other_link, huge, std::string(1000, '\xff')}) {
+  for (const std::string& contents : {other_link, huge, std::string(1000, '\xff')}) {
     EXPECT_EQ(picture::read_capture(contents).frames.size(), 0U);
   }
 }

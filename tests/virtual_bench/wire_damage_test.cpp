@@ -46,7 +46,7 @@ class DamagedLink : private FrameSink {
                       (copies == 1 ? "" : " times " + std::to_string(copies)));
   }
   void note(std::uint64_t number, Fate fate) override {
-    const char* const words[] = {" lost", " duplicated", " swapped"};
+    const char* const words[] = {" lost", " cut", " refused", " duplicated", " swapped"};
     events_.push_back(std::to_string(number) + words[static_cast<int>(fate)]);
   }
 
@@ -343,7 +343,7 @@ TEST(WireDamage, NothingGetsThroughACut) {
   link.frame_enters(1);
   link.time_passes(1ns);
   link.frame_enters(0);
-  EXPECT_EQ(link.events(), (Events{"1 lost", "2 lost", "3 > 3"}));
+  EXPECT_EQ(link.events(), (Events{"1 cut", "2 cut", "3 > 3"}));
 }
 
 TEST(WireDamage, ACutLosesWhatIsHeldOrDelayed) {
@@ -354,7 +354,7 @@ TEST(WireDamage, ACutLosesWhatIsHeldOrDelayed) {
   link.frame_enters(0);
   link.damage.cut(1s, link.now);
   link.time_passes(2s);
-  EXPECT_EQ(link.events(), (Events{"2 swapped", "2 lost", "1 lost"}));
+  EXPECT_EQ(link.events(), (Events{"2 swapped", "2 cut", "1 cut"}));
   EXPECT_EQ(link.damage.next_due(), std::nullopt);
 }
 
@@ -382,7 +382,7 @@ TEST(WireDamage, WhatWouldFillTheMemoryIsLost) {
   link.damage.enter(0, 1, half, link.now);
   link.damage.enter(1, 2, half, link.now);
   link.damage.enter(0, 3, "x", link.now);
-  EXPECT_EQ(link.events(), (Events{"3 lost"}));
+  EXPECT_EQ(link.events(), (Events{"3 refused"}));
   link.time_passes(50ms);
   EXPECT_EQ(link.events().size(), 2U);
   link.damage.enter(0, 4, half, link.now);
@@ -390,7 +390,7 @@ TEST(WireDamage, WhatWouldFillTheMemoryIsLost) {
   link.damage.cut(0s, link.now);
   link.damage.enter(0, 5, half, link.now);
   link.damage.enter(1, 6, half, link.now);
-  EXPECT_EQ(link.events(), (Events{"4 lost"}));
+  EXPECT_EQ(link.events(), (Events{"4 cut"}));
 }
 
 }  // namespace

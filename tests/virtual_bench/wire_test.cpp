@@ -17,10 +17,13 @@
 #include <optional>
 #include <thread>
 
+#include "record/reader.h"
+#include "record/run_entry.h"
 #include "stage/network_namespace.h"
 #include "support/sandbox.h"
 #include "support/scratch_directory.h"
 #include "wire/wire_process.h"
+#include "wire/wire_record.h"
 
 namespace {
 
@@ -90,6 +93,33 @@ class Station {
   int socket_;
 };
 
+struct RecordedFrame {
+  double seconds;
+  std::string bytes;
+};
+
+std::vector<RecordedFrame> recorded_frames() {
+  std::ifstream file("record", std::ios::binary);
+  record::Reader reader(file);
+  std::vector<RecordedFrame> frames;
+  while (const auto item = reader.next()) {
+    if (const auto* const frame = std::get_if<record::Frame>(&*item)) {
+      frames.push_back({static_cast<double>(frame->at) / 1e9, std::string(frame->bytes)});
+    }
+  }
+  return frames;
+}
+
+// A line for each: the frame's number, and what the wire did to it.
+std::string recorded_fates() {
+  std::ifstream file("record", std::ios::binary);
+  std::string text;
+  for (const auto& [number, comments] : read_fates(file).of_frames) {
+    for (const std::string& comment : comments) text += std::to_string(number) + " " + comment + "\n";
+  }
+  return text;
+}
+
 // The wire between this namespace (left) and another (right): test0 is the first link, plain0 the second.
 class Bench {
  public:
@@ -101,11 +131,11 @@ class Bench {
     plain_right.emplace("plain0");
   }
 
-  // Waits until the files are as they will stay, by an order that changes nothing.
+  // Waits until the file is as it will stay, by an order that changes nothing.
   void catches_up() const { wire.order(What::kDelay, 0); }
   std::string fates() const {
     catches_up();
-    return whole_file("fates");
+    return recorded_fates();
   }
 
  private:
@@ -114,31 +144,12 @@ class Bench {
 
  public:
   NetworkNamespace right_place;
-  WireProcess wire{"capture",
-                   "fates",
+  WireProcess wire{"record",
                    1,
                    {{{{left_place_, "test0"}, {right_place, "test0"}}},
                     {{{left_place_, "plain0"}, {right_place, "plain0"}}}}};
   std::optional<Station> left, right, plain_left, plain_right;
 };
-
-struct CapturedFrame {
-  double seconds;
-  std::string bytes;
-};
-
-std::vector<CapturedFrame> captured_frames() {
-  const std::string file = whole_file("capture");
-  std::vector<CapturedFrame> frames;
-  for (std::size_t position = 24; position < file.size();) {
-    std::uint32_t header[4];
-    file.copy(reinterpret_cast<char*>(header), sizeof header, position);
-    position += sizeof header;
-    frames.push_back({header[0] + header[1] / 1e6, file.substr(position, header[2])});
-    position += header[2];
-  }
-  return frames;
-}
 
 double seconds_since_epoch() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -157,7 +168,7 @@ TEST(Wire, CarriesFramesBothWaysAndRecordsThem) {
   bench.plain_right->sends("plain, to the left");
   EXPECT_EQ(bench.plain_left->receives(), "plain, to the left");
   EXPECT_EQ(bench.fates(), "");
-  const std::vector<CapturedFrame> frames = captured_frames();
+  const std::vector<RecordedFrame> frames = recorded_frames();
   ASSERT_EQ(frames.size(), 4U);
   EXPECT_EQ(frames[0].bytes, Station::frame("to the right"));
   EXPECT_EQ(frames[1].bytes, Station::frame("to the left"));
@@ -185,18 +196,18 @@ TEST(Wire, CarriesFramesOfEveryLength) {
     EXPECT_TRUE(bench.right->receives() == text) << length;
   }
   bench.catches_up();
-  EXPECT_EQ(captured_frames().back().bytes.size(), 65535U);
+  EXPECT_EQ(recorded_frames().back().bytes.size(), 65535U);
 }
 
-TEST(Wire, TheFilesFollowByThemselves) {
+TEST(Wire, TheFileFollowsByItself) {
   NEEDS_WIRE();
   Bench bench;
   bench.wire.order(What::kLose, 100);
   bench.left->sends("lost");
   const auto end = Clock::now() + 10s;
-  while (whole_file("fates").empty() && Clock::now() < end) std::this_thread::sleep_for(5ms);
-  EXPECT_EQ(whole_file("fates"), "1 lost\n");
-  EXPECT_EQ(captured_frames().size(), 1U);
+  while (recorded_fates().empty() && Clock::now() < end) std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(recorded_fates(), "1 lost: by chance\n");
+  EXPECT_EQ(recorded_frames().size(), 1U);
 }
 
 TEST(Wire, LosesEveryFrameOfTheFirstLinkOnly) {
@@ -212,8 +223,8 @@ TEST(Wire, LosesEveryFrameOfTheFirstLinkOnly) {
   bench.wire.order(What::kLose, 0);
   bench.left->sends("not lost");
   EXPECT_EQ(bench.right->receives(), "not lost");
-  EXPECT_EQ(bench.fates(), "1 lost\n2 lost\n");
-  EXPECT_EQ(captured_frames().size(), 4U);
+  EXPECT_EQ(bench.fates(), "1 lost: by chance\n2 lost: by chance\n");
+  EXPECT_EQ(recorded_frames().size(), 4U);
 }
 
 TEST(Wire, WhatWasSentBeforeAnOrderIsNotSubjectToIt) {
@@ -237,7 +248,7 @@ TEST(Wire, DuplicatesFrames) {
   EXPECT_EQ(bench.left->receives(), "twice");
   EXPECT_EQ(bench.left->receives(kQuietMilliseconds), "nothing");
   EXPECT_EQ(bench.fates(), "1 duplicated\n");
-  EXPECT_EQ(captured_frames().size(), 1U);
+  EXPECT_EQ(recorded_frames().size(), 1U);
 }
 
 TEST(Wire, SwapsFramesAndReleasesTheLastOneAlone) {
@@ -253,7 +264,7 @@ TEST(Wire, SwapsFramesAndReleasesTheLastOneAlone) {
   EXPECT_EQ(bench.right->receives(), "second");
   EXPECT_EQ(bench.right->receives(), "first");
   EXPECT_EQ(bench.right->receives(), "third");
-  EXPECT_EQ(bench.fates(), "1 swapped\n3 swapped\n");
+  EXPECT_EQ(bench.fates(), "1 swapped with the next one\n3 swapped with the next one\n");
 }
 
 TEST(Wire, DelaysFrames) {
@@ -278,15 +289,13 @@ TEST(Wire, ACutEndsByItselfAndIsOnRecord) {
   EXPECT_EQ(bench.right->receives(600), "nothing");
   bench.left->sends("past the cut");
   EXPECT_EQ(bench.right->receives(), "past the cut");
-  double from = 0;
-  double until = 0;
-  int length = 0;
-  const std::string fates = bench.fates();
-  ASSERT_EQ(std::sscanf(fates.c_str(), "cut %lf %lf\n%n", &from, &until, &length), 2) << fates;
-  EXPECT_EQ(fates.substr(static_cast<std::size_t>(length)), "1 lost\n");
-  EXPECT_GE(from, before - 0.001);
-  EXPECT_LE(from, after + 0.001);
-  EXPECT_NEAR(until - from, 0.5, 0.000002);
+  EXPECT_EQ(bench.fates(), "1 lost: the cable was out\n");
+  std::ifstream file("record", std::ios::binary);
+  const std::vector<record::Entry> cuts = read_fates(file).cuts;
+  ASSERT_EQ(cuts.size(), 1U);
+  EXPECT_GE(static_cast<double>(cuts[0].at) / 1e9, before - 0.001);
+  EXPECT_LE(static_cast<double>(cuts[0].at) / 1e9, after + 0.001);
+  EXPECT_EQ(std::get<record::Cut>(record::said_by(cuts[0]).value()).lasts, 500000000);
 }
 
 TEST(Wire, FollowsOrdersWhileFramesKeepComing) {
@@ -311,7 +320,7 @@ TEST(Wire, LosesWhatADeviceDoesNotTake) {
   Bench bench;
   ip(bench.right_place, "link set test0 down");
   bench.left->sends("to a device that is down");
-  EXPECT_EQ(bench.fates(), "1 lost\n");
+  EXPECT_EQ(bench.fates(), "1 lost: the far end took none\n");
   ip(bench.right_place, "link set test0 up");
   bench.left->sends("to a device that is up");
   EXPECT_EQ(bench.right->receives(), "to a device that is up");
@@ -359,7 +368,7 @@ TEST(Wire, EndsWithItsOrdersAndDropsWhatIsDelayed) {
   bench.wire.process().close_input();
   EXPECT_EQ(bench.wire.process().wait_for_end()->text(), "exit status 0");
   EXPECT_EQ(bench.right->receives(0), "nothing");
-  EXPECT_EQ(captured_frames().size(), 2U);
+  EXPECT_EQ(recorded_frames().size(), 2U);
   EXPECT_EQ(if_nametoindex("test0"), 0U);
 }
 
@@ -371,16 +380,15 @@ TEST(Wire, EndsWithZeroOnSignals) {
     EXPECT_EQ(bench.plain_right->receives(), "recorded");
     kill(bench.wire.process().pid(), signal_number);
     EXPECT_EQ(bench.wire.process().wait_for_end()->text(), "exit status 0");
-    EXPECT_EQ(captured_frames().size(), 1U);
+    EXPECT_EQ(recorded_frames().size(), 1U);
   }
 }
 
-void expect_refused(const std::string& capture, const std::string& fates, const std::string& device,
-                    const std::string& expected) {
+void expect_refused(const std::string& record, const std::string& device, const std::string& expected) {
   const NetworkNamespace here = NetworkNamespace::current();
   const NetworkNamespace there;
   try {
-    const WireProcess wire(capture, fates, 1, {{{{here, "taken0"}, {there, device}}}});
+    const WireProcess wire(record, 1, {{{{here, "taken0"}, {there, device}}}});
     FAIL() << "was made instead of: " << expected;
   } catch (const std::runtime_error& error) {
     EXPECT_EQ(error.what(), expected);
@@ -391,17 +399,15 @@ TEST(Wire, SaysWhatItExpected) {
   NEEDS_WIRE();
   const ScratchDirectory directory;
   const NetworkNamespace here = NetworkNamespace::current();
-  expect_refused("/nowhere/capture", "fates", "test0",
-                 "expected a file that can be written: /nowhere/capture: No such file or directory");
-  expect_refused("capture", "/nowhere/fates", "test0",
-                 "expected a file that can be written: /nowhere/fates: No such file or directory");
+  expect_refused("/nowhere/record", "test0",
+                 "expected a file that can be written: /nowhere/record: No such file or directory");
   for (const std::string device : {"", "0123456789abcdef"}) {
-    expect_refused("capture", "fates", device,
+    expect_refused("record", device,
                    "expected a device name of 1 to 15 characters instead of '" + device + "'");
   }
   const TapDevice first(here, "taken0");
   expect_refused(
-      "capture", "fates", "test0",
+      "record", "test0",
       "expected the right to make a device, and a name that is free, taken0: Device or resource busy");
 }
 

@@ -1,13 +1,13 @@
-// bench [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER
+// bench STATION_PROGRAM SCENARIO RESULTS_FOLDER
 // bench --many COUNT SEED STATION_PROGRAM RESULTS_FOLDER
 // bench --make SEED
 // bench --steps
 //
-// Plays one scenario with the unmodified daemon on a private network of this machine, and draws it. Leaves
-// NAME.pcap and NAME.svg in the results folder, and with --keep the run's own folder NAME. --many plays so many
-// made by chance, of the seeds from SEED on, and leaves only those that went otherwise (many_runs.h). --make
-// prints the scenario of one seed, --steps what a scenario can say. Exit status: 0 the run went as the scenario
-// says, 1 it did not, 2 the call or the scenario cannot be understood, 77 this machine does not allow it.
+// Plays one scenario with the unmodified daemon on a private network of this machine, records and draws it.
+// Leaves NAME.pcapng and NAME.svg in the results folder. --many plays so many made by chance, of the seeds from
+// SEED on, and leaves only those that went otherwise (many_runs.h). --make prints the scenario of one seed,
+// --steps what a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or
+// the scenario cannot be understood, 77 this machine does not allow it.
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,6 +27,7 @@
 #include "bench/exit_status.h"
 #include "bench/made_scenario.h"
 #include "bench/many_runs.h"
+#include "bench/record_file.h"
 #include "bench/run.h"
 #include "bench/scenario.h"
 #include "picture/picture.h"
@@ -45,18 +46,13 @@ bool is_number(const std::string& text, std::uint32_t* number) {
 }
 
 struct Call {
-  bool keep = false;
   fs::path scenario;  // where none is made
   ManyRuns runs;      // count 0: none is made
 
   bool is_made() const { return runs.count == 1; }
 };
 
-bool understood(std::vector<std::string> arguments, Call* call) {
-  if (!arguments.empty() && arguments[0] == "--keep") {
-    call->keep = true;
-    arguments.erase(arguments.begin());
-  }
+bool understood(const std::vector<std::string>& arguments, Call* call) {
   ManyRuns& runs = call->runs;
   const bool many = arguments.size() == 5 && arguments[0] == "--many";
   if (!many && arguments.size() != 3) return false;
@@ -66,8 +62,7 @@ bool understood(std::vector<std::string> arguments, Call* call) {
     call->scenario = arguments[1];
     return true;
   }
-  return is_number(arguments[1], &runs.count) && is_number(arguments[2], &runs.seed) && runs.count > 0 &&
-         !(call->keep && runs.count > 1);
+  return is_number(arguments[1], &runs.count) && is_number(arguments[2], &runs.seed) && runs.count > 0;
 }
 
 // As somebody would write the path who stands where the bench, or the script around it, was called.
@@ -80,8 +75,8 @@ std::string as_caller_writes(const fs::path& path) {
 // be played at the same time.
 class RunFolder {
  public:
-  RunFolder(const fs::path& results, const std::string& name, bool keep)
-      : results_(results), name_(name), keep_(keep), path_((results / (name + ".XXXXXX")).string()) {
+  RunFolder(const fs::path& results, const std::string& name)
+      : results_(results), name_(name), path_((results / (name + ".XXXXXX")).string()) {
     fs::create_directories(results);
     if (mkdtemp(path_.data()) == nullptr)
       throw std::runtime_error("cannot make " + path_ + ": " + std::strerror(errno));
@@ -89,8 +84,7 @@ class RunFolder {
   }
   ~RunFolder() {
     std::error_code ignored;
-    fs::remove_all(keep_ ? results_ / name_ : fs::path(path_), ignored);
-    if (keep_) fs::rename(path_, results_ / name_, ignored);
+    fs::remove_all(path_, ignored);
   }
   RunFolder(const RunFolder&) = delete;
   RunFolder& operator=(const RunFolder&) = delete;
@@ -98,12 +92,9 @@ class RunFolder {
   std::string file(const std::string& name) const { return path_ + "/" + name; }
   const std::string& path() const { return path_; }
   const std::string& name() const { return name_; }
-  // Puts NAME.pcap or NAME.svg in the place of what an earlier run left there. Where it is then, for the
-  // caller; nothing where the run has not made it.
-  std::optional<std::string> hand_over(const std::string& extension) const {
+  // Puts NAME.pcapng or NAME.svg in the place of what an earlier run left there. Where it is then, for the caller.
+  std::string hand_over(const std::string& extension) const {
     const fs::path result = results_ / (name_ + extension);
-    fs::remove(result);
-    if (!fs::exists(file(name_ + extension))) return std::nullopt;
     fs::rename(file(name_ + extension), result);
     return as_caller_writes(result);
   }
@@ -114,7 +105,6 @@ class RunFolder {
                                                fs::perms::others_exec;
   const fs::path results_;
   const std::string name_;
-  const bool keep_;
   std::string path_;
 };
 
@@ -124,19 +114,20 @@ std::string content(const std::string& path) {
 }
 
 int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
-  const std::string capture = folder.file(folder.name() + ".pcap");
-  Run run(scenario, call.runs.station, folder.path(), capture);
+  Run run(scenario, call.runs.station, folder.path());
   const std::optional<std::string> wrong = run.play();
   picture::RunRecord record = run.record();
   record.name = folder.name();
   record.judged = wrong.value_or("as the scenario says");
-  record.capture = content(capture);
+  const std::string file = folder.file(folder.name() + ".pcapng");
+  write_record(file, run.wire_record(), record);
+  record.capture = content(file);
   std::ofstream(folder.file(folder.name() + ".svg")) << picture::picture_of(record);
   if (call.is_made()) folder.hand_over(".run");
   std::cout << run.verdict() << '\n'
             << folder.name() << (wrong ? " did not go" : " went")
-            << " as the scenario says: " << folder.hand_over(".svg").value_or("no picture could be written")
-            << ", " << folder.hand_over(".pcap").value_or("nothing was on the network") << std::endl;
+            << " as the scenario says: " << folder.hand_over(".svg") << ", " << folder.hand_over(".pcapng")
+            << std::endl;
   return wrong ? kOtherwise : kAsExpected;
 }
 
@@ -164,7 +155,7 @@ int play_one(const Call& call) {
   if (access(kTunDevice, R_OK | W_OK) != 0)
     throw NotAllowed(std::string(kTunDevice) + ": " + std::strerror(errno));
   end_work_on_signals();
-  const RunFolder folder(call.runs.results, name, call.keep);
+  const RunFolder folder(call.runs.results, name);
   if (call.is_made()) std::ofstream(folder.file(name + ".run")) << made;
   return run_in_private_namespaces([&] {
     return reported([&] {
@@ -189,7 +180,7 @@ int main(int argc, char** argv) {
   }
   Call call;
   if (!understood(arguments, &call)) {
-    std::cerr << "bench: expected: [--keep] STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
+    std::cerr << "bench: expected: STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
                  "STATION_PROGRAM RESULTS_FOLDER, or --make SEED, or --steps\n";
     return kNotUnderstood;
   }

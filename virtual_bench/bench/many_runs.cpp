@@ -131,7 +131,7 @@ void Player::judge(const Playing& one, const ProcessEnd& end) {
   switch (end.shell_status()) {
     case kAsExpected:
       ++as_expected_;
-      for (const char* extension : {".run", ".svg", ".pcap"}) fs::remove(file(one, extension));
+      for (const char* extension : {".run", ".svg", ".pcapng"}) fs::remove(file(one, extension));
       break;
     case kNotAllowed:
       if (not_played_++ == 0) tell(one);  // the others have the same reason

@@ -14,7 +14,7 @@ struct ManyRuns {
 };
 
 // Plays them, and prints each that went otherwise than it must, with the seed that plays it again, and the
-// count at the end. Leaves of those, in the results folder: chance-SEED.run, .log, .svg and .pcap.
+// count at the end. Leaves of those, in the results folder: chance-SEED.run, .log, .svg and .pcapng.
 // An ExitStatus, or 128 plus the number of the signal that ended it: SIGHUP, SIGINT or SIGTERM.
 int play_many(const ManyRuns& runs);
 

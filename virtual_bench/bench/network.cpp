@@ -25,10 +25,9 @@ bool is_for_ppt_server(const std::string& text) {
 
 }  // namespace
 
-Network::Network(const std::string& capture, const std::string& fates, std::uint64_t seed,
-                 const std::string& station_link)
+Network::Network(const std::string& record, std::uint64_t seed, const std::string& station_link)
     : station(NetworkNamespace::current()),
-      wire_(capture, fates, seed,
+      wire_(record, seed,
             {{{{station, station_link}, {unit, "lan0"}}}, {{{station, "ppt0"}, {ppt_server, "ppt0"}}}}),
       ppt_server_address_(kPptServerIp) {
   set_up(station, station_link, "172.40.0.1/24 broadcast 172.40.0.255 label " + station_link + ":0");

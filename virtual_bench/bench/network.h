@@ -15,11 +15,10 @@ class Network {
  public:
   static constexpr char kStationIp[] = "172.40.0.1";
 
-  // The station is where the caller is. capture, fates: files that the wire writes. seed: of the chances of
-  // damage. station_link: the name of the station's end of the test network, "lan0" on a board that is set up
-  // well. Throws std::runtime_error.
-  Network(const std::string& capture, const std::string& fates, std::uint64_t seed,
-          const std::string& station_link);
+  // The station is where the caller is. record: the file that the wire writes. seed: of the chances of damage.
+  // station_link: the name of the station's end of the test network, "lan0" on a board that is set up well.
+  // Throws std::runtime_error.
+  Network(const std::string& record, std::uint64_t seed, const std::string& station_link);
 
   void order_wire(Order::What what, double amount) const { wire_.order(what, amount); }
   // From now on the PPT server has this address, if it is one for it in its network; else the one it had.

@@ -6,9 +6,11 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 
 #include "picture/page.h"
-#include "wire/fates.h"
+#include "record/run_entry.h"
+#include "wire/wire_record.h"
 
 namespace {
 
@@ -19,13 +21,8 @@ constexpr int kLookMilliseconds = 5;
 constexpr double kLastFramesSeconds = 0.1;             // until what the station's end sends is in the capture
 constexpr char kTemporaryMac[] = "02:00:00:00:17:2a";  // not the one that a station without envtool assumes
 constexpr int kToolStatus = 1;                         // of the T1/E1 tool where no step says otherwise
+constexpr record::Nanoseconds kNanoseconds = 1000;     // of a microsecond
 constexpr char kVerdictLine[] = "Cmd received: ";
-
-std::string in_log_form(std::int64_t microseconds) {
-  char text[40];
-  std::snprintf(text, sizeof text, "%.6f", static_cast<double>(microseconds) / 1e6);
-  return text;
-}
 
 std::vector<picture::TimedLine> read_log(const std::string& path) {
   std::vector<picture::TimedLine> lines;
@@ -36,29 +33,32 @@ std::vector<picture::TimedLine> read_log(const std::string& path) {
   return lines;
 }
 
-picture::Fates drawn(const RecordedFates& recorded) {
+picture::Fates drawn(const WireFates& recorded) {
   picture::Fates fates;
-  for (const auto& [number, fate] : recorded.frames) {
+  for (const auto& [number, comments] : recorded.of_frames) {
     picture::Fate& all = fates.of_frame[number];
-    all.lost = all.lost || fate == Fate::kLost;
-    all.duplicated = all.duplicated || fate == Fate::kDuplicated;
-    all.swapped = all.swapped || fate == Fate::kSwapped;
+    for (const std::string& comment : comments) {
+      all.duplicated = all.duplicated || comment == record::kDuplicated;
+      all.swapped = all.swapped || comment == record::kSwapped;
+      all.lost = all.lost || comment.rfind("lost", 0) == 0;
+    }
   }
-  for (const auto& [from, until] : recorded.cuts)
-    fates.cuts.push_back({static_cast<std::int64_t>(from), static_cast<std::int64_t>(until)});
+  for (const record::Entry& entry : recorded.cuts) {
+    const auto said = record::said_by(entry);
+    const auto* const cut = said ? std::get_if<record::Cut>(&*said) : nullptr;
+    if (cut == nullptr) continue;
+    fates.cuts.push_back({entry.at / kNanoseconds, (entry.at + cut->lasts) / kNanoseconds});
+  }
   return fates;
 }
 
 }  // namespace
 
-Run::Run(const Scenario& scenario, const std::string& station, const std::string& folder,
-         const std::string& capture)
+Run::Run(const Scenario& scenario, const std::string& station, const std::string& folder)
     : scenario_(scenario),
       station_program_(station),
       folder_(folder),
-      capture_(capture),
-      board_(folder + "/board", folder + "/board.log"),
-      station_log_(folder + "/station.log") {
+      board_(folder + "/board", folder + "/board.log") {
   board_.sets_variable("tempmac", kTemporaryMac);
   set_tool_status(kToolStatus);
   fs::create_directory(folder_ + "/served");
@@ -105,7 +105,8 @@ picture::RunRecord Run::record() const {
   record.end = end_;
   if (station_end_) record.exit_status = {station_end_->status, station_end_->signal};
   record.ppt_flag = board_.variable("ppt_flag");
-  record.fates = drawn(read_fates(folder_ + "/fates"));
+  std::ifstream wire(wire_record(), std::ios::binary);
+  if (wire) record.fates = drawn(read_fates(wire));
   record.station_lines = station_lines_;
   record.board_calls = read_log(folder_ + "/board.log");
   return record;
@@ -126,7 +127,7 @@ void Run::wait(double seconds) {
 }
 
 Run::Neighbours::Neighbours(Run& run)
-    : network(run.capture_, run.folder_ + "/fates", run.wire_seed_, run.station_link_),
+    : network(run.wire_record(), run.wire_seed_, run.station_link_),
       ppt_server(network.ppt_server, run.station_options_.ppt_port, run.station_options_.message_port),
       unit(network.unit, [&run](double seconds, const std::function<bool()>& condition) {
         return run.until(seconds, condition);
@@ -165,7 +166,6 @@ void Run::take_station_end() {
 
 void Run::take_station_line(const std::string& line) {
   const std::int64_t now = microseconds_since_epoch();
-  station_log_ << in_log_form(now) << ' ' << line << std::endl;
   station_lines_.push_back({now, line});
   timeline_.log("station", "| " + line);
 }

@@ -2,7 +2,6 @@
 #define BENCH_RUN_H
 
 #include <cstdint>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -35,27 +34,23 @@ struct ReadOptions {
 // One run: plays a scenario's steps one after another, and prints meanwhile what station, board and PPT
 // server do.
 //
-// What it leaves in its folder; times in seconds since the epoch:
-//   - station.log: "SECONDS LINE" of the station's output
-//   - board.log: "SECONDS COMMAND", each call of a board command
-//   - fates: what the wire did to which frame
-//   - errors: what the station said on standard error
-//   - served/, unit/: the files that the station serves, those that the unit read
-//   - board/: the board's state
+// Its folder holds the files that the station serves and that the unit read, the board's state, and what the
+// wire records.
 class Run {
  public:
   static constexpr double kExitSeconds = 20;  // for the station to end, if nothing else is said
 
-  // station: the daemon's program, unmodified. folder: exists and is empty. capture: the file that the wire
-  // records into. The calling process has mounts, network and process numbers of its own.
-  Run(const Scenario& scenario, const std::string& station, const std::string& folder,
-      const std::string& capture);
+  // station: the daemon's program, unmodified. folder: exists and is empty. The calling process has mounts,
+  // network and process numbers of its own.
+  Run(const Scenario& scenario, const std::string& station, const std::string& folder);
 
   // Nothing when all went as the scenario says, else what did not. The run's processes have ended then.
   // Throws NotAllowed where this machine gives no network.
   std::optional<std::string> play();
 
-  // After play: all that is known of the run but name, judgement and capture.
+  // After play: the file with what the wire carried (wire_record.h); there is none where nothing made a link.
+  std::string wire_record() const { return folder_ + "/wire.pcapng"; }
+  // After play: all that is known of the run but name, judgement and frames.
   picture::RunRecord record() const;
   // After play: "the unit PASSED", "the unit FAILED" or "the unit gave no final verdict".
   std::string verdict() const;
@@ -132,10 +127,8 @@ class Run {
   const Scenario scenario_;
   const std::string station_program_;
   const std::string folder_;
-  const std::string capture_;
   const Timeline timeline_;
   const Board board_;
-  std::ofstream station_log_;
   std::uint64_t wire_seed_ = 1;
   std::string station_link_ = "lan0";
   std::unique_ptr<Neighbours> neighbours_;

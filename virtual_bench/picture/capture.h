@@ -2,7 +2,7 @@
 #define PICTURE_CAPTURE_H
 
 #include <cstddef>
-#include <string_view>
+#include <string>
 #include <vector>
 
 #include "picture/event.h"
@@ -10,19 +10,19 @@
 namespace picture {
 
 struct Frame {
-  std::size_t number = 0;  // in the capture, from 1
+  std::size_t number = 0;  // among the frames, from 1
   Microseconds at = 0;
-  std::string_view bytes;  // into the file's contents
+  std::string bytes;
 };
 
 struct Capture {
   std::vector<Frame> frames;
-  bool whole = false;  // the file had a header, and its last record was complete
+  bool whole = false;  // the file was one of frames, and complete
 };
 
-// Reads the contents of a classic pcap file (Ethernet, microseconds) of either byte order. Of a file that is
-// cut short or goes wrong, the frames before that place. The contents must outlive the result.
-Capture read_capture(std::string_view contents);
+// Reads the Ethernet frames of a file's contents (record/reader.h). Of a file that is cut short or goes wrong, the
+// frames before that place.
+Capture read_capture(const std::string& contents);
 
 }  // namespace picture
 

@@ -38,7 +38,7 @@ struct Packet {
   bool rst = false;
 };
 
-// The packets between station, unit and PPT server, in the capture's order; everything else is left out. The
+// The packets, whose payloads are in the capture, between station, unit and PPT server, in the capture's order; everything else is left out. The
 // fragments of a datagram are one packet, at the time of the first.
 std::vector<Packet> packets_in(const Capture& capture, const Fates& fates);
 

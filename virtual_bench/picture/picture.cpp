@@ -10,7 +10,8 @@
 namespace picture {
 
 std::string picture_of(const RunRecord& run) {
-  const std::vector<Packet> packets = packets_in(read_capture(run.capture), run.fates);
+  const Capture capture = read_capture(run.capture);
+  const std::vector<Packet> packets = packets_in(capture, run.fates);
   return svg_of(page_of(rows_of(story_of(packets, run), run.end), run));
 }
 

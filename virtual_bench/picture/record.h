@@ -51,7 +51,7 @@ struct RunRecord {
   std::optional<ExitStatus> exit_status;
   std::string ppt_flag;
   std::string judged;   // whether the run went as it was to go
-  std::string capture;  // the contents of a pcap file
+  std::string capture;  // the contents of a file of frames
   Fates fates;
   std::vector<TimedLine> station_lines;  // the daemon's output
   std::vector<TimedLine> board_calls;    // the command lines of the board's commands

@@ -11,8 +11,8 @@ bool Damage::happens(double percent) {
 void Damage::cut(Duration time, Time now) {
   let_out(now);
   for (Direction& direction : directions_) {
-    for (const WaitingFrame& waiting : direction.delayed) sink_.note(waiting.number, Fate::kLost);
-    if (direction.held) sink_.note(direction.held->number, Fate::kLost);
+    for (const WaitingFrame& waiting : direction.delayed) sink_.note(waiting.number, Fate::kLostByCut);
+    if (direction.held) sink_.note(direction.held->number, Fate::kLostByCut);
     direction.delayed.clear();
     direction.held.reset();
   }
@@ -26,7 +26,7 @@ void Damage::enter(int direction, std::uint64_t number, std::string_view frame, 
   const bool is_duplicated = happens(duplicated_percent_);
   const bool is_swapped = happens(swapped_percent_);
   if (now < cut_until_ || is_lost) {
-    sink_.note(number, Fate::kLost);
+    sink_.note(number, now < cut_until_ ? Fate::kLostByCut : Fate::kLostByChance);
     return;
   }
   if (is_duplicated) sink_.note(number, Fate::kDuplicated);
@@ -72,7 +72,7 @@ void Damage::go_on(int direction, const Frame& frame, Time now) {
   if (due <= now) {
     sink_.leave(direction, frame.number, frame.bytes, frame.copies);
   } else if (delayed_bytes_ + frame.bytes.size() > kMostDelayedBytes) {
-    sink_.note(frame.number, Fate::kLost);
+    sink_.note(frame.number, Fate::kLostAtTheEnd);
   } else {
     delayed.push_back({frame.number, std::string(frame.bytes), frame.copies, due});
     delayed_bytes_ += frame.bytes.size();

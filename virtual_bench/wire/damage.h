@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-enum class Fate { kLost, kDuplicated, kSwapped };
+enum class Fate { kLostByChance, kLostByCut, kLostAtTheEnd, kDuplicated, kSwapped };
 
 // Takes what becomes of the frames.
 class FrameSink {

@@ -21,14 +21,20 @@ constexpr int kFramesPerTurn = 64;
 constexpr Damage::Duration kSpinTime = 100us;
 // How long orders may wait while frames keep the wire awake.
 constexpr Damage::Duration kOrdersInterval = 1ms;
-// How old what is not yet in the files may get.
+// How old what is not yet in the file may get.
 constexpr Damage::Duration kFlushInterval = 10ms;
 // How long it sleeps when there is nothing to wake for.
 constexpr Damage::Duration kLongestSleep = 1h;
 
-std::uint64_t microseconds_since_epoch() {
+record::Nanoseconds time_of_day() {
   const auto time = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(time).count();
+}
+
+std::vector<std::string> names_of(const std::vector<Wire::Ends>& links) {
+  std::vector<std::string> names;
+  for (const Wire::Ends& ends : links) names.push_back(ends[0].device);
+  return names;
 }
 
 int ending_signals() {
@@ -49,9 +55,8 @@ timespec as_timespec(Damage::Duration time) {
 
 }  // namespace
 
-Wire::Wire(const std::string& capture, const std::string& fates, std::uint64_t seed,
-           const std::vector<Ends>& links)
-    : capture_(capture), fates_(fates), damage_(seed, *this) {
+Wire::Wire(const std::string& record, std::uint64_t seed, const std::vector<Ends>& links)
+    : record_(record, names_of(links)), damage_(seed, *this) {
   for (const Ends& ends : links)
     links_.push_back({TapDevice(ends[0].place, ends[0].device), TapDevice(ends[1].place, ends[1].device)});
 }
@@ -90,14 +95,15 @@ bool Wire::take_frames(Time now) {
 bool Wire::take_frames_of(std::size_t link, int end, Time now) {
   TapDevice& device = links_[link][static_cast<std::size_t>(end)];
   for (int i = 0; i < kFramesPerTurn; ++i) {
-    const std::size_t length = device.take(capture_.room(), Capture::kLongestFrameBytes);
+    const std::size_t length = device.take(frame_.data(), frame_.size());
     if (length == 0) return i > 0;
-    const std::string_view frame = capture_.keep(length, microseconds_since_epoch());
+    const std::string_view frame(frame_.data(), length);
+    const std::uint64_t number = record_.add_frame(link, frame, time_of_day());
     if (!flush_due_) flush_due_ = now + kFlushInterval;
     if (link == kDamagedLink) {
-      damage_.enter(end, capture_.count(), frame, now);
+      damage_.enter(end, number, frame, now);
     } else {
-      deliver(link, end, capture_.count(), frame, 1);
+      deliver(link, end, number, frame, 1);
     }
   }
   return true;
@@ -115,11 +121,11 @@ void Wire::deliver(std::size_t link, int direction, std::uint64_t number, std::s
   for (int i = 0; i < copies; ++i) {
     if (far_end.deliver(frame)) arrived = true;
   }
-  if (!arrived) note(number, Fate::kLost);
+  if (!arrived) note(number, Fate::kLostAtTheEnd);
 }
 
 void Wire::note(std::uint64_t number, Fate fate) {
-  fates_.note(number, fate);
+  record_.add_fate(number, fate, time_of_day());
   if (!flush_due_) flush_due_ = Damage::Clock::now() + kFlushInterval;
 }
 
@@ -167,17 +173,15 @@ void Wire::follow(const Order& order) {
     case Order::What::kDelay:
       return damage_.delay(std::chrono::duration_cast<Damage::Duration>(Milliseconds(order.amount)));
     case Order::What::kCut: {
-      const std::uint64_t from = microseconds_since_epoch();
       const Seconds time(order.amount);
+      const record::Nanoseconds from = time_of_day();
       damage_.cut(std::chrono::duration_cast<Damage::Duration>(time), Damage::Clock::now());
-      const auto lasts = std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-      fates_.note_cut(from, from + static_cast<std::uint64_t>(lasts));
+      record_.add_cut(std::chrono::duration_cast<std::chrono::nanoseconds>(time).count(), from);
     }
   }
 }
 
 void Wire::flush() {
-  capture_.flush();
-  fates_.flush();
+  record_.flush();
   flush_due_.reset();
 }

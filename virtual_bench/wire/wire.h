@@ -9,11 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "wire/capture.h"
 #include "wire/damage.h"
-#include "wire/fates.h"
 #include "wire/order.h"
 #include "wire/tap_device.h"
+#include "wire/wire_record.h"
 
 // Carries frames between the two ends of each link, records every one as it enters, and damages those of the
 // first link on order.
@@ -21,8 +20,7 @@
 // The two sides of a lock-step transfer wait for each other with every frame, so what counts is how soon a
 // frame is at the far end, not how many can be under way. A thread that sleeps is late by the time it takes
 // to wake it. After a frame, the wire therefore tries the devices again and again for kSpinTime; it offers
-// its core to others between the attempts, so that on a machine with one core they lose nothing. A frame is
-// read into the capture's buffer and written to the far end from there: it is never copied.
+// its core to others between the attempts, so that on a machine with one core they lose nothing.
 class Wire : private FrameSink {
  public:
   // A link's two ends: the device with that name in that namespace.
@@ -32,14 +30,14 @@ class Wire : private FrameSink {
   };
   using Ends = std::array<End, 2>;
 
-  // Makes the devices, and the files capture (capture.h) and fates (fates.h). The seed is that of all
-  // chances. Throws std::runtime_error with one line that says what was expected, as does run.
-  Wire(const std::string& capture, const std::string& fates, std::uint64_t seed,
-       const std::vector<Ends>& links);
+  // Makes the devices, and the file record (wire_record.h), in which a link has the name of its first device. The
+  // seed is that of all chances. Throws std::runtime_error with one line that says what was expected, as does
+  // run.
+  Wire(const std::string& record, std::uint64_t seed, const std::vector<Ends>& links);
 
   // Carries frames, and follows each Order that comes by the socket, until that ends or SIGTERM or SIGINT
   // comes. Frames that wait then are dropped. Each order is answered by a byte, written to the other
-  // descriptor, when the files hold all that happened before it.
+  // descriptor, when the file holds all that happened before it.
   void run(int orders, int answers);
 
  private:
@@ -59,11 +57,13 @@ class Wire : private FrameSink {
   Time next_due(Time now) const;
   void flush();
 
-  Capture capture_;
-  Fates fates_;
+  static constexpr std::size_t kLongestFrameBytes = 65535;
+
+  WireRecord record_;
+  std::vector<char> frame_ = std::vector<char>(kLongestFrameBytes);  // that is being carried
   Damage damage_;
   std::vector<Link> links_;
-  std::optional<Time> flush_due_;  // nothing: all is in the files
+  std::optional<Time> flush_due_;  // nothing: all is in the file
 };
 
 #endif

@@ -11,9 +11,9 @@ constexpr int kPatienceMilliseconds = 10000;
 
 }  // namespace
 
-WireProcess::WireProcess(const std::string& capture, const std::string& fates, std::uint64_t seed,
+WireProcess::WireProcess(const std::string& record, std::uint64_t seed,
                          const std::vector<Wire::Ends>& links) {
-  Wire wire(capture, fates, seed, links);
+  Wire wire(record, seed, links);
   process_ = std::make_unique<Process>([&wire] {
     wire.run(STDIN_FILENO, STDOUT_FILENO);
     return 0;

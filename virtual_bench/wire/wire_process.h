@@ -14,12 +14,11 @@
 class WireProcess {
  public:
   // As the wire itself; throws as it does.
-  WireProcess(const std::string& capture, const std::string& fates, std::uint64_t seed,
-              const std::vector<Wire::Ends>& links);
-  // Ends it, so that its files are whole.
+  WireProcess(const std::string& record, std::uint64_t seed, const std::vector<Wire::Ends>& links);
+  // Ends it, so that its file is whole.
   ~WireProcess();
 
-  // Returns when the order is in force and the files hold all that happened before it. Throws
+  // Returns when the order is in force and the file holds all that happened before it. Throws
   // std::runtime_error when the wire does not follow.
   void order(Order::What what, double amount) const;
 

@@ -1,0 +1,13 @@
+#ifndef BENCH_RECORD_FILE_H
+#define BENCH_RECORD_FILE_H
+
+#include <string>
+
+#include "picture/record.h"
+
+// Writes the record of a run (record/writer.h): the wire's frames, with what became of each as its comments, and
+// among them, in the order of time, what else is known of the run. wire_record: the file that the wire left, or one
+// that is not there. Throws std::runtime_error with one line that names the file.
+void write_record(const std::string& path, const std::string& wire_record, const picture::RunRecord& run);
+
+#endif
