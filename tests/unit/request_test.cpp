@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -198,6 +199,16 @@ TEST_F(ProcessRequest, ReadsFileAboveDirectory) {
   std::filesystem::current_path("images");
   EXPECT_EQ(processes(rrq("../boot.img")), accepted("RRQ ../boot.img\n"));
   unit.expects(data(1, "contents"));
+}
+
+// It has no place that could be gone back to.
+TEST_F(ProcessRequest, ReadOfNamedPipeSendsNothingOfIt) {
+  ASSERT_EQ(mkfifo("pipe", S_IRUSR | S_IWUSR), 0);
+  const int pipe = open("pipe", O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(write(pipe, "text", 4), 4);
+  EXPECT_EQ(processes(rrq("pipe")), accepted("RRQ pipe\n"));
+  unit.expects(data(1, ""));
+  close(pipe);
 }
 
 TEST_F(ProcessRequest, ReadOfDirectorySendsEmptyBlocksWithoutEnd) {

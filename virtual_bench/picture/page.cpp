@@ -78,7 +78,7 @@ void add_middle(const std::string& text, Text::Font font, double middle, double 
 
 std::string date_in_words(const RunRecord& run) {
   if (!run.start) return "";
-  const std::time_t moment = *run.start / 1000000;
+  const auto moment = static_cast<std::time_t>(*run.start / 1000000);
   std::tm calendar = {};
   std::array<char, 64> text = {};
   if (gmtime_r(&moment, &calendar) == nullptr) return "";

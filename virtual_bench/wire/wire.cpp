@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <stdexcept>
 
 namespace {
@@ -50,7 +51,7 @@ int ending_signals() {
 
 timespec as_timespec(Damage::Duration time) {
   const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(time).count();
-  return {nanoseconds / 1000000000, nanoseconds % 1000000000};
+  return {static_cast<std::time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
 }
 
 }  // namespace
