@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "frames/tftp_message.h"
+#include "frames/words.h"
+#include "support/tftp_bytes.h"
+
+namespace {
+
+using frames::in_words;
+using frames::printable;
+using frames::tftp_message_in;
+
+std::string words(const std::string& datagram) {
+  return in_words(tftp_message_in(datagram, datagram.size()));
+}
+
+TEST(Words, LeaveLettersAsTheyAre) {
+  EXPECT_EQ(printable("kernel.img"), "kernel.img");
+  EXPECT_EQ(printable("Prüfling €"), "Prüfling €");
+}
+
+TEST(Words, EscapeWhatMovesTheCursor) {
+  EXPECT_EQ(printable("\x1b[2J\x07"), "\\x1b[2J\\x07");
+  EXPECT_EQ(printable("a\x7f"), "a\\x7f");
+  EXPECT_EQ(printable("\xc2\x9b"), "\\xc2\\x9b");
+}
+
+TEST(Words, EscapeWhatTurnsOrHides) {
+  EXPECT_EQ(printable("\u202e"), "\\xe2\\x80\\xae");
+  EXPECT_EQ(printable("\u200b"), "\\xe2\\x80\\x8b");
+  EXPECT_EQ(printable("\ufeff"), "\\xef\\xbb\\xbf");
+}
+
+TEST(Words, EscapeBytesThatAreNoText) {
+  EXPECT_EQ(printable("\xff\xc3("), "\\xff\\xc3(");
+  EXPECT_EQ(printable("\xc0\xaf"), "\\xc0\\xaf");                    // too long
+  EXPECT_EQ(printable("\xed\xa0\x80"), "\\xed\\xa0\\x80");           // a surrogate
+  EXPECT_EQ(printable("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");  // beyond the last
+  EXPECT_EQ(printable("\xe2\x82"), "\\xe2\\x82");                    // cut
+}
+
+TEST(Words, CutWhatIsLongBetweenLetters) {
+  std::string text;
+  for (int i = 0; i < 400; ++i) text += "ü";
+  const std::string shown = printable(text);
+  EXPECT_EQ(shown, text.substr(0, 300) + "...");
+  EXPECT_EQ(printable("x" + text), "x" + text.substr(0, 300) + "...");
+}
+
+TEST(Words, NameNulAndLineEndsInQuotes) {
+  EXPECT_EQ(frames::quoted(std::string("a\r\n\0b", 5)), "\"a\\r\\n\\0b\"");
+}
+
+TEST(Words, TellTftp) {
+  EXPECT_EQ(words(tftp::rrq("boot.img", {{"blksize", "1428"}})), "read boot.img, blksize 1428");
+  EXPECT_EQ(words(tftp::wrq("up.bin", {}, "netascii")), "write up.bin, mode netascii");
+  EXPECT_EQ(words(tftp::oack({{"tsize", "5"}})), "OACK, tsize 5");
+  EXPECT_EQ(words(tftp::data(1, "abc")), "DATA 1, 3 bytes");
+  EXPECT_EQ(words(tftp::ack(65535)), "ACK 65535");
+  EXPECT_EQ(words(tftp::error(1, "")), "ERROR 1, no text");
+  EXPECT_EQ(words(tftp::error(0, "no")), "ERROR 0, \"no\"");
+  EXPECT_EQ(words("hello"), "no TFTP packet, operation 26725");
+}
+
+TEST(Words, TellTheSizeOfABlockThatWasCut) {
+  const std::string block = tftp::data(7, std::string(60, 'x'));
+  EXPECT_EQ(in_words(tftp_message_in(block, 1432)), "DATA 7, 1428 bytes");
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+#include "frames/tftp_message.h"
+
+#include <algorithm>
+
+#include "frames/byte_view.h"
+#include "frames/words.h"
+
+namespace frames {
+
+namespace {
+
+constexpr std::size_t kHeaderBytes = 4;
+constexpr std::size_t kMaxOptions = 16;
+constexpr std::size_t kMaxNumberDigits = 9;
+constexpr char kVerdictPrefix[] = "F_l_m_";
+
+// Cuts a text and the NUL after it off the bytes.
+std::string take_text(std::string_view* bytes) {
+  const std::size_t end = std::min(bytes->find('\0'), bytes->size());
+  std::string text(bytes->substr(0, end));
+  *bytes = part_of(*bytes, end + 1);
+  return text;
+}
+
+void take_options(std::string_view bytes, TftpMessage* message) {
+  while (!bytes.empty() && message->options.size() < kMaxOptions) {
+    const std::string option = take_text(&bytes);
+    const std::string value = take_text(&bytes);
+    if (!option.empty()) message->options.emplace_back(option, value);
+  }
+}
+
+std::string options_in_words(const TftpMessage& message) {
+  std::string text;
+  for (const auto& [option, value] : message.options)
+    text += ", " + printable(option) + " " + printable(value);
+  return text;
+}
+
+std::string request_in_words(const TftpMessage& message) {
+  const std::string verb = message.kind == TftpMessage::Kind::kReadRequest ? "read " : "write ";
+  const std::string name = message.name.empty() ? "(empty name)" : printable(message.name);
+  const std::string mode = message.mode == "octet" ? "" : ", mode " + printable(message.mode);
+  return verb + name + mode + options_in_words(message);
+}
+
+}  // namespace
+
+TftpMessage tftp_message_in(std::string_view payload, std::size_t size) {
+  using Kind = TftpMessage::Kind;
+  TftpMessage message;
+  const std::uint16_t operation = number16_at(payload, 0);
+  message.number = operation;
+  if (payload.size() < 2 || operation < 1 || operation > 6) return message;
+  message.kind = static_cast<Kind>(operation);
+  message.number = number16_at(payload, 2);
+  std::string_view texts = part_of(payload, 2);
+  if (is_request(message)) {
+    message.name = take_text(&texts);
+    message.mode = take_text(&texts);
+    take_options(texts, &message);
+  } else if (message.kind == Kind::kOack) {
+    take_options(texts, &message);
+  } else if (message.kind == Kind::kError) {
+    std::string_view text = part_of(payload, kHeaderBytes);
+    message.error_text = take_text(&text);
+  } else if (message.kind == Kind::kData) {
+    message.data_size = size > kHeaderBytes ? size - kHeaderBytes : 0;
+  }
+  return message;
+}
+
+bool is_request(const TftpMessage& message) {
+  return message.kind == TftpMessage::Kind::kReadRequest || message.kind == TftpMessage::Kind::kWriteRequest;
+}
+
+bool is_verdict(const TftpMessage& message) {
+  return message.kind == TftpMessage::Kind::kReadRequest && message.name.rfind(kVerdictPrefix, 0) == 0;
+}
+
+std::size_t option_number(const TftpMessage& message, const std::string& option) {
+  for (const auto& [name, value] : message.options) {
+    if (name != option || value.empty() || value.size() > kMaxNumberDigits) continue;
+    if (value.find_first_not_of("0123456789") == std::string::npos) return std::stoul(value);
+  }
+  return 0;
+}
+
+std::string in_words(const TftpMessage& message) {
+  using Kind = TftpMessage::Kind;
+  const std::string number = std::to_string(message.number);
+  switch (message.kind) {
+    case Kind::kReadRequest:
+    case Kind::kWriteRequest:
+      return request_in_words(message);
+    case Kind::kData:
+      return "DATA " + number + ", " + counted(message.data_size, "byte");
+    case Kind::kAck:
+      return "ACK " + number;
+    case Kind::kError:
+      return "ERROR " + number +
+             (message.error_text.empty() ? ", no text" : ", " + quoted(message.error_text));
+    case Kind::kOack:
+      return "OACK" + options_in_words(message);
+    case Kind::kOther:
+      break;
+  }
+  return "no TFTP packet, operation " + number;
+}
+
+}  // namespace frames

@@ -1,0 +1,42 @@
+#ifndef FRAMES_TFTP_MESSAGE_H
+#define FRAMES_TFTP_MESSAGE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace frames {
+
+// A datagram as RFC 1350 and RFC 2347 read it.
+struct TftpMessage {
+  enum class Kind { kReadRequest = 1, kWriteRequest, kData, kAck, kError, kOack, kOther };
+
+  Kind kind = Kind::kOther;
+  std::uint16_t number = 0;  // of the block, or the error code; kOther: the operation code
+  std::string name;          // requests
+  std::string mode;          // requests
+  std::string error_text;
+  std::vector<std::pair<std::string, std::string>> options;
+  std::size_t data_size = 0;  // bytes of a block
+};
+
+// `payload`: as much of the datagram as was caught; `size`: bytes of the whole datagram.
+TftpMessage tftp_message_in(std::string_view payload, std::size_t size);
+
+bool is_request(const TftpMessage& message);
+
+// A read request whose name is a verdict.
+bool is_verdict(const TftpMessage& message);
+
+// The option's value as a number; 0 when it is missing or no number of at most nine digits.
+std::size_t option_number(const TftpMessage& message, const std::string& option);
+
+// "read image.bin, blksize 1428", "data 1, 512 bytes", "ACK 1", ...; printable.
+std::string in_words(const TftpMessage& message);
+
+}  // namespace frames
+
+#endif

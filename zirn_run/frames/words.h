@@ -1,0 +1,24 @@
+#ifndef FRAMES_WORDS_H
+#define FRAMES_WORDS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+// What came from the wire, as text that is safe on a page and in a terminal.
+namespace frames {
+
+// UTF-8 as it is, without what moves a cursor, changes the direction of reading or cannot be seen: such
+// characters, and bytes that are no UTF-8, as \xNN. Of what is very long the beginning and "...".
+std::string printable(std::string_view bytes);
+
+// The same in quotation marks; NUL as \0, line ends as \r and \n.
+std::string quoted(std::string_view bytes);
+
+// "1 block", "2 blocks".
+std::string counted(std::uint64_t count, const std::string& thing);
+
+}  // namespace frames
+
+#endif
