@@ -357,6 +357,7 @@ TEST(ServerClient, StartsWithItsDefaults) {
   EXPECT_EQ(client->block_number, 0);
   EXPECT_EQ(client->transfer_state, 0);
   EXPECT_EQ(client->client_ip, "");
+  EXPECT_EQ(client->local_port, 0);
   EXPECT_EQ(client->timeout, 5);
   EXPECT_EQ(client->block_size, 512);
   EXPECT_EQ(client->file_size, 0);

@@ -36,7 +36,7 @@ std::vector<picture::TimedLine> read_log(const std::string& path) {
 picture::Fates drawn(const WireFates& recorded) {
   picture::Fates fates;
   for (const auto& [number, comments] : recorded.of_frames) {
-    picture::Fate& all = fates.of_frame[number];
+    picture::Fate& all = fates.of_frame[static_cast<std::size_t>(number)];
     for (const std::string& comment : comments) {
       all.duplicated = all.duplicated || comment == record::kDuplicated;
       all.swapped = all.swapped || comment == record::kSwapped;
