@@ -13,7 +13,6 @@ using made::kFin;
 using made::kRst;
 using made::kSyn;
 using story::Connection;
-using story::Reading;
 using story::Step;
 
 constexpr made::Endpoint kUnit{made::kUnit, 3000};

@@ -34,6 +34,7 @@ record::Nanoseconds time_of_day() {
 
 std::vector<std::string> names_of(const std::vector<Wire::Ends>& links) {
   std::vector<std::string> names;
+  names.reserve(links.size());
   for (const Wire::Ends& ends : links) names.push_back(ends[0].device);
   return names;
 }
