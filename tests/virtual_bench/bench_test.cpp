@@ -83,6 +83,7 @@ class Bench : public testing::Test {
 
   std::set<std::string> left() const {
     std::set<std::string> names;
+    if (!fs::exists(results())) return names;  // it was interrupted before
     for (const auto& entry : fs::directory_iterator(results())) names.insert(entry.path().filename());
     return names;
   }
