@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -68,8 +70,8 @@ class Board::Mount {
   const std::string place_;
 };
 
-Board::Board(const std::string& folder, const std::string& log, Commands commands)
-    : folder_(folder), log_(log), tools_(folder + "/bin") {
+Board::Board(const std::string& folder, Commands commands)
+    : folder_(folder), log_(folder + "/log"), statuses_(folder + "/statuses"), tools_(folder + "/bin") {
   fs::create_directories(folder + "/variables");
   forgets_calls();
   if (commands == Commands::kAll) {
@@ -109,17 +111,20 @@ void Board::install(const std::string& command, const std::string& more_lines) c
   ends_with(command, 0);
   write_file(place_of(command),
              "#!/bin/sh\n"
-             "echo \"$(date +%s.%N) " +
-                 command + " $*\" >> " + quoted(log_) +
-                 "\n"
-                 "cd " +
+             "cd " +
                  quoted(folder_) +
                  "\n"
+                 "echo \"$$ $(date +%s.%N) " +
+                 command +
+                 " $*\" >> log\n"
                  "while [ -e " +
                  name +
                  ".held ]; do sleep 0.01; done\n"
                  "cat " +
-                 name + ".output\n" + more_lines + "exit $(cat " + name + ".status)\n");
+                 name + ".output\n" + more_lines + "status=$(cat " + name +
+                 ".status)\n"
+                 "echo \"$$ $status\" >> statuses\n"
+                 "exit \"$status\"\n");
   fs::permissions(place_of(command), fs::perms::owner_all);
 }
 
@@ -171,13 +176,28 @@ std::string Board::variable(const std::string& name) const {
 
 std::vector<std::string> Board::calls() const {
   std::vector<std::string> commands;
-  std::ifstream file(log_);
-  for (std::string line; std::getline(file, line);) {
-    if (!file.eof()) commands.push_back(line.substr(line.find(' ') + 1));
-  }
+  for (const Call& call : log()) commands.push_back(call.command);
   return commands;
+}
+
+std::vector<Board::Call> Board::log() const {
+  std::map<int, int> statuses;
+  std::ifstream ends(statuses_);
+  for (int pid = 0, status = 0; ends >> pid >> status && !ends.eof();) statuses[pid] = status;
+  std::vector<Call> calls;
+  std::ifstream file(log_);
+  int pid = 0;
+  double seconds = 0;
+  for (std::string command; file >> pid >> seconds && std::getline(file.ignore(), command);) {
+    if (file.eof()) break;
+    const auto status = statuses.find(pid);
+    calls.push_back({std::llround(seconds * 1e6), command,
+                     status == statuses.end() ? std::nullopt : std::optional(status->second)});
+  }
+  return calls;
 }
 
 void Board::forgets_calls() const {
   write_file(log_, "");
+  write_file(statuses_, "");
 }

@@ -1,12 +1,14 @@
 #ifndef STAGE_BOARD_H
 #define STAGE_BOARD_H
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 // The board's commands as the station calls them: envtool, the voice service and the T1/E1 tool. They are
-// scripts: each logs its call, waits while it is held, prints the output chosen for it and ends with the
+// scripts: each logs its call and its status, waits while it is held, prints the output chosen for it and ends with the
 // status chosen for it, nothing and 0 at first. envtool keeps variables besides.
 class Board {
  public:
@@ -19,9 +21,14 @@ class Board {
     kInPathOnly,  // envtool alone
   };
 
-  // folder: made for what the scripts need. log: the file of all calls, "SECONDS COMMAND" with the seconds
-  // since the epoch. Throws std::runtime_error where a place cannot be mounted.
-  Board(const std::string& folder, const std::string& log, Commands commands = Commands::kAll);
+  struct Call {
+    std::int64_t at = 0;  // microseconds since the epoch
+    std::string command;
+    std::optional<int> status;  // absent: it has not ended, or was killed
+  };
+
+  // folder: made for what the scripts need. Throws std::runtime_error where a place cannot be mounted.
+  explicit Board(const std::string& folder, Commands commands = Commands::kAll);
   ~Board();
   Board(const Board&) = delete;
   Board& operator=(const Board&) = delete;
@@ -44,8 +51,9 @@ class Board {
   void sets_variable(const std::string& name, const std::string& value) const;
   std::string variable(const std::string& name) const;
 
-  // The commands called so far, without their times.
+  // The commands called so far. The log: the same with times and statuses.
   std::vector<std::string> calls() const;
+  std::vector<Call> log() const;
   void forgets_calls() const;
 
  private:
@@ -56,7 +64,8 @@ class Board {
   std::string file_of(const std::string& command, const std::string& what) const;
 
   const std::string folder_;
-  const std::string log_;
+  const std::string log_;       // "PID SECONDS COMMAND" of each call
+  const std::string statuses_;  // "PID STATUS" of each that has ended
   std::vector<std::unique_ptr<Mount>> mounts_;
   std::string tools_;  // the folder of envtool
 };

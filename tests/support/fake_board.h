@@ -13,8 +13,7 @@
 class FakeBoard : private ScratchDirectory, public Board {
  public:
   FakeBoard()
-      : Board(ScratchDirectory::path(), file("calls"),
-              sandbox::entered() ? Commands::kAll : Commands::kInPathOnly),
+      : Board(ScratchDirectory::path(), sandbox::entered() ? Commands::kAll : Commands::kInPathOnly),
         path_before_(std::getenv("PATH")) {
     setenv("PATH", Board::path().c_str(), 1);
   }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <ostream>
 #include <set>
 #include <sstream>
@@ -161,11 +162,48 @@ TEST_F(Bench, RecordsWhatItKnowsOfTheRun) {
   const std::string record = recorded();
   for (const char* text :
        {"Server started , waiting for connections\n", "\nframe\n", "\nRRQ a\n", "\nframe, lost: by chance\n",
-        "\nCmd received: F_l_m_01TEST_FAILED\n", "\nthe board runs envtool ppt_flag=failed\n",
-        "\nthe station ends by signal 9\nthe run ends: as the scenario says\n"}) {
+        "\nCmd received: F_l_m_01TEST_FAILED\n", "\nthe board runs envtool ppt_flag=failed",
+        "\nthe station ends by signal 9\n", "\nthe run ends: as the scenario says\n"}) {
     EXPECT_NE(record.find(text), std::string::npos) << text << "in\n" << record;
   }
   EXPECT_EQ(record.rfind("the run begins: a\n", 0), 0U);
+}
+
+TEST_F(Bench, RecordsWhatTheStationWritesToItsStandardError) {
+  const std::string station = directory_.file("station");
+  write_whole_file(station,
+                   "#!/bin/sh\n"
+                   "echo 'a complaint' >&2\n"
+                   "echo 'Message Sender initialized. '\n"
+                   "sleep 0.2; printf 'and its ' >&2; sleep 0.2; printf 'last' >&2\n");
+  fs::permissions(station, fs::perms::owner_all);
+  calls(station + " " + file_with("station starts\nstation says \"and its last\"\nstation exits 0\n") + " " +
+        results());
+  EXPECT_EQ(result_.status, 0) << result_.output;
+  EXPECT_NE(recorded().find("\na complaint\n"), std::string::npos) << recorded();
+  EXPECT_NE(recorded().find("\nand its last\n"), std::string::npos) << recorded();
+}
+
+TEST_F(Bench, RecordsWhenTheStationEnded) {
+  plays("station starts\nstation gets SIGINT\nstation exits 2\nbench waits 0.5 s\n");
+  std::ifstream file(results() + "/a.pcapng", std::ios::binary);
+  record::Reader reader(file);
+  std::map<std::string, record::Nanoseconds> when;
+  while (const auto item = reader.next()) {
+    if (const auto* const entry = std::get_if<record::Entry>(&*item))
+      when[std::string(entry->value("MESSAGE"))] = entry->at;
+  }
+  EXPECT_GE(when["the run ends: as the scenario says"] - when["the station ends with status 2"], 500000000);
+  EXPECT_GT(when["the station ends with status 2"], 0);
+}
+
+TEST_F(Bench, RecordsTheStatusOfTheBoardsCommands) {
+  plays(
+      "board tool exits 3\nstation starts\nunit reads F_l_m_t_Bootstrap_loading\nppt is "
+      "connected\n"
+      "unit asks DO_PMC_INIT:7 expects READY\nstation gets SIGINT\nstation exits 2\n");
+  EXPECT_NE(recorded().find("\nthe board runs /mnt/ramdisk/t1-e1 7 -1: status 3\n"), std::string::npos)
+      << recorded();
 }
 
 TEST_F(Bench, RecordsInTheOrderOfTime) {

@@ -219,7 +219,7 @@ RunRecord busy_run() {
   run.station_lines = {{at(0.1), std::string(200, 'l')},
                        {at(0.51), "RRQ a name with blanks that is long enough to need a second line"},
                        {at(7.0005), "Cmd received: F_l_m_01TEST_FAILED"}};
-  run.board_calls = {{at(7.0007), "envtool ppt_flag=failed"}};
+  run.board_calls = {{at(7.0007), "envtool ppt_flag=failed", 0}};
   run.fates.of_frame = {{7, kLost}, {20, kLost}, {21, kDuplicated}, {90, kSwapped}, {95, kLost}, {1, kLost}};
   run.fates.cuts = {{at(0.52), at(0.56)}};
   return run;
@@ -552,7 +552,7 @@ TEST(PictureRows, EqualLinesOfTheStationAreFoldedFromTheThirdOn) {
 
 TEST(PictureRows, ABoardCommandGoesFromTheStationToTheBoard) {
   RunRecord run = started_run();
-  run.board_calls = {{at(0.1), "/mnt/ramdisk/t1-e1 7 -1"}};
+  run.board_calls = {{at(0.1), "/mnt/ramdisk/t1-e1 7 -1", 0}};
   const Drawing drawing = draw("", run);
   EXPECT_EQ(words_in(drawing), (Lines{"/mnt/ramdisk/t1-e1 7 -1"}));
   EXPECT_EQ(drawing.rows.at(0).source, Lane::kStation);
@@ -734,7 +734,7 @@ TEST(PictureRobustness, ARecordOfGarbageIsDrawn) {
   run.end = 99999999999 * 1000000;
   run.exit_status = {-1, -1};
   run.station_lines = {{at(99999999999.0 - 1700000000), run.title}, {-kStart, "\n\r"}, {0, ""}};
-  run.board_calls = run.station_lines;
+  for (const auto& line : run.station_lines) run.board_calls.push_back({line.at, line.text, -1});
   run.fates.of_frame = {{0, kLost}, {999999, kSwapped}};
   run.fates.cuts = {{5, 4}, {-kStart, 2 * kStart}};
   const Drawing drawing = draw(busy_capture().contents(), run);

@@ -24,13 +24,14 @@ std::vector<record::Entry> entries_of(const picture::RunRecord& run) {
   };
   add(record::RunBegins{run.name, run.title, run.command}, run.start.value_or(0));
   for (const picture::TimedLine& line : run.station_lines) add(record::Line{line.text}, line.at);
-  for (const picture::TimedLine& call : run.board_calls) add(record::BoardCall{call.text, {}}, call.at);
+  for (const picture::BoardCall& call : run.board_calls)
+    add(record::BoardCall{call.text, call.status}, call.at);
   for (const picture::Cut& cut : run.fates.cuts)
     add(record::Cut{(cut.until - cut.from) * kMicrosecond}, cut.from);
   const picture::Microseconds end = run.end.value_or(0);
   if (run.exit_status) {
-    const auto [status, signal] = *run.exit_status;
-    add(record::StationEnds{signal == 0 ? std::optional(status) : std::nullopt, signal}, end);
+    const auto [status, signal, at] = *run.exit_status;
+    add(record::StationEnds{signal == 0 ? std::optional(status) : std::nullopt, signal}, at);
   }
   add(record::RunEnds{run.ppt_flag, run.judged}, end);
   std::stable_sort(entries.begin(), entries.end(),

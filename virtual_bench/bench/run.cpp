@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 
@@ -23,15 +22,6 @@ constexpr char kTemporaryMac[] = "02:00:00:00:17:2a";  // not the one that a sta
 constexpr int kToolStatus = 1;                         // of the T1/E1 tool where no step says otherwise
 constexpr record::Nanoseconds kNanoseconds = 1000;     // of a microsecond
 constexpr char kVerdictLine[] = "Cmd received: ";
-
-std::vector<picture::TimedLine> read_log(const std::string& path) {
-  std::vector<picture::TimedLine> lines;
-  std::ifstream file(path);
-  double seconds = 0;
-  for (std::string line; file >> seconds && std::getline(file.ignore(), line);)
-    lines.push_back({std::llround(seconds * 1e6), line});
-  return lines;
-}
 
 picture::Fates drawn(const WireFates& recorded) {
   picture::Fates fates;
@@ -55,10 +45,7 @@ picture::Fates drawn(const WireFates& recorded) {
 }  // namespace
 
 Run::Run(const Scenario& scenario, const std::string& station, const std::string& folder)
-    : scenario_(scenario),
-      station_program_(station),
-      folder_(folder),
-      board_(folder + "/board", folder + "/board.log") {
+    : scenario_(scenario), station_program_(station), folder_(folder), board_(folder + "/board") {
   board_.sets_variable("tempmac", kTemporaryMac);
   set_tool_status(kToolStatus);
   fs::create_directory(folder_ + "/served");
@@ -103,12 +90,13 @@ picture::RunRecord Run::record() const {
   record.ports = {station_options_.tftp_port, station_options_.ppt_port, station_options_.message_port};
   record.start = timeline_.start();
   record.end = end_;
-  if (station_end_) record.exit_status = {station_end_->status, station_end_->signal};
+  if (station_end_) record.exit_status = {station_end_->status, station_end_->signal, station_ended_};
   record.ppt_flag = board_.variable("ppt_flag");
   std::ifstream wire(wire_record(), std::ios::binary);
   if (wire) record.fates = drawn(read_fates(wire));
   record.station_lines = station_lines_;
-  record.board_calls = read_log(folder_ + "/board.log");
+  for (const Board::Call& call : board_.log())
+    record.board_calls.push_back({call.at, call.command, call.status});
   return record;
 }
 
@@ -146,6 +134,7 @@ void Run::look() {
   if (station_ && !station_end_) {
     station_end_ = station_->end();
     while (const auto line = station_->read_line()) take_station_line(*line);
+    take_station_errors();
     if (station_end_) take_station_end();
   }
   if (neighbours_) {
@@ -157,11 +146,23 @@ void Run::look() {
   }
 }
 
+// What it wrote to its standard error since the last look. A line that is not whole waits until the end.
+void Run::take_station_errors() {
+  std::ifstream errors(folder_ + kErrors);
+  errors.seekg(errors_read_);
+  for (std::string line; std::getline(errors, line) && (station_end_ || !errors.eof());) {
+    take_station_line(line);
+    errors_read_ = errors.tellg();
+  }
+}
+
 // What follows its last newline is a line too.
 void Run::take_station_end() {
+  station_ended_ = microseconds_since_epoch();
   const std::string last = station_->read_text();
   if (!last.empty()) take_station_line(last);
-  timeline_.log("station", "ends: " + picture::in_words({station_end_->status, station_end_->signal}));
+  timeline_.log("station",
+                "ends: " + picture::in_words({station_end_->status, station_end_->signal, station_ended_}));
 }
 
 void Run::take_station_line(const std::string& line) {

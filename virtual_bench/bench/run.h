@@ -116,11 +116,15 @@ class Run {
   void report_progress(std::int64_t* next_report) const;
   void expect_whole() const;
 
+  // The file in the run's folder that the station's standard error goes to.
+  static constexpr char kErrors[] = "/errors";
+
   // Waits a moment for output and prints what is new. until: the same until the condition holds, for at most
   // so many seconds; whether it held.
   void look();
   bool until(double seconds, const std::function<bool()>& condition);
   void take_station_line(const std::string& line);
+  void take_station_errors();
   void take_station_end();
   void take_ppt_event(const PptServer::Event& event);
 
@@ -136,8 +140,10 @@ class Run {
   std::string station_command_;
   StationOptions station_options_;
   std::vector<picture::TimedLine> station_lines_;
+  std::streamoff errors_read_ = 0;
   std::optional<ProcessEnd> station_end_;
-  std::int64_t end_ = 0;  // of the run, in microseconds since the epoch
+  std::int64_t station_ended_ = 0;  // in microseconds since the epoch
+  std::int64_t end_ = 0;            // of the run, in microseconds since the epoch
   std::vector<PptServer::Event> ppt_events_;
   std::size_t board_calls_shown_ = 0;
   std::string script_;                // as the unit heard it

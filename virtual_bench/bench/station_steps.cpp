@@ -140,7 +140,7 @@ void Run::start_station(const std::string& more_arguments) {
   for (std::size_t i = 1; i < arguments.size(); ++i) station_command_ += " " + arguments[i];
   timeline_.log("station", station_command_);
   station_ = std::make_unique<Process>(arguments, [this] {
-    append_errors_to(folder_ + "/errors");
+    append_errors_to(folder_ + kErrors);
     setenv("PATH", board_.path().c_str(), 1);
     fs::current_path(folder_ + "/served");
   });

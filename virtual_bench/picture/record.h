@@ -16,6 +16,12 @@ struct TimedLine {
   std::string text;
 };
 
+struct BoardCall {
+  Microseconds at = 0;
+  std::string text;           // its command line
+  std::optional<int> status;  // that it ended with
+};
+
 struct Cut {
   Microseconds from = 0;
   Microseconds until = 0;
@@ -38,6 +44,7 @@ struct Ports {
 struct ExitStatus {
   int status = 0;  // that it exited with
   int signal = 0;  // that killed it; 0: none did
+  Microseconds at = 0;
 };
 
 // All that is known of a run. What is empty is not known, and missing in the picture.
@@ -54,7 +61,7 @@ struct RunRecord {
   std::string capture;  // the contents of a file of frames
   Fates fates;
   std::vector<TimedLine> station_lines;  // the daemon's output
-  std::vector<TimedLine> board_calls;    // the command lines of the board's commands
+  std::vector<BoardCall> board_calls;
 };
 
 }  // namespace picture

@@ -110,7 +110,7 @@ std::vector<Event> notes_of(const std::vector<TimedLine>& lines) {
   return notes;
 }
 
-Event board_call_of(const TimedLine& line) {
+Event board_call_of(const BoardCall& line) {
   Event event = event_of(Event::Kind::kArrow, line.at, line.at, printable(line.text));
   event.target = Lane::kBoard;
   event.look = Event::Look::kBoard;
@@ -143,7 +143,7 @@ std::vector<Event> story_of(const std::vector<Packet>& packets, const RunRecord&
   append(&all, transfers.events());
   append(&all, connections.events());
   append(&all, notes_of(run.station_lines));
-  for (const TimedLine& call : run.board_calls) all.push_back(board_call_of(call));
+  for (const BoardCall& call : run.board_calls) all.push_back(board_call_of(call));
   for (const Cut& cut : run.fates.cuts) all.push_back(cut_of(cut));
   std::stable_sort(all.begin(), all.end(),
                    [](const Event& one, const Event& other) { return one.from < other.from; });
