@@ -20,9 +20,13 @@ gzFile handle(const std::unique_ptr<void, int (*)(void*)>& file) {
 }  // namespace
 
 UnpackedFile::UnpackedFile(const std::string& path)
-    : file_(gzopen(path.c_str(), "rbe"), [](void* file) { return gzclose_r(static_cast<gzFile>(file)); }),
-      buffer_(kBufferBytes) {
-  if (!file_) throw std::system_error(errno != 0 ? errno : ENOMEM, std::generic_category(), path);
+    : UnpackedFile(static_cast<void*>(gzopen(path.c_str(), "rbe"))) {}
+
+UnpackedFile::UnpackedFile(int descriptor) : UnpackedFile(static_cast<void*>(gzdopen(descriptor, "rbe"))) {}
+
+UnpackedFile::UnpackedFile(void* opened)
+    : file_(opened, [](void* file) { return gzclose_r(static_cast<gzFile>(file)); }), buffer_(kBufferBytes) {
+  if (!file_) throw std::system_error(errno != 0 ? errno : ENOMEM, std::generic_category());
 }
 
 UnpackedFile::int_type UnpackedFile::underflow() {

@@ -14,11 +14,15 @@ class UnpackedFile : public std::streambuf {
  public:
   // Throws std::system_error.
   explicit UnpackedFile(const std::string& path);
+  // Of an open file, a pipe, or a socket; takes it over and closes it. Throws as above.
+  explicit UnpackedFile(int descriptor);
 
  protected:
   int_type underflow() override;
 
  private:
+  explicit UnpackedFile(void* opened);
+
   std::unique_ptr<void, int (*)(void*)> file_;
   std::vector<char> buffer_;
 };

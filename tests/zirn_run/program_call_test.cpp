@@ -1,0 +1,39 @@
+// The program zirn-run as it is called.
+#include "zirn_run/called_program.h"
+#include "zirn_run/made_capture.h"
+
+namespace {
+
+class ProgramCall : public CalledProgram {};
+
+TEST_F(ProgramCall, SaysItsVersionAndHowItIsCalled) {
+  EXPECT_EQ(calls({"--version"}).output, "zirn-run " PROJECT_VERSION "\n");
+  const Result help = calls({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.output.find("draw"), std::string::npos) << help.output;
+  EXPECT_EQ(help.errors, "");
+  EXPECT_NE(calls({"draw", "--help"}).output.find("--journal FILE"), std::string::npos);
+}
+
+TEST_F(ProgramCall, RefusesAWrongCall) {
+  expect_refused({}, 2, "A command is required");
+  expect_refused({"drow"}, 2, "The following argument was not expected: drow");
+  expect_refused({"draw"}, 2, "FILE is required");
+  expect_refused({"draw", "a", "--fold", "--unfold"}, 2, "--fold excludes --unfold");
+  expect_refused({"draw", "a", "--journal", "b", "--log", "c"}, 2, "--journal excludes --log");
+  expect_refused({"draw", "a", "--unit", "5"}, 2, "--unit: expected an address as 172.40.0.2, found 5");
+  EXPECT_EQ(calls({"draw", "a", "--from", "-1"}).status, 2);
+  EXPECT_EQ(calls({"draw", "a", "--until", "soon"}).status, 2);
+}
+
+TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
+  write_whole_file("run", MadeCapture().read("kernel.img").contents());
+  expect_refused({"draw", "missing"}, 3, "zirn-run: missing: No such file or directory");
+  expect_refused({"draw", "run", "-o", "none/picture.svg"}, 3,
+                 "zirn-run: none/picture.svg: No such file or directory");
+  expect_refused({"draw", "run", "-o", "/dev/full"}, 3, "zirn-run: /dev/full: No space left on device");
+  expect_refused({"draw", "-", "--log", "run"}, 3,
+                 "zirn-run: --log: expected a file, found standard input, which cannot be read twice");
+}
+
+}  // namespace

@@ -1,0 +1,23 @@
+#ifndef MAIN_COMMANDS_H
+#define MAIN_COMMANDS_H
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+// The program's commands. Each adds its options to what CLI11 gives it and returns what it does once they are read:
+// that returns the exit status. What it cannot do it throws (failure.h).
+using Work = std::function<int()>;
+
+struct Command {
+  const char* name;
+  const char* summary;
+  Work (*made_in)(CLI::App&);
+};
+
+Work draw_command(CLI::App& app);
+
+inline constexpr Command kCommands[] = {
+    {"draw", "Draw a run as a picture (SVG)", draw_command},
+};
+
+#endif

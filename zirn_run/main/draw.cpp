@@ -1,0 +1,80 @@
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include "frames/packet.h"
+#include "main/commands.h"
+#include "main/exit_status.h"
+#include "main/run_options.h"
+#include "picture/picture.h"
+
+namespace {
+
+struct Options {
+  std::shared_ptr<run_files::Files> files;
+  std::string output = "-";
+  std::optional<double> from;   // seconds
+  std::optional<double> until;  // the same
+  std::string unit;
+  bool folds = false;
+  bool unfolds = false;
+};
+
+std::optional<record::Nanoseconds> nanoseconds(const std::optional<double>& seconds) {
+  if (!seconds) return std::nullopt;
+  return std::llround(*seconds * 1e9);
+}
+
+picture::Choice choice_of(const Options& options) {
+  using Folding = picture::Choice::Folding;
+  picture::Choice choice;
+  choice.from = nanoseconds(options.from);
+  choice.until = nanoseconds(options.until);
+  if (!options.unit.empty()) choice.unit = frames::address_in(options.unit);
+  choice.folding = options.folds ? Folding::kFold : options.unfolds ? Folding::kUnfold : Folding::kAsItFits;
+  return choice;
+}
+
+void write(const std::string& text, const std::string& name) {
+  std::ofstream file;
+  if (name != "-") file.open(name, std::ios::binary | std::ios::trunc);
+  std::ostream& out = name == "-" ? std::cout : file;
+  if (!(out << text << std::flush))
+    throw NotPossible((name == "-" ? "standard output" : name) + ": " + std::strerror(errno));
+}
+
+int draw(const Options& options) {
+  story::Story story;
+  tell_run(*options.files, &story);
+  write(picture::picture_of(story.reading(), choice_of(options)), options.output);
+  return kDone;
+}
+
+std::string wrong_in_address(const std::string& text) {
+  return frames::address_in(text) ? "" : "expected an address as 172.40.0.2, found " + text;
+}
+
+}  // namespace
+
+Work draw_command(CLI::App& app) {
+  const auto options = std::make_shared<Options>();
+  constexpr double kLongest = 1e9;  // seconds
+  options->files = add_run_options(app);
+  app.add_option("-o,--output", options->output, "The picture; without it, standard output")
+      ->type_name("SVG");
+  const char* const kSeconds = "SECONDS";
+  app.add_option("--from", options->from, "Only what is later than so long after the run's first moment")
+      ->type_name(kSeconds)
+      ->check(CLI::Range(0.0, kLongest).description(""));
+  app.add_option("--until", options->until, "Only what is earlier than that")
+      ->type_name(kSeconds)
+      ->check(CLI::Range(0.0, kLongest).description(""));
+  app.add_option("--unit", options->unit, "Only the unit with this address")
+      ->type_name("ADDRESS")
+      ->check(wrong_in_address);
+  CLI::Option* const fold = app.add_flag("--fold", options->folds, "Fold as much as possible");
+  app.add_flag("--unfold", options->unfolds, "Fold nothing")->excludes(fold);
+  return [options] { return draw(*options); };
+}

@@ -1,0 +1,18 @@
+#ifndef MAIN_EXIT_STATUS_H
+#define MAIN_EXIT_STATUS_H
+
+#include <stdexcept>
+
+// What the program ends with; zirn-run(1) lists it.
+enum ExitStatus {
+  kDone = 0,
+  kWrongCall = 2,
+  kNotPossible = 3,  // a file, a link or a right is missing, or a file cannot be used
+};
+
+// A command cannot do its work; says what was found and what was expected.
+struct NotPossible : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+#endif

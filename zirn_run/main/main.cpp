@@ -1,0 +1,38 @@
+// zirn-run: records, draws and explains the runs of a test station.
+#include <iostream>
+
+#include "main/commands.h"
+#include "main/exit_status.h"
+
+namespace {
+
+// CLI11 prints help and version on standard output and what is wrong on standard error.
+int status_after(const CLI::App& app, const CLI::ParseError& end) {
+  return app.exit(end) == 0 ? kDone : kWrongCall;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Records and reads the runs of a ZIRN test station.", "zirn-run");
+  app.set_version_flag("--version", "zirn-run " ZIRN_RUN_VERSION);
+  app.require_subcommand(0, 1);
+  app.footer(
+      "Exit status: 0 done; 2 the call was wrong; 3 a file, a link or a right is missing. More: man "
+      "zirn-run");
+  int status = kDone;
+  for (const Command& command : kCommands) {
+    CLI::App* const part = app.add_subcommand(command.name, command.summary);
+    part->final_callback([work = command.made_in(*part), &status] { status = work(); });
+  }
+  try {
+    app.parse(argc, argv);
+    if (app.get_subcommands().empty()) throw CLI::RequiredError("A command");
+  } catch (const CLI::ParseError& end) {
+    return status_after(app, end);
+  } catch (const NotPossible& error) {
+    std::cerr << "zirn-run: " << error.what() << std::endl;
+    return kNotPossible;
+  }
+  return status;
+}

@@ -1,0 +1,37 @@
+#include "main/run_options.h"
+
+#include <chrono>
+#include <iostream>
+
+#include "main/exit_status.h"
+#include "main/progress.h"
+
+std::shared_ptr<run_files::Files> add_run_options(CLI::App& app) {
+  auto files = std::make_shared<run_files::Files>();
+  app.add_option("FILE", files->record,
+                 "The run's record, or a capture of its networks; \"-\": standard input")
+      ->required()
+      ->type_name("");
+  CLI::Option* const journal =
+      app.add_option("--journal", files->journal, "The station's lines, as `journalctl -o export` wrote them")
+          ->type_name("FILE");
+  CLI::Option* const log =
+      app.add_option("--log", files->log, "The station's lines, without times")->type_name("FILE");
+  log->excludes(journal);
+  return files;
+}
+
+void tell_run(const run_files::Files& files, story::Story* story) {
+  if (files.log && files.record == "-")
+    throw NotPossible("--log: expected a file, found standard input, which cannot be read twice");
+  ProgressLine line;
+  try {
+    const auto remarks = run_files::tell(files, story, [&](std::uint64_t count) {
+      line.show("reading " + files.record + ": " + std::to_string(count) + " frames and entries");
+    });
+    line.erase();
+    for (const std::string& remark : remarks) std::cerr << "zirn-run: " << remark << std::endl;
+  } catch (const run_files::NotReadable& error) {
+    throw NotPossible(error.what());
+  }
+}

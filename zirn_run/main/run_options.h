@@ -1,0 +1,18 @@
+#ifndef MAIN_RUN_OPTIONS_H
+#define MAIN_RUN_OPTIONS_H
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+
+#include "run_files/run_files.h"
+#include "story/story.h"
+
+// The options that say which run a command is about: FILE, --journal and --log.
+std::shared_ptr<run_files::Files> add_run_options(CLI::App& app);
+
+// Tells the run's story, with a line of progress on a terminal, and says on standard error what is to be known of its
+// files. Throws NotPossible.
+void tell_run(const run_files::Files& files, story::Story* story);
+
+#endif

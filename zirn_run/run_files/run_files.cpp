@@ -1,0 +1,205 @@
+#include "run_files/run_files.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <istream>
+#include <map>
+#include <memory>
+#include <system_error>
+
+#include "record/gzip.h"
+#include "record/journal.h"
+#include "record/reader.h"
+#include "run_files/placed_lines.h"
+
+namespace run_files {
+
+namespace {
+
+constexpr std::uint64_t kProgressEvery = 16384;  // frames and entries
+
+// A file, opened and unpacked.
+class OpenFile {
+ public:
+  explicit OpenFile(const std::string& name) : name_(name == "-" ? "standard input" : name) {
+    try {
+      unpacked_ = name == "-" ? std::make_unique<record::UnpackedFile>(dup(STDIN_FILENO))
+                              : std::make_unique<record::UnpackedFile>(name);
+    } catch (const std::system_error& error) {
+      throw NotReadable(name_ + ": " + error.code().message());
+    }
+    stream_.rdbuf(unpacked_.get());
+  }
+  std::istream& stream() { return stream_; }
+  std::string named(const std::string& what) const { return name_ + ": " + what; }
+
+ private:
+  const std::string name_;
+  std::unique_ptr<record::UnpackedFile> unpacked_;
+  std::istream stream_{nullptr};
+};
+
+// What is beside the record, told up to a time.
+class Beside {
+ public:
+  virtual ~Beside() = default;
+  virtual void tell_until(record::Nanoseconds at, story::Story* story) = 0;
+  virtual std::string problem() const { return {}; }
+};
+
+class Journal : public Beside {
+ public:
+  explicit Journal(const std::string& name) : file_(name), reader_(file_.stream()) { next(); }
+  void tell_until(record::Nanoseconds at, story::Story* story) override {
+    if (from_ == 0) from_ = at - kMostDistance;
+    for (; entry_ && entry_->at <= at; next()) {
+      if (entry_->at >= from_) story->take(*entry_);
+    }
+  }
+  std::string problem() const override {
+    return reader_.problem().empty() ? "" : file_.named(reader_.problem());
+  }
+
+ private:
+  void next() {
+    entry_ = reader_.next();
+    if (entry_) entry_->number = ++number_;
+  }
+
+  OpenFile file_;
+  record::JournalReader reader_;
+  record::Nanoseconds from_ = 0;
+  std::uint64_t number_ = 0;
+  std::optional<record::Entry> entry_;
+};
+
+std::vector<std::string> lines_of(const std::string& name) {
+  OpenFile file(name);
+  record::LogReader reader(file.stream());
+  std::vector<std::string> lines;
+  while (const auto line = reader.next()) lines.push_back(line->text);
+  if (!reader.problem().empty()) throw NotReadable(file.named(reader.problem()));
+  return lines;
+}
+
+class Log : public Beside {
+ public:
+  Log(const std::string& name, const story::Reading& reading) : lines_(placed(lines_of(name), reading)) {}
+  void tell_until(record::Nanoseconds at, story::Story* story) override {
+    if (!has_told_untimed_) tell_untimed(story);
+    for (; next_ < lines_.size() && lines_[next_].at <= at; ++next_) {
+      if (lines_[next_].at != 0) tell(next_, story);
+    }
+  }
+
+ private:
+  void tell(std::size_t index, story::Story* story) const {
+    story->take(record::Line{lines_[index].text}, lines_[index].at, index + 1);
+  }
+  void tell_untimed(story::Story* story) {
+    has_told_untimed_ = true;
+    for (std::size_t i = 0; i < lines_.size(); ++i) {
+      if (lines_[i].at == 0) tell(i, story);
+    }
+  }
+
+  const std::vector<PlacedLine> lines_;
+  bool has_told_untimed_ = false;
+  std::size_t next_ = 0;
+};
+
+struct Counted {
+  std::uint64_t frames = 0;
+  std::uint64_t entries = 0;
+  std::map<std::uint16_t, std::uint64_t> not_looked_into;  // frames by link type
+};
+
+class Teller {
+ public:
+  Teller(const std::string& record, const Progress& progress) : file_(record), progress_(progress) {}
+
+  // Returns what is to be known of the record. Throws NotReadable.
+  std::vector<std::string> tell(Beside* beside, story::Story* story);
+
+ private:
+  void take(const record::Item& item, Beside* beside, story::Story* story);
+  void count(const record::Frame& frame);
+  std::vector<std::string> remarks(const std::string& problem) const;
+
+  OpenFile file_;
+  const Progress& progress_;
+  Counted counted_;
+  record::Nanoseconds last_ = 0;
+};
+
+std::vector<std::string> Teller::tell(Beside* beside, story::Story* story) {
+  std::string problem;
+  try {
+    record::Reader reader(file_.stream());
+    while (const auto item = reader.next()) take(*item, beside, story);
+    problem = reader.problem();
+  } catch (const record::NotARecord& error) {
+    throw NotReadable(file_.named(error.what()));
+  }
+  if (beside != nullptr) beside->tell_until(last_ + kMostDistance, story);
+  story->finish(!problem.empty());
+  std::vector<std::string> remarks = this->remarks(problem);
+  if (!story->reading().steps.empty()) return remarks;
+  if (!remarks.empty()) throw NotReadable(remarks.front());
+  throw NotReadable(file_.named("expected a test run, found none in " + std::to_string(counted_.frames) +
+                                " frames and " + std::to_string(counted_.entries) + " entries"));
+}
+
+void Teller::take(const record::Item& item, Beside* beside, story::Story* story) {
+  const auto* const frame = std::get_if<record::Frame>(&item);
+  const auto* const entry = std::get_if<record::Entry>(&item);
+  if (frame != nullptr) count(*frame);
+  if (entry != nullptr) ++counted_.entries;
+  if (frame != nullptr || entry != nullptr) {
+    last_ = std::max(last_, frame != nullptr ? frame->at : entry->at);
+    if (beside != nullptr) beside->tell_until(last_, story);
+    const std::uint64_t read = counted_.frames + counted_.entries;
+    if (progress_ && read % kProgressEvery == 0) progress_(read);
+  }
+  story->take(item);
+}
+
+void Teller::count(const record::Frame& frame) {
+  ++counted_.frames;
+  const bool is_known = frame.link_type == record::kEthernet || frame.link_type == record::kLinuxCooked ||
+                        frame.link_type == record::kLinuxCooked2;
+  if (!is_known) ++counted_.not_looked_into[frame.link_type];
+}
+
+std::vector<std::string> Teller::remarks(const std::string& problem) const {
+  std::vector<std::string> remarks;
+  if (!problem.empty()) remarks.push_back(file_.named(problem));
+  for (const auto& [link_type, count] : counted_.not_looked_into) {
+    remarks.push_back(
+        file_.named("expected frames of Ethernet (link type 1) or Linux cooked (113, 276), found " +
+                    std::to_string(count) + " of link type " + std::to_string(link_type) +
+                    ", which are not looked into"));
+  }
+  return remarks;
+}
+
+std::unique_ptr<Beside> beside(const Files& files, const Progress& progress) {
+  if (files.journal) return std::make_unique<Journal>(*files.journal);
+  if (!files.log) return nullptr;
+  story::Story without;
+  Teller(files.record, progress).tell(nullptr, &without);
+  return std::make_unique<Log>(*files.log, without.reading());
+}
+
+}  // namespace
+
+std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress) {
+  const std::unique_ptr<Beside> more = beside(files, progress);
+  std::vector<std::string> remarks = Teller(files.record, progress).tell(more.get(), story);
+  if (more && !more->problem().empty()) remarks.push_back(more->problem());
+  return remarks;
+}
+
+}  // namespace run_files

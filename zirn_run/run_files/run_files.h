@@ -1,0 +1,43 @@
+#ifndef RUN_FILES_RUN_FILES_H
+#define RUN_FILES_RUN_FILES_H
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "record/item.h"
+#include "story/story.h"
+
+// Tells the story of a run from the files that it is kept in.
+namespace run_files {
+
+// A name of "-" is standard input. Any file may be packed by gzip.
+struct Files {
+  std::string record;                  // frames, and what else is in a record; with a log: not standard input
+  std::optional<std::string> journal;  // `journalctl -o export`
+  std::optional<std::string> log;      // the station's lines without times; not beside a journal
+};
+
+// One sentence that begins with the file's name: "a.pcapng: No such file or directory".
+struct NotReadable : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Called every now and then, with how many frames and entries were read.
+using Progress = std::function<void(std::uint64_t)>;
+
+// Entries of a journal that are further away from the record's frames than this belong to other runs.
+inline constexpr record::Nanoseconds kMostDistance = 10'000'000'000;
+
+// Tells the story, and that it has ended. Entries of the journal are told in the order of time among the record's
+// frames, numbered by themselves; lines of a log as placed_lines.h says. Returns what the reader of a result must
+// know, sentences that begin with a file's name: where a file is cut short or damaged, and frames of a kind that is
+// not looked into. Throws NotReadable, also where a record holds nothing of a run.
+std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress = {});
+
+}  // namespace run_files
+
+#endif
