@@ -534,6 +534,18 @@ TEST_F(Transfers, KeepClosedPortsThatAnswerThem) {
   EXPECT_EQ(first().requests, 87U);
 }
 
+TEST_F(Transfers, TellTheClosedPortsOfTheirTwoSidesApart) {
+  unit.asks(rrq("F_l_m_01MEMORY_PASSED"));
+  unit.blocks(1, 1, 0);
+  run.closed(kUnit, {made::kStation, 33133});
+  run.closed({made::kStation, 33133}, kUnit);
+  const Reading& reading = run.reading();
+  ASSERT_EQ(reading.steps.size(), 4U);
+  EXPECT_EQ(reading.steps[2].port, 33133);
+  EXPECT_EQ(reading.steps[3].port, 2000);
+  EXPECT_EQ(reading.steps[3].source, first().client);
+}
+
 TEST_F(Transfers, AreFollowedUpToANumber) {
   for (std::uint16_t i = 0; i < story::Transfers::kMaxFollowed + 100; ++i) {
     Exchange(&run, {made::kUnit, static_cast<std::uint16_t>(3000 + i)}, made::kStation).asks(rrq("boot.img"));

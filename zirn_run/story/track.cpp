@@ -254,8 +254,9 @@ void Track::closed_port(const Packet& packet, std::size_t source, std::size_t ta
   Transfer& transfer = mine();
   ++transfer.closed_ports;
   transfer.frames.add(packet.frames);
-  tell(Step::Kind::kClosedPort, &closed_step_, packet, source, target);
-  if (Step* step = book_->step(closed_step_)) step->port = packet.quoted_destination.port;
+  std::size_t& closed_step = closed_steps_[source == transfer.client];
+  tell(Step::Kind::kClosedPort, &closed_step, packet, source, target);
+  if (Step* step = book_->step(closed_step)) step->port = packet.quoted_destination.port;
   if (transfer.end == End::kOpen) end(transfer.answered ? End::kAbandoned : End::kUnanswered, source);
   book_->changed(&transfer);
 }

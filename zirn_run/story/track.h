@@ -70,7 +70,7 @@ class Track {
   std::size_t blocks_step_ = kNone;
   std::size_t error_step_ = kNone;
   std::size_t other_step_ = kNone;
-  std::size_t closed_step_ = kNone;
+  std::size_t closed_steps_[2] = {kNone, kNone};  // where the server's port was closed, the client's
 
   bool client_went_on_ = false;
   bool client_gave_up_ = false;
