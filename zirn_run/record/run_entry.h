@@ -40,10 +40,13 @@ struct StationEnds {
   int signal = 0;             // that killed it; 0: none did
 };
 
+// Judged so, a run went as it was to go; judged in any other words, it did not.
+inline constexpr char kAsTheScenarioSays[] = "as the scenario says";
+
 // The run has ended.
 struct RunEnds {
   std::string ppt_flag;  // the board's variable; empty: not set, or not known
-  std::string judged;    // whether the run went as it was to go
+  std::string judged;    // whether the run went as it was to go; empty: nobody judged
 };
 
 using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunEnds>;

@@ -1,5 +1,7 @@
 #include "story/reading.h"
 
+#include <csignal>
+
 namespace story {
 
 namespace {
@@ -26,7 +28,31 @@ PassedOn outcome_of(const Transfer& query) {
   }
 }
 
+constexpr int kKilled = 128;  // plus the signal's number, as a shell says it
+
 }  // namespace
+
+std::string in_words(const record::StationEnds& end) {
+  struct Meaning {
+    int status;
+    int signal;
+    const char* words;
+  };
+  static constexpr Meaning kMeanings[] = {
+      {2, 0, "a final verdict or SIGINT ended the run"},
+      {1, 0, "the TFTP port could not be bound, or -s was empty"},
+      {15, 0, "SIGTERM"},
+      {0, SIGPIPE, "SIGPIPE: the unit closed its command connection before its answer was sent"},
+      {0, SIGABRT, "abort: no socket could be made, or a verdict name of fewer than eight characters came"},
+      {0, SIGKILL, "SIGKILL"}};
+  if (end.signal == 0 && !end.status) return "not known";
+  const int status = end.signal == 0 ? *end.status : 0;
+  std::string number = std::to_string(end.signal == 0 ? status : kKilled + end.signal);
+  for (const Meaning& meaning : kMeanings) {
+    if (meaning.status == status && meaning.signal == end.signal) return number + " (" + meaning.words + ")";
+  }
+  return number;
+}
 
 std::optional<Verdict::Says> verdict_in(std::string_view name) {
   if (name.substr(0, kPrefix.size()) != kPrefix) return std::nullopt;

@@ -318,6 +318,10 @@ enum class PassedOn {
 };
 PassedOn passed_on(const Reading& reading, const Verdict& verdict);
 
+// How the station ended: "2 (a final verdict or SIGINT ended the run)", as a shell gives the status, and what it
+// means where that is known.
+std::string in_words(const record::StationEnds& end);
+
 bool is_final(Verdict::Says says);
 
 // What a verdict's name says; nothing for a name that is none.
