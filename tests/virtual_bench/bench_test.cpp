@@ -146,7 +146,7 @@ TEST_F(Bench, DrawsAndLogsWhatItKnowsOfTheRun) {
       << result_.output;
   const std::string picture = whole_file(results() + "/a.svg");
   for (const char* text : {">A title<", ">a, 20", ">TFTP -o 172.40.0.1<", ">read F_l_m_01TEST_FAILED, ",
-                           ">envtool ppt_flag=failed<", ">failed<", ">as the scenario says<",
+                           ">envtool ppt_flag=failed, status 0<", ">failed<", ">as the scenario says<",
                            ">137 (SIGKILL)<", ">Cmd received: F_l_m_01TEST_FAILED<", ">end of the run<"})
     EXPECT_NE(picture.find(text), std::string::npos) << text;
   plays("station starts\nstation gets SIGKILL\nstation exits 2\n");
@@ -243,7 +243,7 @@ TEST_F(Bench, IsAtTheStationsPorts) {
   EXPECT_EQ(result.status, 0) << result.output;
   const std::string picture = whole_file(results() + "/a.svg");
   for (const char* text : {">boot script", ">read bootscript.txt, ", ">read F_l_m_t_CPU_2_Bootstrap_loading",
-                           ">connects to port 4000<"})
+                           ">connects to port 4000, "})
     EXPECT_NE(picture.find(text), std::string::npos) << text;
 }
 

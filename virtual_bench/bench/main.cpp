@@ -19,7 +19,6 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,7 +29,7 @@
 #include "bench/record_file.h"
 #include "bench/run.h"
 #include "bench/scenario.h"
-#include "picture/picture.h"
+#include "record/run_entry.h"
 #include "stage/network_namespace.h"
 
 namespace {
@@ -108,21 +107,13 @@ class RunFolder {
   std::string path_;
 };
 
-std::string content(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
   Run run(scenario, call.runs.station, folder.path());
   const std::optional<std::string> wrong = run.play();
-  picture::RunRecord record = run.record();
-  record.name = folder.name();
-  record.judged = wrong.value_or("as the scenario says");
   const std::string file = folder.file(folder.name() + ".pcapng");
-  write_record(file, run.wire_record(), record);
-  record.capture = content(file);
-  std::ofstream(folder.file(folder.name() + ".svg")) << picture::picture_of(record);
+  write_record(file, run.wire_record(),
+               run.entries(folder.name(), wrong.value_or(record::kAsTheScenarioSays)));
+  std::ofstream(folder.file(folder.name() + ".svg")) << drawn_record(file);
   if (call.is_made()) folder.hand_over(".run");
   std::cout << run.verdict() << '\n'
             << folder.name() << (wrong ? " did not go" : " went")

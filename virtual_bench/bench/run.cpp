@@ -7,9 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "picture/page.h"
 #include "record/run_entry.h"
-#include "wire/wire_record.h"
+#include "story/reading.h"
 
 namespace {
 
@@ -21,25 +20,11 @@ constexpr double kLastFramesSeconds = 0.1;             // until what the station
 constexpr char kTemporaryMac[] = "02:00:00:00:17:2a";  // not the one that a station without envtool assumes
 constexpr int kToolStatus = 1;                         // of the T1/E1 tool where no step says otherwise
 constexpr record::Nanoseconds kNanoseconds = 1000;     // of a microsecond
+constexpr char kNotSet[] = "nothing";                  // a variable of the board
 constexpr char kVerdictLine[] = "Cmd received: ";
 
-picture::Fates drawn(const WireFates& recorded) {
-  picture::Fates fates;
-  for (const auto& [number, comments] : recorded.of_frames) {
-    picture::Fate& all = fates.of_frame[static_cast<std::size_t>(number)];
-    for (const std::string& comment : comments) {
-      all.duplicated = all.duplicated || comment == record::kDuplicated;
-      all.swapped = all.swapped || comment == record::kSwapped;
-      all.lost = all.lost || comment.rfind("lost", 0) == 0;
-    }
-  }
-  for (const record::Entry& entry : recorded.cuts) {
-    const auto said = record::said_by(entry);
-    const auto* const cut = said ? std::get_if<record::Cut>(&*said) : nullptr;
-    if (cut == nullptr) continue;
-    fates.cuts.push_back({entry.at / kNanoseconds, (entry.at + cut->lasts) / kNanoseconds});
-  }
-  return fates;
+record::StationEnds recorded(const ProcessEnd& end) {
+  return {end.signal == 0 ? std::optional(end.status) : std::nullopt, end.signal};
 }
 
 }  // namespace
@@ -83,26 +68,23 @@ void Run::play_step(const Step& step) {
   }
 }
 
-picture::RunRecord Run::record() const {
-  picture::RunRecord record;
-  record.title = scenario_.title;
-  record.command = station_command_;
-  record.ports = {station_options_.tftp_port, station_options_.ppt_port, station_options_.message_port};
-  record.start = timeline_.start();
-  record.end = end_;
-  if (station_end_) record.exit_status = {station_end_->status, station_end_->signal, station_ended_};
-  record.ppt_flag = board_.variable("ppt_flag");
-  std::ifstream wire(wire_record(), std::ios::binary);
-  if (wire) record.fates = drawn(read_fates(wire));
-  record.station_lines = station_lines_;
-  for (const Board::Call& call : board_.log())
-    record.board_calls.push_back({call.at, call.command, call.status});
-  return record;
+std::vector<record::Entry> Run::entries(const std::string& name, const std::string& judged) const {
+  std::vector<record::Entry> entries;
+  const auto add = [&entries](const record::RunEntry& said, std::int64_t at) {
+    entries.push_back(record::entry_of(said, at * kNanoseconds));
+  };
+  add(record::RunBegins{name, scenario_.title, station_command_}, timeline_.start());
+  for (const TimedLine& line : station_lines_) add(record::Line{line.text}, line.at);
+  for (const Board::Call& call : board_.log()) add(record::BoardCall{call.command, call.status}, call.at);
+  if (station_end_) add(recorded(*station_end_), station_ended_);
+  const std::string flag = board_.variable("ppt_flag");
+  add(record::RunEnds{flag == kNotSet ? "" : flag, judged}, end_);
+  return entries;
 }
 
 std::string Run::verdict() const {
   std::string verdict = "the unit gave no final verdict";
-  for (const picture::TimedLine& line : station_lines_) {
+  for (const TimedLine& line : station_lines_) {
     if (line.text.rfind(kVerdictLine, 0) != 0) continue;
     if (line.text.find("PPT_PASSED") != std::string::npos) verdict = "the unit PASSED";
     if (line.text.find("PPT_FAILED") != std::string::npos) verdict = "the unit FAILED";
@@ -161,8 +143,7 @@ void Run::take_station_end() {
   station_ended_ = microseconds_since_epoch();
   const std::string last = station_->read_text();
   if (!last.empty()) take_station_line(last);
-  timeline_.log("station",
-                "ends: " + picture::in_words({station_end_->status, station_end_->signal, station_ended_}));
+  timeline_.log("station", "ends: " + story::in_words(recorded(*station_end_)));
 }
 
 void Run::take_station_line(const std::string& line) {

@@ -13,8 +13,8 @@
 #include "bench/scenario.h"
 #include "bench/station_options.h"
 #include "bench/timeline.h"
-#include "picture/record.h"
 #include "ppt_server/ppt_server.h"
+#include "record/item.h"
 #include "stage/board.h"
 #include "stage/process.h"
 #include "unit/unit.h"
@@ -50,8 +50,9 @@ class Run {
 
   // After play: the file with what the wire carried (wire_record.h); there is none where nothing made a link.
   std::string wire_record() const { return folder_ + "/wire.pcapng"; }
-  // After play: all that is known of the run but name, judgement and frames.
-  picture::RunRecord record() const;
+  // After play: all that is known of the run besides frames, as entries of its record. judged: whether it went as it
+  // was to go.
+  std::vector<record::Entry> entries(const std::string& name, const std::string& judged) const;
   // After play: "the unit PASSED", "the unit FAILED" or "the unit gave no final verdict".
   std::string verdict() const;
 
@@ -90,6 +91,10 @@ class Run {
   void wait(double seconds);
 
  private:
+  struct TimedLine {
+    std::int64_t at = 0;  // microseconds since the epoch
+    std::string text;
+  };
   // Who lives on the network, made when the first step needs it.
   struct Neighbours {
     explicit Neighbours(Run& run);
@@ -139,7 +144,7 @@ class Run {
   std::unique_ptr<Process> station_;
   std::string station_command_;
   StationOptions station_options_;
-  std::vector<picture::TimedLine> station_lines_;
+  std::vector<TimedLine> station_lines_;
   std::streamoff errors_read_ = 0;
   std::optional<ProcessEnd> station_end_;
   std::int64_t station_ended_ = 0;  // in microseconds since the epoch

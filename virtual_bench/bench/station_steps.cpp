@@ -149,7 +149,7 @@ void Run::start_station(const std::string& more_arguments) {
 }
 
 bool Run::serves() const {
-  return std::any_of(station_lines_.begin(), station_lines_.end(), [](const picture::TimedLine& said) {
+  return std::any_of(station_lines_.begin(), station_lines_.end(), [](const TimedLine& said) {
     return std::any_of(std::begin(kStationServes), std::end(kStationServes),
                        [&said](const char* beginning) { return said.text.rfind(beginning, 0) == 0; });
   });
@@ -157,7 +157,7 @@ bool Run::serves() const {
 
 bool Run::has_said(const std::string& line) const {
   return std::any_of(station_lines_.begin(), station_lines_.end(),
-                     [&line](const picture::TimedLine& said) { return said.text == line; });
+                     [&line](const TimedLine& said) { return said.text == line; });
 }
 
 void Run::expect_line(const std::string& line) {

@@ -1,0 +1,21 @@
+#ifndef PICTURE_PROGRESS_H
+#define PICTURE_PROGRESS_H
+
+#include <vector>
+
+#include "picture/lanes.h"
+#include "picture/row.h"
+#include "picture/sheet.h"
+#include "story/reading.h"
+
+namespace picture {
+
+// Draws, where the rows are drawn already (Sheet::rows, in their order), how far the transfers of their bands went:
+// the bar beside the client's life line of one that is divided, down to its end, and ticks where something was lost
+// or sent again.
+void add_progress(const std::vector<Row>& rows, const story::Reading& reading, const Lanes& lanes,
+                  Sheet* sheet);
+
+}  // namespace picture
+
+#endif
