@@ -10,6 +10,7 @@ namespace {
 
 constexpr double kBarWidth = 7;
 constexpr double kTickLength = 12;
+constexpr std::size_t kMaxBars = 6;  // side by side, away from the words
 
 // Where the times of a transfer are on the sheet.
 class Scale {
@@ -44,6 +45,43 @@ void add_ticks(const story::Transfer& transfer, const Scale& scale, double left,
   sheet->strokes.insert(sheet->strokes.end(), lost.begin(), lost.end());
 }
 
+// The bars of each lane: the row with which the last one in each place ends.
+using Bars = std::map<double, std::vector<std::size_t>>;
+
+// Where the bar from one row to another begins: beside those that are there, away from the words.
+double place_bar(double lane, bool to_the_right, std::size_t first, std::size_t last, Bars* bars) {
+  std::vector<std::size_t>& others = (*bars)[lane];
+  const auto free =
+      std::find_if(others.begin(), others.end(), [first](std::size_t end) { return end < first; });
+  const auto place = static_cast<std::size_t>(free - others.begin());
+  if (free == others.end()) others.push_back(0);
+  others[place] = last;
+  const double away = kBarWidth * static_cast<double>(place % kMaxBars);
+  return lane - kBarWidth / 2 + (to_the_right ? away : -away);
+}
+
+void add_whole(const Row& row, const Box& box, const story::Transfer& transfer, const Lanes& lanes,
+               Sheet* sheet) {
+  const double right = std::max(lanes.x(row.source), lanes.x(row.target)) - kSideGap;
+  Scale scale;
+  scale.add(row.from, box.y + kRowMargin + 2);
+  scale.add(row.until, box.bottom() - kRowMargin - 2);
+  add_ticks(transfer, scale, right - kTickLength, right, sheet);
+}
+
+void add_divided(const std::vector<Row>& rows, std::size_t first, std::size_t last,
+                 const story::Transfer& transfer, const Lanes& lanes, Bars* bars, Sheet* sheet) {
+  const double lane = lanes.x(transfer.client == story::kStation ? transfer.server : transfer.client);
+  const double left = place_bar(lane, lane > lanes.station(), first, last, bars);
+  const double top = sheet->rows[first].y + kRowMargin;
+  const double bottom = sheet->rows[last].y + sheet->rows[last].height / 2;
+  Scale scale;
+  for (std::size_t i = first; i < last; ++i) scale.add(rows[i].from, sheet->rows[i].y + kRowMargin);
+  scale.add(rows[last].from, bottom);
+  sheet->areas.push_back({{left, top, kBarWidth, bottom - top}, Paint::kBand});
+  add_ticks(transfer, scale, left, left + kTickLength, sheet);
+}
+
 }  // namespace
 
 void add_progress(const std::vector<Row>& rows, const story::Reading& reading, const Lanes& lanes,
@@ -52,38 +90,16 @@ void add_progress(const std::vector<Row>& rows, const story::Reading& reading, c
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (rows[i].kind == Row::Kind::kBandEnd) ends[rows[i].thread] = i;
   }
-  std::map<double, std::vector<std::size_t>> bars;  // by lane: the last row of each
+  Bars bars;
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    if (rows[i].kind != Row::Kind::kBand || rows[i].thread == kNone) continue;
+    if (rows[i].kind != Row::Kind::kBand || rows[i].facts.empty()) continue;
     const story::Transfer& transfer = reading.transfers[rows[i].thread];
-    const Box& row = sheet->rows[i];
-    Scale scale;
     const auto end = ends.find(rows[i].thread);
-    if (end == ends.end() || end->second < i) {
-      if (rows[i].facts.empty()) continue;
-      const double right = std::max(lanes.x(rows[i].source), lanes.x(rows[i].target)) - kSideGap;
-      scale.add(rows[i].from, row.y + kRowMargin + 2);
-      scale.add(rows[i].until, row.bottom() - kRowMargin - 2);
-      add_ticks(transfer, scale, right - kTickLength, right, sheet);
-      continue;
-    }
-    const std::size_t last = end->second;
-    for (std::size_t j = i; j < last; ++j) scale.add(rows[j].from, sheet->rows[j].y + kRowMargin);
-    const double bottom = sheet->rows[last].y + sheet->rows[last].height / 2;
-    scale.add(rows[last].from, bottom);
-    const double lane = lanes.x(transfer.client);
-    std::vector<std::size_t>& others = bars[lane];
-    const auto place =
-        std::find_if(others.begin(), others.end(), [i](std::size_t until) { return until < i; });
-    const double left = lane + kBarWidth * static_cast<double>(place - others.begin()) - kBarWidth / 2;
-    if (place == others.end()) {
-      others.push_back(last);
+    if (end == ends.end()) {
+      add_whole(rows[i], sheet->rows[i], transfer, lanes, sheet);
     } else {
-      *place = last;
+      add_divided(rows, i, end->second, transfer, lanes, &bars, sheet);
     }
-    sheet->areas.push_back(
-        {{left, row.y + kRowMargin, kBarWidth, bottom - row.y - kRowMargin}, Paint::kBand});
-    add_ticks(transfer, scale, left, left + kTickLength, sheet);
   }
 }
 

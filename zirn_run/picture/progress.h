@@ -11,8 +11,8 @@
 namespace picture {
 
 // Draws, where the rows are drawn already (Sheet::rows, in their order), how far the transfers of their bands went:
-// the bar beside the client's life line of one that is divided, down to its end, and ticks where something was lost
-// or sent again.
+// ticks where something was lost or sent again, and of a band that is divided a bar down to its end, on the life
+// line of the client, or of whom the station asks.
 void add_progress(const std::vector<Row>& rows, const story::Reading& reading, const Lanes& lanes,
                   Sheet* sheet);
 
