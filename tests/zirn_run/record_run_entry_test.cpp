@@ -12,6 +12,7 @@ using record::BoardCall;
 using record::Cut;
 using record::Entry;
 using record::entry_of;
+using record::Gap;
 using record::Line;
 using record::RunBegins;
 using record::RunEnds;
@@ -42,6 +43,7 @@ std::string words(const std::optional<RunEntry>& said) {
   if (const auto* end = std::get_if<StationEnds>(&*said)) {
     return "ends: " + number(end->status) + " by " + std::to_string(end->signal);
   }
+  if (const auto* gap = std::get_if<Gap>(&*said)) return "gap: " + gap->text;
   const auto& end = std::get<RunEnds>(*said);
   return "run ends: " + end.ppt_flag + "|" + end.judged;
 }
@@ -78,6 +80,7 @@ const std::vector<Said> kAll = {
      fields("the run ends: as it was to go", "zirn-run", "run-ends",
             {{"ZIRN_PPT_FLAG", "failed"}, {"ZIRN_JUDGED", "as it was to go"}})},
     {RunEnds{}, "run ends: |", fields("the run ends", "zirn-run", "run-ends", {})},
+    {Gap{"lan0 is back"}, "gap: lan0 is back", fields("lan0 is back", "zirn-run", "gap", {})},
 };
 
 TEST(RunEntry, IsAnEntryOfTheJournal) {

@@ -165,6 +165,23 @@ TEST_F(Run, TellsOfBoardCutsDropsAndEnds) {
   EXPECT_FALSE(reading.has_frames);
 }
 
+TEST_F(Run, TellsTheStationsEndOnceWithTheStatusThatFollows) {
+  run.says(record::StationEnds{});
+  run.says(record::StationEnds{2, 0});
+  const Reading& reading = run.ends();
+  ASSERT_EQ(reading.steps.size(), 1U);
+  EXPECT_EQ(step(0).status, 2);
+  EXPECT_EQ(reading.station_end->status, 2);
+}
+
+TEST_F(Run, TellsWhatTheRecorderSaysThatTheRecordLacks) {
+  run.says(record::Gap{"frames are missing from here on: lan0 is gone or down"});
+  ASSERT_EQ(run.reading().gaps.size(), 1U);
+  EXPECT_EQ(run.reading().gaps[0].text, "frames are missing from here on: lan0 is gone or down");
+  EXPECT_EQ(run.reading().gaps[0].at, run.now);
+  EXPECT_TRUE(run.reading().steps.empty());
+}
+
 TEST_F(Run, TakesTheItemsOfARecord) {
   run.story.take(record::Item(record::Interface{"lan0", "", record::kEthernet, 0}));
   record::Entry entry = record::entry_of(record::Line{"RRQ boot.img"}, MadeRun::kStart);

@@ -17,6 +17,7 @@ constexpr char kBoardCall[] = "board-call";
 constexpr char kCut[] = "cut";
 constexpr char kStationEnds[] = "station-ends";
 constexpr char kRunEnds[] = "run-ends";
+constexpr char kGap[] = "gap";
 constexpr char kName[] = "ZIRN_NAME";
 constexpr char kTitle[] = "ZIRN_TITLE";
 constexpr char kCommand[] = "ZIRN_COMMAND";
@@ -109,6 +110,10 @@ Entry entry_that(const RunEnds& end) {
   return entry;
 }
 
+Entry entry_that(const Gap& gap) {
+  return entry_with(gap.text, kGap, kRecorder);
+}
+
 std::optional<RunEntry> said_by_ours(const Entry& entry, std::string_view kind) {
   const auto text = [&entry](const char* name) { return std::string(entry.value(name)); };
   const auto number = [&entry](const char* name) { return number_in<int>(entry.value(name)); };
@@ -118,6 +123,7 @@ std::optional<RunEntry> said_by_ours(const Entry& entry, std::string_view kind) 
   if (kind == kCut) return Cut{number_in<Nanoseconds>(entry.value(kLasts)).value_or(0)};
   if (kind == kStationEnds) return StationEnds{number(kStatus), number(kSignal).value_or(0)};
   if (kind == kRunEnds) return RunEnds{text(kPptFlag), text(kJudged)};
+  if (kind == kGap) return Gap{text(kMessage)};
   return std::nullopt;
 }
 

@@ -7,7 +7,7 @@
 
 #include "record/item.h"
 
-// What the journal entries of a record say about a run. The bench writes all of these; from a station come the
+// What the journal entries of a record say about a run. The bench writes all but the gaps; from a station come the
 // lines and the end, as its journal has them.
 namespace record {
 
@@ -49,7 +49,12 @@ struct RunEnds {
   std::string judged;    // whether the run went as it was to go; empty: nobody judged
 };
 
-using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunEnds>;
+// What the recorder says that the record lacks from the entry's time on, or no longer lacks.
+struct Gap {
+  std::string text;  // "frames are missing from here on: lan0 is gone or down"
+};
+
+using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunEnds, Gap>;
 
 // The entry that says so, without a number.
 Entry entry_of(const RunEntry& said, Nanoseconds at);

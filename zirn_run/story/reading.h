@@ -279,6 +279,13 @@ struct UntimedLine {
   Numbers lines;
 };
 
+// What the recorder says that the record lacks from then on, or no longer lacks.
+struct Gap {
+  Nanoseconds at = 0;
+  std::string text;
+  Numbers lines;
+};
+
 struct Reading {
   std::vector<Party> parties;
   std::vector<Step> steps;
@@ -290,6 +297,7 @@ struct Reading {
   std::vector<ClosedPort> closed_ports;
   std::vector<Network> networks;
   std::vector<UntimedLine> untimed_lines;
+  std::vector<Gap> gaps;
   std::optional<BootScript> boot_script;
   std::optional<record::RunBegins> run;
   std::optional<record::StationEnds> station_end;

@@ -15,6 +15,7 @@ constexpr Nanoseconds kLatest = INT64_MAX / 2;  // so that lengths of time can b
 constexpr Nanoseconds kFoldLines = 15000000000;
 constexpr std::size_t kMaxNetworks = 64;
 constexpr std::size_t kMaxUntimedLines = 10000;
+constexpr std::size_t kMaxGaps = 1000;
 
 Nanoseconds in_bounds(Nanoseconds at) {
   return std::clamp<Nanoseconds>(at, 0, kLatest);
@@ -186,14 +187,25 @@ void Story::tell(const record::Cut& cut, const Moment& moment) {
 void Story::tell(const record::StationEnds& end, const Moment& moment) {
   book_.reading.station_end = end;
   transfers_.station_ended();
+  Step* const before = book_.step(end_step_);
+  if (before != nullptr) {  // systemd told it without the status, which follows
+    before->status = end.status;
+    before->lines.add(moment.lines);
+    book_.changed(before);
+    return;
+  }
   Step step = step_of(Step::Kind::kStationEnds, moment);
   step.status = end.status;
-  book_.add_step(step);
+  end_step_ = book_.add_step(step);
 }
 
 void Story::tell(const record::RunEnds& end, const Moment& moment) {
   book_.reading.run_end = end;
   book_.add_step(step_of(Step::Kind::kRunEnds, moment));
+}
+
+void Story::tell(const record::Gap& gap, const Moment& moment) {
+  book_.add_unmarked(&book_.reading.gaps, {moment.at, gap.text.substr(0, kMaxText), moment.lines}, kMaxGaps);
 }
 
 void Story::pass_time(Nanoseconds now) {

@@ -65,6 +65,7 @@ class Story {
   void tell(const record::Cut& cut, const Moment& moment);
   void tell(const record::StationEnds& end, const Moment& moment);
   void tell(const record::RunEnds& end, const Moment& moment);
+  void tell(const record::Gap& gap, const Moment& moment);
 
   Book book_;
   Roles roles_;
@@ -73,6 +74,7 @@ class Story {
   Datagrams datagrams_;
   frames::Decoder decoder_;
   std::size_t line_step_ = kNone;  // of the last line
+  std::size_t end_step_ = kNone;   // of the station's end
   bool has_begun_ = false;
 };
 
