@@ -1,0 +1,87 @@
+#include "recorder/held.h"
+
+#include <cstring>
+#include <limits>
+
+namespace recorder {
+
+namespace {
+
+std::size_t bytes_of(const record::Entry& entry) {
+  std::size_t bytes = 0;
+  for (const auto& field : entry.fields) bytes += sizeof field + field.first.size() + field.second.size();
+  return bytes;
+}
+
+}  // namespace
+
+Held::Head Held::Queue::head() const {
+  Head head = {};
+  std::memcpy(&head, bytes.data() + begin, sizeof head);
+  return head;
+}
+
+void Held::add(std::uint32_t interface, record::Nanoseconds at, std::string_view bytes, std::uint32_t size) {
+  if (queues_.size() <= interface) queues_.resize(interface + 1);
+  const Head head = {at, static_cast<std::uint32_t>(bytes.size()), size};
+  Queue& queue = queues_[interface];
+  queue.bytes.append(reinterpret_cast<const char*>(&head), sizeof head).append(bytes);
+  bytes_ += sizeof head + bytes.size();
+  make_room();
+}
+
+void Held::add(const record::Entry& entry) {
+  bytes_ += bytes_of(entry);
+  entries_.emplace(entry.at, entry);
+  make_room();
+}
+
+void Held::make_room() {
+  while (bytes_ > kMostBytes) write_first(std::numeric_limits<record::Nanoseconds>::max());
+}
+
+void Held::write_until(record::Nanoseconds until) {
+  while (write_first(until)) continue;
+}
+
+bool Held::write_first(record::Nanoseconds until) {
+  std::size_t first = queues_.size();
+  record::Nanoseconds at = until;
+  for (std::size_t i = 0; i < queues_.size(); ++i) {
+    if (queues_[i].is_empty() || queues_[i].head().at > at) continue;
+    at = queues_[i].head().at;
+    first = i;
+  }
+  const auto entry = entries_.begin();
+  if (entry != entries_.end() && entry->first <= at) {
+    writer_.add(entry->second);
+    bytes_ -= bytes_of(entry->second);
+    entries_.erase(entry);
+    ++written_entries_;
+    return true;
+  }
+  if (first == queues_.size()) return false;
+  write_frame(static_cast<std::uint32_t>(first));
+  return true;
+}
+
+void Held::write_frame(std::uint32_t interface) {
+  Queue& queue = queues_[interface];
+  const Head head = queue.head();
+  record::Frame frame;
+  frame.interface = interface;
+  frame.at = head.at;
+  frame.size = head.size;
+  frame.bytes = std::string_view(queue.bytes).substr(queue.begin + sizeof head, head.kept);
+  writer_.add(frame);
+  ++frames_;
+  const std::size_t bytes = sizeof head + head.kept;
+  queue.begin += bytes;
+  bytes_ -= bytes;
+  if (queue.begin > queue.bytes.size() / 2) {
+    queue.bytes.erase(0, queue.begin);
+    queue.begin = 0;
+  }
+}
+
+}  // namespace recorder

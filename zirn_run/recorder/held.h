@@ -1,0 +1,63 @@
+#ifndef RECORDER_HELD_H
+#define RECORDER_HELD_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "record/item.h"
+#include "record/writer.h"
+
+namespace recorder {
+
+// Frames and entries that wait until nothing earlier comes any more: frames of two links reach us by the block, and
+// the journal hands its lines on up to a quarter of a second after them. What would take more memory than kMostBytes
+// is written at once, so that in a flood a line may come after frames that are later.
+class Held {
+ public:
+  static constexpr std::size_t kMostBytes = std::size_t{256} << 10;
+
+  explicit Held(record::Writer* writer) : writer_(*writer) {}
+
+  // A frame of the interface; each interface's frames come in the order of their times.
+  void add(std::uint32_t interface, record::Nanoseconds at, std::string_view bytes, std::uint32_t size);
+  void add(const record::Entry& entry);
+
+  // Writes in the order of time what is not later than that.
+  void write_until(record::Nanoseconds until);
+
+  std::uint64_t frames() const { return frames_; }  // written
+  std::uint64_t entries() const { return written_entries_; }
+
+ private:
+  struct Head {
+    record::Nanoseconds at;
+    std::uint32_t kept;  // bytes, behind it
+    std::uint32_t size;  // on the wire
+  };
+  struct Queue {
+    std::string bytes;
+    std::size_t begin = 0;
+
+    bool is_empty() const { return begin == bytes.size(); }
+    Head head() const;
+  };
+
+  void make_room();
+  bool write_first(record::Nanoseconds until);
+  void write_frame(std::uint32_t interface);
+
+  record::Writer& writer_;
+  std::vector<Queue> queues_;  // by interface
+  std::multimap<record::Nanoseconds, record::Entry> entries_;
+  std::size_t bytes_ = 0;  // that wait, of both
+  std::uint64_t frames_ = 0;
+  std::uint64_t written_entries_ = 0;
+};
+
+}  // namespace recorder
+
+#endif

@@ -1,0 +1,66 @@
+#ifndef RECORDER_LINES_H
+#define RECORDER_LINES_H
+
+#include <functional>
+#include <string>
+
+#include "record/item.h"
+#include "recorder/child.h"
+
+namespace recorder {
+
+// Where the station's lines come from.
+class Lines {
+ public:
+  using Take = std::function<void(const record::Entry&)>;
+
+  virtual ~Lines() = default;
+  // To wait for lines by; -1: there is nothing to wait for now.
+  virtual int descriptor() const = 0;
+  // Hands over what has come.
+  virtual void receive(const Take& take) = 0;
+};
+
+// A unit's lines and what systemd says of it, from the journal. journalctl follows it, whatever is rotated meanwhile;
+// when that ends it is begun anew behind the last entry, and an entry says what may lack.
+class Journal : public Lines {
+ public:
+  // Entries from then on.
+  Journal(std::string unit, record::Nanoseconds since);
+  int descriptor() const override { return journalctl_.descriptor(); }
+  void receive(const Take& take) override;
+
+ private:
+  void begin();
+  bool read_more();
+
+  const std::string unit_;
+  std::string from_;  // where it begins
+  Child journalctl_;
+  record::Nanoseconds began_ = 0;
+  bool has_told_ = false;  // that it ended, since the last entry
+  std::string text_;       // that was read and not taken
+  record::Entry entry_;    // what is known of the next one
+};
+
+// The lines of a log, with the time at which they were seen.
+class Log : public Lines {
+ public:
+  // `is_whole`: those that are there already, too. Throws std::system_error, which names the file.
+  Log(const std::string& name, bool is_whole);
+  ~Log() override;
+  Log(const Log&) = delete;
+  Log& operator=(const Log&) = delete;
+
+  int descriptor() const override { return news_; }
+  void receive(const Take& take) override;
+
+ private:
+  int file_;
+  int news_;
+  std::string line_;  // its beginning
+};
+
+}  // namespace recorder
+
+#endif

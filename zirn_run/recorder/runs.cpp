@@ -1,0 +1,163 @@
+#include "recorder/runs.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "record/byte_order.h"
+#include "record/input.h"
+#include "record/journal_text.h"
+#include "record/pcapng.h"
+#include "record/reader.h"
+#include "record/run_entry.h"
+#include "recorder/clock.h"
+#include "recorder/file.h"
+
+namespace recorder {
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace pcapng = record::pcapng;
+
+constexpr char kEnding[] = ".pcapng";
+constexpr char kPart[] = ".part";
+constexpr char kVerdict[] = "Cmd received: ";
+constexpr char kPassed[] = "PPT_PASSED";
+constexpr std::streamoff kBytesWithTheVerdict = std::streamoff{1} << 20;
+constexpr std::size_t kLengthBytes = sizeof(std::uint32_t);
+
+std::string start_text(record::Nanoseconds start) {
+  const std::time_t seconds = static_cast<std::time_t>(start / kSecond);
+  std::tm time = {};
+  gmtime_r(&seconds, &time);
+  std::array<char, 32> text = {};
+  std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &time);
+  return text.data();
+}
+
+std::string station_name() {
+  std::array<char, HOST_NAME_MAX + 1> name = {};
+  gethostname(name.data(), name.size() - 1);
+  std::string text = name.data();
+  const auto is_odd = [](unsigned char c) { return std::isalnum(c) == 0 && c != '-' && c != '.'; };
+  std::replace_if(text.begin(), text.end(), is_odd, '_');
+  return text;
+}
+
+// The folder's files with such an ending, the oldest run first.
+std::vector<fs::path> files_in(const std::string& folder, const std::string& ending) {
+  std::vector<fs::path> files;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    if (entry.path().extension() == ending && entry.is_regular_file()) files.push_back(entry.path());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// Where the last whole block of the file ends.
+std::uint64_t end_of_blocks(const fs::path& name) {
+  std::ifstream file(name, std::ios::binary);
+  record::Input input(file);
+  while (true) {
+    std::string_view bytes = input.at_least(pcapng::kFrameBytes);
+    if (bytes.size() < pcapng::kFrameBytes) return input.position();
+    const auto length = record::number_at<std::uint32_t>(bytes, kLengthBytes);
+    if (length < pcapng::kFrameBytes || length > record::Reader::kMostBlockBytes) return input.position();
+    bytes = input.at_least(length);
+    const bool is_whole =
+        bytes.size() >= length && record::number_at<std::uint32_t>(bytes, length - kLengthBytes) == length;
+    if (!is_whole) return input.position();
+    input.take(length);
+  }
+}
+
+void complete(const fs::path& part) {
+  const int descriptor = open(part.c_str(), O_WRONLY | O_CLOEXEC);
+  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), part);
+  const bool is_left = flock(descriptor, LOCK_EX | LOCK_NB) == 0;
+  const std::uint64_t end = is_left ? end_of_blocks(part) : 0;
+  if (is_left && end == 0) fs::remove(part);
+  if (end > 0) {
+    const std::string entry =
+        block_of(entry_of(record::Gap{"all is missing from here on: the recorder was cut off"}, now()));
+    const bool is_done = ftruncate(descriptor, static_cast<off_t>(end)) == 0 &&
+                         pwrite(descriptor, entry.data(), entry.size(), static_cast<off_t>(end)) ==
+                             static_cast<ssize_t>(entry.size());
+    if (is_done) fs::rename(part, fs::path(part).replace_extension());
+  }
+  close(descriptor);
+}
+
+// The line of an entry's block; empty: it is none.
+std::string line_in(std::string_view block) {
+  if (record::number_at<std::uint32_t>(block, 0) != pcapng::kJournalExport) return {};
+  std::string_view text = block.substr(pcapng::kHeadBytes, block.size() - pcapng::kFrameBytes);
+  record::Entry entry;
+  while (record::journal_text::take_field(&text, block.size(), &entry) == record::journal_text::Taken::kField)
+    continue;
+  const auto said = said_by(entry);
+  const auto* const line = said ? std::get_if<record::Line>(&*said) : nullptr;
+  return line == nullptr ? "" : line->text;
+}
+
+}  // namespace
+
+std::string name_of_run(const std::string& folder, record::Nanoseconds start) {
+  const std::string station = station_name();
+  for (;; start += kSecond) {
+    const std::string name = start_text(start) + "-" + station;
+    const fs::path file = fs::path(folder) / (name + kEnding);
+    if (!fs::exists(file) && !fs::exists(file.string() + kPart)) return name;
+  }
+}
+
+void complete_runs(const std::string& folder) {
+  for (const fs::path& part : files_in(folder, kPart)) complete(part);
+}
+
+void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes) {
+  std::vector<fs::path> runs = files_in(folder, kEnding);
+  for (std::size_t i = 0; i + kept < runs.size(); ++i) {
+    if (has_passed(runs[i])) fs::remove(runs[i]);
+  }
+  runs = files_in(folder, kEnding);
+  std::uint64_t sum = 0;
+  for (const fs::path& run : runs) sum += fs::file_size(run);
+  for (std::size_t i = 0; sum > bytes && i < runs.size(); ++i) {
+    sum -= fs::file_size(runs[i]);
+    fs::remove(runs[i]);
+  }
+}
+
+bool has_passed(const std::string& name) {
+  std::ifstream file(name, std::ios::binary | std::ios::ate);
+  const std::streamoff size = file.tellg();
+  const std::streamoff from = std::max<std::streamoff>(size - kBytesWithTheVerdict, 0);
+  if (size <= 0) return false;
+  std::string bytes(static_cast<std::size_t>(size - from), '\0');
+  file.seekg(from).read(bytes.data(), size - from);
+  std::string_view rest = bytes;
+  while (rest.size() >= pcapng::kFrameBytes) {  // backwards, by the length at each block's end
+    const auto length = record::number_at<std::uint32_t>(rest, rest.size() - kLengthBytes);
+    if (length < pcapng::kFrameBytes || length > rest.size()) return false;
+    const std::string line = line_in(rest.substr(rest.size() - length));
+    if (line.compare(0, sizeof kVerdict - 1, kVerdict) == 0) return line.find(kPassed) != std::string::npos;
+    rest.remove_suffix(length);
+  }
+  return false;
+}
+
+}  // namespace recorder
