@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,7 @@
 #include <list>
 #include <memory>
 #include <system_error>
+#include <thread>
 
 #include "record/run_entry.h"
 #include "record/writer.h"
@@ -263,6 +265,7 @@ bool Recording::open(Source* source) {
 void Recording::look_at_links() {
   for (Source& source : sources_) {
     if (source.link.is_open() && !source.link.is_there()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2 * Link::kBlockMilliseconds));  // the last block
       while (receive(&source) > 0) continue;
       source.link.close();
       tell_gap("frames are missing from here on: " + source.link.name() + " is gone or down");
