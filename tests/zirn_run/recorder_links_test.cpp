@@ -148,8 +148,7 @@ TEST_F(RecorderLinks, AWrongFilterIsAWrongCall) {
   options_.filter = "udp or or";
   Recording recording(options_);
   EXPECT_EQ(recording.exit_status(), 2);
-  EXPECT_EQ(whole_file("errors").rfind("zirn-run record: the filter is wrong: ", 0), 0U)
-      << whole_file("errors");
+  EXPECT_EQ(whole_file("errors").rfind("zirn-run: the filter is wrong: ", 0), 0U) << whole_file("errors");
   EXPECT_FALSE(std::filesystem::exists("run.pcapng.part"));
 }
 
@@ -158,8 +157,8 @@ TEST_F(RecorderLinks, ALinkThatIsNotThereIsNamedWithThoseThatAre) {
   Recording recording(options_);
   EXPECT_EQ(recording.exit_status(), 3);
   EXPECT_EQ(whole_file("errors"),
-            "zirn-run record: eth7: no such link; there are: lo lan0 ppt0\n"
-            "zirn-run record: expected a link that can be recorded\n");
+            "zirn-run: eth7: no such link; there are: lo lan0 ppt0\n"
+            "zirn-run: expected a link that can be recorded\n");
   EXPECT_FALSE(std::filesystem::exists("run.pcapng.part"));
 }
 
@@ -227,7 +226,7 @@ TEST_F(RecorderLinks, WhatTheKernelDropsIsInTheRecordAndSaid) {
   EXPECT_GE(run.statistics[1].received, kFrames);
   EXPECT_EQ(run.frames_of("ppt0") + dropped, run.statistics[1].received);
   EXPECT_EQ(whole_file("errors"),
-            "zirn-run record: ppt0: the kernel dropped " + std::to_string(dropped) + " frames\n");
+            "zirn-run: ppt0: the kernel dropped " + std::to_string(dropped) + " frames\n");
 }
 
 TEST_F(RecorderLinks, TheRightThatIsMissingIsNamed) {
@@ -240,7 +239,7 @@ TEST_F(RecorderLinks, TheRightThatIsMissingIsNamed) {
       },
       [] { append_errors_to("errors"); });
   EXPECT_EQ(status_number(process.wait_for_end()), 3);
-  EXPECT_EQ(whole_file("errors"), "zirn-run record: lan0: the right CAP_NET_RAW is missing\n");
+  EXPECT_EQ(whole_file("errors"), "zirn-run: lan0: the right CAP_NET_RAW is missing\n");
 }
 
 TEST_F(RecorderLinks, WhatContradictsItselfIsAWrongCall) {

@@ -105,4 +105,10 @@ void Log::receive(const Take& take) {
   }
 }
 
+void Log::finish(const Take& take) {
+  receive(take);
+  if (!line_.empty()) take(entry_of(record::Line{line_}, now()));
+  line_.clear();
+}
+
 }  // namespace recorder

@@ -19,6 +19,8 @@ class Lines {
   virtual int descriptor() const = 0;
   // Hands over what has come.
   virtual void receive(const Take& take) = 0;
+  // Hands over what is left, when nothing more will come.
+  virtual void finish(const Take& take) { receive(take); }
 };
 
 // A unit's lines and what systemd says of it, from the journal. journalctl follows it, whatever is rotated meanwhile;
@@ -54,6 +56,7 @@ class Log : public Lines {
 
   int descriptor() const override { return news_; }
   void receive(const Take& take) override;
+  void finish(const Take& take) override;
 
  private:
   int file_;

@@ -68,7 +68,7 @@ struct Unusable : std::runtime_error {
 };
 
 void say(const std::string& text) {
-  std::cerr << "zirn-run record: " << text << std::endl;
+  std::cerr << "zirn-run: " << text << std::endl;
 }
 
 // SIGINT and SIGTERM, to be waited for with all else.
@@ -382,6 +382,7 @@ void Recording::show_progress() {
 
 void Recording::finish() {
   receive();
+  if (lines_) lines_->finish([this](const record::Entry& entry) { take(entry); });
   held_.write_until(std::numeric_limits<record::Nanoseconds>::max());
   for (const Source& source : sources_) {
     if (!source.interface) continue;
