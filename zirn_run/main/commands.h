@@ -15,8 +15,10 @@ struct Command {
 };
 
 Work draw_command(CLI::App& app);
+Work record_command(CLI::App& app);
 
 inline constexpr Command kCommands[] = {
+    {"record", "Record a run as it happens", record_command},
     {"draw", "Draw a run as a picture (SVG)", draw_command},
 };
 

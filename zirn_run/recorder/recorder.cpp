@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -56,6 +57,7 @@ constexpr record::Nanoseconds kStationStops = 12 * kSecond;  // it is killed aft
 constexpr int kTickMilliseconds = 50;
 
 // What systemd says of a unit (systemd.journal-fields(7), sd-messages.h).
+constexpr char kUnitStarting[] = "7d4958e842da4a678f6c1cdc7b36dcc5";
 constexpr char kUnitStopping[] = "de5b426a63be47a7b6ac3eaac82e2f6f";
 constexpr std::array<std::string_view, 2> kUnitEnded = {"7ad2d189f7e94e70a38c781354912448",   // well
                                                         "d9b373ed55a64feb8242e02dbe79a49c"};  // badly
@@ -143,14 +145,41 @@ std::optional<int> kept_status(const std::string& unit) {
   return file >> status ? std::optional<int>(status) : std::nullopt;
 }
 
+// The end of a process, to be waited for with all else.
+class Process {
+ public:
+  explicit Process(pid_t pid)
+      : descriptor_(pid == 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {
+    is_gone_ = pid != 0 && descriptor_ < 0;
+  }
+  ~Process() {
+    if (descriptor_ >= 0) close(descriptor_);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  int descriptor() const { return descriptor_; }
+  bool has_ended() const {
+    pollfd event = {descriptor_, POLLIN, 0};
+    return is_gone_ || poll(&event, 1, 0) > 0;
+  }
+
+ private:
+  int descriptor_;
+  bool is_gone_ = false;
+};
+
 class Recording {
  public:
-  Recording(const Options& options, const std::string& file_name);
+  // Lines from then on.
+  Recording(const Options& options, const std::string& file_name, record::Nanoseconds since);
 
   // Until the end. False: it could not all be written.
   bool run();
   // Whether anything came.
   bool has_anything() const { return held_.frames() > 0 || has_lines_; }
+  // When the station began another run behind this one.
+  std::optional<record::Nanoseconds> next_run() const { return next_run_; }
   RecordFile& file() { return file_; }
 
  private:
@@ -189,10 +218,13 @@ class Recording {
   LinkNews news_;
   std::list<Source> sources_;
   std::unique_ptr<Lines> lines_;
+  const record::Nanoseconds since_;
+  const Process station_;
   std::string unit_;  // with its ending
   record::Nanoseconds ends_at_ = std::numeric_limits<record::Nanoseconds>::max();
   record::Nanoseconds flushed_ = 0;
   record::Nanoseconds shown_ = 0;
+  std::optional<record::Nanoseconds> next_run_;
   bool is_stop_wanted_ = false;
   bool is_stopping_ = false;  // the station
   bool has_ended_ = false;    // the station
@@ -211,13 +243,15 @@ Filter filter_of(const Options& options, const Words& station_options) {
   return filter;
 }
 
-Recording::Recording(const Options& options, const std::string& file_name)
+Recording::Recording(const Options& options, const std::string& file_name, record::Nanoseconds since)
     : options_(options),
       file_(file_name, signals_.descriptor()),
       station_options_(options.station        ? *options.station
                        : options.unit.empty() ? Words()
                                               : options_of_unit(options.unit)),
-      filter_(filter_of(options, station_options_)) {
+      filter_(filter_of(options, station_options_)),
+      since_(since),
+      station_(options.pid) {
   if (!options.unit.empty())
     unit_ = options.unit.find('.') == std::string::npos ? options.unit + ".service" : options.unit;
   run_.name = std::filesystem::path(file_name).stem().string();
@@ -226,10 +260,9 @@ Recording::Recording(const Options& options, const std::string& file_name)
 
 void Recording::begin() {
   try {
-    const record::Nanoseconds start = now();
-    held_.add(entry_of(run_, start));
+    held_.add(entry_of(run_, since_));
     open_links();
-    if (!unit_.empty()) lines_ = std::make_unique<Journal>(unit_, start);
+    if (!unit_.empty()) lines_ = std::make_unique<Journal>(unit_, since_);
     if (!options_.log.empty()) lines_ = std::make_unique<Log>(options_.log, options_.is_service);
   } catch (...) {
     file_.discard();
@@ -290,6 +323,7 @@ bool Recording::run() {
 
 void Recording::wait() {
   std::vector<pollfd> events = {{signals_.descriptor(), POLLIN, 0}, {news_.descriptor(), POLLIN, 0}};
+  if (!has_ended_) events.push_back({station_.descriptor(), POLLIN, 0});
   if (lines_) events.push_back({lines_->descriptor(), POLLIN, 0});
   for (const Source& source : sources_) events.push_back({source.link.descriptor(), POLLIN, 0});
   poll(events.data(), events.size(), kTickMilliseconds);
@@ -320,6 +354,10 @@ void Recording::take(const record::Entry& entry) {
   has_lines_ = true;
   if (unit_.empty() || entry.value("UNIT") != unit_) return;
   const std::string_view message = entry.value("MESSAGE_ID");
+  if (message == kUnitStarting && has_ended_ && !is_stop_wanted_) {
+    next_run_ = entry.at;
+    end_by(now());
+  }
   if (message == kUnitStopping) is_stopping_ = true;
   if (message == kUnitStopping && is_stop_wanted_) end_by(now() + kStationStops);
   if (std::find(kUnitEnded.begin(), kUnitEnded.end(), message) == kUnitEnded.end()) return;
@@ -328,7 +366,7 @@ void Recording::take(const record::Entry& entry) {
 }
 
 void Recording::look_at_process() {
-  if (options_.pid == 0 || has_ended_ || kill(options_.pid, 0) == 0 || errno != ESRCH) return;
+  if (has_ended_ || !station_.has_ended()) return;
   const std::optional<int> status =
       options_.is_service ? kept_status("zirn-test-station.service") : std::nullopt;
   held_.add(entry_of(record::StationEnds{status, 0}, now()));
@@ -395,19 +433,22 @@ void Recording::finish() {
 }
 
 int record_by_hand(const Options& options) {
-  Recording recording(options, options.output);
+  Recording recording(options, options.output, now());
   const bool is_whole = recording.run();
   recording.file().finish();
   return is_whole ? 0 : kUnusable;
 }
 
+// One run, and those that the station begins before this one is put away: systemd starts nothing that still runs.
 int record_into_folder(const Options& options) {
   std::filesystem::create_directories(options.folder);
-  bool is_whole = false;
-  {
-    Recording recording(options, options.folder + "/" + name_of_run(options.folder, now()) + ".pcapng");
-    is_whole = recording.run();
+  bool is_whole = true;
+  for (std::optional<record::Nanoseconds> start = now(); start;) {
+    Recording recording(options, options.folder + "/" + name_of_run(options.folder, *start) + ".pcapng",
+                        *start);
+    is_whole = recording.run() && is_whole;
     recording.has_anything() ? recording.file().finish() : recording.file().discard();
+    start = recording.next_run();
   }
   complete_runs(options.folder);
   limit_runs(options.folder, kRunsKept, options.limit);
