@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <system_error>
 
 #include "record/journal.h"
@@ -77,7 +78,7 @@ void Journal::receive(const Take& take) {
 Log::Log(const std::string& name, bool is_whole)
     : file_(open(name.c_str(), O_RDONLY | O_CLOEXEC)), news_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
   const bool is_open = file_ >= 0 && lseek(file_, 0, is_whole ? SEEK_SET : SEEK_END) >= 0;
-  if (is_open && inotify_add_watch(news_, name.c_str(), IN_MODIFY) >= 0) return;
+  if (is_open && inotify_add_watch(news_, name.c_str(), IN_MODIFY | IN_MOVE_SELF) >= 0) return;
   const int error = errno;
   close(file_);
   close(news_);
@@ -91,8 +92,14 @@ Log::~Log() {
 
 void Log::receive(const Take& take) {
   std::array<char, 16384> buffer = {};
-  while (read(news_, buffer.data(), buffer.size()) > 0) continue;
   ssize_t count = 0;
+  while ((count = read(news_, buffer.data(), buffer.size())) > 0) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count); i += sizeof(inotify_event)) {
+      inotify_event event = {};
+      std::memcpy(&event, buffer.data() + i, sizeof event);
+      has_moved_ = has_moved_ || (event.mask & IN_MOVE_SELF) != 0;
+    }
+  }
   while ((count = read(file_, buffer.data(), buffer.size())) > 0) {
     line_.append(buffer.data(), static_cast<std::size_t>(count));
     std::size_t begin = 0;

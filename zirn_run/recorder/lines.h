@@ -21,6 +21,8 @@ class Lines {
   virtual void receive(const Take& take) = 0;
   // Hands over what is left, when nothing more will come.
   virtual void finish(const Take& take) { receive(take); }
+  // Whether they have been put away for those of another run.
+  virtual bool are_put_away() const { return false; }
 };
 
 // A unit's lines and what systemd says of it, from the journal. journalctl follows it, whatever is rotated meanwhile;
@@ -45,7 +47,7 @@ class Journal : public Lines {
   record::Entry entry_;    // what is known of the next one
 };
 
-// The lines of a log, with the time at which they were seen.
+// The lines of a log, with the time at which they were seen. When the next run begins, the log gets another name.
 class Log : public Lines {
  public:
   // `is_whole`: those that are there already, too. Throws std::system_error, which names the file.
@@ -57,10 +59,12 @@ class Log : public Lines {
   int descriptor() const override { return news_; }
   void receive(const Take& take) override;
   void finish(const Take& take) override;
+  bool are_put_away() const override { return has_moved_; }
 
  private:
   int file_;
   int news_;
+  bool has_moved_ = false;
   std::string line_;  // its beginning
 };
 

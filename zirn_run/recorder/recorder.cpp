@@ -261,6 +261,7 @@ Recording::Recording(const Options& options, const std::string& file_name, recor
 void Recording::begin() {
   try {
     held_.add(entry_of(run_, since_));
+    if (now() - since_ > kFramesTake) tell_gap("frames before here are in the record of the run before");
     open_links();
     if (!unit_.empty()) lines_ = std::make_unique<Journal>(unit_, since_);
     if (!options_.log.empty()) lines_ = std::make_unique<Log>(options_.log, options_.is_service);
@@ -339,6 +340,7 @@ void Recording::receive() {
   for (Source& source : sources_) receive(&source);
   if (lines_) lines_->receive([this](const record::Entry& entry) { take(entry); });
   look_at_process();
+  if (has_ended_ && lines_ && lines_->are_put_away()) end_by(now());
 }
 
 std::size_t Recording::receive(Source* source) {
