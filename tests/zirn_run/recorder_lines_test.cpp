@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -17,6 +18,7 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
+constexpr char kStarting[] = "7d4958e842da4a758f6c1cdc7b36dcc5";
 constexpr char kSuccess[] = "7ad2d189f7e94e70a38c781354912448";
 constexpr char kFailure[] = "d9b373ed55a64feb8242e02dbe79a49c";
 
@@ -102,6 +104,7 @@ class RecorderJournal : public RecorderLines {
     RecorderLines::SetUp();
     make_script("journalctl", "echo \"$@\" >> called\nexec tail -n +1 -f journal\n");
     std::ofstream("journal").flush();
+    std::ofstream("called").flush();
     setenv("PATH", (scratch_.path() + ":/usr/bin:/bin").c_str(), 1);
     options_.unit = "zirn-test-station";
   }
@@ -146,8 +149,9 @@ TEST_F(RecorderJournal, EntriesAreRecordedWithAllTheirFieldsUntilTheUnitEnds) {
   EXPECT_FALSE(ends[0].status);
   EXPECT_EQ(ends[1].status, 2);
   const std::string called = whole_file("called");
-  EXPECT_EQ(
-      called.rfind("--follow --lines=all --output=export --unit zirn-test-station.service --since=@", 0), 0U)
+  EXPECT_EQ(called.rfind(
+                "--quiet --follow --lines=all --output=export --unit zirn-test-station.service --since=@", 0),
+            0U)
       << called;
 }
 
@@ -159,6 +163,17 @@ TEST_F(RecorderJournal, AUnitThatFailedEndsItAsWell) {
   EXPECT_EQ(recording.exit_status(), 0);
   EXPECT_TRUE(recorded("run.pcapng").said<record::StationEnds>().empty())
       << "systemd tells the status itself";
+}
+
+TEST_F(RecorderJournal, TheStatusOfALaterRunIsNotTaken) {
+  Recording recording(options_);
+  ASSERT_TRUE(recording.works()) << whole_file("errors");
+  systemd_says(kSuccess);
+  usleep(20000);
+  run_has_status("1");
+  EXPECT_EQ(recording.exit_status(), 0);
+  ASSERT_EQ(recorded("run.pcapng").said<record::StationEnds>().size(), 1U);
+  EXPECT_FALSE(recorded("run.pcapng").said<record::StationEnds>()[0].status);
 }
 
 TEST_F(RecorderJournal, AnotherUnitsEndIsNoEnd) {
@@ -206,8 +221,8 @@ TEST_F(RecorderJournal, AJournalctlThatEndsIsBegunAnewBehindItsLastEntry) {
   EXPECT_EQ(run.lines(), (Strings{"first", "second"}));
   EXPECT_EQ(run.gaps(), Strings{"lines may be missing: journalctl ended, and is begun anew"});
   const std::string called = whole_file("called");
-  EXPECT_NE(called.find(
-                "\n--follow --lines=all --output=export --unit zirn-test-station.service --after-cursor=s="),
+  EXPECT_NE(called.find("\n--quiet --follow --lines=all --output=export --unit zirn-test-station.service "
+                        "--after-cursor=s="),
             std::string::npos)
       << called;
 }
@@ -222,6 +237,39 @@ TEST_F(RecorderJournal, WithoutAJournalctlTheFramesAreRecordedAndOneGapSaysSo) {
   const Recorded run = recorded("run.pcapng");
   EXPECT_EQ(run.count("frame"), 1U);
   EXPECT_EQ(run.gaps().size(), 1U);
+}
+
+TEST_F(RecorderJournal, ARunThatBeginsBehindTheOneBeforeIsARecordOfItsOwn) {
+  options_.output.clear();
+  options_.is_service = true;
+  options_.folder = "runs";
+  Recording recording(options_);
+  EXPECT_TRUE(wait_until([] { return !whole_file("called").empty(); }));
+  usleep(300000);
+  station_prints("first");
+  Sender("127.0.0.1", 12345).sends("of the first");
+  usleep(5000);
+  systemd_says(kSuccess);
+  usleep(5000);
+  systemd_says(kStarting);
+  station_prints("second");
+  Sender("127.0.0.1", 12345).sends("of the second");
+  const auto records = [] {
+    Strings names;
+    for (const auto& entry : std::filesystem::directory_iterator("runs"))
+      names.push_back(entry.path().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  EXPECT_TRUE(wait_until([&] { return records().size() == 2; }));
+  usleep(300000);
+  EXPECT_EQ(recording.stops(), 0) << whole_file("errors");
+  ASSERT_EQ(records().size(), 2U);
+  EXPECT_EQ(recorded(records()[0]).lines(), Strings{"first"});
+  EXPECT_EQ(recorded(records()[0]).count("of the first"), 1U);
+  EXPECT_EQ(recorded(records()[1]).lines(), Strings{"second"});
+  EXPECT_EQ(recorded(records()[1]).count("of the second"), 1U);
+  EXPECT_EQ(recorded(records()[1]).count("of the first"), 0U);
 }
 
 TEST_F(RecorderJournal, NoChildOutlivesIt) {

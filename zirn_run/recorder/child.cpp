@@ -26,7 +26,6 @@ constexpr int kNoSuchProgram = 127;
   const int nothing = open("/dev/null", O_RDWR);
   dup2(nothing, STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
-  dup2(nothing, STDERR_FILENO);
   std::vector<char*> arguments;
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);

@@ -27,7 +27,7 @@ class Child {
   int output_ = -1;
 };
 
-// All that the program prints; what it says of errors is left out.
+// All that the program prints on standard output.
 std::string output_of(const std::vector<std::string>& words);
 
 }  // namespace recorder

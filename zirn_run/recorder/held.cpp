@@ -21,10 +21,20 @@ Held::Head Held::Queue::head() const {
   return head;
 }
 
-void Held::add(std::uint32_t interface, record::Nanoseconds at, std::string_view bytes, std::uint32_t size) {
-  if (queues_.size() <= interface) queues_.resize(interface + 1);
+void Held::write_to(record::Writer* writer) {
+  writer_ = writer;
+  frames_ = 0;
+  written_entries_ = 0;
+}
+
+Held::Queue& Held::queue_of(std::size_t source) {
+  if (queues_.size() <= source) queues_.resize(source + 1);
+  return queues_[source];
+}
+
+void Held::add(std::size_t source, record::Nanoseconds at, std::string_view bytes, std::uint32_t size) {
   const Head head = {at, static_cast<std::uint32_t>(bytes.size()), size};
-  Queue& queue = queues_[interface];
+  Queue& queue = queue_of(source);
   queue.bytes.append(reinterpret_cast<const char*>(&head), sizeof head).append(bytes);
   bytes_ += sizeof head + bytes.size();
   make_room();
@@ -54,33 +64,32 @@ bool Held::write_first(record::Nanoseconds until) {
   }
   const auto entry = entries_.begin();
   if (entry != entries_.end() && entry->first <= at) {
-    writer_.add(entry->second);
+    writer_->add(entry->second);
     bytes_ -= bytes_of(entry->second);
     entries_.erase(entry);
     ++written_entries_;
     return true;
   }
   if (first == queues_.size()) return false;
-  write_frame(static_cast<std::uint32_t>(first));
+  write_frame(&queues_[first]);
   return true;
 }
 
-void Held::write_frame(std::uint32_t interface) {
-  Queue& queue = queues_[interface];
-  const Head head = queue.head();
+void Held::write_frame(Queue* queue) {
+  const Head head = queue->head();
   record::Frame frame;
-  frame.interface = interface;
+  frame.interface = queue->interface;
   frame.at = head.at;
   frame.size = head.size;
-  frame.bytes = std::string_view(queue.bytes).substr(queue.begin + sizeof head, head.kept);
-  writer_.add(frame);
+  frame.bytes = std::string_view(queue->bytes).substr(queue->begin + sizeof head, head.kept);
+  writer_->add(frame);
   ++frames_;
   const std::size_t bytes = sizeof head + head.kept;
-  queue.begin += bytes;
+  queue->begin += bytes;
   bytes_ -= bytes;
-  if (queue.begin > queue.bytes.size() / 2) {
-    queue.bytes.erase(0, queue.begin);
-    queue.begin = 0;
+  if (queue->begin > queue->bytes.size() / 2) {
+    queue->bytes.erase(0, queue->begin);
+    queue->begin = 0;
   }
 }
 

@@ -20,16 +20,20 @@ class Held {
  public:
   static constexpr std::size_t kMostBytes = std::size_t{256} << 10;
 
-  explicit Held(record::Writer* writer) : writer_(*writer) {}
+  // From now on it writes there.
+  void write_to(record::Writer* writer);
+  // A source's frames are of this interface there.
+  void set_interface(std::size_t source, std::uint32_t interface) { queue_of(source).interface = interface; }
 
-  // A frame of the interface; each interface's frames come in the order of their times.
-  void add(std::uint32_t interface, record::Nanoseconds at, std::string_view bytes, std::uint32_t size);
+  // A frame of the source; each source's frames come in the order of their times.
+  void add(std::size_t source, record::Nanoseconds at, std::string_view bytes, std::uint32_t size);
   void add(const record::Entry& entry);
 
   // Writes in the order of time what is not later than that.
   void write_until(record::Nanoseconds until);
 
-  std::uint64_t frames() const { return frames_; }  // written
+  // Written there so far.
+  std::uint64_t frames() const { return frames_; }
   std::uint64_t entries() const { return written_entries_; }
 
  private:
@@ -41,17 +45,19 @@ class Held {
   struct Queue {
     std::string bytes;
     std::size_t begin = 0;
+    std::uint32_t interface = 0;
 
     bool is_empty() const { return begin == bytes.size(); }
     Head head() const;
   };
 
+  Queue& queue_of(std::size_t source);
   void make_room();
   bool write_first(record::Nanoseconds until);
-  void write_frame(std::uint32_t interface);
+  void write_frame(Queue* queue);
 
-  record::Writer& writer_;
-  std::vector<Queue> queues_;  // by interface
+  record::Writer* writer_ = nullptr;
+  std::vector<Queue> queues_;  // by source
   std::multimap<record::Nanoseconds, record::Entry> entries_;
   std::size_t bytes_ = 0;  // that wait, of both
   std::uint64_t frames_ = 0;

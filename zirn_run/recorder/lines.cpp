@@ -39,7 +39,8 @@ void Journal::begin() {
   began_ = now();
   text_.clear();
   entry_ = {};
-  journalctl_ = Child({"journalctl", "--follow", "--lines=all", "--output=export", "--unit", unit_, from_});
+  journalctl_ =
+      Child({"journalctl", "--quiet", "--follow", "--lines=all", "--output=export", "--unit", unit_, from_});
   fcntl(journalctl_.descriptor(), F_SETFL, O_NONBLOCK);
 }
 

@@ -1,0 +1,324 @@
+#include "recorder/recording.h"
+
+#include <net/if.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/utsname.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <thread>
+
+namespace recorder {
+
+namespace {
+
+constexpr std::size_t kRingBytes = std::size_t{1536} << 10;  // of all links
+constexpr std::size_t kBlockBytes = std::size_t{256} << 10;
+constexpr std::size_t kFramesAtOnce = 1024;
+
+// How long a frame or a line may be on its way to us.
+constexpr record::Nanoseconds kFramesTake = 100 * kMillisecond;
+constexpr record::Nanoseconds kLinesTake = 500 * kMillisecond;
+constexpr record::Nanoseconds kFlushTime = 100 * kMillisecond;
+constexpr record::Nanoseconds kAfterTheEnd = kSecond;
+constexpr record::Nanoseconds kStationStops = 12 * kSecond;  // it is killed after ten
+constexpr int kTickMilliseconds = 50;
+
+// What systemd says of a unit (systemd.journal-fields(7), sd-messages.h).
+constexpr char kUnitStarting[] = "7d4958e842da4a758f6c1cdc7b36dcc5";
+constexpr char kUnitStopping[] = "de5b426a63be47a7b6ac3eaac82e2f6f";
+constexpr std::array<std::string_view, 2> kUnitEnded = {"7ad2d189f7e94e70a38c781354912448",   // well
+                                                        "d9b373ed55a64feb8242e02dbe79a49c"};  // badly
+
+// Tells systemd, where it has started us.
+void notify_ready() {
+  const char* const name = std::getenv("NOTIFY_SOCKET");
+  sockaddr_un address = {};
+  if (name == nullptr || std::strlen(name) >= sizeof address.sun_path) return;
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, name);
+  if (*name == '@') address.sun_path[0] = '\0';
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name));
+  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  constexpr std::string_view kReady = "READY=1";
+  sendto(descriptor, kReady.data(), kReady.size(), 0, reinterpret_cast<const sockaddr*>(&address), size);
+  close(descriptor);
+}
+
+record::Maker this_machine() {
+  utsname name = {};
+  uname(&name);
+  record::Maker maker;
+  maker.hardware = name.machine;
+  maker.os = std::string(name.sysname) + " " + name.release;
+  return maker;
+}
+
+std::string joined(const Words& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+  return text;
+}
+
+std::string links_that_are_there() {
+  Words names;
+  struct if_nameindex* const all = if_nameindex();
+  for (const struct if_nameindex* it = all; it != nullptr && it->if_index != 0; ++it)
+    names.emplace_back(it->if_name);
+  if_freenameindex(all);
+  return joined(names);
+}
+
+// The exit status that unit and init script keep of the run that had ended by then; systemd has none of one that ended
+// well. Nothing where another run has begun since.
+std::optional<int> kept_status(const std::string& unit, record::Nanoseconds by) {
+  const std::string name = "/run/" + unit.substr(0, unit.rfind(".service")) + "/exit_status";
+  std::ifstream file(name);
+  int status = 0;
+  struct stat about = {};
+  const bool is_there = file >> status && stat(name.c_str(), &about) == 0;
+  const bool is_its_own = about.st_mtim.tv_sec * kSecond + about.st_mtim.tv_nsec <= by;
+  return is_there && is_its_own ? std::optional<int>(status) : std::nullopt;
+}
+
+Filter filter_of(const Options& options, const Words& station_options) {
+  Station station = station_of(station_options);
+  if (station_options.empty() && !options.station && options.unit.empty()) station.address.clear();
+  Filter filter;
+  filter.is_whole = options.is_whole;
+  filter.whole_ports = ports_without_files(station);
+  filter.expression =
+      options.filter.empty() ? expression_for(station, addresses_of(options.links)) : options.filter;
+  return filter;
+}
+
+}  // namespace
+
+void say(const std::string& text) {
+  std::cerr << "zirn-run: " << text << std::endl;
+}
+
+Recording::Record::Record(const std::string& name, int gives_up)
+    : file(name, gives_up), writer(stream, this_machine()) {}
+
+Recording::Recording(const Options& options, Name name)
+    : options_(options),
+      name_(std::move(name)),
+      station_options_(options.station        ? *options.station
+                       : options.unit.empty() ? Words()
+                                              : options_of_unit(options.unit)),
+      filter_(filter_of(options, station_options_)),
+      station_(options.pid) {
+  if (!options.unit.empty())
+    unit_ = options.unit.find('.') == std::string::npos ? options.unit + ".service" : options.unit;
+}
+
+bool Recording::run() {
+  const record::Nanoseconds start = now();
+  begin_record(start);
+  try {
+    open_links();
+    if (!unit_.empty()) lines_ = std::make_unique<Journal>(unit_, start);
+    if (!options_.log.empty()) lines_ = std::make_unique<Log>(options_.log, options_.is_service);
+  } catch (...) {
+    record_->file.discard();
+    throw;
+  }
+  notify_ready();
+  while (now() < ends_at_) {
+    wait();
+    receive();
+    write();
+    show_progress();
+  }
+  receive();
+  if (lines_) lines_->finish([this](const record::Entry& entry) { take(entry); });
+  end_record(kNever);
+  return !is_full_;
+}
+
+void Recording::begin_record(record::Nanoseconds at) {
+  record_name_ = name_(at);
+  record_ = std::make_unique<Record>(record_name_, signals_.descriptor());
+  held_.write_to(&record_->writer);
+  for (Source& source : sources_) {
+    source.is_described = false;
+    source.received_before = source.link.received();
+    source.dropped_before = source.link.dropped();
+    if (source.link.is_open()) describe(&source);
+  }
+  record::RunBegins run;
+  run.name = std::filesystem::path(record_name_).stem().string();
+  if (!station_options_.empty()) run.command = "TFTP " + joined(station_options_);
+  held_.add(entry_of(run, at));
+}
+
+void Recording::end_record(record::Nanoseconds until) {
+  held_.write_until(until);
+  for (const Source& source : sources_) {
+    if (!source.is_described) continue;
+    const std::uint64_t dropped = source.link.dropped() - source.dropped_before;
+    const std::uint64_t received = source.link.received() - source.received_before;
+    record_->writer.add(record::Statistics{source.interface, now(), received, dropped});
+    if (dropped > 0) say(source.link.name() + ": the kernel dropped " + std::to_string(dropped) + " frames");
+  }
+  if (isatty(STDERR_FILENO) != 0) std::cerr << "\n";
+  flush();
+  const bool has_anything = record_->has_lines || held_.frames() > 0;
+  has_anything || !options_.is_service ? record_->file.finish() : record_->file.discard();
+}
+
+// The next one's lines and frames wait: nothing was written that is so recent.
+void Recording::next_run(record::Nanoseconds at) {
+  if (is_full_) return;
+  end_record(at - kMillisecond);
+  begin_record(at - kMillisecond);
+  has_ended_ = is_stopping_ = false;
+  end_by(kNever);
+}
+
+void Recording::describe(Source* source) {
+  if (source->is_described) return;
+  source->interface = record_->writer.add(
+      record::Interface{source->link.name(), filter_.expression, source->link.link_type(), 0});
+  source->is_described = true;
+  held_.set_interface(source->number, source->interface);
+}
+
+void Recording::open_links() {
+  const std::size_t blocks = std::max<std::size_t>(kRingBytes / kBlockBytes / options_.links.size(), 2);
+  bool has_one = false;
+  for (const std::string& name : options_.links) {
+    Source& source = sources_.emplace_back(Source{Link(name, blocks * kBlockBytes), sources_.size()});
+    if (source.link.open(filter_)) {
+      describe(&source);
+      has_one = true;
+      continue;
+    }
+    const std::string problem = name + ": " + source.link.problem();
+    if (source.link.lacks_right()) throw Unusable(problem);
+    say(problem + "; there are: " + links_that_are_there());
+    tell_gap("frames are missing: " + problem);
+  }
+  if (!has_one) throw Unusable("expected a link that can be recorded");
+}
+
+void Recording::look_at_links() {
+  for (Source& source : sources_) {
+    if (source.link.is_open() && !source.link.is_there()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2 * Link::kBlockMilliseconds));  // the last block
+      while (receive(&source) > 0) continue;
+      source.link.close();
+      tell_gap("frames are missing from here on: " + source.link.name() + " is gone or down");
+    } else if (!source.link.is_open() && source.link.open(filter_)) {
+      describe(&source);
+      tell_gap("frames are no longer missing: " + source.link.name() + " is back");
+    }
+  }
+}
+
+void Recording::wait() {
+  std::vector<pollfd> events = {{signals_.descriptor(), POLLIN, 0}, {news_.descriptor(), POLLIN, 0}};
+  if (!has_ended_) events.push_back({station_.descriptor(), POLLIN, 0});
+  if (lines_) events.push_back({lines_->descriptor(), POLLIN, 0});
+  for (const Source& source : sources_) events.push_back({source.link.descriptor(), POLLIN, 0});
+  poll(events.data(), events.size(), kTickMilliseconds);
+  if (signals_.came()) stop_wanted();
+  if (is_full_) return;
+  if (events[1].revents != 0) {
+    news_.clear();
+    look_at_links();
+  }
+}
+
+void Recording::receive() {
+  for (Source& source : sources_) receive(&source);
+  if (lines_) lines_->receive([this](const record::Entry& entry) { take(entry); });
+  look_at_process();
+  if (has_ended_ && lines_ && lines_->are_put_away()) end_by(now());
+}
+
+std::size_t Recording::receive(Source* source) {
+  return source->link.receive(kFramesAtOnce,
+                              [&](record::Nanoseconds at, std::string_view bytes, std::uint32_t size) {
+                                held_.add(source->number, at, bytes, size);
+                              });
+}
+
+void Recording::take(const record::Entry& entry) {
+  held_.add(entry);
+  record_->has_lines = true;
+  if (unit_.empty() || entry.value("UNIT") != unit_) return;
+  const std::string_view message = entry.value("MESSAGE_ID");
+  if (message == kUnitStarting && options_.is_service && has_ended_ && !is_stop_wanted_) next_run(entry.at);
+  if (message == kUnitStopping) is_stopping_ = true;
+  if (message == kUnitStopping && is_stop_wanted_) end_by(now() + kStationStops);
+  if (std::find(kUnitEnded.begin(), kUnitEnded.end(), message) == kUnitEnded.end()) return;
+  const bool is_well = message == kUnitEnded[0];
+  station_ended(entry.at, is_well ? kept_status(unit_, entry.at) : std::nullopt);
+}
+
+void Recording::look_at_process() {
+  if (has_ended_ || !station_.has_ended()) return;
+  const std::optional<int> status =
+      options_.is_service ? kept_status("zirn-test-station.service", now()) : std::nullopt;
+  held_.add(entry_of(record::StationEnds{status, 0}, now()));
+  station_ended(now(), std::nullopt);
+}
+
+void Recording::station_ended(record::Nanoseconds at, std::optional<int> status) {
+  if (status) held_.add(entry_of(record::StationEnds{status, 0}, at));
+  has_ended_ = true;
+  end_by(now() + kAfterTheEnd);
+}
+
+// A station that is being stopped is waited for. By hand, twice is at once.
+void Recording::stop_wanted() {
+  const bool is_again = is_stop_wanted_;
+  is_stop_wanted_ = true;
+  if (has_ended_ && !is_again) return;
+  const record::Nanoseconds patience = is_again                              ? 0
+                                       : options_.is_service && is_stopping_ ? kStationStops
+                                       : options_.is_service                 ? kAfterTheEnd
+                                       : unit_.empty()                       ? kFramesTake
+                                                                             : kLinesTake;
+  end_by(now() + patience);
+}
+
+void Recording::write() {
+  const record::Nanoseconds time = now();
+  held_.write_until(time - (unit_.empty() ? kFramesTake : kLinesTake));
+  if (time - flushed_ < kFlushTime && time >= flushed_) return;
+  flushed_ = time;
+  flush();
+}
+
+void Recording::flush() {
+  record_->file.flush();
+  if (record_->file.problem().empty() || is_full_) return;
+  is_full_ = true;
+  say(record_name_ + ": " + record_->file.problem() + "; nothing more is recorded");
+  for (Source& source : sources_) {
+    if (source.link.is_open()) source.link.close();
+  }
+  if (options_.output == "-") end_by(now());
+}
+
+void Recording::show_progress() {
+  if (isatty(STDERR_FILENO) == 0 || now() - shown_ < kSecond) return;
+  shown_ = now();
+  std::cerr << "\rrecording: " << held_.frames() << " frames, " << held_.entries() << " entries"
+            << std::flush;
+}
+
+}  // namespace recorder

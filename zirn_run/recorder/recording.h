@@ -1,0 +1,110 @@
+#ifndef RECORDER_RECORDING_H
+#define RECORDER_RECORDING_H
+
+#include <functional>
+#include <limits>
+#include <list>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+
+#include "record/run_entry.h"
+#include "record/writer.h"
+#include "recorder/clock.h"
+#include "recorder/file.h"
+#include "recorder/filter.h"
+#include "recorder/held.h"
+#include "recorder/lines.h"
+#include "recorder/link.h"
+#include "recorder/recorder.h"
+#include "recorder/station.h"
+#include "recorder/waits.h"
+
+namespace recorder {
+
+// Nothing can be recorded; says why.
+struct Unusable : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// On standard error.
+void say(const std::string& text);
+
+// The work of one call: links and lines into a record, until the end. Where the station begins another run at once, as
+// a service does, another record is begun with what belongs to it.
+class Recording {
+ public:
+  // The name of a record that begins then.
+  using Name = std::function<std::string(record::Nanoseconds)>;
+
+  Recording(const Options& options, Name name);
+
+  // Returns at the end. False: it could not all be written. Throws Unusable, WrongFilter, and std::system_error.
+  bool run();
+
+ private:
+  struct Record {
+    Record(const std::string& name, int gives_up);
+
+    RecordFile file;
+    std::ostream stream{&file};
+    record::Writer writer;
+    bool has_lines = false;
+  };
+  struct Source {
+    Link link;
+    std::size_t number;         // of the sources
+    bool is_described = false;  // in the record
+    std::uint32_t interface = 0;
+    std::uint64_t received_before = 0;  // the record
+    std::uint64_t dropped_before = 0;
+  };
+
+  void begin_record(record::Nanoseconds at);
+  void end_record(record::Nanoseconds until);
+  void describe(Source* source);
+  void open_links();
+  void look_at_links();
+  void tell_gap(const std::string& text) { held_.add(entry_of(record::Gap{text}, now())); }
+  void wait();
+  void receive();
+  std::size_t receive(Source* source);
+  void take(const record::Entry& entry);
+  void look_at_process();
+  void end_by(record::Nanoseconds at) { ends_at_ = at; }
+  void station_ended(record::Nanoseconds at, std::optional<int> status);
+  void next_run(record::Nanoseconds at);
+  void stop_wanted();
+  void write();
+  void flush();
+  void show_progress();
+
+  static constexpr record::Nanoseconds kNever = std::numeric_limits<record::Nanoseconds>::max();
+
+  const Options& options_;
+  const Name name_;
+  const Signals signals_;
+  const Words station_options_;
+  const Filter filter_;
+  const Process station_;
+  std::string unit_;  // with its ending
+  std::unique_ptr<Record> record_;
+  std::string record_name_;
+  Held held_;
+  LinkNews news_;
+  std::list<Source> sources_;
+  std::unique_ptr<Lines> lines_;
+  record::Nanoseconds ends_at_ = kNever;
+  record::Nanoseconds flushed_ = 0;
+  record::Nanoseconds shown_ = 0;
+  bool is_stop_wanted_ = false;
+  bool is_stopping_ = false;  // the station
+  bool has_ended_ = false;    // the station
+  bool is_full_ = false;
+};
+
+}  // namespace recorder
+
+#endif

@@ -1,0 +1,66 @@
+#ifndef RECORDER_WAITS_H
+#define RECORDER_WAITS_H
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+// What is waited for besides frames and lines, each by a descriptor.
+namespace recorder {
+
+// SIGINT and SIGTERM, to be waited for with all else.
+class Signals {
+ public:
+  Signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    descriptor_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  }
+  ~Signals() { close(descriptor_); }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+
+  int descriptor() const { return descriptor_; }
+  bool came() const {
+    signalfd_siginfo signal = {};
+    return read(descriptor_, &signal, sizeof signal) > 0;
+  }
+
+ private:
+  int descriptor_;
+};
+
+// The end of a process, to be waited for with all else.
+class Process {
+ public:
+  explicit Process(pid_t pid)
+      : descriptor_(pid == 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {
+    is_gone_ = pid != 0 && descriptor_ < 0;
+  }
+  ~Process() {
+    if (descriptor_ >= 0) close(descriptor_);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  int descriptor() const { return descriptor_; }
+  bool has_ended() const {
+    pollfd event = {descriptor_, POLLIN, 0};
+    return is_gone_ || poll(&event, 1, 0) > 0;
+  }
+
+ private:
+  int descriptor_;
+  bool is_gone_ = false;
+};
+
+}  // namespace recorder
+
+#endif
