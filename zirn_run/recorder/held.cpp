@@ -7,6 +7,8 @@ namespace recorder {
 
 namespace {
 
+constexpr std::size_t kMostWaste = std::size_t{64} << 10;  // bytes of a queue that are written already
+
 std::size_t bytes_of(const record::Entry& entry) {
   std::size_t bytes = 0;
   for (const auto& field : entry.fields) bytes += sizeof field + field.first.size() + field.second.size();
@@ -87,7 +89,7 @@ void Held::write_frame(Queue* queue) {
   const std::size_t bytes = sizeof head + head.kept;
   queue->begin += bytes;
   bytes_ -= bytes;
-  if (queue->begin > queue->bytes.size() / 2) {
+  if (queue->begin > kMostWaste || queue->is_empty()) {
     queue->bytes.erase(0, queue->begin);
     queue->begin = 0;
   }

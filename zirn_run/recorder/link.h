@@ -16,12 +16,13 @@
 namespace recorder {
 
 // A link whose frames are recorded while it is up. The kernel puts them into a ring that it shares with us, and hands
-// them over by the block: when one is full, or kBlockTime after its first frame.
+// them over by the block, which has 256 KiB: when one is full, or kBlockMilliseconds after its first frame. The longer
+// that is, the longer we may be kept from a processor before frames are dropped.
 class Link {
  public:
-  static constexpr int kBlockMilliseconds = 25;
+  static constexpr int kBlockMilliseconds = 100;
 
-  // `ring_bytes`: a multiple of 256 KiB, which a block has.
+  // `ring_bytes`: several blocks.
   Link(std::string name, std::size_t ring_bytes) : name_(std::move(name)), ring_bytes_(ring_bytes) {}
 
   // Begins to receive. False: there is no such link, or it is down, or the right is missing; `problem` says which.

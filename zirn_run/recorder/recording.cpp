@@ -1,6 +1,8 @@
 #include "recorder/recording.h"
 
+#include <link.h>
 #include <net/if.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -22,12 +24,33 @@ namespace recorder {
 
 namespace {
 
-constexpr std::size_t kRingBytes = std::size_t{1536} << 10;  // of all links
+// Pages of program and libraries that were needed to start: what is needed again is read again. The recorder takes as
+// little as a small program, however much the other commands stand on.
+void give_back_pages() {
+  const auto give_back = [](dl_phdr_info* part, std::size_t, void*) {
+    const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    for (int i = 0; i < part->dlpi_phnum; ++i) {
+      const ElfW(Phdr)& segment = part->dlpi_phdr[i];
+      if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
+      const std::uintptr_t begin = part->dlpi_addr + segment.p_vaddr;
+      const std::uintptr_t end = (begin + segment.p_memsz) & ~(page - 1);
+      const std::uintptr_t first = (begin + page - 1) & ~(page - 1);
+      if (first < end) madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
+    }
+    return 0;
+  };
+  dl_iterate_phdr(give_back, nullptr);
+}
+
+// Of all links. With fewer than four blocks the kernel drops a frame now and then that comes while it closes one.
+constexpr std::size_t kRingBytes = std::size_t{2} << 20;
+constexpr std::size_t kLeastBlocks = 4;
 constexpr std::size_t kBlockBytes = std::size_t{256} << 10;
 constexpr std::size_t kFramesAtOnce = 1024;
+constexpr int kTimesAtOnce = 8;  // then the other links, lines and signals
 
 // How long a frame or a line may be on its way to us.
-constexpr record::Nanoseconds kFramesTake = 100 * kMillisecond;
+constexpr record::Nanoseconds kFramesTake = 250 * kMillisecond;
 constexpr record::Nanoseconds kLinesTake = 500 * kMillisecond;
 constexpr record::Nanoseconds kFlushTime = 100 * kMillisecond;
 constexpr record::Nanoseconds kAfterTheEnd = kSecond;
@@ -124,6 +147,7 @@ Recording::Recording(const Options& options, Name name)
 }
 
 bool Recording::run() {
+  give_back_pages();
   const record::Nanoseconds start = now();
   begin_record(start);
   try {
@@ -196,7 +220,8 @@ void Recording::describe(Source* source) {
 }
 
 void Recording::open_links() {
-  const std::size_t blocks = std::max<std::size_t>(kRingBytes / kBlockBytes / options_.links.size(), 2);
+  const std::size_t blocks =
+      std::max<std::size_t>(kRingBytes / kBlockBytes / options_.links.size(), kLeastBlocks);
   bool has_one = false;
   for (const std::string& name : options_.links) {
     Source& source = sources_.emplace_back(Source{Link(name, blocks * kBlockBytes), sources_.size()});
@@ -216,7 +241,8 @@ void Recording::open_links() {
 void Recording::look_at_links() {
   for (Source& source : sources_) {
     if (source.link.is_open() && !source.link.is_there()) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2 * Link::kBlockMilliseconds));  // the last block
+      std::this_thread::sleep_for(
+          std::chrono::milliseconds(3 * Link::kBlockMilliseconds / 2));  // the last block
       while (receive(&source) > 0) continue;
       source.link.close();
       tell_gap("frames are missing from here on: " + source.link.name() + " is gone or down");
@@ -242,7 +268,9 @@ void Recording::wait() {
 }
 
 void Recording::receive() {
-  for (Source& source : sources_) receive(&source);
+  for (Source& source : sources_) {
+    for (int i = 0; i < kTimesAtOnce && receive(&source) == kFramesAtOnce; ++i) continue;
+  }
   if (lines_) lines_->receive([this](const record::Entry& entry) { take(entry); });
   look_at_process();
   if (has_ended_ && lines_ && lines_->are_put_away()) end_by(now());
