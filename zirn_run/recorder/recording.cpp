@@ -167,6 +167,7 @@ bool Recording::run() {
   }
   receive();
   if (lines_) lines_->finish([this](const record::Entry& entry) { take(entry); });
+  if (next_run_) begin_next_run();
   end_record(kNever);
   return !is_full_;
 }
@@ -202,13 +203,13 @@ void Recording::end_record(record::Nanoseconds until) {
   has_anything || !options_.is_service ? record_->file.finish() : record_->file.discard();
 }
 
-// The next one's lines and frames wait: nothing was written that is so recent.
-void Recording::next_run(record::Nanoseconds at) {
+// To be called once all frames of the run before are here; nothing of the next one was written by then.
+void Recording::begin_next_run() {
+  const record::Nanoseconds at = *next_run_;
+  next_run_.reset();
   if (is_full_) return;
-  end_record(at - kMillisecond);
-  begin_record(at - kMillisecond);
-  has_ended_ = is_stopping_ = false;
-  end_by(kNever);
+  end_record(at);
+  begin_record(at);
 }
 
 void Recording::describe(Source* source) {
@@ -288,7 +289,11 @@ void Recording::take(const record::Entry& entry) {
   record_->has_lines = true;
   if (unit_.empty() || entry.value("UNIT") != unit_) return;
   const std::string_view message = entry.value("MESSAGE_ID");
-  if (message == kUnitStarting && options_.is_service && has_ended_ && !is_stop_wanted_) next_run(entry.at);
+  if (message == kUnitStarting && options_.is_service && has_ended_ && !is_stop_wanted_) {
+    next_run_ = entry.at - kMillisecond;
+    has_ended_ = is_stopping_ = false;
+    end_by(kNever);
+  }
   if (message == kUnitStopping) is_stopping_ = true;
   if (message == kUnitStopping && is_stop_wanted_) end_by(now() + kStationStops);
   if (std::find(kUnitEnded.begin(), kUnitEnded.end(), message) == kUnitEnded.end()) return;
@@ -325,6 +330,7 @@ void Recording::stop_wanted() {
 
 void Recording::write() {
   const record::Nanoseconds time = now();
+  if (next_run_ && time - *next_run_ > kFramesTake) begin_next_run();
   held_.write_until(time - (unit_.empty() ? kFramesTake : kLinesTake));
   if (time - flushed_ < kFlushTime && time >= flushed_) return;
   flushed_ = time;

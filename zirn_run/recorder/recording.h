@@ -75,7 +75,7 @@ class Recording {
   void look_at_process();
   void end_by(record::Nanoseconds at) { ends_at_ = at; }
   void station_ended(record::Nanoseconds at, std::optional<int> status);
-  void next_run(record::Nanoseconds at);
+  void begin_next_run();
   void stop_wanted();
   void write();
   void flush();
@@ -99,6 +99,7 @@ class Recording {
   record::Nanoseconds ends_at_ = kNever;
   record::Nanoseconds flushed_ = 0;
   record::Nanoseconds shown_ = 0;
+  std::optional<record::Nanoseconds> next_run_;  // when it began, behind the one that is recorded
   bool is_stop_wanted_ = false;
   bool is_stopping_ = false;  // the station
   bool has_ended_ = false;    // the station
