@@ -24,6 +24,12 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
   expect_refused({"draw", "a", "--unit", "5"}, 2, "--unit: expected an address as 172.40.0.2, found 5");
   EXPECT_EQ(calls({"draw", "a", "--from", "-1"}).status, 2);
   EXPECT_EQ(calls({"draw", "a", "--until", "soon"}).status, 2);
+  expect_refused({"record", "-o", "a"}, 2, "--interface is required");
+  expect_refused({"record", "-i", "lo"}, 2, "zirn-run: expected either a file (-o) or --service");
+  expect_refused({"record", "-i", "lo", "-o", "a", "--unit", "b", "--log", "c"}, 2, "--unit excludes --log");
+  expect_refused({"record", "-i", "lo", "-o", "a", "--pid", "5"}, 2, "--pid requires --log");
+  expect_refused({"record", "-i", "lo", "-o", "a", "--limit", "2G"}, 2, "--limit requires --service");
+  expect_refused({"record", "-i", "lo", "--service", "-o", "a"}, 2, "--output excludes --service");
 }
 
 TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
