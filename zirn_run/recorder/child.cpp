@@ -27,6 +27,7 @@ constexpr int kNoSuchProgram = 127;
   dup2(nothing, STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
   execvp(arguments[0], arguments.data());

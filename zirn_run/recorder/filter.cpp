@@ -53,7 +53,7 @@ Program compiled(const std::string& expression, pcap_t* link) {
   bpf_program program = {};
   if (pcap_compile(link, &program, expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0)
     throw WrongFilter(pcap_geterr(link));
-  const Program copy(program.bf_insns, program.bf_insns + program.bf_len);
+  Program copy(program.bf_insns, program.bf_insns + program.bf_len);
   pcap_freecode(&program);
   return copy;
 }
@@ -80,8 +80,7 @@ void append_cut(const std::string& expression, LinkHeader header, std::uint32_t 
                 Program* all) {
   const std::uint32_t shortest = header.counted + kIpHeaderBytes + bytes;
   const Program keep = {instruction(BPF_LDX | BPF_B | BPF_MSH, header.bytes), instruction(BPF_MISC | BPF_TXA),
-                        instruction(BPF_ALU | BPF_ADD | BPF_K, header.counted + bytes),
-                        instruction(BPF_RET | BPF_A)};
+                        instruction(BPF_ALU | BPF_ADD, header.counted + bytes), instruction(BPF_RET | BPF_A)};
   append(compiled("len > " + std::to_string(shortest) + " and " + expression, link), {0, keep.size()}, all);
   all->insert(all->end(), keep.begin(), keep.end());
 }

@@ -35,6 +35,7 @@ void give_back_pages() {
       const std::uintptr_t begin = part->dlpi_addr + segment.p_vaddr;
       const std::uintptr_t end = (begin + segment.p_memsz) & ~(page - 1);
       const std::uintptr_t first = (begin + page - 1) & ~(page - 1);
+      // NOLINTNEXTLINE(performance-no-int-to-ptr): the system tells it as a number
       if (first < end) madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
     }
     return 0;

@@ -118,7 +118,7 @@ std::string line_in(std::string_view block) {
 std::string name_of_run(const std::string& folder, record::Nanoseconds start) {
   const std::string station = station_name();
   for (;; start += kSecond) {
-    const std::string name = start_text(start) + "-" + station;
+    std::string name = start_text(start) + "-" + station;
     const fs::path file = fs::path(folder) / (name + kEnding);
     if (!fs::exists(file) && !fs::exists(file.string() + kPart)) return name;
   }
