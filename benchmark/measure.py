@@ -1,8 +1,8 @@
 """Measures the program beside other servers and writes one JSON file. Usage: measure.py SETTINGS
 
 Runs as root in network, mount and process namespaces of its own; scripts/benchmark makes them. SETTINGS is a JSON
-text with: program, load, floor, packet_benchmark (files; "" where there is none), atftpd (file), floor_wait ("" or
-"select"), folder (scratch), result (the file to write), quick (true: one round of tiny works, to see that every figure
+text with: program, load, floor, packet_benchmark, zirn_run (files; "" where there is none), atftpd (file), floor_wait
+("" or "select"), folder (scratch), result (the file to write), quick (true: one round of tiny works, to see that every figure
 comes out).
 """
 
@@ -19,6 +19,7 @@ import sys
 import time
 
 import elsewhere
+import recorder
 
 SETTINGS = json.loads(sys.argv[1])
 QUICK = SETTINGS["quick"]
@@ -405,6 +406,13 @@ def measure_program(cpus):
     return {"stripped_bytes": os.path.getsize(stripped), "start_milliseconds": times}
 
 
+def measure_recorder(settings):
+    if not SETTINGS["zirn_run"]:
+        say("skipped: the recorder (zirn-run is not built: libpcap-dev, libcli11-dev, zlib1g-dev)")
+        return []
+    return recorder.measure(SETTINGS, SERVED, settings, ROUNDS)
+
+
 def measure_packets(cpus):
     if not SETTINGS["packet_benchmark"]:
         say("skipped: packet builders and parsers (libbenchmark-dev is not installed)")
@@ -439,7 +447,7 @@ def main():
             say(f"skipped: {name} (not installed)")
     watches = elsewhere.Rounds()
     measured = measure_works(present, settings, network, watches)
-    say("measuring processor seconds, memory, system calls, size and start")
+    say("measuring processor seconds, memory, system calls, size, start and the recorder")
     result = {
         "settings": settings, "servers": present, "quick": QUICK, "rounds": ROUNDS, "tiny_files": TINY_FILES,
         "image_bytes": IMAGE_BYTES, "piece_bytes": PIECE_BYTES, "floor_wait": SETTINGS["floor_wait"],
@@ -454,6 +462,7 @@ def main():
         "calls_per_block": measure_calls(pinned, network),
         "program": measure_program(pinned),
         "packets": measure_packets(pinned),
+        "recorder": measure_recorder(settings),
         "machine": {**about, "load_at_end": os.getloadavg()[0]},
     }
     with open(SETTINGS["result"], "w") as file:

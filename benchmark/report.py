@@ -8,6 +8,7 @@ import sys
 import textwrap
 
 import picture
+import recorder
 import targets
 from elsewhere import BOUND, is_busy, percent
 from targets import CALLS, FLOOR, GIB, MET, MIB, ONE_CORE, OWN, PEERS, SINGLE_READS, SPEED, THREADS
@@ -149,6 +150,19 @@ def program_table(result):
     return table(["", ""], rows)
 
 
+def recorder_table(result):
+    rows = []
+    for setting in result.settings:
+        lines = result.recordings(setting)
+        clients = [64 / line["clients"]["seconds"] for line in lines]
+        rows.append([setting, with_spread([ratio * 100 for ratio in recorder.ratios(lines)]).replace(" ±", " % ±"),
+                     "{1:.2f} ({0:.2f} to {2:.2f})".format(*quartiles(
+                         [recorder.microseconds_per_frame(line) for line in lines])), with_spread(clients),
+                     str(recorder.greatest(lines, "dropped")), f"{recorder.greatest(lines, 'memory_kib') / 1024:.1f}"])
+    return table(["", "throughput of one read, of that without", "processor time a frame, µs",
+                  "64 clients, MiB/s", "frames dropped", "memory at the most, MiB"], rows)
+
+
 def packet_table(result):
     rows = {}
     for line in result.data["packets"]:
@@ -237,6 +251,12 @@ interval is one measurement, or exact.
 ## The program
 
 {program_table(result)}
+## The recorder
+
+`zirn-run record` beside the program, blocks of 1428 bytes, the unit in a network of its own behind the link that is
+recorded. The processor time is what recording adds to that of program, client and recorder together, the kernel included.
+
+{recorder_table(result) if result.data['recorder'] else "Not measured: zirn-run is not built."}
 ## Packets
 
 {packet_table(result) if result.data['packets'] else "Not measured: libbenchmark-dev is not installed."}"""

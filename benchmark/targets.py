@@ -5,6 +5,8 @@ import random
 import statistics
 from dataclasses import dataclass
 
+import recorder
+
 OWN, RELAY, FLOOR, THREADS, CALLS = "TFTP", "TFTP with relay", "floor", "thread floor", "same calls"
 PEERS = ("tftpd-hpa", "dnsmasq", "atftpd")
 SINGLE_READS = ("512", "1428", "8192", "32768")
@@ -39,8 +41,15 @@ SINGLE_FIGURES = (
     ("resident memory with 64 transfers open after a day's work, MiB",
      lambda result: result.data["day"]["open_kib"] / 1024, 8),
     ("memory kept per finished transfer, KiB", lambda result: result.data["many_transfers"]["kept_bytes"] / 1024, 0.6),
+    ("processor time of recording, one core, µs a frame", lambda result: result.recording_cost(ONE_CORE), 1.5),
+    ("frames dropped by the kernel while they are recorded", lambda result: result.most_of_recorder("dropped"), 0),
+    ("memory of the recorder, MiB", lambda result: result.most_of_recorder("memory_kib", 1024), 8),
     ("stripped program, KiB", lambda result: result.data["program"]["stripped_bytes"] / 1024, 150),
 )
+
+# Throughput of a read with the recorder to that without.
+RECORDED_READ = "one read, block size 1428, recorded"
+RECORDED_BOUND = 0.95  # on two cores; on one it is told alone
 
 RESAMPLES = 4000
 SEED = 1  # the same data, the same report
@@ -79,6 +88,17 @@ class Result:
         """None where they were not counted."""
         calls = self.data["calls_per_block"]
         return round(sum(calls[server][work].values()), 2) if calls else None
+
+    def recordings(self, setting):
+        return [line for line in self.data["recorder"] if line["setting"] == setting]
+
+    def recording_cost(self, setting):
+        lines = self.recordings(setting)
+        return recorder.median_cost(lines) if lines else None
+
+    def most_of_recorder(self, figure, unit=1):
+        lines = self.data["recorder"]
+        return recorder.greatest(lines, figure) / unit if lines else None
 
     def by_round(self, measure, server, work, setting):
         """The figures of each round, in the order in which they were measured."""
@@ -177,10 +197,21 @@ def unattainable(series, bound, is_upper):
             f"{abs(figure - bound):.3f} {'above' if is_upper else 'below'}")
 
 
+def recorded_row(result):
+    row = Row(f"{RECORDED_READ}, {TWO_CORES}", "not recorded", RECORDED_BOUND, False)
+    lines = result.recordings(TWO_CORES)
+    if lines:
+        series = [recorder.ratios(lines)]
+        row.figure, row.interval = against_best(series, False), bootstrap(series)
+        row.verdict = verdict(row.interval, RECORDED_BOUND, False)
+    return row
+
+
 def rows(result):
     """A row for each target."""
     found = [ratio_row(result, measure, work, setting, server, against, bound)
              for measure, works, setting, server, against, bound in RATIOS for work in works]
+    found.append(recorded_row(result))
     for what, figure_of, bound in SINGLE_FIGURES:
         row = Row(what, "", bound, True, figure_of(result))
         if row.figure is not None:

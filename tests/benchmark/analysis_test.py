@@ -45,6 +45,14 @@ def calls(select):
     return {"512": {**counted, "read": 0.06}, "32768": {**counted, "read": 1.0}}
 
 
+def recordings(slower=1.0, used=0.0, **clients):
+    """Rounds in which the recorder makes a read of 1000 blocks slower, and takes some processor seconds for it."""
+    return [{"round": number, "setting": setting, "alone": {"seconds": 1.0, "used": 0.5, "blocks": 1000},
+             "recorded": {"seconds": slower, "used": 0.5 + used, "blocks": 1000, "memory_kib": 7000, "dropped": 0},
+             "clients": {"seconds": 1.0, "memory_kib": 7500, "dropped": 0, **clients}}
+            for setting, rounds in ROUNDS.items() for number in range(rounds)]
+
+
 def result(speeds=(), seconds=(), servers=SERVERS, **changes):
     """A whole run: speeds and processor seconds by server, the rest by the name of the part."""
     speeds, seconds = dict(speeds), dict(seconds)
@@ -61,6 +69,7 @@ def result(speeds=(), seconds=(), servers=SERVERS, **changes):
         "many_transfers": {"few": 500, "many": 100000, "after_few": point, "after_many": point, "kept_bytes": 600},
         "day": {"reads": 4800, "open_kib": 7000}, "calls_per_block": {OWN: calls(True), CALLS: calls(False)},
         "program": {"stripped_bytes": 100000, "start_milliseconds": [3.0, 4.0]}, "packets": [],
+        "recorder": recordings(),
         "machine": {"date": "2026-01-01", "processor": "P & Q", "cores": 2, "kernel": "6.1", "load": 0, "load_at_end": 1},
     }
     return targets.Result({**data, **changes})
@@ -86,6 +95,38 @@ class Verdict(unittest.TestCase):
             self.assertEqual(targets.verdict((low, high), 1.10, False), UNDECIDED)
         for low, high in ((0.80, 0.9001), (0.90, 1.00)):
             self.assertEqual(targets.verdict((low, high), 0.90, True), UNDECIDED)
+
+
+class Recorder(unittest.TestCase):
+    THROUGHPUT = "one read, block size 1428, recorded, two cores"
+    COST = "processor time of recording, one core, µs a frame"
+
+    def test_throughput_is_that_of_the_read_alone_by_that_of_the_recorded_one(self):
+        row = row_of(result(recorder=recordings(slower=1.25)), self.THROUGHPUT, "not recorded")
+        self.assertEqual((row.figure, row.verdict), (0.8, MISSED))
+        self.assertEqual(row_of(result(recorder=recordings(1.02)), self.THROUGHPUT, "not recorded").verdict, MET)
+
+    def test_a_block_and_its_ack_share_the_processor_time(self):
+        row = row_of(result(recorder=recordings(used=0.004)), self.COST, "")
+        self.assertAlmostEqual(row.figure, 2)
+        self.assertEqual(row.verdict, MISSED)
+
+    def test_drops_and_memory_of_the_worst_round_count(self):
+        lines = recordings()
+        lines[3]["clients"].update(dropped=4, memory_kib=9000)
+        run = result(recorder=lines)
+        self.assertEqual(row_of(run, "frames dropped by the kernel while they are recorded", "").verdict, MISSED)
+        self.assertEqual(row_of(run, "memory of the recorder, MiB", "").verdict, MISSED)
+
+    def test_nothing_is_said_of_what_was_not_measured(self):
+        run = result(recorder=[])
+        for what in (self.THROUGHPUT, self.COST):
+            self.assertEqual(row_of(run, what, "").verdict, NOT_MEASURED)
+        self.assertIn("zirn-run is not built", report.document(run))
+
+    def test_the_table_has_both_settings(self):
+        text = report.document(result(recorder=recordings(slower=1.25, used=0.004)))
+        self.assertIn("| one core | 80 % ±0 % | 2.00 (2.00 to 2.00) | 64 ±0 % | 0 | 7.3 |", text)
 
 
 class Bootstrap(unittest.TestCase):
@@ -142,8 +183,9 @@ class Targets(unittest.TestCase):
             1.5, 0.70,  # tiny files
             3, 3, 3, 3,  # two cores, relay running
             0.90, 0.90, 0.90, 0.97,  # processor seconds
-            2.1, 3, 4, 8, 0.6, 150])
-        self.assertEqual([row.is_upper for row in rows], [False] * 22 + [True] * 10)
+            0.95,  # recorded
+            2.1, 3, 4, 8, 0.6, 1.5, 0, 8, 150])
+        self.assertEqual([row.is_upper for row in rows], [False] * 22 + [True] * 4 + [False] + [True] * 9)
 
     def test_pairs_leave_the_pace_of_a_turn_out(self):
         row = row_of(result({OWN: 44}), "work 512, one core", "best peer")
@@ -173,6 +215,9 @@ class Targets(unittest.TestCase):
             "resident memory idle, MiB": MET,
             "resident memory with 64 transfers open after a day's work, MiB": MET,
             "memory kept per finished transfer, KiB": MET,
+            "processor time of recording, one core, µs a frame": MET,
+            "frames dropped by the kernel while they are recorded": MET,
+            "memory of the recorder, MiB": MET,
             "stripped program, KiB": MET})
         run.data["calls_per_block"][OWN] = calls(False)  # 2.06 and exactly 3
         run.data["many_transfers"]["kept_bytes"] = 0.6 * 1024 + 1
@@ -182,9 +227,10 @@ class Targets(unittest.TestCase):
         self.assertEqual(changed["memory kept per finished transfer, KiB"], MISSED)
 
     def test_what_was_not_measured_is_said(self):
-        run = result(servers=("floor", "thread floor", CALLS, OWN, RELAY), settings={ONE_CORE: "0"}, calls_per_block={})
+        run = result(servers=("floor", "thread floor", CALLS, OWN, RELAY), settings={ONE_CORE: "0"}, calls_per_block={},
+                     recorder=[])
         missing = [row for row in targets.rows(run) if row.verdict == NOT_MEASURED]
-        self.assertEqual(len(missing), 4 + 3 + 2 + 4 + 4 + 2)
+        self.assertEqual(len(missing), 4 + 3 + 2 + 4 + 4 + 2 + 4)
         self.assertIn(f"{len(missing)} not measured", report.document(run))
 
 
