@@ -16,10 +16,12 @@ struct Command {
 
 Work draw_command(CLI::App& app);
 Work record_command(CLI::App& app);
+Work explain_command(CLI::App& app);
 
 inline constexpr Command kCommands[] = {
     {"record", "Record a run as it happens", record_command},
     {"draw", "Draw a run as a picture (SVG)", draw_command},
+    {"explain", "Say whether a run passed, whose fault it is if not, and what shows that", explain_command},
 };
 
 #endif

@@ -6,6 +6,7 @@
 // What the program ends with; zirn-run(1) lists it.
 enum ExitStatus {
   kDone = 0,
+  kNotPassed = 1,  // a run that was asked about
   kWrongCall = 2,
   kNotPossible = 3,  // a file, a link or a right is missing, or a file cannot be used
 };

@@ -18,7 +18,8 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", "zirn-run " ZIRN_RUN_VERSION);
   app.require_subcommand(0, 1);
   app.footer(
-      "Exit status: 0 done; 2 the call was wrong; 3 a file, a link or a right is missing. More: man "
+      "Exit status: 0 done; 1 a run that was asked about did not pass; 2 the call was wrong; 3 a file, a "
+      "link or a right is missing. More: man "
       "zirn-run");
   int status = kDone;
   for (const Command& command : kCommands) {

@@ -6,18 +6,20 @@
 #include "main/exit_status.h"
 #include "main/progress.h"
 
+void add_line_options(CLI::App& app, std::optional<std::string>* journal, std::optional<std::string>* log) {
+  CLI::Option* const first =
+      app.add_option("--journal", *journal, "The station's lines, as `journalctl -o export` wrote them")
+          ->type_name("FILE");
+  app.add_option("--log", *log, "The station's lines, without times")->type_name("FILE")->excludes(first);
+}
+
 std::shared_ptr<run_files::Files> add_run_options(CLI::App& app) {
   auto files = std::make_shared<run_files::Files>();
   app.add_option("FILE", files->record,
                  "The run's record, or a capture of its networks; \"-\": standard input")
       ->required()
       ->type_name("");
-  CLI::Option* const journal =
-      app.add_option("--journal", files->journal, "The station's lines, as `journalctl -o export` wrote them")
-          ->type_name("FILE");
-  CLI::Option* const log =
-      app.add_option("--log", files->log, "The station's lines, without times")->type_name("FILE");
-  log->excludes(journal);
+  add_line_options(app, &files->journal, &files->log);
   return files;
 }
 

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "run_files/run_files.h"
@@ -10,6 +11,9 @@
 
 // The options that say which run a command is about: FILE, --journal and --log.
 std::shared_ptr<run_files::Files> add_run_options(CLI::App& app);
+
+// The last two of these alone.
+void add_line_options(CLI::App& app, std::optional<std::string>* journal, std::optional<std::string>* log);
 
 // Tells the run's story, with a line of progress on a terminal, and says on standard error what is to be known of its
 // files. Throws NotPossible.

@@ -18,6 +18,7 @@ namespace run_files {
 
 namespace {
 
+constexpr std::string_view kBegins = "Starting TFTP server on ";
 constexpr std::uint64_t kProgressEvery = 16384;  // frames and entries
 
 // A file, opened and unpacked.
@@ -193,9 +194,36 @@ std::unique_ptr<Beside> beside(const Files& files, const Progress& progress) {
   return std::make_unique<Log>(*files.log, without.reading());
 }
 
+// Lines by themselves. Each start of the station begins a run.
+std::vector<std::string> tell_lines(const Files& files, story::Story* story) {
+  const auto begins = [](std::string_view line) { return line.substr(0, kBegins.size()) == kBegins; };
+  std::vector<std::string> remarks;
+  if (files.journal) {
+    OpenFile file(*files.journal);
+    record::JournalReader reader(file.stream());
+    std::vector<record::Entry> entries;
+    for (std::uint64_t number = 1; auto entry = reader.next(); ++number) {
+      if (begins(entry->value("MESSAGE"))) entries.clear();
+      entry->number = number;
+      entries.push_back(std::move(*entry));
+    }
+    for (const record::Entry& entry : entries) story->take(entry);
+    if (!reader.problem().empty()) remarks.push_back(file.named(reader.problem()));
+  } else {
+    const std::vector<std::string> lines = lines_of(*files.log);
+    const auto last = std::find_if(lines.rbegin(), lines.rend(), begins);
+    const auto first = last == lines.rend() ? lines.begin() : std::prev(last.base());
+    for (auto line = first; line != lines.end(); ++line)
+      story->take(record::Line{*line}, 0, static_cast<std::uint64_t>(line - lines.begin()) + 1);
+  }
+  story->finish(!remarks.empty());
+  return remarks;
+}
+
 }  // namespace
 
 std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress) {
+  if (files.record.empty()) return tell_lines(files, story);
   const std::unique_ptr<Beside> more = beside(files, progress);
   std::vector<std::string> remarks = Teller(files.record, progress).tell(more.get(), story);
   if (more && !more->problem().empty()) remarks.push_back(more->problem());

@@ -16,7 +16,9 @@ namespace run_files {
 
 // A name of "-" is standard input. Any file may be packed by gzip.
 struct Files {
-  std::string record;                  // frames, and what else is in a record; with a log: not standard input
+  // Frames, and what else is in a record; with a log: not standard input. Empty: there is only a journal or a log, of
+  // which the last run counts.
+  std::string record;
   std::optional<std::string> journal;  // `journalctl -o export`
   std::optional<std::string> log;      // the station's lines without times; not beside a journal
 };

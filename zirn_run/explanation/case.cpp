@@ -1,0 +1,224 @@
+#include "explanation/case.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+#include <utility>
+
+#include "frames/words.h"
+
+namespace explanation {
+
+namespace {
+
+using story::kNone;
+using story::kStation;
+using story::Reading;
+using story::Transfer;
+
+constexpr std::string_view kVerdictLine = "Cmd received: <NAME>";
+constexpr std::string_view kRequestLine = "RRQ <NAME>";
+constexpr Nanoseconds kPptPatience = 4900000000;  // the station waits five seconds for the PPT server
+
+// The n-th answer of the station comes from port 100 n + 33033, of which the low 16 bits count.
+bool is_port_of_station(std::uint16_t port) {
+  return port % 100 == 33 || port % 100 == 97;
+}
+
+bool is_empty_answer(const Transfer& transfer) {
+  return transfer.answered && transfer.bytes == 0 && transfer.blocks <= 1 &&
+         !(transfer.end == Transfer::End::kError && transfer.ended_by == transfer.server);
+}
+
+bool has_come_to_its_end(const Transfer& transfer) {
+  if (transfer.end == Transfer::End::kFinished) return true;
+  // It had everything, and only its last ACK is not there.
+  return transfer.is_last_sent && transfer.end == Transfer::End::kAbandoned &&
+         transfer.acknowledged_blocks + 1 >= transfer.blocks;
+}
+
+}  // namespace
+
+Case::Case(const Reading& told) : reading(told) {
+  take_steps();
+  take_verdicts();
+  take_successes();
+}
+
+void Case::find(std::string_view id, Nanoseconds when, std::string sentence, Evidence evidence,
+                bool can_explain) {
+  findings.push_back({&cause(id), when, {std::move(sentence), evidence}, can_explain});
+}
+
+std::vector<const Case::Line*> Case::lines_with(std::string_view printed) const {
+  std::vector<const Line*> found;
+  for (const Line& line : lines) {
+    if (line.printed != nullptr && line.printed->text == printed) found.push_back(&line);
+  }
+  return found;
+}
+
+// Lines without a time keep their place among the others by their numbers.
+void Case::take_steps() {
+  for (const std::size_t place : reading.order) {
+    const story::Step& step = reading.steps[place];
+    if (step.kind == story::Step::Kind::kLine)
+      lines.push_back({step.said.text, step.from, step.lines, step.count, nullptr});
+    if (step.kind == story::Step::Kind::kCut) cuts.push_back(&step);
+  }
+  for (const story::UntimedLine& line : reading.untimed_lines)
+    lines.push_back({line.text, 0, line.lines, 1, nullptr});
+  if (!reading.untimed_lines.empty()) {
+    std::stable_sort(lines.begin(), lines.end(), [](const Line& one, const Line& other) {
+      return one.numbers.first < other.numbers.first;
+    });
+  }
+  Nanoseconds before = reading.first;
+  for (Line& line : lines) {
+    if (line.at == 0) line.at = before + 1;
+    before = line.at;
+    line.printed = printed_line(line.text);
+    is_a_run = is_a_run || line.printed != nullptr;
+  }
+}
+
+bool Case::was_taken(const story::Verdict& verdict) const {
+  if (!verdict.queries.empty()) return true;
+  if (verdict.transfer == kNone) return false;
+  const Transfer& transfer = reading.transfers[verdict.transfer];
+  return transfer.server == kStation && is_empty_answer(transfer) &&
+         (is_a_run || is_port_of_station(transfer.server_port));
+}
+
+void Case::take_verdicts() {
+  is_a_run = is_a_run || reading.run || reading.station_end || reading.boot_script;
+  std::map<std::string_view, std::deque<std::size_t>> answered;  // places, by name
+  for (std::size_t i = 0; i < reading.verdicts.size(); ++i) {
+    const std::size_t transfer = reading.verdicts[i].transfer;
+    if (transfer != kNone && reading.transfers[transfer].answered)
+      answered[reading.verdicts[i].name].push_back(i);
+  }
+  std::set<std::size_t> used;
+  std::set<std::string_view> told;
+  for (const Line* line : lines_with(kVerdictLine)) {
+    const std::string_view name = values_in(*line->printed, line->text).front();
+    const auto says = story::verdict_in(name);
+    if (!says) continue;
+    std::deque<std::size_t>& places = answered[name];
+    if (!places.empty()) {
+      const story::Verdict& verdict = reading.verdicts[places.front()];
+      const Numbers& frames = reading.transfers[verdict.transfer].frames;
+      verdicts.push_back({verdict.name, *says, verdict.at, seen(frames, line->numbers), places.front()});
+      used.insert(places.front());
+      places.pop_front();
+    } else if (told.count(name) == 0) {  // else the same request, which came again
+      verdicts.push_back({std::string(name), *says, line->at, seen({}, line->numbers), kNone});
+    }
+    told.insert(name);
+  }
+  for (std::size_t i = 0; i < reading.verdicts.size(); ++i) {
+    const story::Verdict& verdict = reading.verdicts[i];
+    if (used.count(i) != 0 || !was_taken(verdict)) continue;
+    is_a_run = true;
+    const std::size_t transfer = verdict.transfer != kNone ? verdict.transfer : verdict.queries.front();
+    verdicts.push_back({verdict.name, verdict.says, verdict.at, seen(reading.transfers[transfer].frames), i});
+  }
+  std::stable_sort(verdicts.begin(), verdicts.end(),
+                   [](const Verdict& one, const Verdict& other) { return one.at < other.at; });
+}
+
+bool Case::is_read_of_file(const Transfer& transfer) const {
+  return transfer.server == kStation && transfer.kind == Transfer::Kind::kRead &&
+         !story::verdict_in(transfer.name) && transfer.second_answer_of == kNone;
+}
+
+void Case::take_successes() {
+  const auto hear = [this](std::size_t party, Nanoseconds when) {
+    Nanoseconds& last = last_heard[party];
+    last = std::max(last, when);
+    has_unit = has_unit || (party != kNone && reading.parties[party].role == story::Role::kUnit);
+  };
+  const auto succeed = [this](Nanoseconds when) { last_success = std::max(last_success, when); };
+  for (const Transfer& transfer : reading.transfers) {
+    hear(transfer.client, transfer.from);
+    if (transfer.server == kStation && transfer.requests > 0) requested_.insert(transfer.name);
+    if (!is_read_of_file(transfer) || !has_come_to_its_end(transfer)) continue;
+    read_at[transfer.name] = std::max(read_at[transfer.name], transfer.from);
+    if (transfer.bytes > 0) succeed(transfer.from);
+  }
+  for (const story::Connection& connection : reading.connections) {
+    hear(connection.client, connection.from);
+    if (connection.server != kStation) continue;
+    for (const story::Connection::Text& text : connection.texts) {
+      if (!text.is_from_client) succeed(text.at);
+    }
+  }
+  for (const story::Relayed& relayed : reading.relayed) {
+    hear(relayed.unit, relayed.from);
+    succeed(relayed.from);
+  }
+  for (const Verdict& verdict : verdicts) succeed(verdict.at);
+  has_unit = has_unit || !verdicts.empty() || has_line(kRequestLine);
+}
+
+// The station reads no request while it waits for the PPT server.
+bool Case::is_ppt_known(const Verdict& verdict) const {
+  if (story::is_final(verdict.says)) return true;
+  if (verdict.place == kNone) return false;
+  if (story::passed_on(reading, reading.verdicts[verdict.place]) != story::PassedOn::kNotSeen) return true;
+  for (std::size_t i = reading.verdicts[verdict.place].transfer; i < reading.transfers.size(); ++i) {
+    const Transfer& transfer = reading.transfers[i];
+    if (transfer.from > verdict.at + kPptPatience) break;
+    if (transfer.server == kStation && transfer.answered && transfer.from > verdict.at &&
+        *transfer.answered < verdict.at + kPptPatience)
+      return true;
+  }
+  return false;
+}
+
+bool Case::is_all_seen(Nanoseconds from, Nanoseconds until) const {
+  if (!reading.has_frames || reading.left_out > 0) return false;
+  const auto is_within = [&](Nanoseconds when) { return when >= from && when <= until; };
+  for (const story::Network& network : reading.networks) {
+    if (network.dropped.value_or(0) > 0) return false;
+  }
+  for (const Line& line : lines) {
+    if (!is_within(line.at) || line.printed == nullptr) continue;
+    const std::string_view text = line.printed->text;
+    const bool is_request = text == kRequestLine || text == kVerdictLine;
+    if (is_request && requested_.count(values_in(*line.printed, line.text).front()) == 0) return false;
+    if ((text == "Mode detected: <NUMBER>" || text == "Assigned MAC is <MAC>") && reading.connections.empty())
+      return false;
+  }
+  bool is_station_seen = reading.boot_script.has_value();
+  for (const Transfer& transfer : reading.transfers) {
+    if (transfer.server == kStation) is_station_seen = is_station_seen || transfer.answered;
+    if (transfer.kind == Transfer::Kind::kMidway && is_within(transfer.from)) return false;
+  }
+  const bool is_ppt_seen = std::all_of(verdicts.begin(), verdicts.end(), [&](const Verdict& verdict) {
+    return !is_within(verdict.at) || verdict.at == until || is_ppt_known(verdict);
+  });
+  return is_station_seen && is_ppt_seen;
+}
+
+std::string seconds(Nanoseconds time) {
+  constexpr Nanoseconds kMillisecond = 1000000;
+  char text[40];
+  if (time < kSecond / 10 && time > -kSecond / 10) {
+    std::snprintf(text, sizeof text, "%lld ms", static_cast<long long>(time / kMillisecond));
+  } else {
+    std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(time) / 1e9);
+  }
+  return text;
+}
+
+std::string at(const Case& c, Nanoseconds moment) {
+  return "at " + seconds(moment - c.reading.first);
+}
+
+std::string address_of(const Reading& reading, std::size_t party) {
+  if (party == kNone || reading.parties[party].addresses.empty()) return "an unknown address";
+  return frames::dotted(reading.parties[party].addresses.front());
+}
+
+}  // namespace explanation

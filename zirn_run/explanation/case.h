@@ -1,0 +1,107 @@
+#ifndef EXPLANATION_CASE_H
+#define EXPLANATION_CASE_H
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "explanation/explanation.h"
+#include "explanation/printed_lines.h"
+
+namespace explanation {
+
+inline constexpr Nanoseconds kSecond = 1000000000;
+
+// Something that was found. It counts as a fault where its cause can be one and `can_explain` holds.
+struct Finding {
+  const Cause* cause = nullptr;
+  Nanoseconds at = 0;
+  Statement statement;
+  bool can_explain = true;
+};
+
+// What is known of a run, in the order that the causes look at it.
+struct Case {
+  struct Line {
+    std::string_view text;
+    Nanoseconds at = 0;  // of one without a time: that of the one before it
+    Numbers numbers;
+    std::uint64_t count = 1;
+    const PrintedLine* printed = nullptr;
+  };
+  // A verdict that the station took.
+  struct Verdict {
+    std::string name;
+    story::Verdict::Says says = story::Verdict::Says::kStep;
+    Nanoseconds at = 0;
+    Evidence evidence;
+    std::size_t place = story::kNone;  // in the reading; none: only a line tells of it
+  };
+
+  explicit Case(const story::Reading& reading);
+
+  const story::Reading& reading;
+  std::vector<Line> lines;
+  std::vector<Verdict> verdicts;         // in the order of their times
+  std::vector<const story::Step*> cuts;  // of the cable
+  std::vector<Finding> findings;
+  bool is_a_run = false;                          // of a station
+  bool has_unit = false;                          // one was heard
+  Nanoseconds last_success = 0;                   // of the unit
+  std::map<std::size_t, Nanoseconds> last_heard;  // parties, when they last began something
+  std::map<std::string, Nanoseconds, std::less<>>
+      read_at;  // files, when the last read that came to its end began
+
+  void find(std::string_view cause, Nanoseconds at, std::string sentence, Evidence evidence,
+            bool can_explain = true);
+  // Where the line is one of these texts of docs/operations.md.
+  std::vector<const Line*> lines_with(std::string_view printed) const;
+  bool has_line(std::string_view printed) const { return !lines_with(printed).empty(); }
+
+  // Whether a transfer is of a file by a unit.
+  bool is_read_of_file(const story::Transfer& transfer) const;
+  // Whether all that the unit and the station said to each other from then until then is in the record, and what
+  // became of the verdicts of that time.
+  bool is_all_seen(Nanoseconds from, Nanoseconds until) const;
+
+ private:
+  void take_steps();
+  void take_verdicts();
+  bool was_taken(const story::Verdict& verdict) const;
+  void take_successes();
+  bool is_ppt_known(const Verdict& verdict) const;
+
+  std::set<std::string_view> requested_;  // names
+};
+
+// "12.4 s", since the reading's first moment.
+std::string at(const Case& c, Nanoseconds moment);
+std::string seconds(Nanoseconds time);
+// "172.40.0.2", or "the unit", where the party has no address.
+std::string address_of(const story::Reading& reading, std::size_t party);
+
+inline Evidence seen(const Numbers& frames, const Numbers& lines = {}) {
+  return {frames, lines, false};
+}
+inline Evidence inferred(const Numbers& frames, const Numbers& lines = {}) {
+  return {frames, lines, true};
+}
+
+// Each looks for the causes of its subject (the file of that name).
+void find_boot(Case* c);
+void find_reads(Case* c);
+void find_network(Case* c);
+void find_ppt(Case* c);
+void find_commands(Case* c);
+void find_lines(Case* c);
+void find_end(Case* c);
+
+// What the record lacks (incomplete.cpp).
+std::vector<std::string> incomplete(const Case& c);
+
+}  // namespace explanation
+
+#endif

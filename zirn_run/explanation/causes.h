@@ -1,0 +1,41 @@
+#ifndef EXPLANATION_CAUSES_H
+#define EXPLANATION_CAUSES_H
+
+#include <string_view>
+#include <vector>
+
+namespace explanation {
+
+// Who is to do something about it.
+enum class Owner { kNone, kUnit, kTestNetwork, kPptServer, kBoard, kStation, kOperator, kUnknown };
+
+// "ppt-server", as it stands in a result; "PPT server", as it is told to people.
+std::string_view name_of(Owner owner);
+std::string_view words_for(Owner owner);
+
+// What a cause can be the fault of.
+enum class Weight {
+  kDecides,   // the run: it could not begin, or came to its end by it
+  kExplains,  // a step that fails after it, or that the unit comes no further
+  kEnds,      // that a run ended without a verdict which nothing else hindered
+  kAlso,      // nothing
+  kNoFault,   // what is left where no cause of another weight was found
+};
+
+struct Cause {
+  std::string_view id;  // stays the same for good
+  Owner owner;
+  Weight weight;
+  std::string_view meaning;  // a sentence
+  std::string_view advice;   // the same, what to do; empty: nothing
+};
+
+// All of them. Of several with one weight that explain the same, the first one is the fault.
+const std::vector<Cause>& causes();
+
+// The one with this id. Throws std::out_of_range where there is none.
+const Cause& cause(std::string_view id);
+
+}  // namespace explanation
+
+#endif

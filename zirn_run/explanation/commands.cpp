@@ -1,0 +1,147 @@
+// What became of the unit's commands.
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+
+#include "explanation/case.h"
+#include "frames/words.h"
+
+namespace explanation {
+
+namespace {
+
+using story::Connection;
+using story::kStation;
+using State = Connection::State;
+using Text = Connection::Text;
+
+constexpr char kAsksForMac[] = "ZIRN_ASKS_FOR_HIS_MAC";
+constexpr char kInitializesPmc[] = "DO_PMC_INIT";
+constexpr char kDefaultMac[] = "02:00:00:00:00:03";
+constexpr char kEmptyMac[] = "00:00:00:00:00:02";
+constexpr char kTool[] = "/mnt/ramdisk/t1-e1";
+constexpr Nanoseconds kHangs = 10 * kSecond;     // what takes so long
+constexpr Nanoseconds kHeldUp = 5 * kSecond;     // an end that follows its verdict so late
+constexpr std::ptrdiff_t kConnectionsBack = 64;  // that are looked at
+constexpr std::string_view kWhyNoPort[] = {"ppt.refused",        "ppt.dropped",       "ppt.absent",
+                                           "ppt.no-route",       "ppt.not-connected", "command.port-in-use",
+                                           "command.no-address", "command.no-port",   "command.port-closed"};
+
+bool contains(const std::string& text, const char* part) {
+  return text.find(part) != std::string::npos;
+}
+
+// The first finding that leaves the unit without a command port; null: there is none.
+const Finding* why_no_port(const Case& c) {
+  const Finding* first = nullptr;
+  for (const Finding& finding : c.findings) {
+    const bool closes =
+        std::find(std::begin(kWhyNoPort), std::end(kWhyNoPort), finding.cause->id) != std::end(kWhyNoPort);
+    if (closes && (first == nullptr || finding.at < first->at)) first = &finding;
+  }
+  return first;
+}
+
+void find_refused(const Connection& connection, const std::optional<Finding>& why, Case* c) {
+  const Nanoseconds when = connection.from;
+  const bool has_verdict = !c->verdicts.empty() && c->verdicts.front().at <= when;
+  const bool is_known = why && why->at <= when;
+  const std::string_view id = is_known      ? why->cause->id
+                              : has_verdict ? "command.refused"
+                                            : "command.too-early";
+  c->find(id, when, "the unit's connection to the command port " + at(*c, when) + " was refused",
+          seen(connection.frames));
+}
+
+void find_reply(const Text& question, const Text& reply, Case* c) {
+  const auto find = [&](std::string_view cause, const std::string& what) {
+    Numbers frames = question.frames;
+    frames.add(reply.frames);
+    c->find(cause, reply.at, what + " " + at(*c, reply.at), seen(frames));
+  };
+  const std::string& asked = question.said.text;
+  const std::string& told = reply.said.text;
+  if (contains(asked, kAsksForMac)) {
+    if (told == kDefaultMac) find("board.mac-default", "the unit was told the address " + told);
+    if (told == kEmptyMac) find("board.mac-empty", "the unit was told the address " + told);
+  } else if (contains(asked, kInitializesPmc)) {
+    if (told == "FAIL")
+      find("board.tool-failed", "the unit asked " + frames::quoted(asked) + " and was told FAIL");
+  } else if (told == asked) {
+    find("command.unknown", "the unit sent " + frames::quoted(asked) + ", which is no command,");
+  }
+}
+
+bool was_another_open(const Connection& connection, const Text& question, const Case& c) {
+  const auto& all = c.reading.connections;
+  const auto end = all.begin() + (&connection - all.data());
+  const auto begin = end - std::min<std::ptrdiff_t>(end - all.begin(), kConnectionsBack);
+  return std::any_of(begin, end, [&](const Connection& other) {
+    return other.server == kStation && other.opened && *other.opened < connection.from &&
+           !other.texts.empty() && (!other.ended || *other.ended > question.at);
+  });
+}
+
+void find_no_reply(const Connection& connection, const Text& question, Case* c) {
+  const Nanoseconds until = connection.ended.value_or(c->reading.last);
+  const bool is_command =
+      contains(question.said.text, kAsksForMac) || contains(question.said.text, kInitializesPmc);
+  const std::string told = "the unit asked " + frames::quoted(question.said.text) + " " +
+                           at(*c, question.at) + " and had no answer for " + seconds(until - question.at);
+  if (was_another_open(connection, question, *c)) {
+    c->find("command.second", question.at, told + "; another connection was open", seen(question.frames));
+  } else if (is_command && connection.opened && until - question.at >= kHangs) {
+    c->find("board.tool-hangs", question.at, told, inferred(question.frames));
+  }
+}
+
+void find_in_texts(const Connection& connection, Case* c) {
+  const std::vector<Text>& texts = connection.texts;
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    if (!texts[i].is_from_client) continue;
+    if (i + 1 < texts.size() && !texts[i + 1].is_from_client) {
+      find_reply(texts[i], texts[i + 1], c);
+    } else if (i + 1 == texts.size() && connection.text_count == texts.size()) {
+      find_no_reply(connection, texts[i], c);
+    }
+  }
+}
+
+// The end waits for a connection that its peer does not close.
+void find_held_open(const Connection& connection, Case* c) {
+  if (c->verdicts.empty() || !story::is_final(c->verdicts.back().says) || !connection.opened) return;
+  const Nanoseconds verdict = c->verdicts.back().at;
+  const Nanoseconds ended = connection.ended.value_or(c->reading.last);
+  if (connection.texts.empty() || *connection.opened > verdict || ended < verdict + kHeldUp) return;
+  c->find("command.held-open", verdict,
+          "the unit's command connection stayed open for " + seconds(ended - verdict) +
+              " after the final verdict",
+          seen(connection.frames));
+}
+
+void find_calls(Case* c) {
+  for (const story::Step& step : c->reading.steps) {
+    if (step.kind != story::Step::Kind::kBoardCall || step.status != 0) continue;
+    if (step.said.text.rfind(kTool, 0) != 0) continue;
+    c->find("board.tool-failed", step.from,
+            "the board ran " + frames::printable(step.said.text) + ", which ended with 0",
+            seen({}, step.lines));
+  }
+}
+
+}  // namespace
+
+void find_commands(Case* c) {
+  const Finding* const first = why_no_port(*c);
+  const std::optional<Finding> why = first == nullptr ? std::nullopt : std::optional(*first);
+  for (const Connection& connection : c->reading.connections) {
+    if (connection.server != kStation || connection.client == kStation) continue;
+    if (connection.server_port != c->reading.message_port) continue;
+    if (connection.state == State::kRefused) find_refused(connection, why, c);
+    find_in_texts(connection, c);
+    find_held_open(connection, c);
+  }
+  find_calls(c);
+}
+
+}  // namespace explanation

@@ -1,0 +1,257 @@
+#include "explanation/explanation.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <utility>
+
+#include "explanation/case.h"
+#include "frames/words.h"
+
+namespace explanation {
+
+namespace {
+
+using story::kNone;
+using story::kStation;
+using story::Reading;
+using Says = story::Verdict::Says;
+
+constexpr std::string_view kUnitFailed = "unit.failed";
+
+bool is_failure(Says says) {
+  return says == Says::kFailed || says == Says::kStepFailed;
+}
+
+Outcome outcome_of(const Case& c) {
+  std::set<Says> finals;
+  for (const Case::Verdict& verdict : c.verdicts) {
+    if (story::is_final(verdict.says)) finals.insert(verdict.says);
+  }
+  if (finals.size() != 1) return Outcome::kNone;  // two runs, if there are both
+  return *finals.begin() == Says::kPassed ? Outcome::kPassed : Outcome::kFailed;
+}
+
+void find_failures(Case* c) {
+  for (const Case::Verdict& verdict : c->verdicts) {
+    if (!is_failure(verdict.says)) continue;
+    c->find(kUnitFailed, verdict.at,
+            "the unit gave " + frames::printable(verdict.name) + " " + at(*c, verdict.at), verdict.evidence);
+  }
+}
+
+void add(const Statement& statement, Claim* claim) {
+  if (claim->statements.size() < Claim::kMostStatements) {
+    claim->statements.push_back(statement);
+  } else {
+    ++claim->left_out;
+  }
+}
+
+// All that was found of the cause.
+Claim claim_of(const Cause& cause, const Case& c) {
+  Claim claim;
+  claim.cause = &cause;
+  for (const Finding& finding : c.findings) {
+    if (finding.cause == &cause) add(finding.statement, &claim);
+  }
+  return claim;
+}
+
+Claim claim_of(std::string_view id, const Statement& statement) {
+  Claim claim;
+  claim.cause = &cause(id);
+  add(statement, &claim);
+  return claim;
+}
+
+// All that there is.
+Evidence everything(const Case& c) {
+  Evidence evidence;
+  for (const story::Step& step : c.reading.steps) {
+    evidence.frames.add(step.frames);
+    evidence.lines.add(step.lines);
+  }
+  for (const Case::Line& line : c.lines) evidence.lines.add(line.numbers);
+  evidence.is_inferred = true;
+  return evidence;
+}
+
+// The first one in the table that was found with this weight, and where it counts.
+template <typename Counts>
+const Cause* first_found(const Case& c, Weight weight, const Counts& counts) {
+  const Cause* first = nullptr;
+  for (const Finding& finding : c.findings) {
+    if (finding.cause->weight != weight || !finding.can_explain || !counts(finding)) continue;
+    if (first == nullptr || finding.cause < first) first = finding.cause;
+  }
+  return first;
+}
+
+// What led to the verdict that says that something failed.
+Claim blame(const Case& c, const Case::Verdict& failure) {
+  Nanoseconds before = c.reading.first;
+  for (const Case::Verdict& verdict : c.verdicts) {
+    if (verdict.at < failure.at) before = verdict.at;
+  }
+  const Cause* const better = first_found(c, Weight::kExplains, [&](const Finding& finding) {
+    return finding.cause->id != kUnitFailed && finding.at >= before && finding.at <= failure.at;
+  });
+  if (better != nullptr) return claim_of(*better, c);
+  if (c.is_all_seen(before, failure.at)) return claim_of(cause(kUnitFailed), c);
+  return claim_of(
+      "verdict.unexplained",
+      {"the unit gave " + frames::printable(failure.name) + " " + at(c, failure.at), failure.evidence});
+}
+
+Claim fault_of_failure(const Case& c) {
+  return blame(c, *std::find_if(c.verdicts.begin(), c.verdicts.end(),
+                                [](const Case::Verdict& verdict) { return is_failure(verdict.says); }));
+}
+
+// Why there is no final verdict.
+Claim fault_of_none(const Case& c) {
+  const auto always = [](const Finding&) { return true; };
+  if (!c.is_a_run) return claim_of("record.no-run", {"no frame and no line is a station's", everything(c)});
+  if (const Cause* decides = first_found(c, Weight::kDecides, always)) return claim_of(*decides, c);
+  const Cause* const last = first_found(
+      c, Weight::kExplains, [&c](const Finding& finding) { return finding.at >= c.last_success; });
+  if (last != nullptr && last->id == kUnitFailed) return blame(c, c.verdicts.back());
+  if (last != nullptr) return claim_of(*last, c);
+  const Cause* const ends = first_found(c, Weight::kEnds, always);
+  if (ends != nullptr && c.is_all_seen(c.last_success, c.reading.last)) return claim_of(*ends, c);
+  const bool has_ended = ends != nullptr || c.reading.station_end;
+  return claim_of(
+      has_ended ? "verdict.unexplained" : "record.no-end",
+      {has_ended ? "there is no final verdict" : "the record ends without a final verdict", everything(c)});
+}
+
+Claim fault_of(const Case& c, Outcome outcome) {
+  if (outcome == Outcome::kFailed) return fault_of_failure(c);
+  if (outcome == Outcome::kNone) return fault_of_none(c);
+  const auto final = std::find_if(c.verdicts.begin(), c.verdicts.end(),
+                                  [](const Case::Verdict& verdict) { return verdict.says == Says::kPassed; });
+  return claim_of("passed", {"the unit gave " + frames::printable(final->name) + " " + at(c, final->at),
+                             final->evidence});
+}
+
+std::vector<Claim> others(const Case& c, const Claim& fault) {
+  std::set<const Cause*> found;
+  for (const Finding& finding : c.findings) found.insert(finding.cause);
+  found.erase(fault.cause);
+  std::vector<Claim> claims;
+  if (!c.is_a_run) return claims;
+  std::map<const Cause*, Claim> by_cause;
+  for (const Finding& finding : c.findings) {
+    if (found.count(finding.cause) == 0) continue;
+    Claim& claim = by_cause[finding.cause];
+    claim.cause = finding.cause;
+    add(finding.statement, &claim);
+  }
+  for (auto& [cause, claim] : by_cause) claims.push_back(std::move(claim));
+  return claims;
+}
+
+std::string mac_text(const frames::Mac& mac) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const std::uint8_t byte : mac) {
+    text += (text.empty() ? "" : ":");
+    text += {kDigits[byte >> 4], kDigits[byte & 0xf]};
+  }
+  return text;
+}
+
+std::vector<Unit> units_of(const Case& c) {
+  std::vector<std::size_t> places;
+  for (const Case::Verdict& verdict : c.verdicts) {
+    if (verdict.place != kNone && places.empty()) places.push_back(c.reading.verdicts[verdict.place].unit);
+  }
+  if (!places.empty() && places.front() == kNone) places.clear();
+  for (std::size_t i = 0; i < c.reading.parties.size(); ++i) {
+    const bool is_new = places.empty() || places.front() != i;
+    if (c.reading.parties[i].role == story::Role::kUnit && is_new) places.push_back(i);
+  }
+  std::vector<Unit> units;
+  for (const std::size_t place : places) {
+    const auto& mac = c.reading.parties[place].mac;
+    units.push_back({address_of(c.reading, place), mac ? mac_text(*mac) : ""});
+  }
+  return units;
+}
+
+std::vector<Read> reads_of(const Case& c) {
+  std::vector<Read> reads;
+  for (const story::Transfer& transfer : c.reading.transfers) {
+    if (!c.is_read_of_file(transfer)) continue;
+    Read read;
+    read.file = frames::printable(transfer.name);
+    if (transfer.blocks > 0) {
+      read.bytes = transfer.bytes;
+      read.block_size = transfer.block_size;
+      read.blocks = transfer.blocks;
+      read.repeated = transfer.data.again;
+      read.seconds = static_cast<double>(transfer.data_until - transfer.from) / 1e9;
+    }
+    read.finished = transfer.end == story::Transfer::End::kFinished;
+    reads.push_back(std::move(read));
+  }
+  if (!reads.empty()) return reads;
+  for (const Case::Line* line : c.lines_with("RRQ <NAME>")) {
+    Read read;
+    read.file = frames::printable(values_in(*line->printed, line->text).front());
+    reads.push_back(std::move(read));
+  }
+  return reads;
+}
+
+std::vector<Step> steps_of(const Case& c) {
+  std::vector<Step> steps;
+  for (const Case::Verdict& verdict : c.verdicts) {
+    if (story::is_final(verdict.says)) continue;
+    const bool passed = verdict.name.find("PASSED") != std::string::npos;
+    steps.push_back({frames::printable(verdict.name), verdict.says == Says::kStepFailed
+                                                          ? Step::Result::kFailed
+                                                      : passed ? Step::Result::kPassed
+                                                               : Step::Result::kReported});
+  }
+  return steps;
+}
+
+std::optional<Exit> exit_of(const Reading& reading) {
+  if (!reading.station_end) return std::nullopt;
+  Exit exit;
+  exit.status = reading.station_end->status;
+  if (reading.station_end->signal != 0) exit.signal = reading.station_end->signal;
+  exit.meaning = story::in_words(*reading.station_end);
+  return exit;
+}
+
+}  // namespace
+
+Explanation explain(const Reading& reading) {
+  Case c(reading);
+  find_lines(&c);
+  find_boot(&c);
+  find_reads(&c);
+  find_network(&c);
+  find_ppt(&c);
+  find_commands(&c);
+  find_failures(&c);
+  find_end(&c);
+  Explanation told;
+  if (reading.run) told.name = frames::printable(reading.run->name);
+  if (reading.first != 0) told.start = reading.first;
+  told.duration = reading.last - reading.first;
+  told.verdict = c.is_a_run ? outcome_of(c) : Outcome::kNone;
+  told.exit = exit_of(reading);
+  told.units = units_of(c);
+  told.reads = reads_of(c);
+  told.steps = steps_of(c);
+  told.fault = fault_of(c, told.verdict);
+  told.also = others(c, told.fault);
+  told.incomplete = incomplete(c);
+  return told;
+}
+
+}  // namespace explanation

@@ -1,0 +1,54 @@
+// What a record lacks.
+#include <algorithm>
+
+#include "explanation/case.h"
+#include "frames/words.h"
+
+namespace explanation {
+
+namespace {
+
+using story::Role;
+
+bool is_test_network_seen(const Case& c) {
+  return c.reading.boot_script ||
+         std::any_of(c.reading.transfers.begin(), c.reading.transfers.end(), [](const auto& transfer) {
+           return transfer.server == story::kStation || transfer.kind == story::Transfer::Kind::kMidway;
+         });
+}
+
+// Whether the station had something to say to the PPT server, of which no frame is there.
+bool lacks_ppt_network(const Case& c) {
+  const bool is_due = std::any_of(c.verdicts.begin(), c.verdicts.end(), [](const Case::Verdict& verdict) {
+    return !story::is_final(verdict.says);
+  });
+  const auto& transfers = c.reading.transfers;
+  return is_due && std::none_of(transfers.begin(), transfers.end(),
+                                [](const auto& transfer) { return transfer.client == story::kStation; });
+}
+
+}  // namespace
+
+std::vector<std::string> incomplete(const Case& c) {
+  const story::Reading& reading = c.reading;
+  std::vector<std::string> lacking;
+  const bool has_lines = std::any_of(c.lines.begin(), c.lines.end(),
+                                     [](const Case::Line& line) { return line.printed != nullptr; });
+  if (!has_lines) lacking.emplace_back("the station's lines");
+  if (!reading.has_frames) lacking.emplace_back("the frames");
+  if (reading.has_frames && !is_test_network_seen(c)) lacking.emplace_back("the frames of the test network");
+  if (reading.has_frames && lacks_ppt_network(c))
+    lacking.emplace_back("the frames of the PPT server's network");
+  for (const story::Network& network : reading.networks) {
+    if (network.dropped.value_or(0) == 0) continue;
+    lacking.push_back(frames::counted(*network.dropped, "frame") + " that the kernel dropped on " +
+                      (network.name.empty() ? "a network" : frames::printable(network.name)));
+  }
+  if (reading.is_cut_short) lacking.emplace_back("its end: the file is cut short or damaged");
+  if (reading.left_out > 0)
+    lacking.push_back(frames::counted(reading.left_out, "thing") + " for which there was no room");
+  if (!reading.station_end) lacking.emplace_back("how the station ended");
+  return lacking;
+}
+
+}  // namespace explanation

@@ -1,0 +1,80 @@
+// What the test network did to frames.
+#include "explanation/case.h"
+#include "frames/words.h"
+
+namespace explanation {
+
+namespace {
+
+using story::kStation;
+using story::Step;
+using story::Transfer;
+
+struct Damage {
+  std::uint64_t lost = 0, duplicated = 0, swapped = 0;
+  Numbers lost_in, duplicated_in, swapped_in;
+};
+
+bool is_of_ppt(const story::Reading& reading, std::size_t party) {
+  return party != story::kNone && reading.parties[party].role == story::Role::kPptServer;
+}
+
+Damage damage_seen(const story::Reading& reading) {
+  Damage damage;
+  const auto add = [](std::uint64_t count, const Numbers& frames, std::uint64_t* sum, Numbers* in) {
+    *sum += count;
+    if (count > 0) in->add(frames);
+  };
+  for (const Step& step : reading.steps) {
+    if (step.frames.count == 0 || is_of_ppt(reading, step.source) || is_of_ppt(reading, step.target))
+      continue;
+    add(step.lost, step.frames, &damage.lost, &damage.lost_in);
+    add(step.duplicated, step.frames, &damage.duplicated, &damage.duplicated_in);
+    add(step.swapped, step.frames, &damage.swapped, &damage.swapped_in);
+  }
+  return damage;
+}
+
+void find_inferred(Case* c) {
+  for (const bool is_ppt : {false, true}) {
+    std::uint64_t lost = 0;
+    Numbers frames;
+    for (const Transfer& transfer : c->reading.transfers) {
+      if (transfer.inferred_lost == 0 || (transfer.client == kStation) != is_ppt) continue;
+      lost += transfer.inferred_lost;
+      frames.add(transfer.frames);
+    }
+    if (lost == 0) continue;
+    constexpr std::uint64_t kSecondsEach = 5;
+    c->find(is_ppt ? "net.ppt-loss" : "net.loss", c->reading.first,
+            "at least " + frames::counted(lost, "frame") + " lost, which cost about " +
+                std::to_string(lost * kSecondsEach) + " s: blocks were sent again after a silence",
+            inferred(frames));
+  }
+}
+
+void find_cuts(Case* c) {
+  for (const Step* cut : c->cuts) {
+    const bool came_no_further = c->last_success <= cut->from;
+    c->find("net.cable-out", cut->from,
+            "the cable was out for " + seconds(cut->until - cut->from) + " " + at(*c, cut->from),
+            seen({}, cut->lines), came_no_further);
+  }
+}
+
+}  // namespace
+
+void find_network(Case* c) {
+  const Damage damage = damage_seen(c->reading);
+  const auto tell = [c](std::string_view cause, std::uint64_t count, const char* what,
+                        const Numbers& frames) {
+    if (count > 0) c->find(cause, c->reading.first, frames::counted(count, "frame") + what, seen(frames));
+  };
+  tell("net.loss", damage.lost, " lost", damage.lost_in);
+  tell("net.duplicates", damage.duplicated, " came twice", damage.duplicated_in);
+  tell("net.swaps", damage.swapped, " overtaken by the next", damage.swapped_in);
+  find_inferred(c);
+  find_cuts(c);
+}
+
+}  // namespace explanation

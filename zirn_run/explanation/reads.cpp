@@ -1,0 +1,143 @@
+// Reads that came to no end, and what ended them.
+#include <algorithm>
+
+#include "explanation/case.h"
+#include "frames/words.h"
+
+namespace explanation {
+
+namespace {
+
+using story::kNone;
+using story::Transfer;
+using End = Transfer::End;
+
+constexpr std::uint16_t kFileNotFound = 1;  // RFC 1350
+constexpr char kOctet[] = "octet";
+
+std::string of(const Transfer& transfer) {
+  return frames::printable(transfer.name);
+}
+
+// Whether the unit had the same file by a later read.
+bool is_overcome(const Case& c, const Transfer& transfer) {
+  const auto later = c.read_at.find(transfer.name);
+  return later != c.read_at.end() && later->second > transfer.from;
+}
+
+void find(std::string_view cause, const Transfer& transfer, const std::string& sentence, bool is_inferred,
+          Case* c) {
+  c->find(cause, transfer.from, sentence, {transfer.frames, {}, is_inferred}, !is_overcome(*c, transfer));
+}
+
+std::string error_words(const Transfer& transfer) {
+  return "ERROR " + std::to_string(transfer.error_code) +
+         (transfer.error.text.empty() ? "" : " " + frames::quoted(transfer.error.text));
+}
+
+void find_refusal(const Transfer& transfer, Case* c) {
+  const std::string when = " " + at(*c, transfer.from);
+  const std::string answer = ", and the station answered " + error_words(transfer);
+  if (transfer.name.empty()) {
+    find("file.no-name", transfer, "the unit asked for a file without a name" + when + answer, false, c);
+  } else if (transfer.mode != kOctet) {
+    find(
+        "file.wrong-mode", transfer,
+        "the unit asked for " + of(transfer) + " in mode " + frames::printable(transfer.mode) + when + answer,
+        false, c);
+  } else {
+    find(transfer.error_code == kFileNotFound ? "file.missing" : "file.refused", transfer,
+         "the unit asked for " + of(transfer) + when + answer, false, c);
+  }
+}
+
+void find_given_up(const Transfer& transfer, Case* c) {
+  const bool is_over_options = !transfer.acknowledged.empty() && transfer.acknowledged_blocks == 0;
+  find(is_over_options ? "read.options-refused" : "read.given-up", transfer,
+       "the unit ended its read of " + of(transfer) + " after " +
+           frames::counted(transfer.acknowledged_blocks, "block") + " with " + error_words(transfer) + " " +
+           at(*c, transfer.until),
+       false, c);
+}
+
+const story::Step* cut_during(const Transfer& transfer, const Case& c) {
+  const auto cut = std::find_if(c.cuts.begin(), c.cuts.end(), [&transfer](const story::Step* step) {
+    return step->from <= transfer.until && step->until >= transfer.from;
+  });
+  return cut == c.cuts.end() ? nullptr : *cut;
+}
+
+// Where nothing more came from one side.
+void find_silence(const Transfer& transfer, const std::string& told, Case* c) {
+  const std::uint64_t lost = transfer.data.lost + transfer.acks.lost + transfer.sent_in_vain_lost;
+  const bool is_unit_silent = transfer.end == End::kAbandoned && transfer.ended_by == transfer.client;
+  const auto heard = c->last_heard.find(transfer.client);
+  const bool is_heard_later = heard != c->last_heard.end() && heard->second > transfer.from;
+  if (const story::Step* cut = cut_during(transfer, *c)) {
+    Evidence evidence = seen(transfer.frames, cut->lines);
+    c->find("net.cable-out", transfer.from, told + "; the cable was out " + at(*c, cut->from), evidence,
+            !is_overcome(*c, transfer));
+  } else if (lost > 0) {
+    find("net.read-broken", transfer, told + "; " + frames::counted(lost, "frame") + " of it were lost",
+         false, c);
+  } else if (transfer.inferred_lost > 0) {
+    find("net.read-broken", transfer,
+         told + "; " + frames::counted(transfer.inferred_lost, "frame") + " of it were lost before, at least",
+         true, c);
+  } else if (is_unit_silent && is_heard_later) {
+    find("unit.restarted", transfer,
+         told + ", and was heard again until " + seconds(heard->second - c->reading.first), false, c);
+  } else {
+    find(is_unit_silent ? "unit.gone" : "read.unanswered", transfer, told, false, c);
+  }
+}
+
+// Whether the station was waiting for the PPT server then, which has a cause of its own.
+bool is_station_waiting(const Transfer& transfer, const Case& c) {
+  constexpr Nanoseconds kLongest = 6 * kSecond;
+  const auto by_time = [](const Case::Verdict& verdict, Nanoseconds when) { return verdict.at < when; };
+  const auto first =
+      std::lower_bound(c.verdicts.begin(), c.verdicts.end(), transfer.from - kLongest, by_time);
+  const auto last = std::lower_bound(first, c.verdicts.end(), transfer.from, by_time);
+  return std::any_of(first, last, [&c](const Case::Verdict& verdict) {
+    if (verdict.place == kNone) return false;
+    const auto passed = story::passed_on(c.reading, c.reading.verdicts[verdict.place]);
+    return passed == story::PassedOn::kSilent || passed == story::PassedOn::kClosedPort;
+  });
+}
+
+void find_of(const Transfer& transfer, Case* c) {
+  const std::string name = of(transfer);
+  if (transfer.end == End::kError) {
+    if (transfer.ended_by == transfer.server) return find_refusal(transfer, c);
+    return find_given_up(transfer, c);
+  }
+  if (transfer.end == End::kFinished && transfer.bytes == 0 && transfer.blocks == 1) {
+    find("file.empty", transfer,
+         "the unit read " + name + " " + at(*c, transfer.from) + ", and it has 0 bytes", false, c);
+  } else if (transfer.end == End::kAbandoned) {
+    const bool had_everything = transfer.is_last_sent && transfer.acknowledged_blocks + 1 >= transfer.blocks;
+    if (had_everything && transfer.ended_by == transfer.client) return;
+    const bool is_unit = transfer.ended_by == transfer.client;
+    find_silence(transfer,
+                 std::string(is_unit ? "the unit" : "the station") + " fell silent in the read of " + name +
+                     " that began " + at(*c, transfer.from) + ", after " +
+                     frames::counted(transfer.acknowledged_blocks, "block"),
+                 c);
+  } else if (transfer.end == End::kUnanswered && !is_station_waiting(transfer, *c)) {
+    find_silence(transfer,
+                 "the unit asked for " + name + " " + frames::counted(transfer.requests, "time") + " from " +
+                     at(*c, transfer.from).substr(3) + " on, and got no answer",
+                 c);
+  }
+}
+
+}  // namespace
+
+void find_reads(Case* c) {
+  for (const Transfer& transfer : c->reading.transfers) {
+    if (c->is_read_of_file(transfer)) find_of(transfer, c);
+  }
+}
+
+}  // namespace explanation
