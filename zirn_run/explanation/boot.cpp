@@ -39,7 +39,7 @@ void find_unanswered(Case* c) {
   if (const auto& script = c->reading.boot_script; script && script->count > script->lost) {
     c->find("boot.unanswered", script->first,
             "the boot script went out " + frames::counted(script->count, "time") + " from " +
-                at(*c, script->first).substr(3) + " to " + at(*c, script->last).substr(3) +
+                moment(*c, script->first) + " to " + moment(*c, script->last) +
                 ", and no unit asked for anything",
             seen(script->frames));
   } else if (const auto lines = c->lines_with(kInitialized); !lines.empty() && !script) {

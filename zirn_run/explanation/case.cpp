@@ -18,6 +18,8 @@ using story::Transfer;
 
 constexpr std::string_view kVerdictLine = "Cmd received: <NAME>";
 constexpr std::string_view kRequestLine = "RRQ <NAME>";
+constexpr std::string_view kModeLine = "Mode detected: <NUMBER>";
+constexpr std::string_view kMacLine = "Assigned MAC is <MAC>";
 constexpr Nanoseconds kPptPatience = 4900000000;  // the station waits five seconds for the PPT server
 
 // The n-th answer of the station comes from port 100 n + 33033, of which the low 16 bits count.
@@ -176,29 +178,35 @@ bool Case::is_ppt_known(const Verdict& verdict) const {
   return false;
 }
 
-bool Case::is_all_seen(Nanoseconds from, Nanoseconds until) const {
-  if (!reading.has_frames || reading.left_out > 0) return false;
-  const auto is_within = [&](Nanoseconds when) { return when >= from && when <= until; };
-  for (const story::Network& network : reading.networks) {
-    if (network.dropped.value_or(0) > 0) return false;
-  }
-  for (const Line& line : lines) {
-    if (!is_within(line.at) || line.printed == nullptr) continue;
-    const std::string_view text = line.printed->text;
-    const bool is_request = text == kRequestLine || text == kVerdictLine;
-    if (is_request && requested_.count(values_in(*line.printed, line.text).front()) == 0) return false;
-    if ((text == "Mode detected: <NUMBER>" || text == "Assigned MAC is <MAC>") && reading.connections.empty())
-      return false;
-  }
-  bool is_station_seen = reading.boot_script.has_value();
+bool Case::is_asked_in(const Line& line) const {
+  if (line.printed == nullptr) return true;
+  const std::string_view text = line.printed->text;
+  if (text == kRequestLine || text == kVerdictLine)
+    return requested_.count(values_in(*line.printed, line.text).front()) != 0;
+  return (text != kModeLine && text != kMacLine) || !reading.connections.empty();
+}
+
+bool Case::lacks_a_side() const {
+  bool is_asked = false, is_answered = false;
   for (const Transfer& transfer : reading.transfers) {
-    if (transfer.server == kStation) is_station_seen = is_station_seen || transfer.answered;
-    if (transfer.kind == Transfer::Kind::kMidway && is_within(transfer.from)) return false;
+    if (transfer.kind == Transfer::Kind::kMidway) return true;
+    is_asked = is_asked || transfer.server == kStation;
+    is_answered = is_answered || (transfer.server == kStation && transfer.answered);
   }
+  return is_asked && !is_answered;
+}
+
+bool Case::is_all_seen(Nanoseconds from, Nanoseconds until) const {
+  const auto is_within = [&](Nanoseconds when) { return when >= from && when <= until; };
+  const bool has_dropped = std::any_of(reading.networks.begin(), reading.networks.end(),
+                                       [](const auto& network) { return network.dropped.value_or(0) > 0; });
+  const bool is_asked = std::all_of(
+      lines.begin(), lines.end(), [&](const Line& line) { return !is_within(line.at) || is_asked_in(line); });
   const bool is_ppt_seen = std::all_of(verdicts.begin(), verdicts.end(), [&](const Verdict& verdict) {
     return !is_within(verdict.at) || verdict.at == until || is_ppt_known(verdict);
   });
-  return is_station_seen && is_ppt_seen;
+  return reading.has_frames && reading.left_out == 0 && !has_dropped && !lacks_a_side() && is_asked &&
+         is_ppt_seen;
 }
 
 std::string seconds(Nanoseconds time) {
@@ -212,8 +220,12 @@ std::string seconds(Nanoseconds time) {
   return text;
 }
 
-std::string at(const Case& c, Nanoseconds moment) {
-  return "at " + seconds(moment - c.reading.first);
+std::string moment(const Case& c, Nanoseconds when) {
+  return seconds(when - c.reading.first);
+}
+
+std::string at(const Case& c, Nanoseconds when) {
+  return c.reading.first == 0 ? "" : " at " + moment(c, when);
 }
 
 std::string address_of(const Reading& reading, std::size_t party) {

@@ -63,6 +63,10 @@ struct Case {
 
   // Whether a transfer is of a file by a unit.
   bool is_read_of_file(const story::Transfer& transfer) const;
+  // Whether the frames show what the line says of a request or of a command.
+  bool is_asked_in(const Line& line) const;
+  // Whether what the unit said to the station, or the other way, is not in the record.
+  bool lacks_a_side() const;
   // Whether all that the unit and the station said to each other from then until then is in the record, and what
   // became of the verdicts of that time.
   bool is_all_seen(Nanoseconds from, Nanoseconds until) const;
@@ -77,9 +81,11 @@ struct Case {
   std::set<std::string_view> requested_;  // names
 };
 
-// "12.4 s", since the reading's first moment.
-std::string at(const Case& c, Nanoseconds moment);
 std::string seconds(Nanoseconds time);
+// "12.4 s", since the reading's first moment.
+std::string moment(const Case& c, Nanoseconds when);
+// " at 12.4 s"; empty where there are no times.
+std::string at(const Case& c, Nanoseconds when);
 // "172.40.0.2", or "the unit", where the party has no address.
 std::string address_of(const story::Reading& reading, std::size_t party);
 

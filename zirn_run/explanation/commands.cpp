@@ -42,22 +42,28 @@ const Finding* why_no_port(const Case& c) {
   return first;
 }
 
-void find_refused(const Connection& connection, const std::optional<Finding>& why, Case* c) {
-  const Nanoseconds when = connection.from;
+void find_refused_at(Nanoseconds when, const Connection& connection, const std::optional<Finding>& why,
+                     Case* c) {
   const bool has_verdict = !c->verdicts.empty() && c->verdicts.front().at <= when;
   const bool is_known = why && why->at <= when;
   const std::string_view id = is_known      ? why->cause->id
                               : has_verdict ? "command.refused"
                                             : "command.too-early";
-  c->find(id, when, "the unit's connection to the command port " + at(*c, when) + " was refused",
+  c->find(id, when, "the unit's connection to the command port" + at(*c, when) + " was refused",
           seen(connection.frames));
+}
+
+// Several attempts are one connection.
+void find_refused(const Connection& connection, const std::optional<Finding>& why, Case* c) {
+  find_refused_at(connection.from, connection, why, c);
+  if (connection.attempts > 1) find_refused_at(connection.until, connection, why, c);
 }
 
 void find_reply(const Text& question, const Text& reply, Case* c) {
   const auto find = [&](std::string_view cause, const std::string& what) {
     Numbers frames = question.frames;
     frames.add(reply.frames);
-    c->find(cause, reply.at, what + " " + at(*c, reply.at), seen(frames));
+    c->find(cause, reply.at, what + at(*c, reply.at), seen(frames));
   };
   const std::string& asked = question.said.text;
   const std::string& told = reply.said.text;
@@ -86,8 +92,8 @@ void find_no_reply(const Connection& connection, const Text& question, Case* c) 
   const Nanoseconds until = connection.ended.value_or(c->reading.last);
   const bool is_command =
       contains(question.said.text, kAsksForMac) || contains(question.said.text, kInitializesPmc);
-  const std::string told = "the unit asked " + frames::quoted(question.said.text) + " " +
-                           at(*c, question.at) + " and had no answer for " + seconds(until - question.at);
+  const std::string told = "the unit asked " + frames::quoted(question.said.text) + at(*c, question.at) +
+                           " and had no answer for " + seconds(until - question.at);
   if (was_another_open(connection, question, *c)) {
     c->find("command.second", question.at, told + "; another connection was open", seen(question.frames));
   } else if (is_command && connection.opened && until - question.at >= kHangs) {

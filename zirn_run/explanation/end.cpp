@@ -26,7 +26,7 @@ void find_short_verdict(Case* c) {
   Evidence evidence = verdict.evidence;
   evidence.is_inferred = !c->reading.station_end;
   c->find("verdict.too-short", verdict.at,
-          "the unit gave " + frames::quoted(verdict.name) + " " + at(*c, verdict.at), evidence);
+          "the unit gave " + frames::quoted(verdict.name) + at(*c, verdict.at), evidence);
 }
 
 void find_signal(int signal, Case* c) {

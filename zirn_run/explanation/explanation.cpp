@@ -35,8 +35,8 @@ Outcome outcome_of(const Case& c) {
 void find_failures(Case* c) {
   for (const Case::Verdict& verdict : c->verdicts) {
     if (!is_failure(verdict.says)) continue;
-    c->find(kUnitFailed, verdict.at,
-            "the unit gave " + frames::printable(verdict.name) + " " + at(*c, verdict.at), verdict.evidence);
+    c->find(kUnitFailed, verdict.at, "the unit gave " + frames::printable(verdict.name) + at(*c, verdict.at),
+            verdict.evidence);
   }
 }
 
@@ -99,9 +99,8 @@ Claim blame(const Case& c, const Case::Verdict& failure) {
   });
   if (better != nullptr) return claim_of(*better, c);
   if (c.is_all_seen(before, failure.at)) return claim_of(cause(kUnitFailed), c);
-  return claim_of(
-      "verdict.unexplained",
-      {"the unit gave " + frames::printable(failure.name) + " " + at(c, failure.at), failure.evidence});
+  return claim_of("verdict.unexplained",
+                  {"the unit gave " + frames::printable(failure.name) + at(c, failure.at), failure.evidence});
 }
 
 Claim fault_of_failure(const Case& c) {
@@ -131,14 +130,15 @@ Claim fault_of(const Case& c, Outcome outcome) {
   if (outcome == Outcome::kNone) return fault_of_none(c);
   const auto final = std::find_if(c.verdicts.begin(), c.verdicts.end(),
                                   [](const Case::Verdict& verdict) { return verdict.says == Says::kPassed; });
-  return claim_of("passed", {"the unit gave " + frames::printable(final->name) + " " + at(c, final->at),
-                             final->evidence});
+  return claim_of("passed",
+                  {"the unit gave " + frames::printable(final->name) + at(c, final->at), final->evidence});
 }
 
 std::vector<Claim> others(const Case& c, const Claim& fault) {
   std::set<const Cause*> found;
   for (const Finding& finding : c.findings) found.insert(finding.cause);
   found.erase(fault.cause);
+  if (fault.cause->id == "verdict.unexplained") found.erase(&cause(kUnitFailed));  // it says so itself
   std::vector<Claim> claims;
   if (!c.is_a_run) return claims;
   std::map<const Cause*, Claim> by_cause;

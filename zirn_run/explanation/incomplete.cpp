@@ -39,6 +39,10 @@ std::vector<std::string> incomplete(const Case& c) {
   if (reading.has_frames && !is_test_network_seen(c)) lacking.emplace_back("the frames of the test network");
   if (reading.has_frames && lacks_ppt_network(c))
     lacking.emplace_back("the frames of the PPT server's network");
+  const bool is_asked = std::all_of(c.lines.begin(), c.lines.end(),
+                                    [&c](const Case::Line& line) { return c.is_asked_in(line); });
+  if (is_test_network_seen(c) && (!is_asked || c.lacks_a_side()))
+    lacking.emplace_back("frames of one side of the test network");
   for (const story::Network& network : reading.networks) {
     if (network.dropped.value_or(0) == 0) continue;
     lacking.push_back(frames::counted(*network.dropped, "frame") + " that the kernel dropped on " +

@@ -57,7 +57,7 @@ void find_cuts(Case* c) {
   for (const Step* cut : c->cuts) {
     const bool came_no_further = c->last_success <= cut->from;
     c->find("net.cable-out", cut->from,
-            "the cable was out for " + seconds(cut->until - cut->from) + " " + at(*c, cut->from),
+            "the cable was out for " + seconds(cut->until - cut->from) + at(*c, cut->from),
             seen({}, cut->lines), came_no_further);
   }
 }

@@ -20,8 +20,8 @@ void find_of(const story::Verdict& verdict, Case* c) {
   if (verdict.queries.empty()) return;
   const Reading& reading = c->reading;
   const Transfer& query = reading.transfers[verdict.queries.back()];
-  const std::string told = frames::printable(verdict.name) + " went to " + address_of(reading, query.server) +
-                           " " + at(*c, query.from);
+  const std::string told =
+      frames::printable(verdict.name) + " went to " + address_of(reading, query.server) + at(*c, query.from);
   const PassedOn passed = story::passed_on(reading, verdict);
   const auto find = [&](std::string_view cause, const std::string& what) {
     c->find(cause, query.from, told + what, seen(query.frames));
@@ -46,7 +46,7 @@ void find_repeated(const story::Verdict& verdict, Case* c) {
   if (transfer.requests < 2 || !is_late) return;
   c->find("verdict.repeated", verdict.at,
           "the unit gave " + frames::printable(verdict.name) + " " +
-              frames::counted(transfer.requests, "time") + " from " + at(*c, transfer.from).substr(3) +
+              frames::counted(transfer.requests, "time") + " from " + moment(*c, transfer.from) +
               " on; each becomes a verdict of its own",
           seen(transfer.frames));
 }
@@ -56,8 +56,7 @@ void find_connection(const Connection& connection, Case* c) {
   if (connection.client != kStation || reading.parties[connection.server].role != story::Role::kPptServer)
     return;
   const std::string told = "the station's connection to " + address_of(reading, connection.server) +
-                           ", port " + std::to_string(connection.server_port) + ", " +
-                           at(*c, connection.from) + " ";
+                           ", port " + std::to_string(connection.server_port) + at(*c, connection.from) + " ";
   if (connection.state == Connection::State::kRefused) {
     c->find("ppt.refused", connection.from, told + "was refused", seen(connection.frames));
   } else if (connection.state == Connection::State::kConnecting &&

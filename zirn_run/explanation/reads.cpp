@@ -36,7 +36,7 @@ std::string error_words(const Transfer& transfer) {
 }
 
 void find_refusal(const Transfer& transfer, Case* c) {
-  const std::string when = " " + at(*c, transfer.from);
+  const std::string when = at(*c, transfer.from);
   const std::string answer = ", and the station answered " + error_words(transfer);
   if (transfer.name.empty()) {
     find("file.no-name", transfer, "the unit asked for a file without a name" + when + answer, false, c);
@@ -55,7 +55,7 @@ void find_given_up(const Transfer& transfer, Case* c) {
   const bool is_over_options = !transfer.acknowledged.empty() && transfer.acknowledged_blocks == 0;
   find(is_over_options ? "read.options-refused" : "read.given-up", transfer,
        "the unit ended its read of " + of(transfer) + " after " +
-           frames::counted(transfer.acknowledged_blocks, "block") + " with " + error_words(transfer) + " " +
+           frames::counted(transfer.acknowledged_blocks, "block") + " with " + error_words(transfer) +
            at(*c, transfer.until),
        false, c);
 }
@@ -75,7 +75,7 @@ void find_silence(const Transfer& transfer, const std::string& told, Case* c) {
   const bool is_heard_later = heard != c->last_heard.end() && heard->second > transfer.from;
   if (const story::Step* cut = cut_during(transfer, *c)) {
     Evidence evidence = seen(transfer.frames, cut->lines);
-    c->find("net.cable-out", transfer.from, told + "; the cable was out " + at(*c, cut->from), evidence,
+    c->find("net.cable-out", transfer.from, told + "; the cable was out" + at(*c, cut->from), evidence,
             !is_overcome(*c, transfer));
   } else if (lost > 0) {
     find("net.read-broken", transfer, told + "; " + frames::counted(lost, "frame") + " of it were lost",
@@ -113,21 +113,21 @@ void find_of(const Transfer& transfer, Case* c) {
     return find_given_up(transfer, c);
   }
   if (transfer.end == End::kFinished && transfer.bytes == 0 && transfer.blocks == 1) {
-    find("file.empty", transfer,
-         "the unit read " + name + " " + at(*c, transfer.from) + ", and it has 0 bytes", false, c);
+    find("file.empty", transfer, "the unit read " + name + at(*c, transfer.from) + ", and it has 0 bytes",
+         false, c);
   } else if (transfer.end == End::kAbandoned) {
     const bool had_everything = transfer.is_last_sent && transfer.acknowledged_blocks + 1 >= transfer.blocks;
     if (had_everything && transfer.ended_by == transfer.client) return;
     const bool is_unit = transfer.ended_by == transfer.client;
     find_silence(transfer,
                  std::string(is_unit ? "the unit" : "the station") + " fell silent in the read of " + name +
-                     " that began " + at(*c, transfer.from) + ", after " +
+                     " that began" + at(*c, transfer.from) + ", after " +
                      frames::counted(transfer.acknowledged_blocks, "block"),
                  c);
   } else if (transfer.end == End::kUnanswered && !is_station_waiting(transfer, *c)) {
     find_silence(transfer,
                  "the unit asked for " + name + " " + frames::counted(transfer.requests, "time") + " from " +
-                     at(*c, transfer.from).substr(3) + " on, and got no answer",
+                     moment(*c, transfer.from) + " on, and got no answer",
                  c);
   }
 }

@@ -1,0 +1,217 @@
+// Runs of which the record lacks something: the owner is the right one, or unknown, and never another.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zirn_run/explained_run.h"
+
+namespace {
+
+using explanation::Outcome;
+
+struct Happening : ExplainedRun {
+  void passes() {
+    begins();
+    reads("kernel.img");
+    gives("F_l_m_01MEMORY_PASSED");
+    gives("F_l_m_09PPT_PASSED");
+    ends(2);
+  }
+  void fails() {
+    begins();
+    reads("kernel.img");
+    gives("F_l_m_01MEMORY_PASSED");
+    gives("F_l_m_09PPT_FAILED");
+    ends(2);
+  }
+  void is_ended() {
+    begins();
+    gives("F_l_m_01MEMORY_PASSED");
+    run.rests(1000);
+    ends(15);
+  }
+  void lacks_a_file() {
+    begins();
+    gives("F_l_m_t_Bootstrap_loading");
+    is_refused("kernel.img", 1, "");
+    gives("F_l_m_09PPT_FAILED");
+    ends(2);
+  }
+  void lacks_a_file_and_is_ended() {
+    begins();
+    gives("F_l_m_t_Bootstrap_loading");
+    is_refused("kernel.img", 1, "");
+    ends(15);
+  }
+  void meets_silence() {
+    begins();
+    ppt = Ppt::kSilent;
+    gives("F_l_m_01MEMORY_PASSED");
+    gives("F_l_m_09PPT_FAILED");
+    ends(2);
+  }
+  void meets_silence_and_is_ended() {
+    begins();
+    ppt = Ppt::kSilent;
+    gives("F_l_m_01MEMORY_PASSED");
+    run.rests(3000);
+    ends(15);
+  }
+  void is_told_fail() {
+    begins();
+    gives("F_l_m_t_Bootstrap_loading");
+    line("Mode detected: 7");
+    asks("DO_PMC_INIT:7", "FAIL");
+    gives("F_l_m_01TEST_FAILED");
+    gives("F_l_m_09PPT_FAILED");
+    ends(2);
+  }
+  void has_no_envtool() {
+    begins();
+    gives("F_l_m_t_Bootstrap_loading");
+    asks("ZIRN_ASKS_FOR_HIS_MAC", "02:00:00:00:00:03");
+    line("Assigned MAC is 02:00:00:00:00:03");
+    gives("F_l_m_09PPT_FAILED");
+    ends(2);
+  }
+  void has_no_connection() {
+    begins();
+    gives("F_l_m_t_Bootstrap_loading");
+    line("ERROR on connect() to 172.30.0.254:12345. Connection refused");
+    line("Error: Failed to initialize receiver");
+    asks_in_vain();
+    gives("F_l_m_09PPT_FAILED");
+    ends(2);
+  }
+  void is_not_answered() {
+    begins();
+    sends_boot_script(5);
+    ends(15);
+  }
+  void gives_a_short_verdict() {
+    begins();
+    asks_for("F_l_m_1");
+    station_sends(answering, tftp::data(1, ""));
+    line("Cmd received: F_l_m_1");
+    is_killed(SIGABRT);
+  }
+};
+
+void expect_never_another(const std::string& owner, Outcome outcome, void (Happening::*happens)()) {
+  const ExplainedRun::Lacking nothing;
+  std::vector<std::pair<const char*, ExplainedRun::Lacking>> records(9, {"nothing", nothing});
+  records[1].first = "the lines", records[1].second.lines = true;
+  records[2].first = "the PPT network", records[2].second.ppt_network = true;
+  records[3].first = "the unit's frames", records[3].second.from_unit = true;
+  records[4].first = "the station's frames", records[4].second.from_station = true;
+  records[5].first = "the frames", records[5].second.frames = true;
+  records[6] = records[2], records[6].first = "lines and PPT network", records[6].second.lines = true;
+  records[7] = records[3], records[7].first = "lines and the unit's frames", records[7].second.lines = true;
+  records[8] = records[4], records[8].first = "lines and the station's frames",
+  records[8].second.lines = true;
+  for (const auto& [words, lacks] : records) {
+    Happening one;
+    one.lacking = lacks;
+    (one.*happens)();
+    const std::string fault = one.fault();
+    const std::string found = fault.substr(0, fault.find(' '));
+    const bool lacks_nothing = words == records[0].first;
+    EXPECT_TRUE(found == owner || (!lacks_nothing && found == "unknown"))
+        << "without " << words << ": " << fault;
+    EXPECT_TRUE(one.told.verdict == outcome || (!lacks_nothing && one.told.verdict == Outcome::kNone))
+        << "without " << words;
+    EXPECT_TRUE(lacks_nothing || owner == "unknown" || !one.told.incomplete.empty()) << "without " << words;
+  }
+}
+
+class Degraded : public testing::Test, public Happening {};
+
+TEST_F(Degraded, ARunThatPasses) {
+  expect_never_another("none", Outcome::kPassed, &Happening::passes);
+}
+TEST_F(Degraded, AUnitThatFails) {
+  expect_never_another("unit", Outcome::kFailed, &Happening::fails);
+}
+TEST_F(Degraded, ARunThatIsEnded) {
+  expect_never_another("operator", Outcome::kNone, &Happening::is_ended);
+}
+TEST_F(Degraded, AMissingFile) {
+  expect_never_another("station", Outcome::kFailed, &Happening::lacks_a_file);
+}
+TEST_F(Degraded, AMissingFileAndAnEnd) {
+  expect_never_another("station", Outcome::kNone, &Happening::lacks_a_file_and_is_ended);
+}
+TEST_F(Degraded, ASilentPptServer) {
+  expect_never_another("ppt-server", Outcome::kFailed, &Happening::meets_silence);
+}
+TEST_F(Degraded, ASilentPptServerAndAnEnd) {
+  expect_never_another("ppt-server", Outcome::kNone, &Happening::meets_silence_and_is_ended);
+}
+TEST_F(Degraded, AToolThatFails) {
+  expect_never_another("board", Outcome::kFailed, &Happening::is_told_fail);
+}
+TEST_F(Degraded, AnEnvtoolThatIsMissing) {
+  expect_never_another("board", Outcome::kFailed, &Happening::has_no_envtool);
+}
+TEST_F(Degraded, AConnectionThatIsRefused) {
+  expect_never_another("ppt-server", Outcome::kFailed, &Happening::has_no_connection);
+}
+TEST_F(Degraded, ABootScriptThatNobodyAnswers) {
+  expect_never_another("unknown", Outcome::kNone, &Happening::is_not_answered);
+}
+TEST_F(Degraded, AVerdictThatIsTooShort) {
+  expect_never_another("unit", Outcome::kNone, &Happening::gives_a_short_verdict);
+}
+
+// Frames that the kernel dropped may be those that would show another cause.
+TEST_F(Degraded, DroppedFrames) {
+  run.story.take(record::Interface{"lan0", "", record::kEthernet, 0});
+  fails();
+  run.story.take(record::Statistics{0, run.now, 100, 3});
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+  EXPECT_EQ(told.verdict, Outcome::kFailed);
+  EXPECT_EQ(told.incomplete, std::vector<std::string>{"3 frames that the kernel dropped on lan0"});
+}
+
+TEST_F(Degraded, ARecordThatIsCutShort) {
+  begins();
+  gives("F_l_m_01MEMORY_PASSED");
+  told = explanation::explain(run.ends(true));
+  EXPECT_EQ(told.fault.cause->id, "record.no-end");
+  EXPECT_EQ(told.incomplete.at(0), "its end: the file is cut short or damaged");
+}
+
+class Peers : public testing::Test, public ExplainedRun {};
+
+// Other servers' traffic is no station's run, whatever the files are called.
+TEST_F(Peers, AreNoRun) {
+  unit = {made::kUnit, 2000};
+  Exchange peer(&run, unit, made::kPptServer, 50000);
+  peer.asks(tftp::rrq("kernel.img"));
+  peer.blocks(1, 20, 512);
+  peer.answers(tftp::data(21, "x"));
+  peer.sends(tftp::ack(21));
+  EXPECT_EQ(fault(), "unknown record.no-run");
+  EXPECT_EQ(told.verdict, Outcome::kNone);
+}
+
+TEST_F(Peers, GiveNoVerdicts) {
+  Exchange peer(&run, {made::kUnit, 2000}, made::kPptServer, 50000);
+  peer.asks(tftp::rrq("F_l_m_01PPT_PASSED"));
+  peer.answers(tftp::error(1, "File not found"));
+  Exchange other(&run, {made::kUnit, 2001}, made::kPptServer, 50001);
+  other.asks(tftp::rrq("F_l_m_02PPT_PASSED"));
+  other.answers(tftp::data(1, ""));
+  other.sends(tftp::ack(1));
+  EXPECT_EQ(fault(), "unknown record.no-run");
+  EXPECT_EQ(told.verdict, Outcome::kNone);
+}
+
+TEST_F(Peers, AreNothingAtAll) {
+  EXPECT_EQ(fault(), "unknown record.no-run");
+  EXPECT_FALSE(told.start);
+}
+
+}  // namespace
