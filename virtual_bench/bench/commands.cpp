@@ -77,6 +77,10 @@ const std::vector<Command>& commands() {
        [](Run& run, const Step& step) { run.set_variable(step.text_of("NAME"), step.text_of("TEXT")); }},
       {"board tool exits STATUS",
        [](Run& run, const Step& step) { run.set_tool_status(static_cast<int>(step.number_of("STATUS"))); }},
+      {"board tool hangs", [](Run& run, const Step&) { run.hold_tool(); }},
+      {"board lacks NAME", [](Run& run, const Step& step) { run.remove_tool(step.text_of("NAME")); }},
+      {"board has port PORT taken",
+       [](Run& run, const Step& step) { run.take_port(static_cast<int>(step.number_of("PORT"))); }},
       {"board ran nothing", [](Run& run, const Step&) { run.expect_no_call(); }},
       {"board ran TEXT", [](Run& run, const Step& step) { run.expect_call(step.text_of("TEXT")); }},
       {"board keeps NAME TEXT",
@@ -109,10 +113,18 @@ const std::vector<Command>& commands() {
        [](Run& run, const Step& step) { run.begin_reading(step.text_of("NAME"), read_options(step)); }},
       {"unit has read SIZE UNIT", [](Run& run, const Step& step) { run.expect_read(step.bytes()); }},
       {"unit ends reading", [](Run& run, const Step&) { run.end_reading(); }},
+      {"unit gives up NAME blksize BLOCK",
+       [](Run& run, const Step& step) {
+         run.refuse_options(step.text_of("NAME"), static_cast<int>(step.number_of("BLOCK")));
+       }},
       {"unit asks TEXT in vain", [](Run& run, const Step& step) { run.ask_in_vain(step.text_of("TEXT")); }},
       {"unit asks TEXT expects REPLY",
        [](Run& run, const Step& step) { run.ask(step.text_of("TEXT"), step.text_of("REPLY")); }},
       {"unit sends TEXT", [](Run& run, const Step& step) { run.send(step.text_of("TEXT")); }},
+      {"fault is OWNER [by CAUSE]",
+       [](Run& run, const Step& step) {
+         run.expect_fault(step.text_of("OWNER"), step.has("CAUSE") ? step.text_of("CAUSE") : "");
+       }},
       {"bench waits SECONDS s", [](Run& run, const Step& step) { run.wait(step.number_of("SECONDS")); }},
   };
   return kCommands;

@@ -27,6 +27,7 @@ const std::vector<Maker::Act> Maker::kActs = {
     {30, "the unit boots", &Maker::script_is_sent, &Maker::boot},
     {3, "the unit hears the boot script", &Maker::script_is_sent, &Maker::hear_again},
     {20, "the unit reads", &Maker::always, &Maker::read_file},
+    {3, "the unit gives a read up", &Maker::loses_nothing, &Maker::give_up_reading},
     {4, "a file is missing", &Maker::always, &Maker::read_missing_file},
     {6, "a read beside commands", &Maker::loses_nothing, &Maker::read_beside_commands},
     {5, "the unit dies and comes back", &Maker::loses_nothing, &Maker::die_and_come_back},
@@ -51,7 +52,7 @@ const std::vector<Maker::Act> Maker::kActs = {
 const std::vector<Maker::Ending> Maker::kEndings = {
     {40, &Maker::end_passed},          {20, &Maker::end_failed},          {3, &Maker::end_with_both},
     {3, &Maker::end_passed_after_all}, {8, &Maker::end_by_interrupt},     {8, &Maker::end_by_termination},
-    {4, &Maker::end_by_kill},          {4, &Maker::end_by_short_verdict},
+    {4, &Maker::end_by_kill},          {4, &Maker::end_by_short_verdict}, {3, &Maker::end_by_hanging_tool},
 };
 
 std::string Maker::scenario() {
@@ -60,12 +61,15 @@ std::string Maker::scenario() {
   prepare_board();
   if (chance_.one_in(50)) {
     start_at_a_wrong_address();
+  } else if (chance_.one_in(50)) {
+    start_without_the_port();
   } else {
     start();
     for (int left = chance_.between(2, kMostActs); left > 0 && seconds_ < kLongestSeconds; --left) act();
     (this->*chance_.by_weight(kEndings).happen)();
   }
   expect_of_board();
+  say("fault is " + fault_);
   return "# By chance: " + title_ + "\n" + steps_;
 }
 
@@ -77,7 +81,8 @@ void Maker::prepare_files() {
   files_.push_back({"medium.bin", chance_.between(2, 11000)});
   files_.push_back({"kernel.img", chance_.between(kLargeFile, 300000)});
   std::string script = "setenv bootdelay 1\\r\\n";
-  if (chance_.one_in(2)) script += "tftp 47000000 small.cfg\\r\\n";
+  script_reads_more_ = chance_.one_in(2);
+  if (script_reads_more_) script += "tftp 47000000 small.cfg\\r\\n";
   say("file bootscript.txt holds " + quoted(script));
   for (auto file = files_.begin() + 1; file != files_.end(); ++file)
     say("file " + file->name + " is " + number(file->bytes) + " bytes");
@@ -94,6 +99,10 @@ void Maker::prepare_board() {
                                     : 0x020000000000 + static_cast<unsigned>(chance_.between(0, 1 << 30));
   mac_ = mac_text(address + 2);
   if (chance_.one_in(15)) {
+    has_envtool_ = false;
+    mac_ = mac_text(0x020000000003);
+    say("board lacks envtool");
+  } else if (chance_.one_in(15)) {
     mac_ = mac_text(2);
     say("board has tempmac \"\"");
   } else {
@@ -123,8 +132,18 @@ void Maker::start() {
 
 void Maker::start_at_a_wrong_address() {
   title_ = "a wrong address";
+  fault_ = "station";
   say("station starts with \"-o 172.40.0.9\"");
   say_of_station("Socket Bind exception: Cannot assign requested address");
+  say("station exits 1");
+}
+
+void Maker::start_without_the_port() {
+  title_ = "a port in use";
+  fault_ = "station";
+  say("board has port 69 taken");
+  say("station starts");
+  say_of_station("Socket Bind exception: Address already in use");
   say("station exits 1");
 }
 
@@ -140,6 +159,57 @@ void Maker::act() {
 void Maker::expect_of_board() {
   say(std::string("board keeps ppt_flag ") + (is_marked_failed_ ? "failed" : "nothing"));
   if (!board_was_called_) say("board ran nothing");
+}
+
+void Maker::meet(Problem problem) {
+  unit_was_heard_ = true;
+  in_step_ = std::min(in_step_, problem);
+  since_success_ = std::min(since_success_, problem);
+}
+
+void Maker::succeed() {
+  unit_was_heard_ = true;
+  since_success_ = Problem::kNone;
+}
+
+void Maker::succeed_in_reading(const File& file) {
+  if (file.bytes == 0) {
+    meet(Problem::kEmptyFile);
+  } else {
+    succeed();
+  }
+}
+
+std::string Maker::owner_of(Problem problem) {
+  switch (problem) {
+    case Problem::kTool:
+    case Problem::kMac:
+      return "board";
+    case Problem::kMissingFile:
+    case Problem::kEmptyFile:
+      return "station";
+    case Problem::kPpt:
+      return "ppt-server";
+    default:
+      return "unit";
+  }
+}
+
+void Maker::note_verdict(bool has_failed) {
+  succeed();
+  if (has_failed) {
+    last_failure_ = owner_of(in_step_);
+    if (first_failure_.empty()) first_failure_ = last_failure_;
+    since_success_ = Problem::kFailure;
+  }
+  in_step_ = Problem::kNone;
+}
+
+// Of a run that is ended without a final verdict.
+std::string Maker::owner_of_end() const {
+  if (!unit_was_heard_) return link_is_right_ ? "unknown" : "station";
+  if (since_success_ == Problem::kNone) return "operator";
+  return since_success_ == Problem::kFailure ? last_failure_ : owner_of(since_success_);
 }
 
 std::string made_scenario(std::uint64_t seed) {

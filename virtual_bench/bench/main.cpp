@@ -29,6 +29,8 @@
 #include "bench/record_file.h"
 #include "bench/run.h"
 #include "bench/scenario.h"
+#include "explanation/text.h"
+#include "picture/picture.h"
 #include "record/run_entry.h"
 #include "stage/network_namespace.h"
 
@@ -107,18 +109,40 @@ class RunFolder {
   std::string path_;
 };
 
+explanation::Explanation explained(const std::string& record) {
+  story::Story story;
+  tell_record(record, &story);
+  return explanation::explain(story.reading());
+}
+
+std::string first_lines(const std::string& text, int count) {
+  std::size_t end = 0;
+  for (; count > 0 && end < text.size(); --count) end = text.find('\n', end) + 1;
+  return text.substr(0, end);
+}
+
 int play(const Call& call, const Scenario& scenario, const RunFolder& folder) {
   Run run(scenario, call.runs.station, folder.path());
-  const std::optional<std::string> wrong = run.play();
+  std::optional<std::string> wrong = run.play();
   const std::string file = folder.file(folder.name() + ".pcapng");
-  write_record(file, run.wire_record(),
-               run.entries(folder.name(), wrong.value_or(record::kAsTheScenarioSays)));
-  std::ofstream(folder.file(folder.name() + ".svg")) << drawn_record(file);
+  const auto write = [&] {
+    write_record(file, run.wire_record(),
+                 run.entries(folder.name(), wrong.value_or(record::kAsTheScenarioSays)));
+  };
+  write();
+  const explanation::Explanation told = explained(file);
+  if (!wrong) {
+    wrong = run.wrong_in(told);
+    if (wrong) write();
+  }
+  story::Story story;
+  tell_record(file, &story);
+  std::ofstream(folder.file(folder.name() + ".svg")) << picture::picture_of(story.reading());
   if (call.is_made()) folder.hand_over(".run");
   std::cout << run.verdict() << '\n'
-            << folder.name() << (wrong ? " did not go" : " went")
-            << " as the scenario says: " << folder.hand_over(".svg") << ", " << folder.hand_over(".pcapng")
-            << std::endl;
+            << first_lines(explanation::text_of(told, folder.name()), 2) << folder.name()
+            << (wrong ? " did not go" : " went") << " as the scenario says: " << folder.hand_over(".svg")
+            << ", " << folder.hand_over(".pcapng") << std::endl;
   return wrong ? kOtherwise : kAsExpected;
 }
 

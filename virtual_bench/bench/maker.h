@@ -28,6 +28,19 @@ class Maker {
   };
   static const std::vector<Act> kActs;
   static const std::vector<Ending> kEndings;
+  // What can be to blame for a failure or for a run without an end; of several, the first.
+  enum class Problem {
+    kTool,
+    kTooEarly,
+    kMissingFile,
+    kGivenUp,
+    kDeath,
+    kFailure,
+    kPpt,
+    kMac,
+    kEmptyFile,
+    kNone
+  };
   enum class Ppt { kAnswers, kAnswersError, kSilent, kRefuses };
 
   struct File {
@@ -49,6 +62,7 @@ class Maker {
   void prepare_board();
   void start();
   void start_at_a_wrong_address();
+  void start_without_the_port();
   void act();
 
   // When it can.
@@ -68,6 +82,7 @@ class Maker {
   void hear_again();
   void read_file();
   void read_missing_file();
+  void give_up_reading();
   void begin_reading(const File& file);
   void begin_long_reading();
   void read_beside_commands();
@@ -99,6 +114,7 @@ class Maker {
   void end_by_termination() { end_by("SIGTERM", 15); }
   void end_by_kill();
   void end_by_short_verdict();
+  void end_by_hanging_tool();
 
   // For a step that passes, fails, or is the last: the name; what the unit does; what follows.
   std::string verdict_name(const std::string& outcome);
@@ -108,7 +124,16 @@ class Maker {
   void give_final_verdict(const std::string& name);
   void end_by(const std::string& signal, int status);
   void expect_shut_down();
+
+  // Whose fault it will be.
+  void meet(Problem problem);
+  void succeed();
+  void succeed_in_reading(const File& file);
+  void note_verdict(bool has_failed);
+  static std::string owner_of(Problem problem);
+  std::string owner_of_end() const;
   void expect_of_board();
+  void mark();
   void calm_wire_for_verdict();
   bool forwarding_takes_time() const { return ppt_ == Ppt::kSilent || ppt_ == Ppt::kRefuses; }
 
@@ -146,6 +171,13 @@ class Maker {
   bool board_was_called_ = false;
   bool is_marked_failed_ = false;
   int datagrams_ = 0;
+  bool has_envtool_ = true;
+  bool script_reads_more_ = false;
+  bool unit_was_heard_ = false;
+  Problem in_step_ = Problem::kNone;          // since the verdict before
+  Problem since_success_ = Problem::kNone;    // of the unit
+  std::string fault_;                         // whose it is
+  std::string first_failure_, last_failure_;  // whose fault these were
 };
 
 #endif

@@ -1,6 +1,14 @@
 #include "bench/network.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "sockets/sockets.h"
 
 namespace {
 
@@ -41,4 +49,18 @@ void Network::move_ppt_server(const std::string& address) {
   ip(ppt_server, "address delete " + ppt_server_address_ + "/24 dev ppt0");
   ip(ppt_server, "address add " + address + "/24 dev ppt0");
   ppt_server_address_ = address;
+}
+
+TakenPort::TakenPort(const NetworkNamespace& place, int port) {
+  const ScopedNamespace inside(place);
+  socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in all = ipv4_address(INADDR_ANY, port);
+  if (socket_ >= 0 && bind(socket_, as_sockaddr(&all), sizeof all) == 0) return;
+  const std::string reason = std::strerror(errno);
+  close(socket_);
+  throw std::runtime_error("port " + std::to_string(port) + ": " + reason);
+}
+
+TakenPort::~TakenPort() {
+  close(socket_);
 }

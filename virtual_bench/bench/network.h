@@ -33,4 +33,16 @@ class Network {
   std::string ppt_server_address_;
 };
 
+// A UDP port of a machine's that something else has, while it lives. Throws std::runtime_error.
+class TakenPort {
+ public:
+  TakenPort(const NetworkNamespace& place, int port);
+  ~TakenPort();
+  TakenPort(const TakenPort&) = delete;
+  TakenPort& operator=(const TakenPort&) = delete;
+
+ private:
+  int socket_;
+};
+
 #endif

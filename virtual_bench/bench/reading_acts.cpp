@@ -77,17 +77,26 @@ std::string Maker::options_for(const File& file) {
 void Maker::read_file() {
   const File& file = readable_file();
   say("unit reads " + file.name + options_for(file) + tries());
+  succeed_in_reading(file);
   say_of_station("RRQ " + file.name);
   if (loss_ > 0) seconds_ += kLostBlockSeconds / 2;
 }
 
 void Maker::read_missing_file() {
   say("unit cannot read missing.img");
+  meet(Problem::kMissingFile);
   if (loss_ == 0) say_of_station("RRQ missing.img");
+}
+
+void Maker::give_up_reading() {
+  say("unit gives up kernel.img blksize " + number(block_for(files_.back())));
+  meet(Problem::kGivenUp);
+  say_of_station("RRQ kernel.img");
 }
 
 void Maker::begin_reading(const File& file) {
   say("unit begins reading " + file.name + options_for(file));
+  succeed_in_reading(file);
   say_of_station("RRQ " + file.name);
 }
 
@@ -95,6 +104,7 @@ void Maker::begin_reading(const File& file) {
 void Maker::begin_long_reading() {
   const File& file = files_.back();
   say("unit begins reading " + file.name + " blksize " + number(file.bytes / chance_.between(26, 36)));
+  succeed_in_reading(file);
   say_of_station("RRQ " + file.name);
 }
 
@@ -110,6 +120,7 @@ void Maker::read_beside_commands() {
 void Maker::die_and_come_back() {
   if (delay_ < kLongestDelay) delay_by(kLongestDelay);
   say("unit reads kernel.img blksize 1428 dies after " + number(chance_.between(1, 16000)) + " bytes");
+  meet(Problem::kDeath);
   say_of_station("RRQ kernel.img");
   if (chance_.one_in(2)) say("bench waits 1 s");
   if (chance_.one_in(2)) mend_wire();
@@ -131,6 +142,7 @@ void Maker::pull_the_cable() {
     const File& file = readable_file();
     say("wire is cut for " + time);
     say("unit reads " + file.name + options_for(file) + " tries 9 within 40 s");
+    succeed_in_reading(file);
     say_of_station("RRQ " + file.name);
   }
   seconds_ += kLostBlockSeconds;

@@ -7,10 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "picture/picture.h"
 #include "record/reader.h"
 #include "record/writer.h"
-#include "story/story.h"
 #include "wire/wire_record.h"
 
 namespace {
@@ -68,11 +66,9 @@ void write_record(const std::string& path, const std::string& wire_record,
     throw std::runtime_error("expected a file that can be written: " + path + ": " + std::strerror(errno));
 }
 
-std::string drawn_record(const std::string& path) {
+void tell_record(const std::string& path, story::Story* story) {
   std::ifstream file(path, std::ios::binary);
   record::Reader reader(file);
-  story::Story story;
-  while (const auto item = reader.next()) story.take(*item);
-  story.finish(!reader.problem().empty());
-  return picture::picture_of(story.reading());
+  while (const auto item = reader.next()) story->take(*item);
+  story->finish(!reader.problem().empty());
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "record/item.h"
+#include "story/story.h"
 
 // Writes the record of a run (record/writer.h): the wire's frames, with what became of each as its comments, and
 // among them, in the order of time, what else is known of the run. wire_record: the file that the wire left, or one
@@ -12,7 +13,7 @@
 void write_record(const std::string& path, const std::string& wire_record,
                   std::vector<record::Entry> entries);
 
-// The picture of what such a file says, as an SVG document.
-std::string drawn_record(const std::string& path);
+// Tells what such a file says.
+void tell_record(const std::string& path, story::Story* story);
 
 #endif

@@ -92,6 +92,23 @@ std::string Run::verdict() const {
   return verdict;
 }
 
+void Run::expect_fault(const std::string& owner, const std::string& cause) {
+  fault_owner_ = owner;
+  fault_cause_ = cause;
+}
+
+std::optional<std::string> Run::wrong_in(const explanation::Explanation& told) const {
+  const explanation::Cause& cause = *told.fault.cause;
+  const bool is_right = fault_owner_.empty() || (fault_owner_ == name_of(cause.owner) &&
+                                                 (fault_cause_.empty() || fault_cause_ == cause.id));
+  if (is_right) return std::nullopt;
+  const std::string wrong = "fault is " + fault_owner_ + (fault_cause_.empty() ? "" : " by " + fault_cause_) +
+                            ": it is explained by " + std::string(name_of(cause.owner)) + " (" +
+                            std::string(cause.id) + ")";
+  timeline_.log("bench", "WRONG: " + wrong);
+  return wrong;
+}
+
 void Run::wait(double seconds) {
   until(seconds, [] { return false; });
 }

@@ -13,6 +13,7 @@
 #include "bench/scenario.h"
 #include "bench/station_options.h"
 #include "bench/timeline.h"
+#include "explanation/explanation.h"
 #include "ppt_server/ppt_server.h"
 #include "record/item.h"
 #include "stage/board.h"
@@ -53,6 +54,8 @@ class Run {
   // After play: all that is known of the run besides frames, as entries of its record. judged: whether it went as it
   // was to go.
   std::vector<record::Entry> entries(const std::string& name, const std::string& judged) const;
+  // After play: what the explanation of the run says otherwise than the scenario; nothing where it says the same.
+  std::optional<std::string> wrong_in(const explanation::Explanation& told) const;
   // After play: "the unit PASSED", "the unit FAILED" or "the unit gave no final verdict".
   std::string verdict() const;
 
@@ -68,6 +71,9 @@ class Run {
   void name_link(const std::string& name);
   void set_variable(const std::string& name, const std::string& value) const;
   void set_tool_status(int status) const;
+  void hold_tool() const;
+  void remove_tool(const std::string& name) const;
+  void take_port(int port);
   void expect_no_call() const;
   void expect_call(const std::string& command);
   void expect_variable(const std::string& name, const std::string& value);
@@ -87,8 +93,11 @@ class Run {
   void end_reading();
   void ask(const std::string& question, const std::string& reply);
   void ask_in_vain(const std::string& question);
+  void refuse_options(const std::string& name, int block_size);
   void send(const std::string& text);
   void wait(double seconds);
+  // cause: empty: whatever it is.
+  void expect_fault(const std::string& owner, const std::string& cause);
 
  private:
   struct TimedLine {
@@ -151,10 +160,12 @@ class Run {
   std::int64_t end_ = 0;            // of the run, in microseconds since the epoch
   std::vector<PptServer::Event> ppt_events_;
   std::size_t board_calls_shown_ = 0;
-  std::string script_;                // as the unit heard it
-  std::unique_ptr<Reading> reading_;  // that goes on
-  std::string reading_name_;          // of the last one
-  std::int64_t reading_since_ = 0;    // in microseconds since the epoch
+  std::string script_;                     // as the unit heard it
+  std::unique_ptr<Reading> reading_;       // that goes on
+  std::string fault_owner_, fault_cause_;  // that are expected; empty: any
+  std::unique_ptr<TakenPort> taken_port_;
+  std::string reading_name_;        // of the last one
+  std::int64_t reading_since_ = 0;  // in microseconds since the epoch
 };
 
 #endif

@@ -10,6 +10,8 @@
 #include <set>
 #include <sstream>
 
+#include "explanation/causes.h"
+
 namespace {
 
 const std::string kByteOrderMark = "\xEF\xBB\xBF";  // of UTF-8; some editors write it
@@ -30,7 +32,10 @@ const std::map<std::string, Range> kRanges = {
     {"SIZE", {0, 4294967296, false}},  // and in bytes no more than this either
     {"CODE", {0, 65535, true}},        // RFC 1350
     {"STATUS", {0, 255, true}},        // of a process
+    {"PORT", {1, 65535, true}},
 };
+const std::set<std::string> kOwners = {"none",  "unit",    "test-network", "ppt-server",
+                                       "board", "station", "operator",     "unknown"};
 const std::map<std::string, double> kUnits = {{"bytes", 1}, {"KiB", 1024}, {"MiB", 1024 * 1024}};
 const std::map<std::string, int> kSignals = {{"SIGINT", SIGINT}, {"SIGTERM", SIGTERM}, {"SIGKILL", SIGKILL}};
 
@@ -55,11 +60,18 @@ std::string described(const Range& range) {
   return text.str();
 }
 
+bool is_cause(const std::string& word) {
+  const auto& causes = explanation::causes();
+  return std::any_of(causes.begin(), causes.end(), [&word](const auto& cause) { return cause.id == word; });
+}
+
 bool fits(const std::string& wanted, const std::string& word) {
   if (!is_value(wanted)) return word == wanted;
   if (kFreeWords.count(wanted) != 0) return true;
   if (wanted == "UNIT") return kUnits.count(word) != 0;
   if (wanted == "SIGNAL") return kSignals.count(word) != 0;
+  if (wanted == "OWNER") return kOwners.count(word) != 0;
+  if (wanted == "CAUSE") return is_cause(word);
   return is_number(word, kRanges.at(wanted));
 }
 
@@ -67,6 +79,8 @@ std::string described(const std::string& wanted) {
   if (!is_value(wanted)) return '"' + wanted + '"';
   if (wanted == "UNIT") return "bytes, KiB or MiB";
   if (wanted == "SIGNAL") return "SIGINT, SIGTERM or SIGKILL";
+  if (wanted == "OWNER") return "none, unit, test-network, ppt-server, board, station, operator or unknown";
+  if (wanted == "CAUSE") return "a cause out of docs/causes.md";
   return kFreeWords.count(wanted) != 0 ? wanted : described(kRanges.at(wanted)) + " (" + wanted + ")";
 }
 

@@ -110,6 +110,21 @@ void Run::set_tool_status(int status) const {
   board_.ends_with(Board::kT1E1, status);
 }
 
+void Run::hold_tool() const {
+  board_.holds(Board::kT1E1);
+}
+
+void Run::remove_tool(const std::string& name) const {
+  for (const char* const tool : {Board::kEnvtool, Board::kVoice, Board::kT1E1}) {
+    if (name == tool) return board_.removes(name);
+  }
+  throw StepFailed("it has no such tool; expected envtool, /etc/init.d/voice or /mnt/ramdisk/t1-e1");
+}
+
+void Run::take_port(int port) {
+  taken_port_ = std::make_unique<TakenPort>(neighbours().network.station, port);
+}
+
 void Run::expect_no_call() const {
   const std::vector<std::string> calls = board_.calls();
   if (!calls.empty()) throw StepFailed("the board ran " + calls.front());

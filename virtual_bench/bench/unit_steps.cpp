@@ -218,6 +218,13 @@ void Run::ask_in_vain(const std::string& question) {
   if (answer.came) throw StepFailed("it was told " + answer.text);
 }
 
+void Run::refuse_options(const std::string& name, int block_size) {
+  timeline_.log("unit", "gives up " + name + " over its options");
+  if (!neighbours().unit.gives_up(Network::kStationIp, station_options_.tftp_port, name, block_size,
+                                  kPatienceSeconds))
+    throw StepFailed("no answer came");
+}
+
 Unit::Answer Run::answer_to(const std::string& question, double seconds) {
   timeline_.log("unit", "asks " + question);
   Unit::Answer answer =

@@ -7,6 +7,7 @@ namespace {
 
 constexpr int kForwardingSeconds = 5;  // that a verdict costs where the PPT server is silent
 constexpr char kFirstVerdict[] = "F_l_m_t_Bootstrap_loading";
+constexpr char kEmptyMac[] = "00:00:00:00:00:02";  // without a tempmac
 constexpr char kTag[] = "CPU_2_";
 constexpr std::size_t kTagAt = 8;
 constexpr const char* kTestNames[] = {"MEMORY", "FLASH", "LINE 1", "E1", "a", "Temperature_at_70"};
@@ -29,6 +30,7 @@ void Maker::boot() {
   say("unit obeys the boot script" + (forwarding_takes_time() ? " tries 3" : tries()));
   say_of_station("RRQ bootscript.txt");
   expect_of_verdict(kFirstVerdict);
+  if (script_reads_more_) succeed_in_reading(files_[1]);
 }
 
 void Maker::change_ppt() {
@@ -84,9 +86,10 @@ void Maker::give_verdict(const std::string& name) {
 void Maker::expect_of_verdict(const std::string& name) {
   say_of_station("Cmd received: " + name);
   if (holds(name, "TEST_FAILED")) {
-    is_marked_failed_ = board_was_called_ = true;
-    say("board ran \"envtool ppt_flag=failed\"");
+    mark();
   }
+  note_verdict(holds(name, "TEST_FAILED"));
+  if (forwarding_takes_time()) meet(Problem::kPpt);
   say((ppt_ == Ppt::kRefuses ? "ppt has not heard " : "ppt hears ") + quoted(tagged(name)));
   if (ppt_ == Ppt::kAnswersError) {
     say_of_station("Error! Error code: " + number(error_->code));
@@ -123,6 +126,9 @@ void Maker::ask_mac() {
   const std::string around = chance_.one_in(5) ? "please " : "";
   say("unit asks " + quoted(around + "ZIRN_ASKS_FOR_HIS_MAC") + " expects " + mac_);
   say_of_station("Assigned MAC is " + mac_);
+  succeed();
+  if (!has_envtool_ || mac_ == kEmptyMac) meet(Problem::kMac);
+  if (!has_envtool_) return;
   say("board ran \"envtool show tempmac\"");
   board_was_called_ = true;
 }
@@ -142,6 +148,8 @@ void Maker::ask_pmc() {
     question += ":" + number(asked) + (chance_.one_in(4) ? ":5" : "");
   }
   say("unit asks " + question + " expects " + (tool_status_ == 0 ? "FAIL" : "READY"));
+  succeed();
+  if (tool_status_ == 0) meet(Problem::kTool);
   if (holds(question, ":")) say_of_station("Mode detected: " + number(mode));
   if (!voice_has_started_) {
     say("board ran \"/etc/init.d/voice stop\"");
@@ -155,10 +163,12 @@ void Maker::ask_echo() {
   constexpr const char* kTexts[] = {"hello", "DO_PMC", "ZIRN_ASKS_FOR_HIS_", "one two  three", ":"};
   const std::string text = chance_.one_of(kTexts);
   say("unit asks " + quoted(text) + " expects " + quoted(text));
+  succeed();
 }
 
 void Maker::ask_in_vain() {
   say("unit asks ZIRN_ASKS_FOR_HIS_MAC in vain");
+  meet(verdicts_ == 0 ? Problem::kTooEarly : Problem::kPpt);
   seconds_ += 3;
 }
 
@@ -167,6 +177,7 @@ void Maker::relay() {
   if (datagrams_ == 0 && verdicts_ == 0) say("bench waits 0.5 s");
   const std::string text = "line " + number(++datagrams_) + " is up";
   say("unit sends " + quoted(text));
+  succeed();
   if (ppt_ != Ppt::kRefuses) say("ppt receives " + quoted(text));
 }
 
@@ -180,27 +191,50 @@ void Maker::give_final_verdict(const std::string& name) {
   say("ppt has not heard " + quoted(name));
   say("ppt has not heard " + quoted(tagged(name)));
   if (holds(name, "PPT_FAILED")) {
-    is_marked_failed_ = board_was_called_ = true;
-    say("board ran \"envtool ppt_flag=failed\"");
+    mark();
   }
+  const bool has_failed = holds(name, "PPT_FAILED");
+  note_verdict(has_failed || holds(name, "TEST_FAILED"));
+  fault_ = has_failed ? first_failure_ : "none";
+}
+
+void Maker::mark() {
+  if (!has_envtool_) return;
+  is_marked_failed_ = board_was_called_ = true;
+  say("board ran \"envtool ppt_flag=failed\"");
 }
 
 void Maker::end_by(const std::string& signal, int status) {
+  fault_ = owner_of_end();
   say("station gets " + signal);
   say("station exits " + number(status));
   expect_shut_down();
 }
 
 void Maker::end_by_kill() {
+  if (fault_.empty()) fault_ = owner_of_end();
   say("station gets SIGKILL");
   say("station exits 137");
 }
 
 void Maker::end_by_short_verdict() {
   if (loss_ > 0) mend_wire();
+  fault_ = "unit";
   say("unit reads F_l_m_1");
   say("station exits 134");
   say_of_station("Cmd received: F_l_m_1");
+}
+
+void Maker::end_by_hanging_tool() {
+  if (!commands_are_served_) return end_by_kill();
+  mend_wire();
+  say("board tool hangs");
+  say("unit asks DO_PMC_INIT:1 in vain");
+  say_of_station("Mode detected: 1");
+  board_was_called_ = true;
+  say("bench waits 8 s");
+  fault_ = "board";
+  end_by_kill();
 }
 
 void Maker::expect_shut_down() {

@@ -22,6 +22,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kLongestText = 65536;  // bytes
 constexpr double kBetweenConnectionsSeconds = 0.1;
+constexpr int kRequestBytes = 1024;
+constexpr int kOptionsRefused = 8;  // RFC 2347
 
 sockaddr_in address_of(const std::string& ip, int port) {
   return ipv4_address(inet_addr(ip.c_str()), port);
@@ -114,6 +116,29 @@ bool Unit::send(const std::string& server, int port, const std::string& text) co
   sockaddr_in there = address_of(server, port);
   return sendto(socket.descriptor(), text.data(), text.size(), 0, as_sockaddr(&there), sizeof there) ==
          static_cast<ssize_t>(text.size());
+}
+
+bool Unit::gives_up(const std::string& server, int port, const std::string& name, int block_size,
+                    double seconds) const {
+  const Socket socket(place_, SOCK_DGRAM);
+  sockaddr_in there = address_of(server, port);
+  TFTP_Packet packet;
+  const auto send_packet = [&] {
+    sendto(socket.descriptor(), packet.getData(0), static_cast<std::size_t>(packet.sendableSize()), 0,
+           as_sockaddr(&there), sizeof there);
+  };
+  packet.reSize(kRequestBytes);
+  packet.createRRQ(name, {TFTP_Packet::kBlockSizeOption}, {std::to_string(block_size)});
+  send_packet();
+  std::array<char, kLongestText> answer;
+  socklen_t size = sizeof there;
+  const auto has_come = [&] {
+    return recvfrom(socket.descriptor(), answer.data(), answer.size(), 0, as_sockaddr(&there), &size) >= 0;
+  };
+  if (!wait_until_(seconds, has_come)) return false;
+  packet.createError(kOptionsRefused, "no room");
+  send_packet();
+  return true;
 }
 
 Unit::Answer Unit::ask(const std::string& server, int port, const std::string& question,

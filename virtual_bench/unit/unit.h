@@ -44,6 +44,10 @@ class Unit {
   // Sends a datagram. Whether it could be sent.
   bool send(const std::string& server, int port, const std::string& text) const;
 
+  // Asks for a file with blocks of so many bytes, and gives it up with an ERROR when the answer comes. Whether one came.
+  bool gives_up(const std::string& server, int port, const std::string& name, int block_size,
+                double seconds) const;
+
   struct Answer {
     bool came;
     std::string text;  // the answer, or why none came

@@ -35,7 +35,7 @@ bool is_empty_answer(const Transfer& transfer) {
 bool has_come_to_its_end(const Transfer& transfer) {
   if (transfer.end == Transfer::End::kFinished) return true;
   // It had everything, and only its last ACK is not there.
-  return transfer.is_last_sent && transfer.end == Transfer::End::kAbandoned &&
+  return transfer.is_last_sent && transfer.end != Transfer::End::kError &&
          transfer.acknowledged_blocks + 1 >= transfer.blocks;
 }
 
@@ -146,6 +146,7 @@ void Case::take_successes() {
     if (transfer.server == kStation && transfer.requests > 0) requested_.insert(transfer.name);
     if (!is_read_of_file(transfer) || !has_come_to_its_end(transfer)) continue;
     read_at[transfer.name] = std::max(read_at[transfer.name], transfer.from);
+    last_read = std::max(last_read, transfer.from);
     if (transfer.bytes > 0) succeed(transfer.from);
   }
   for (const story::Connection& connection : reading.connections) {
@@ -176,6 +177,18 @@ bool Case::is_ppt_known(const Verdict& verdict) const {
       return true;
   }
   return false;
+}
+
+bool Case::waits_for_ppt(Nanoseconds when) const {
+  constexpr Nanoseconds kLongest = 6 * kSecond;
+  const auto by_time = [](const Verdict& verdict, Nanoseconds time) { return verdict.at < time; };
+  const auto first = std::lower_bound(verdicts.begin(), verdicts.end(), when - kLongest, by_time);
+  const auto last = std::lower_bound(first, verdicts.end(), when, by_time);
+  return std::any_of(first, last, [this](const Verdict& verdict) {
+    if (verdict.place == kNone) return false;
+    const story::PassedOn passed = story::passed_on(reading, reading.verdicts[verdict.place]);
+    return passed == story::PassedOn::kSilent || passed == story::PassedOn::kClosedPort;
+  });
 }
 
 bool Case::is_asked_in(const Line& line) const {

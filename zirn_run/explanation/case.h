@@ -49,6 +49,7 @@ struct Case {
   std::vector<const story::Step*> cuts;  // of the cable
   std::vector<Finding> findings;
   bool is_a_run = false;                          // of a station
+  Nanoseconds last_read = 0;                      // that came to its end, also of an empty file
   bool has_unit = false;                          // one was heard
   Nanoseconds last_success = 0;                   // of the unit
   std::map<std::size_t, Nanoseconds> last_heard;  // parties, when they last began something
@@ -63,6 +64,8 @@ struct Case {
 
   // Whether a transfer is of a file by a unit.
   bool is_read_of_file(const story::Transfer& transfer) const;
+  // Whether the station was waiting then for a PPT server that did not answer.
+  bool waits_for_ppt(Nanoseconds when) const;
   // Whether the frames show what the line says of a request or of a command.
   bool is_asked_in(const Line& line) const;
   // Whether what the unit said to the station, or the other way, is not in the record.

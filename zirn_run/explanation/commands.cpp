@@ -45,10 +45,9 @@ const Finding* why_no_port(const Case& c) {
 void find_refused_at(Nanoseconds when, const Connection& connection, const std::optional<Finding>& why,
                      Case* c) {
   const bool has_verdict = !c->verdicts.empty() && c->verdicts.front().at <= when;
-  const bool is_known = why && why->at <= when;
-  const std::string_view id = is_known      ? why->cause->id
-                              : has_verdict ? "command.refused"
-                                            : "command.too-early";
+  const bool is_early = !has_verdict && !(why && why->at <= when);
+  if (!is_early && !why && c->waits_for_ppt(when)) return;  // which has a cause of its own
+  const std::string_view id = is_early ? "command.too-early" : why ? why->cause->id : "command.refused";
   c->find(id, when, "the unit's connection to the command port" + at(*c, when) + " was refused",
           seen(connection.frames));
 }
@@ -89,7 +88,8 @@ bool was_another_open(const Connection& connection, const Text& question, const 
 }
 
 void find_no_reply(const Connection& connection, const Text& question, Case* c) {
-  const Nanoseconds until = connection.ended.value_or(c->reading.last);
+  const bool station_ended_it = connection.ended && connection.ended_by == kStation;
+  const Nanoseconds until = station_ended_it ? *connection.ended : c->reading.last;
   const bool is_command =
       contains(question.said.text, kAsksForMac) || contains(question.said.text, kInitializesPmc);
   const std::string told = "the unit asked " + frames::quoted(question.said.text) + at(*c, question.at) +

@@ -1,4 +1,6 @@
 // What the test network did to frames.
+#include <algorithm>
+
 #include "explanation/case.h"
 #include "frames/words.h"
 
@@ -55,7 +57,7 @@ void find_inferred(Case* c) {
 
 void find_cuts(Case* c) {
   for (const Step* cut : c->cuts) {
-    const bool came_no_further = c->last_success <= cut->from;
+    const bool came_no_further = std::max(c->last_success, c->last_read) <= cut->from;
     c->find("net.cable-out", cut->from,
             "the cable was out for " + seconds(cut->until - cut->from) + at(*c, cut->from),
             seen({}, cut->lines), came_no_further);

@@ -92,20 +92,6 @@ void find_silence(const Transfer& transfer, const std::string& told, Case* c) {
   }
 }
 
-// Whether the station was waiting for the PPT server then, which has a cause of its own.
-bool is_station_waiting(const Transfer& transfer, const Case& c) {
-  constexpr Nanoseconds kLongest = 6 * kSecond;
-  const auto by_time = [](const Case::Verdict& verdict, Nanoseconds when) { return verdict.at < when; };
-  const auto first =
-      std::lower_bound(c.verdicts.begin(), c.verdicts.end(), transfer.from - kLongest, by_time);
-  const auto last = std::lower_bound(first, c.verdicts.end(), transfer.from, by_time);
-  return std::any_of(first, last, [&c](const Case::Verdict& verdict) {
-    if (verdict.place == kNone) return false;
-    const auto passed = story::passed_on(c.reading, c.reading.verdicts[verdict.place]);
-    return passed == story::PassedOn::kSilent || passed == story::PassedOn::kClosedPort;
-  });
-}
-
 void find_of(const Transfer& transfer, Case* c) {
   const std::string name = of(transfer);
   if (transfer.end == End::kError) {
@@ -124,7 +110,7 @@ void find_of(const Transfer& transfer, Case* c) {
                      " that began" + at(*c, transfer.from) + ", after " +
                      frames::counted(transfer.acknowledged_blocks, "block"),
                  c);
-  } else if (transfer.end == End::kUnanswered && !is_station_waiting(transfer, *c)) {
+  } else if (transfer.end == End::kUnanswered && !c->waits_for_ppt(transfer.from)) {
     find_silence(transfer,
                  "the unit asked for " + name + " " + frames::counted(transfer.requests, "time") + " from " +
                      moment(*c, transfer.from) + " on, and got no answer",
