@@ -388,6 +388,18 @@ INSTANTIATE_TEST_SUITE_P(OfTheStation, Connections,
                                          ConnectLine{"Network is unreachable", "station ppt.no-route"},
                                          ConnectLine{"Bad address", "unknown ppt.not-connected"}));
 
+// The port that such an attempt leaves behind takes connections, and nobody serves them.
+TEST_F(Causes, ACommandPortThatNobodyServes) {
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  line("ERROR on connect() to 172.30.0.254:12345. Connection refused");
+  line("Error: Failed to initialize receiver");
+  reads("kernel.img");
+  asks("ZIRN_ASKS_FOR_HIS_MAC", "", 20000);
+  ends(15);
+  EXPECT_EQ(fault(), "ppt-server ppt.refused");
+}
+
 TEST_F(Causes, ATakenCommandPort) {
   begins();
   gives("F_l_m_t_Bootstrap_loading");

@@ -81,6 +81,7 @@ class Maker {
   void boot();
   void hear_again();
   void read_file();
+  void read_file(const File& file);
   void read_missing_file();
   void give_up_reading();
   void begin_reading(const File& file);
@@ -123,6 +124,7 @@ class Maker {
   void expect_of_first_verdict();
   void give_final_verdict(const std::string& name);
   void end_by(const std::string& signal, int status);
+  void wait_for_ppt();
   void expect_shut_down();
 
   // Whose fault it will be.

@@ -75,7 +75,10 @@ std::string Maker::options_for(const File& file) {
 }
 
 void Maker::read_file() {
-  const File& file = readable_file();
+  read_file(readable_file());
+}
+
+void Maker::read_file(const File& file) {
   say("unit reads " + file.name + options_for(file) + tries());
   succeed_in_reading(file);
   say_of_station("RRQ " + file.name);
@@ -120,12 +123,15 @@ void Maker::read_beside_commands() {
 void Maker::die_and_come_back() {
   if (delay_ < kLongestDelay) delay_by(kLongestDelay);
   say("unit reads kernel.img blksize 1428 dies after " + number(chance_.between(1, 16000)) + " bytes");
+  const Problem before = in_step_;
   meet(Problem::kDeath);
   say_of_station("RRQ kernel.img");
   if (chance_.one_in(2)) say("bench waits 1 s");
   if (chance_.one_in(2)) mend_wire();
   if (script_is_sent()) say("unit hears the boot script");
-  read_file();
+  const File& next = readable_file();
+  read_file(next);
+  if (next.name == "kernel.img") in_step_ = before;  // it made up for it
   seconds_ += 2;
 }
 

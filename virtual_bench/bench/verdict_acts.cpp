@@ -206,13 +206,20 @@ void Maker::mark() {
 
 void Maker::end_by(const std::string& signal, int status) {
   fault_ = owner_of_end();
+  wait_for_ppt();
   say("station gets " + signal);
   say("station exits " + number(status));
   expect_shut_down();
 }
 
+// That it was silent shows when the station has given it up.
+void Maker::wait_for_ppt() {
+  if (since_success_ == Problem::kPpt) say("bench waits 3 s");
+}
+
 void Maker::end_by_kill() {
   if (fault_.empty()) fault_ = owner_of_end();
+  wait_for_ppt();
   say("station gets SIGKILL");
   say("station exits 137");
 }

@@ -146,7 +146,7 @@ void Case::take_successes() {
     if (transfer.server == kStation && transfer.requests > 0) requested_.insert(transfer.name);
     if (!is_read_of_file(transfer) || !has_come_to_its_end(transfer)) continue;
     read_at[transfer.name] = std::max(read_at[transfer.name], transfer.from);
-    last_read = std::max(last_read, transfer.from);
+    last_read = std::max(last_read, transfer.data_until);
     if (transfer.bytes > 0) succeed(transfer.from);
   }
   for (const story::Connection& connection : reading.connections) {
@@ -196,7 +196,9 @@ bool Case::is_asked_in(const Line& line) const {
   const std::string_view text = line.printed->text;
   if (text == kRequestLine || text == kVerdictLine)
     return requested_.count(values_in(*line.printed, line.text).front()) != 0;
-  return (text != kModeLine && text != kMacLine) || !reading.connections.empty();
+  if (text != kModeLine && text != kMacLine) return true;
+  return std::any_of(reading.connections.begin(), reading.connections.end(),
+                     [](const auto& connection) { return connection.server == kStation; });
 }
 
 bool Case::lacks_a_side() const {
@@ -209,17 +211,37 @@ bool Case::lacks_a_side() const {
   return is_asked && !is_answered;
 }
 
-bool Case::is_all_seen(Nanoseconds from, Nanoseconds until) const {
-  const auto is_within = [&](Nanoseconds when) { return when >= from && when <= until; };
+bool Case::sees_test_network() const {
+  const auto is_at_station = [](const auto& thread) { return thread.server == kStation; };
+  return reading.boot_script ||
+         std::any_of(reading.transfers.begin(), reading.transfers.end(), is_at_station) ||
+         std::any_of(reading.connections.begin(), reading.connections.end(), is_at_station);
+}
+
+bool Case::sees_unit(Nanoseconds from, Nanoseconds until) const {
   const bool has_dropped = std::any_of(reading.networks.begin(), reading.networks.end(),
                                        [](const auto& network) { return network.dropped.value_or(0) > 0; });
-  const bool is_asked = std::all_of(
-      lines.begin(), lines.end(), [&](const Line& line) { return !is_within(line.at) || is_asked_in(line); });
-  const bool is_ppt_seen = std::all_of(verdicts.begin(), verdicts.end(), [&](const Verdict& verdict) {
-    return !is_within(verdict.at) || verdict.at == until || is_ppt_known(verdict);
+  const bool is_asked = std::all_of(lines.begin(), lines.end(), [&](const Line& line) {
+    return line.at < from || line.at > until || is_asked_in(line);
   });
-  return reading.has_frames && reading.left_out == 0 && !has_dropped && !lacks_a_side() && is_asked &&
-         is_ppt_seen;
+  return sees_test_network() && reading.left_out == 0 && !has_dropped && !lacks_a_side() && is_asked;
+}
+
+// The shell's complaint about a missing tool stands in the lines alone.
+bool Case::has_run_tool_unseen(Nanoseconds from, Nanoseconds until) const {
+  if (!lines.empty()) return false;
+  return std::any_of(reading.connections.begin(), reading.connections.end(), [&](const auto& connection) {
+    return std::any_of(connection.texts.begin(), connection.texts.end(), [&](const auto& text) {
+      return text.at >= from && text.at <= until && text.said.text.find("DO_PMC_INIT") != std::string::npos;
+    });
+  });
+}
+
+bool Case::is_all_seen(Nanoseconds from, Nanoseconds until) const {
+  const bool is_ppt_seen = std::all_of(verdicts.begin(), verdicts.end(), [&](const Verdict& verdict) {
+    return verdict.at < from || verdict.at >= until || is_ppt_known(verdict);
+  });
+  return is_ppt_seen && sees_unit(from, until) && !has_run_tool_unseen(from, until);
 }
 
 std::string seconds(Nanoseconds time) {

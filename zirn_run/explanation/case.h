@@ -70,6 +70,9 @@ struct Case {
   bool is_asked_in(const Line& line) const;
   // Whether what the unit said to the station, or the other way, is not in the record.
   bool lacks_a_side() const;
+  bool sees_test_network() const;
+  // Whether all that the unit and the station said to each other from then until then is in the record.
+  bool sees_unit(Nanoseconds from, Nanoseconds until) const;
   // Whether all that the unit and the station said to each other from then until then is in the record, and what
   // became of the verdicts of that time.
   bool is_all_seen(Nanoseconds from, Nanoseconds until) const;
@@ -79,6 +82,7 @@ struct Case {
   void take_verdicts();
   bool was_taken(const story::Verdict& verdict) const;
   void take_successes();
+  bool has_run_tool_unseen(Nanoseconds from, Nanoseconds until) const;
   bool is_ppt_known(const Verdict& verdict) const;
 
   std::set<std::string_view> requested_;  // names

@@ -41,6 +41,22 @@ std::string_view words_for(Owner owner) {
   return of(owner).words;
 }
 
+std::string_view name_of(Weight weight) {
+  switch (weight) {
+    case Weight::kDecides:
+      return "decides";
+    case Weight::kExplains:
+      return "explains";
+    case Weight::kEnds:
+      return "ends";
+    case Weight::kAlso:
+      return "also";
+    case Weight::kNoFault:
+      break;
+  }
+  return "no-fault";
+}
+
 const std::vector<Cause>& causes() {
   using O = Owner;
   using W = Weight;

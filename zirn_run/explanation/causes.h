@@ -22,6 +22,9 @@ enum class Weight {
   kNoFault,   // what is left where no cause of another weight was found
 };
 
+// "decides", "explains", "ends", "also" or "no-fault".
+std::string_view name_of(Weight weight);
+
 struct Cause {
   std::string_view id;  // stays the same for good
   Owner owner;

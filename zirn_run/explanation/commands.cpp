@@ -27,6 +27,8 @@ constexpr std::string_view kWhyNoPort[] = {"ppt.refused",        "ppt.dropped", 
                                            "ppt.no-route",       "ppt.not-connected", "command.port-in-use",
                                            "command.no-address", "command.no-port",   "command.port-closed"};
 
+using Why = std::optional<Finding>;  // there is no command port
+
 bool contains(const std::string& text, const char* part) {
   return text.find(part) != std::string::npos;
 }
@@ -42,8 +44,7 @@ const Finding* why_no_port(const Case& c) {
   return first;
 }
 
-void find_refused_at(Nanoseconds when, const Connection& connection, const std::optional<Finding>& why,
-                     Case* c) {
+void find_refused_at(Nanoseconds when, const Connection& connection, const Why& why, Case* c) {
   const bool has_verdict = !c->verdicts.empty() && c->verdicts.front().at <= when;
   const bool is_early = !has_verdict && !(why && why->at <= when);
   if (!is_early && !why && c->waits_for_ppt(when)) return;  // which has a cause of its own
@@ -53,7 +54,7 @@ void find_refused_at(Nanoseconds when, const Connection& connection, const std::
 }
 
 // Several attempts are one connection.
-void find_refused(const Connection& connection, const std::optional<Finding>& why, Case* c) {
+void find_refused(const Connection& connection, const Why& why, Case* c) {
   find_refused_at(connection.from, connection, why, c);
   if (connection.attempts > 1) find_refused_at(connection.until, connection, why, c);
 }
@@ -87,28 +88,40 @@ bool was_another_open(const Connection& connection, const Text& question, const 
   });
 }
 
-void find_no_reply(const Connection& connection, const Text& question, Case* c) {
+bool are_commands_served(const Case& c) {
+  if (c.has_line("Message receiver initialized. IP: <ADDRESS> Port=<PORT>") || c.has_line("Mode detected: <NUMBER>"))
+    return true;
+  const auto& all = c.reading.connections;
+  return std::any_of(all.begin(), all.end(), [](const Connection& connection) {
+    return connection.client == kStation ? connection.opened.has_value() : connection.bytes_from_server > 0;
+  });
+}
+
+// A port that is not served takes connections all the same.
+void find_no_reply(const Connection& connection, const Text& question, const Why& why, Case* c) {
   const bool station_ended_it = connection.ended && connection.ended_by == kStation;
   const Nanoseconds until = station_ended_it ? *connection.ended : c->reading.last;
   const bool is_command =
       contains(question.said.text, kAsksForMac) || contains(question.said.text, kInitializesPmc);
   const std::string told = "the unit asked " + frames::quoted(question.said.text) + at(*c, question.at) +
                            " and had no answer for " + seconds(until - question.at);
-  if (was_another_open(connection, question, *c)) {
+  if (why && why->at <= until) {
+    c->find(why->cause->id, question.at, told, seen(question.frames));
+  } else if (was_another_open(connection, question, *c)) {
     c->find("command.second", question.at, told + "; another connection was open", seen(question.frames));
-  } else if (is_command && connection.opened && until - question.at >= kHangs) {
+  } else if (is_command && connection.opened && until - question.at >= kHangs && are_commands_served(*c)) {
     c->find("board.tool-hangs", question.at, told, inferred(question.frames));
   }
 }
 
-void find_in_texts(const Connection& connection, Case* c) {
+void find_in_texts(const Connection& connection, const Why& why, Case* c) {
   const std::vector<Text>& texts = connection.texts;
   for (std::size_t i = 0; i < texts.size(); ++i) {
     if (!texts[i].is_from_client) continue;
     if (i + 1 < texts.size() && !texts[i + 1].is_from_client) {
       find_reply(texts[i], texts[i + 1], c);
     } else if (i + 1 == texts.size() && connection.text_count == texts.size()) {
-      find_no_reply(connection, texts[i], c);
+      find_no_reply(connection, texts[i], why, c);
     }
   }
 }
@@ -139,12 +152,12 @@ void find_calls(Case* c) {
 
 void find_commands(Case* c) {
   const Finding* const first = why_no_port(*c);
-  const std::optional<Finding> why = first == nullptr ? std::nullopt : std::optional(*first);
+  const Why why = first == nullptr ? std::nullopt : std::optional(*first);
   for (const Connection& connection : c->reading.connections) {
     if (connection.server != kStation || connection.client == kStation) continue;
     if (connection.server_port != c->reading.message_port) continue;
     if (connection.state == State::kRefused) find_refused(connection, why, c);
-    find_in_texts(connection, c);
+    find_in_texts(connection, why, c);
     find_held_open(connection, c);
   }
   find_calls(c);

@@ -95,10 +95,10 @@ Claim blame(const Case& c, const Case::Verdict& failure) {
     if (verdict.at < failure.at) before = verdict.at;
   }
   const Cause* const better = first_found(c, Weight::kExplains, [&](const Finding& finding) {
-    return finding.cause->id != kUnitFailed && finding.at >= before && finding.at <= failure.at;
+    return finding.cause->id != kUnitFailed && finding.at >= before && finding.at < failure.at;
   });
-  if (better != nullptr) return claim_of(*better, c);
-  if (c.is_all_seen(before, failure.at)) return claim_of(cause(kUnitFailed), c);
+  if (better != nullptr && c.sees_unit(before, failure.at)) return claim_of(*better, c);
+  if (better == nullptr && c.is_all_seen(before, failure.at)) return claim_of(cause(kUnitFailed), c);
   return claim_of("verdict.unexplained",
                   {"the unit gave " + frames::printable(failure.name) + at(c, failure.at), failure.evidence});
 }
@@ -108,15 +108,24 @@ Claim fault_of_failure(const Case& c) {
                                 [](const Case::Verdict& verdict) { return is_failure(verdict.says); }));
 }
 
+// What kept the unit from coming further; null where the record may lack that it did.
+const Cause* what_hindered(const Case& c) {
+  Nanoseconds first = c.reading.last;
+  const Cause* const last = first_found(c, Weight::kExplains, [&](const Finding& finding) {
+    if (finding.at >= c.last_success) first = std::min(first, finding.at);
+    return finding.at >= c.last_success;
+  });
+  return last == nullptr || !c.has_unit || c.sees_unit(first, c.reading.last) ? last : nullptr;
+}
+
 // Why there is no final verdict.
 Claim fault_of_none(const Case& c) {
   const auto always = [](const Finding&) { return true; };
   if (!c.is_a_run) return claim_of("record.no-run", {"no frame and no line is a station's", everything(c)});
   if (const Cause* decides = first_found(c, Weight::kDecides, always)) return claim_of(*decides, c);
-  const Cause* const last = first_found(
-      c, Weight::kExplains, [&c](const Finding& finding) { return finding.at >= c.last_success; });
-  if (last != nullptr && last->id == kUnitFailed) return blame(c, c.verdicts.back());
-  if (last != nullptr) return claim_of(*last, c);
+  const Cause* const hindrance = what_hindered(c);
+  if (hindrance != nullptr && hindrance->id == kUnitFailed) return blame(c, c.verdicts.back());
+  if (hindrance != nullptr) return claim_of(*hindrance, c);
   const Cause* const ends = first_found(c, Weight::kEnds, always);
   if (ends != nullptr && c.is_all_seen(c.last_success, c.reading.last)) return claim_of(*ends, c);
   const bool has_ended = ends != nullptr || c.reading.station_end;

@@ -10,13 +10,6 @@ namespace {
 
 using story::Role;
 
-bool is_test_network_seen(const Case& c) {
-  return c.reading.boot_script ||
-         std::any_of(c.reading.transfers.begin(), c.reading.transfers.end(), [](const auto& transfer) {
-           return transfer.server == story::kStation || transfer.kind == story::Transfer::Kind::kMidway;
-         });
-}
-
 // Whether the station had something to say to the PPT server, of which no frame is there.
 bool lacks_ppt_network(const Case& c) {
   const bool is_due = std::any_of(c.verdicts.begin(), c.verdicts.end(), [](const Case::Verdict& verdict) {
@@ -36,12 +29,12 @@ std::vector<std::string> incomplete(const Case& c) {
                                      [](const Case::Line& line) { return line.printed != nullptr; });
   if (!has_lines) lacking.emplace_back("the station's lines");
   if (!reading.has_frames) lacking.emplace_back("the frames");
-  if (reading.has_frames && !is_test_network_seen(c)) lacking.emplace_back("the frames of the test network");
+  if (reading.has_frames && !c.sees_test_network()) lacking.emplace_back("the frames of the test network");
   if (reading.has_frames && lacks_ppt_network(c))
     lacking.emplace_back("the frames of the PPT server's network");
   const bool is_asked = std::all_of(c.lines.begin(), c.lines.end(),
                                     [&c](const Case::Line& line) { return c.is_asked_in(line); });
-  if (is_test_network_seen(c) && (!is_asked || c.lacks_a_side()))
+  if (c.sees_test_network() && (!is_asked || c.lacks_a_side()))
     lacking.emplace_back("frames of one side of the test network");
   for (const story::Network& network : reading.networks) {
     if (network.dropped.value_or(0) == 0) continue;

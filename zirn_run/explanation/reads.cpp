@@ -73,14 +73,16 @@ void find_silence(const Transfer& transfer, const std::string& told, Case* c) {
   const bool is_unit_silent = transfer.end == End::kAbandoned && transfer.ended_by == transfer.client;
   const auto heard = c->last_heard.find(transfer.client);
   const bool is_heard_later = heard != c->last_heard.end() && heard->second > transfer.from;
-  if (const story::Step* cut = cut_during(transfer, *c)) {
+  const bool has_left = is_unit_silent && transfer.closed_ports > 0;
+  const story::Step* const cut = cut_during(transfer, *c);
+  if (cut != nullptr && !has_left) {
     Evidence evidence = seen(transfer.frames, cut->lines);
     c->find("net.cable-out", transfer.from, told + "; the cable was out" + at(*c, cut->from), evidence,
             !is_overcome(*c, transfer));
-  } else if (lost > 0) {
+  } else if (lost > 0 && !has_left) {
     find("net.read-broken", transfer, told + "; " + frames::counted(lost, "frame") + " of it were lost",
          false, c);
-  } else if (transfer.inferred_lost > 0) {
+  } else if (transfer.inferred_lost > 0 && !has_left) {
     find("net.read-broken", transfer,
          told + "; " + frames::counted(transfer.inferred_lost, "frame") + " of it were lost before, at least",
          true, c);

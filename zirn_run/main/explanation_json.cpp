@@ -114,6 +114,7 @@ std::string json_of_causes() {
   for (const Cause& cause : causes()) {
     list.push_back({{"cause", cause.id},
                     {"owner", name_of(cause.owner)},
+                    {"weight", name_of(cause.weight)},
                     {"meaning", cause.meaning},
                     {"advice", cause.advice}});
   }
