@@ -24,6 +24,15 @@ class MadeCapture {
     udp(unit, answering, tftp::ack(1));
     return *this;
   }
+  // A verdict that the station takes.
+  MadeCapture& verdict(const std::string& name, std::uint16_t unit_port) {
+    const made::Endpoint unit{made::kUnit, unit_port}, asked{made::kStation, 69};
+    const made::Endpoint answering{made::kStation, 33133};
+    udp(unit, asked, tftp::rrq(name));
+    udp(answering, unit, tftp::data(1, ""));
+    udp(unit, answering, tftp::ack(1));
+    return *this;
+  }
   MadeCapture& request(const std::string& name, std::uint16_t unit_port) {
     udp({made::kUnit, unit_port}, {made::kStation, 69}, tftp::rrq(name));
     return *this;
