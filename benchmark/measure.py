@@ -2,8 +2,8 @@
 
 Runs as root in network, mount and process namespaces of its own; scripts/benchmark makes them. SETTINGS is a JSON
 text with: program, load, floor, packet_benchmark, zirn_run (files; "" where there is none), atftpd (file), floor_wait
-("" or "select"), folder (scratch), result (the file to write), quick (true: one round of tiny works, to see that every figure
-comes out).
+("" or "select"), only ("" or "recorder": that part anew, the rest as in before), before (file), folder (scratch),
+result (the file to write), quick (true: one round of tiny works, to see that every figure comes out).
 """
 
 import contextlib
@@ -434,9 +434,23 @@ def main():
     refused = None if QUICK else elsewhere.why_refused()
     if refused:
         sys.exit(f"benchmark: {refused}")
-    about = machine()
     say("making the files that are served")
     make_files()
+    result = with_recorder_anew() if SETTINGS["only"] else whole_run()
+    with open(SETTINGS["result"], "w") as file:
+        json.dump(result, file, indent=1)
+
+
+def with_recorder_anew():
+    if not os.path.exists(SETTINGS["before"]):
+        sys.exit(f"benchmark: --recorder: expected a whole run before, found no {SETTINGS['before']}")
+    with open(SETTINGS["before"]) as file:
+        before = json.load(file)
+    return {**before, "recorder": measure_recorder(cpu_settings()), "recorder_date": time.strftime("%Y-%m-%d")}
+
+
+def whole_run():
+    about = machine()
     make_network([address for address in ADDRESSES.values() if address != STATION])
     network = StationNetwork()
     settings = cpu_settings()
@@ -463,11 +477,11 @@ def main():
         "program": measure_program(pinned),
         "packets": measure_packets(pinned),
         "recorder": measure_recorder(settings),
+        "recorder_date": about["date"],
         "machine": {**about, "load_at_end": os.getloadavg()[0]},
     }
-    with open(SETTINGS["result"], "w") as file:
-        json.dump(result, file, indent=1)
     network.holder.terminate()
+    return result
 
 
 main()

@@ -254,7 +254,8 @@ interval is one measurement, or exact.
 ## The recorder
 
 `zirn-run record` beside the program, blocks of 1428 bytes, the unit in a network of its own behind the link that is
-recorded. The processor time is what recording adds to that of program, client and recorder together, the kernel included.
+recorded, on {result.data['recorder_date']}. The processor time is what recording adds to that of program, client and
+recorder together, the kernel included.
 
 {recorder_table(result) if result.data['recorder'] else "Not measured: zirn-run is not built."}
 ## Packets

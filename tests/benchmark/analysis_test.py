@@ -69,7 +69,7 @@ def result(speeds=(), seconds=(), servers=SERVERS, **changes):
         "many_transfers": {"few": 500, "many": 100000, "after_few": point, "after_many": point, "kept_bytes": 600},
         "day": {"reads": 4800, "open_kib": 7000}, "calls_per_block": {OWN: calls(True), CALLS: calls(False)},
         "program": {"stripped_bytes": 100000, "start_milliseconds": [3.0, 4.0]}, "packets": [],
-        "recorder": recordings(),
+        "recorder": recordings(), "recorder_date": "2026-01-02",
         "machine": {"date": "2026-01-01", "processor": "P & Q", "cores": 2, "kernel": "6.1", "load": 0, "load_at_end": 1},
     }
     return targets.Result({**data, **changes})
