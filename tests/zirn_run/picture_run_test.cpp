@@ -261,6 +261,39 @@ TEST_F(PictureOfARun, SaysThatFramesAreMissing) {
   EXPECT_TRUE(says(picture(), "The kernel dropped 7 frames of lan0: the record lacks them."));
 }
 
+TEST_F(PictureOfARun, SaysWhatTheRecorderSaysIsMissing) {
+  run.line("before");
+  run.says(record::Gap{"frames are missing from here on: lan0 is gone or down"});
+  run.line("after");
+  EXPECT_EQ(words(), (Lines{"before", "frames are missing from here on: lan0 is gone or down", "after"}));
+  EXPECT_TRUE(says(picture(),
+                   "The record lacks something, at 0.002 s: frames are missing from here on: lan0 is gone or "
+                   "down"));
+}
+
+TEST_F(PictureOfARun, CountsWhatElseIsMissingOnTop) {
+  run.says(record::Gap{"frames are missing from here on: lan0 is gone or down"});
+  run.says(record::Gap{"frames are no longer missing: \x1b[31mlan0 is back"});
+  EXPECT_EQ(words(), (Lines{"frames are missing from here on: lan0 is gone or down",
+                            "frames are no longer missing: \\x1b[31mlan0 is back"}));
+  EXPECT_TRUE(says(picture(),
+                   "The record lacks something, at 0.001 s: frames are missing from here on: lan0 is gone or "
+                   "down (and 1 further remark below)"));
+}
+
+TEST_F(PictureOfARun, KeepsWhatIsMissingWhereUnitsAreFolded) {
+  Exchange exchange(&run, kUnit, made::kStation);
+  exchange.asks(rrq("a"));
+  run.says(record::Gap{"frames are missing from here on: lan0 is gone or down"});
+  exchange.blocks(1, 1, 3);
+  Exchange verdict(&run, {made::kUnit, 2001}, made::kStation, 33134);
+  verdict.asks(rrq("F_l_m_01PPT_PASSED"));
+  verdict.blocks(1, 1, 0);
+  const Lines folded = words(Detail::kUnitsInARow);
+  ASSERT_EQ(folded.size(), 2U);
+  EXPECT_EQ(folded[1], "frames are missing from here on: lan0 is gone or down");
+}
+
 TEST_F(PictureOfARun, LeavesOutTheMiddleOfAVeryLongRun) {
   for (int line = 0; line < 3000; ++line) run.line(std::to_string(line));
   const Drawn drawing = picture();

@@ -80,6 +80,13 @@ std::vector<std::string> warnings_of(const Reading& reading, const Choice& choic
                        (network.name.empty() ? "a network" : printable(network.name)) +
                        ": the record lacks them.");
   }
+  if (!reading.gaps.empty()) {
+    const story::Gap& first = reading.gaps.front();
+    const std::size_t further = reading.gaps.size() - 1;
+    warnings.push_back("The record lacks something, at " + seconds(first.at - reading.first, 3) +
+                       " s: " + printable(first.text) +
+                       (further > 0 ? " (and " + counted(further, "further remark") + " below)" : ""));
+  }
   if (reading.left_out > 0) {
     warnings.push_back(counted(reading.left_out, "thing") +
                        " left out: more happened than a picture has room for.");

@@ -42,6 +42,7 @@ class Teller {
       const Step& step = reading_.steps[place];
       if (is_chosen(step)) tell(step);
     }
+    for (const story::Gap& gap : reading_.gaps) rows_.push_back(row_of(gap));
     const Nanoseconds from = reading_.first + choice_.from.value_or(0);
     const auto is_outside = [&](const Row& row) {
       return row.until < from || (choice_.until && row.from > reading_.first + *choice_.until);
@@ -95,6 +96,16 @@ class Teller {
     if (mark != outcome_.marks.end()) std::tie(row.mark, row.mark_words) = mark->second;
     rows_.push_back(std::move(row));
     return rows_.back();
+  }
+
+  // Of no unit: whatever is folded, it stays.
+  static Row row_of(const story::Gap& gap) {
+    Row row;
+    row.kind = Kind::kWords;
+    row.from = row.until = gap.at;
+    row.text = printable(gap.text);
+    row.key = "gap " + row.text;
+    return row;
   }
 
   void tell(const Step& step) {
