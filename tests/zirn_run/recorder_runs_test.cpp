@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -131,6 +133,17 @@ TEST_F(RecorderRuns, AnUnfinishedOneIsCompletedAsFarAsItGoesAndMarked) {
   EXPECT_EQ(cut.problem, "");
   EXPECT_EQ(cut.frames.size(), 9U);
   EXPECT_EQ(cut.gaps().size(), 1U);
+}
+
+TEST_F(RecorderRuns, AnUnfinishedOneIsMarkedWithTheTimeOfItsLastWriting) {
+  make_run("run.pcapng.part", {"first"});
+  const timespec yesterday = {kAt / 1000000000, 500000000};
+  const timespec times[] = {yesterday, yesterday};
+  ASSERT_EQ(utimensat(AT_FDCWD, "run.pcapng.part", times, 0), 0);
+  recorder::complete_runs(".");
+  const Recorded run = recorded("run.pcapng");
+  ASSERT_FALSE(run.entries.empty());
+  EXPECT_EQ(run.entries.back().at, kAt / 1000000000 * 1000000000 + 500000000);
 }
 
 TEST_F(RecorderRuns, OneThatIsBeingWrittenIsLeftAlone) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -84,15 +85,18 @@ std::uint64_t end_of_blocks(const fs::path& name) {
   }
 }
 
+// What is missing is so from the last writing on, however much later that is found.
 void complete(const fs::path& part) {
   const int descriptor = open(part.c_str(), O_WRONLY | O_CLOEXEC);
   if (descriptor < 0) throw std::system_error(errno, std::generic_category(), part);
   const bool is_left = flock(descriptor, LOCK_EX | LOCK_NB) == 0;
   const std::uint64_t end = is_left ? end_of_blocks(part) : 0;
   if (is_left && end == 0) fs::remove(part);
-  if (end > 0) {
-    const std::string entry =
-        block_of(entry_of(record::Gap{"all is missing from here on: the recorder was cut off"}, now()));
+  struct stat about = {};
+  if (end > 0 && fstat(descriptor, &about) == 0) {
+    const record::Nanoseconds written_last = about.st_mtim.tv_sec * kSecond + about.st_mtim.tv_nsec;
+    const std::string entry = block_of(
+        entry_of(record::Gap{"all is missing from here on: the recorder was cut off"}, written_last));
     const bool is_done = ftruncate(descriptor, static_cast<off_t>(end)) == 0 &&
                          pwrite(descriptor, entry.data(), entry.size(), static_cast<off_t>(end)) ==
                              static_cast<ssize_t>(entry.size());
