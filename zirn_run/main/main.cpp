@@ -1,4 +1,5 @@
 // zirn-run: records, draws and explains the runs of a test station.
+#include <exception>
 #include <iostream>
 
 #include "main/commands.h"
@@ -11,9 +12,7 @@ int status_after(const CLI::App& app, const CLI::ParseError& end) {
   return app.exit(end) == 0 ? kDone : kWrongCall;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app("Records and reads the runs of a ZIRN test station.", "zirn-run");
   app.set_version_flag("--version", "zirn-run " ZIRN_RUN_VERSION);
   app.require_subcommand(0, 1);
@@ -31,9 +30,17 @@ int main(int argc, char** argv) {
     if (app.get_subcommands().empty()) throw CLI::RequiredError("A command");
   } catch (const CLI::ParseError& end) {
     return status_after(app, end);
-  } catch (const NotPossible& error) {
+  }
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {  // NotPossible, and what nobody foresaw
     std::cerr << "zirn-run: " << error.what() << std::endl;
     return kNotPossible;
   }
-  return status;
 }
