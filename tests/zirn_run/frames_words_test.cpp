@@ -64,6 +64,25 @@ TEST(Words, TellTftp) {
   EXPECT_EQ(words("hello"), "no TFTP packet, operation 26725");
 }
 
+TEST(Words, MarkATextWhoseEndWasNotKept) {
+  const auto words_of_cut = [](const std::string& datagram, std::size_t kept) {
+    return in_words(tftp_message_in(datagram.substr(0, kept), datagram.size()));
+  };
+  const std::string request = tftp::rrq("boot.img", {{"blksize", "1428"}});
+  EXPECT_EQ(words_of_cut(request, 6), "read boot…, mode ");
+  EXPECT_EQ(words_of_cut(request, 13), "read boot.img, mode oc…");
+  EXPECT_EQ(words_of_cut(request, 27), "read boot.img, blksize 14…");
+  EXPECT_EQ(words_of_cut(request, request.size()), "read boot.img, blksize 1428");
+  EXPECT_EQ(words_of_cut(tftp::oack({{"tsize", "5"}}), 5), "OACK, tsi… ");
+  EXPECT_EQ(words_of_cut(tftp::error(0, "no room"), 6), "ERROR 0, \"no…\"");
+}
+
+TEST(Words, TakeNoNumberThatWasNotKept) {
+  EXPECT_EQ(tftp_message_in(tftp::ack(7).substr(0, 2), 4).kind, frames::TftpMessage::Kind::kOther);
+  EXPECT_EQ(tftp_message_in(tftp::data(7, "abc").substr(0, 3), 7).kind, frames::TftpMessage::Kind::kOther);
+  EXPECT_EQ(tftp_message_in(tftp::data(7, "abc").substr(0, 4), 7).kind, frames::TftpMessage::Kind::kData);
+}
+
 TEST(Words, TellTheSizeOfABlockThatWasCut) {
   const std::string block = tftp::data(7, std::string(60, 'x'));
   EXPECT_EQ(in_words(tftp_message_in(block, 1432)), "DATA 7, 1428 bytes");

@@ -37,8 +37,14 @@ class MadeCapture {
     udp({made::kUnit, unit_port}, {made::kStation, 69}, tftp::rrq(name));
     return *this;
   }
+  // From here on so many bytes of a frame are kept.
+  MadeCapture& keeps(std::size_t bytes) {
+    kept_ = bytes;
+    return *this;
+  }
   void frame(const std::string& bytes) {
-    contents_ += made_.enhanced(0, ++milliseconds_ * 1000, bytes, static_cast<std::uint32_t>(bytes.size()));
+    contents_ += made_.enhanced(0, ++milliseconds_ * 1000, bytes.substr(0, kept_),
+                                static_cast<std::uint32_t>(bytes.size()));
   }
   void rests(std::uint64_t milliseconds) { milliseconds_ += milliseconds; }
 
@@ -51,6 +57,7 @@ class MadeCapture {
 
   const MadeRecord made_ = MadeRecord::in_order_of_this_machine();
   std::string contents_;
+  std::size_t kept_ = std::string::npos;
   std::uint64_t milliseconds_ = kFirstMillisecond;
 };
 

@@ -261,6 +261,19 @@ TEST_F(PictureOfARun, SaysThatFramesAreMissing) {
   EXPECT_TRUE(says(picture(), "The kernel dropped 7 frames of lan0: the record lacks them."));
 }
 
+TEST_F(PictureOfARun, SaysWhichTextsACaptureHasNotKept) {
+  const std::string whole =
+      made::ethernet(made::ip(made::kUnit, made::kStation, 17, made::udp(kUnit, kMessages, "line 1 is up")));
+  record::Frame frame;
+  frame.bytes = std::string_view(whole).substr(0, whole.size() - 6);
+  frame.size = static_cast<std::uint32_t>(whole.size());
+  frame.at = run.now;
+  run.story.take(frame);
+  EXPECT_EQ(words(), Lines{"datagram \"line 1\"… of 12 bytes"});
+  EXPECT_TRUE(
+      says(picture(), "The capture kept only a part of 1 packet: what is said in the rest is not known."));
+}
+
 TEST_F(PictureOfARun, SaysWhatTheRecorderSaysIsMissing) {
   run.line("before");
   run.says(record::Gap{"frames are missing from here on: lan0 is gone or down"});

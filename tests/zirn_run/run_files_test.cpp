@@ -76,6 +76,29 @@ TEST_F(RunFiles, ReadsAFileThatIsCutShortUpToThereAndSaysSo) {
   EXPECT_EQ(story.reading().transfers.size(), 1U);
 }
 
+TEST_F(RunFiles, SaysThatACaptureKeptOnlyThePartsOfPackets) {
+  write_whole_file("run", MadeCapture().read("a").keeps(50).read("F_l_m_01PPT_PASSED").contents());
+  Story story;
+  EXPECT_EQ(
+      run_files::tell({"run", {}, {}}, &story),
+      Strings{"run: expected whole frames, found 1 packet of which the capture kept only a part: what is "
+              "said in the rest is not known"});
+  EXPECT_EQ(story.reading().not_whole, 1U);
+  ASSERT_EQ(story.reading().transfers.size(), 2U);
+  EXPECT_EQ(story.reading().transfers[1].name, "F_l_m_…");
+  EXPECT_EQ(story.reading().transfers[1].bytes, 8U);
+}
+
+TEST_F(RunFiles, SaysThatAJournalHasNothingOfTheRun) {
+  write_whole_file("run", MadeCapture().read("a").contents());
+  write_whole_file("journal", entry(-60000, "of another run"));
+  Story story;
+  EXPECT_EQ(
+      run_files::tell({"run", "journal", {}}, &story),
+      Strings{"journal: expected what the station printed while the frames were caught, found nothing of "
+              "it"});
+}
+
 TEST_F(RunFiles, NamesAFileThatIsNoRecord) {
   write_whole_file("text", "Starting TFTP server\n");
   write_whole_file("nothing", "");

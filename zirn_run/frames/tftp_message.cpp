@@ -14,18 +14,32 @@ constexpr std::size_t kMaxOptions = 16;
 constexpr std::size_t kMaxNumberDigits = 9;
 constexpr char kVerdictPrefix[] = "F_l_m_";
 
-// Cuts a text and the NUL after it off the bytes.
-std::string take_text(std::string_view* bytes) {
-  const std::size_t end = std::min(bytes->find('\0'), bytes->size());
-  std::string text(bytes->substr(0, end));
-  *bytes = part_of(*bytes, end + 1);
-  return text;
-}
+// The texts of a datagram, one after the other.
+class Texts {
+ public:
+  // `is_cut`: the capture has not kept all of them.
+  Texts(std::string_view bytes, bool is_cut) : bytes_(bytes), is_cut_(is_cut) {}
 
-void take_options(std::string_view bytes, TftpMessage* message) {
-  while (!bytes.empty() && message->options.size() < kMaxOptions) {
-    const std::string option = take_text(&bytes);
-    const std::string value = take_text(&bytes);
+  bool is_at_the_end() const { return bytes_.empty(); }
+  // Up to its NUL; what is cut ends in kCut.
+  std::string next() {
+    const std::size_t end = bytes_.find('\0');
+    std::string text(bytes_.substr(0, end));
+    if (end == std::string_view::npos && is_cut_) text += kCut;
+    is_cut_ = is_cut_ && end != std::string_view::npos;
+    bytes_ = end == std::string_view::npos ? std::string_view() : bytes_.substr(end + 1);
+    return text;
+  }
+
+ private:
+  std::string_view bytes_;
+  bool is_cut_;
+};
+
+void take_options(Texts* texts, TftpMessage* message) {
+  while (!texts->is_at_the_end() && message->options.size() < kMaxOptions) {
+    const std::string option = texts->next();
+    const std::string value = texts->next();
     if (!option.empty()) message->options.emplace_back(option, value);
   }
 }
@@ -52,18 +66,20 @@ TftpMessage tftp_message_in(std::string_view payload, std::size_t size) {
   const std::uint16_t operation = number16_at(payload, 0);
   message.number = operation;
   if (payload.size() < 2 || operation < 1 || operation > 6) return message;
+  const bool has_number = operation >= 3 && operation <= 5;
+  if (has_number && payload.size() < std::min(size, kHeaderBytes)) return message;
   message.kind = static_cast<Kind>(operation);
   message.number = number16_at(payload, 2);
-  std::string_view texts = part_of(payload, 2);
+  const bool is_cut = payload.size() < size;
+  Texts texts(part_of(payload, message.kind == Kind::kError ? kHeaderBytes : 2), is_cut);
   if (is_request(message)) {
-    message.name = take_text(&texts);
-    message.mode = take_text(&texts);
-    take_options(texts, &message);
+    message.name = texts.next();
+    message.mode = texts.next();
+    take_options(&texts, &message);
   } else if (message.kind == Kind::kOack) {
-    take_options(texts, &message);
+    take_options(&texts, &message);
   } else if (message.kind == Kind::kError) {
-    std::string_view text = part_of(payload, kHeaderBytes);
-    message.error_text = take_text(&text);
+    message.error_text = texts.next();
   } else if (message.kind == Kind::kData) {
     message.data_size = size > kHeaderBytes ? size - kHeaderBytes : 0;
   }

@@ -23,7 +23,11 @@ struct TftpMessage {
   std::size_t data_size = 0;  // bytes of a block
 };
 
-// `payload`: as much of the datagram as was caught; `size`: bytes of the whole datagram.
+// What stands in place of the end of a text that a capture has not kept.
+inline constexpr char kCut[] = "\xe2\x80\xa6";  // ...
+
+// `payload`: as much of the datagram as was caught; `size`: bytes of the whole datagram. Of a text that is not whole
+// the rest is kCut; where the number is not there it is none of TFTP.
 TftpMessage tftp_message_in(std::string_view payload, std::size_t size);
 
 bool is_request(const TftpMessage& message);

@@ -80,6 +80,10 @@ std::vector<std::string> warnings_of(const Reading& reading, const Choice& choic
                        (network.name.empty() ? "a network" : printable(network.name)) +
                        ": the record lacks them.");
   }
+  if (reading.not_whole > 0) {
+    warnings.push_back("The capture kept only a part of " + counted(reading.not_whole, "packet") +
+                       ": what is said in the rest is not known.");
+  }
   if (!reading.gaps.empty()) {
     const story::Gap& first = reading.gaps.front();
     const std::size_t further = reading.gaps.size() - 1;

@@ -14,7 +14,6 @@ namespace {
 
 using frames::counted;
 using frames::printable;
-using frames::quoted;
 using story::Connection;
 using story::Reading;
 using story::Step;
@@ -162,7 +161,7 @@ class Teller {
         add(Kind::kArrow, step, port + " is closed", Look::kClosedPort);
         break;
       case Step::Kind::kRelayed:
-        add(Kind::kArrow, step, "relays " + quoted(step.said.text));
+        add(Kind::kArrow, step, "relays " + quoted(step.said));
         break;
       case Step::Kind::kDatagram:
         tell_datagram(step);
@@ -174,7 +173,7 @@ class Teller {
 
   void tell_datagram(const Step& step) {
     const bool is_broadcast = step.target == story::kEveryone;
-    const std::string text = step.thread != kNone ? "datagram " + quoted(step.said.text)
+    const std::string text = step.thread != kNone ? "datagram " + quoted(step.said)
                                                   : "datagram to port " + std::to_string(step.port) + ", " +
                                                         counted(step.said.size, "byte");
     add(Kind::kArrow, step, text, is_broadcast ? Look::kBroadcast : Look::kDatagram);
@@ -300,7 +299,7 @@ class Teller {
         add(Kind::kArrow, step, "refuses the connection", Look::kTcp);
         break;
       case Step::Kind::kSays:
-        add(Kind::kArrow, step, quoted(step.said.text), Look::kTcp);
+        add(Kind::kArrow, step, quoted(step.said), Look::kTcp);
         break;
       case Step::Kind::kCloses:
         add(Kind::kArrow, step, "closes the connection", Look::kTcp);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "frames/tftp_message.h"
 #include "frames/words.h"
 #include "picture/words.h"
 
@@ -11,7 +12,6 @@ namespace {
 
 using frames::counted;
 using frames::printable;
-using frames::quoted;
 using story::Connection;
 using story::Reading;
 using story::Transfer;
@@ -100,7 +100,7 @@ std::string silences_in_words(const Reading& reading, const Transfer& transfer, 
 }
 
 std::string text_in_words(const Connection::Text& text) {
-  return quoted(text.said.text) + (text.count > 1 ? " " + std::to_string(text.count) + " times" : "");
+  return quoted(text.said) + (text.count > 1 ? " " + std::to_string(text.count) + " times" : "");
 }
 
 bool is_small(const Transfer& transfer) {
@@ -109,6 +109,11 @@ bool is_small(const Transfer& transfer) {
 }
 
 }  // namespace
+
+std::string quoted(const story::Said& said) {
+  const bool is_whole = said.text.size() >= std::min<std::uint64_t>(said.size, story::kMaxText);
+  return frames::quoted(said.text) + (is_whole ? "" : frames::kCut + (" of " + counted(said.size, "byte")));
+}
 
 std::string name_of(const Reading& reading, std::size_t party) {
   if (party == kNone) return "somebody";
@@ -161,7 +166,7 @@ std::string oack_in_words(const Transfer& transfer) {
 }
 
 std::string error_in_words(const Transfer& transfer) {
-  const std::string text = transfer.error.text.empty() ? "no text" : quoted(transfer.error.text);
+  const std::string text = transfer.error.text.empty() ? "no text" : quoted(transfer.error);
   return "ERROR " + std::to_string(transfer.error_code) + ", " + text;
 }
 

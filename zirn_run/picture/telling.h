@@ -11,6 +11,9 @@ namespace picture {
 
 // What is said of the things of a run, without times and counts of their rows; printable.
 
+// In quotation marks; where the record has only its beginning, also how many bytes it had.
+std::string quoted(const story::Said& said);
+
 // "the station", "the unit"; with an address where there are several of the kind.
 std::string name_of(const story::Reading& reading, std::size_t party);
 

@@ -9,9 +9,11 @@
 #include <memory>
 #include <system_error>
 
+#include "frames/words.h"
 #include "record/gzip.h"
 #include "record/journal.h"
 #include "record/reader.h"
+#include "record/run_entry.h"
 #include "run_files/placed_lines.h"
 
 namespace run_files {
@@ -47,7 +49,8 @@ class Beside {
  public:
   virtual ~Beside() = default;
   virtual void tell_until(record::Nanoseconds at, story::Story* story) = 0;
-  virtual std::string problem() const { return {}; }
+  // What is to be known of it once all is told; empty: nothing.
+  virtual std::string remark() const { return {}; }
 };
 
 class Journal : public Beside {
@@ -56,11 +59,15 @@ class Journal : public Beside {
   void tell_until(record::Nanoseconds at, story::Story* story) override {
     if (from_ == 0) from_ = at - kMostDistance;
     for (; entry_ && entry_->at <= at; next()) {
-      if (entry_->at >= from_) story->take(*entry_);
+      if (entry_->at < from_) continue;
+      has_told_ = has_told_ || record::said_by(*entry_);
+      story->take(*entry_);
     }
   }
-  std::string problem() const override {
-    return reader_.problem().empty() ? "" : file_.named(reader_.problem());
+  std::string remark() const override {
+    if (!reader_.problem().empty()) return file_.named(reader_.problem());
+    if (has_told_) return "";
+    return file_.named("expected what the station printed while the frames were caught, found nothing of it");
   }
 
  private:
@@ -72,6 +79,7 @@ class Journal : public Beside {
   OpenFile file_;
   record::JournalReader reader_;
   record::Nanoseconds from_ = 0;
+  bool has_told_ = false;  // of the run
   std::uint64_t number_ = 0;
   std::optional<record::Entry> entry_;
 };
@@ -147,6 +155,12 @@ std::vector<std::string> Teller::tell(Beside* beside, story::Story* story) {
   if (beside != nullptr) beside->tell_until(last_ + kMostDistance, story);
   story->finish(!problem.empty());
   std::vector<std::string> remarks = this->remarks(problem);
+  const std::uint64_t not_whole = story->reading().not_whole;
+  if (not_whole > 0) {
+    remarks.push_back(
+        file_.named("expected whole frames, found " + frames::counted(not_whole, "packet") +
+                    " of which the capture kept only a part: what is said in the rest is not known"));
+  }
   if (!story->reading().steps.empty()) return remarks;
   if (!remarks.empty()) throw NotReadable(remarks.front());
   throw NotReadable(file_.named("expected a test run, found none in " + std::to_string(counted_.frames) +
@@ -226,7 +240,8 @@ std::vector<std::string> tell(const Files& files, story::Story* story, const Pro
   if (files.record.empty()) return tell_lines(files, story);
   const std::unique_ptr<Beside> more = beside(files, progress);
   std::vector<std::string> remarks = Teller(files.record, progress).tell(more.get(), story);
-  if (more && !more->problem().empty()) remarks.push_back(more->problem());
+  const std::string of_more = more ? more->remark() : "";
+  if (!of_more.empty()) remarks.push_back(of_more);
   return remarks;
 }
 

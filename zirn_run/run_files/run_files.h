@@ -36,8 +36,8 @@ inline constexpr record::Nanoseconds kMostDistance = 10'000'000'000;
 
 // Tells the story, and that it has ended. Entries of the journal are told in the order of time among the record's
 // frames, numbered by themselves; lines of a log as placed_lines.h says. Returns what the reader of a result must
-// know, sentences that begin with a file's name: where a file is cut short or damaged, and frames of a kind that is
-// not looked into. Throws NotReadable, also where a record holds nothing of a run.
+// know, sentences that begin with a file's name: where a file is cut short or damaged, frames of a kind that is
+// not looked into, packets that are not whole, and a journal that has nothing of the run. Throws NotReadable, also where a record holds nothing of a run.
 std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress = {});
 
 }  // namespace run_files

@@ -308,10 +308,11 @@ struct Reading {
   Nanoseconds first = 0;  // of all that was told
   Nanoseconds last = 0;
   bool has_frames = false;
-  bool has_ended = false;      // no more will be told
-  bool is_cut_short = false;   // the record broke off
-  std::uint64_t left_out = 0;  // things that a list had no room for
-  std::uint64_t revision = 0;  // grows with every change
+  bool has_ended = false;       // no more will be told
+  bool is_cut_short = false;    // the record broke off
+  std::uint64_t not_whole = 0;  // datagrams and segments, other than DATA, that the capture kept a part of
+  std::uint64_t left_out = 0;   // things that a list had no room for
+  std::uint64_t revision = 0;   // grows with every change
 };
 
 // What became of a verdict at the PPT server, by the last query for it.

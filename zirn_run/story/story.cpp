@@ -70,6 +70,8 @@ void Story::take(const Packet& told) {
   if (packet.protocol == Packet::Protocol::kUdp) {
     message = frames::tftp_message_in(packet.payload, packet.payload_size);
   }
+  const bool is_cut = packet.payload.size() < packet.payload_size;
+  if (is_cut && message.kind != frames::TftpMessage::Kind::kData) ++book_.reading.not_whole;
   roles_.learn(packet, message);
   const std::size_t source = roles_.sender_of(packet);
   const std::size_t target = roles_.receiver_of(packet);
