@@ -38,6 +38,9 @@ TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
   expect_refused({"draw", "run", "-o", "none/picture.svg"}, 3,
                  "zirn-run: none/picture.svg: No such file or directory");
   expect_refused({"draw", "run", "-o", "/dev/full"}, 3, "zirn-run: /dev/full: No space left on device");
+  expect_refused({"draw", "run", "-o", "./run"}, 3,
+                 "zirn-run: ./run: expected a file for the picture, found what is to be drawn");
+  EXPECT_EQ(whole_file("run"), MadeCapture().read("kernel.img").contents());
   expect_refused({"draw", "-", "--log", "run"}, 3,
                  "zirn-run: --log: expected a file, found standard input, which cannot be read twice");
 }

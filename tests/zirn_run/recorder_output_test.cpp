@@ -75,6 +75,19 @@ TEST_F(RecorderOutput, AFileThatCannotBeMadeIsNamed) {
   EXPECT_EQ(whole_file("errors"), "zirn-run: nowhere/run.pcapng.part: No such file or directory\n");
 }
 
+TEST_F(RecorderOutput, NothingButAFileIsReplaced) {
+  ASSERT_EQ(mkdir("folder", 0755), 0);
+  ASSERT_EQ(mkfifo("pipe", 0644), 0);
+  options_.output = "folder";
+  EXPECT_EQ(Recording(options_).exit_status(), 3);
+  options_.output = "pipe";
+  EXPECT_EQ(Recording(options_).exit_status(), 3);
+  EXPECT_EQ(whole_file("errors"),
+            "zirn-run: folder: expected a file, found a folder\n"
+            "zirn-run: pipe: expected a file, found a device or a pipe\n");
+  EXPECT_FALSE(std::filesystem::exists("folder.part"));
+}
+
 TEST_F(RecorderOutput, APipeGetsFramesAsTheyCome) {
   options_.output = "-";
   Recording recording(options_);

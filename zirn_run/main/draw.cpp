@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -37,6 +38,17 @@ picture::Choice choice_of(const Options& options) {
   return choice;
 }
 
+// Throws NotPossible where the picture would take the place of what it is made of.
+void check_output(const Options& options) {
+  const run_files::Files& files = *options.files;
+  for (const std::string& input : {files.record, files.journal.value_or("-"), files.log.value_or("-")}) {
+    std::error_code none;
+    if (std::filesystem::equivalent(input, options.output, none) &&
+        std::filesystem::is_regular_file(input, none))
+      throw NotPossible(options.output + ": expected a file for the picture, found what is to be drawn");
+  }
+}
+
 void write(const std::string& text, const std::string& name) {
   std::ofstream file;
   if (name != "-") file.open(name, std::ios::binary | std::ios::trunc);
@@ -46,6 +58,7 @@ void write(const std::string& text, const std::string& name) {
 }
 
 int draw(const Options& options) {
+  check_output(options);
   story::Story story;
   tell_run(*options.files, &story);
   write(picture::picture_of(story.reading(), choice_of(options)), options.output);

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 #include "record/byte_order.h"
@@ -60,6 +61,11 @@ RecordFile::RecordFile(const std::string& name, int gives_up)
     descriptor_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
     if (descriptor_ < 0) fail("standard output");
     return;
+  }
+  struct stat about = {};
+  if (stat(name_.c_str(), &about) == 0 && !S_ISREG(about.st_mode)) {
+    throw std::runtime_error(name_ + ": expected a file, found a " +
+                             (S_ISDIR(about.st_mode) ? "folder" : "device or a pipe"));
   }
   descriptor_ = open(part_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kReadableByAll);
   const bool is_ours = descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
