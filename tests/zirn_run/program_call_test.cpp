@@ -25,6 +25,10 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
   EXPECT_EQ(calls({"draw", "a", "--from", "-1"}).status, 2);
   EXPECT_EQ(calls({"draw", "a", "--until", "soon"}).status, 2);
   expect_refused({"record", "-o", "a"}, 2, "--interface is required");
+  expect_refused({"record", "-i", "lo,lo", "-o", "a"}, 2,
+                 "zirn-run: expected each link once (-i), found lo twice: its frames would be, too");
+  expect_refused({"record", "-i", "lo", "-i", "any", "-o", "a"}, 2,
+                 "zirn-run: expected no link beside \"any\" (-i): its frames would be there twice");
   expect_refused({"record", "-i", "lo"}, 2, "zirn-run: expected either a file (-o) or --service");
   expect_refused({"record", "-i", "lo", "-o", "a", "--unit", "b", "--log", "c"}, 2, "--unit excludes --log");
   expect_refused({"record", "-i", "lo", "-o", "a", "--pid", "5"}, 2, "--pid requires --log");
@@ -35,6 +39,8 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
 TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
   write_whole_file("run", MadeCapture().read("kernel.img").contents());
   expect_refused({"draw", "missing"}, 3, "zirn-run: missing: No such file or directory");
+  expect_refused({"draw", "\x1b[2Ja\nb"}, 3, "zirn-run: \\x1b[2Ja\\x0ab: No such file or directory");
+  expect_refused({"draw", "run", "-o", "\x1b/b"}, 3, "zirn-run: \\x1b/b: No such file or directory");
   expect_refused({"draw", "run", "-o", "none/picture.svg"}, 3,
                  "zirn-run: none/picture.svg: No such file or directory");
   expect_refused({"draw", "run", "-o", "/dev/full"}, 3, "zirn-run: /dev/full: No space left on device");

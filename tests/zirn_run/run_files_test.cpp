@@ -99,6 +99,14 @@ TEST_F(RunFiles, SaysThatAJournalHasNothingOfTheRun) {
               "it"});
 }
 
+TEST_F(RunFiles, SaysOfARecordThatIsNotFinishedThatMoreIsMissing) {
+  write_whole_file("run.pcapng.part", MadeCapture().read("a").contents());
+  Story story;
+  EXPECT_EQ(run_files::tell({"run.pcapng.part", {}, {}}, &story),
+            Strings{"run.pcapng.part: the record is not finished: what came after this is not there"});
+  EXPECT_TRUE(story.reading().is_cut_short);
+}
+
 TEST_F(RunFiles, NamesAFileThatIsNoRecord) {
   write_whole_file("text", "Starting TFTP server\n");
   write_whole_file("nothing", "");

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "frames/packet.h"
+#include "frames/words.h"
 #include "main/commands.h"
 #include "main/exit_status.h"
 #include "main/run_options.h"
@@ -45,7 +46,8 @@ void check_output(const Options& options) {
     std::error_code none;
     if (std::filesystem::equivalent(input, options.output, none) &&
         std::filesystem::is_regular_file(input, none))
-      throw NotPossible(options.output + ": expected a file for the picture, found what is to be drawn");
+      throw NotPossible(frames::printable(options.output) +
+                        ": expected a file for the picture, found what is to be drawn");
   }
 }
 
@@ -54,7 +56,8 @@ void write(const std::string& text, const std::string& name) {
   if (name != "-") file.open(name, std::ios::binary | std::ios::trunc);
   std::ostream& out = name == "-" ? std::cout : file;
   if (!(out << text << std::flush))
-    throw NotPossible((name == "-" ? "standard output" : name) + ": " + std::strerror(errno));
+    throw NotPossible((name == "-" ? "standard output" : frames::printable(name)) + ": " +
+                      std::strerror(errno));
 }
 
 int draw(const Options& options) {

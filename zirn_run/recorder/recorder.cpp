@@ -1,5 +1,6 @@
 #include "recorder/recorder.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -36,6 +37,12 @@ bool record_into_folder(const Options& options) {
 
 void check(const Options& options) {
   if (options.links.empty()) throw WrongCall("expected a link (-i)");
+  for (const std::string& link : options.links) {
+    if (std::count(options.links.begin(), options.links.end(), link) > 1)
+      throw WrongCall("expected each link once (-i), found " + link + " twice: its frames would be, too");
+    if (link == "any" && options.links.size() > 1)
+      throw WrongCall("expected no link beside \"any\" (-i): its frames would be there twice");
+  }
   if (!options.unit.empty() && !options.log.empty()) throw WrongCall("expected --unit or --log, not both");
   if (options.pid != 0 && options.log.empty()) throw WrongCall("--pid: expected --log with it");
   if (options.is_service != options.output.empty())

@@ -7,6 +7,7 @@
 #include <istream>
 #include <map>
 #include <memory>
+#include <string_view>
 #include <system_error>
 
 #include "frames/words.h"
@@ -21,12 +22,14 @@ namespace run_files {
 namespace {
 
 constexpr std::string_view kBegins = "Starting TFTP server on ";
+constexpr std::string_view kPart = ".part";      // the ending of a record's name until it is whole
 constexpr std::uint64_t kProgressEvery = 16384;  // frames and entries
 
 // A file, opened and unpacked.
 class OpenFile {
  public:
-  explicit OpenFile(const std::string& name) : name_(name == "-" ? "standard input" : name) {
+  explicit OpenFile(const std::string& name)
+      : name_(name == "-" ? "standard input" : frames::printable(name)) {
     try {
       unpacked_ = name == "-" ? std::make_unique<record::UnpackedFile>(dup(STDIN_FILENO))
                               : std::make_unique<record::UnpackedFile>(name);
@@ -127,7 +130,10 @@ struct Counted {
 
 class Teller {
  public:
-  Teller(const std::string& record, const Progress& progress) : file_(record), progress_(progress) {}
+  Teller(const std::string& record, const Progress& progress)
+      : file_(record),
+        is_part_(record.size() > kPart.size() && record.substr(record.size() - kPart.size()) == kPart),
+        progress_(progress) {}
 
   // Returns what is to be known of the record. Throws NotReadable.
   std::vector<std::string> tell(Beside* beside, story::Story* story);
@@ -138,6 +144,7 @@ class Teller {
   std::vector<std::string> remarks(const std::string& problem) const;
 
   OpenFile file_;
+  const bool is_part_;
   const Progress& progress_;
   Counted counted_;
   record::Nanoseconds last_ = 0;
@@ -149,6 +156,8 @@ std::vector<std::string> Teller::tell(Beside* beside, story::Story* story) {
     record::Reader reader(file_.stream());
     while (const auto item = reader.next()) take(*item, beside, story);
     problem = reader.problem();
+    if (problem.empty() && is_part_)
+      problem = "the record is not finished: what came after this is not there";
   } catch (const record::NotARecord& error) {
     throw NotReadable(file_.named(error.what()));
   }
