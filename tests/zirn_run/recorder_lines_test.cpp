@@ -74,6 +74,19 @@ TEST_F(RecorderLog, NewLinesAreRecordedWithTheTimeWhenTheyWereSeen) {
   EXPECT_LT(run.frames.at(0).at, run.entries[3].at);
 }
 
+TEST_F(RecorderLog, ALogThatIsEmptiedIsReadFromItsBeginning) {
+  Recording recording(options_);
+  ASSERT_TRUE(recording.works()) << whole_file("errors");
+  log_ << "not end" << std::flush;
+  usleep(200000);
+  std::filesystem::resize_file("log", 0);
+  usleep(200000);
+  log_ << "first" << std::endl;
+  usleep(200000);
+  EXPECT_EQ(recording.stops(), 0);
+  EXPECT_EQ(recorded("run.pcapng").lines(), (Strings{"not end", "first"}));
+}
+
 TEST_F(RecorderLog, TheEndOfTheProcessEndsIt) {
   Process station([] { return static_cast<int>(sleep(100)); });
   options_.pid = station.pid();

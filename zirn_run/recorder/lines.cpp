@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -101,6 +102,11 @@ void Log::receive(const Take& take) {
       has_moved_ = has_moved_ || (event.mask & IN_MOVE_SELF) != 0;
     }
   }
+  struct stat about = {};
+  if (fstat(file_, &about) == 0 && about.st_size < lseek(file_, 0, SEEK_CUR)) {
+    take_rest(take);
+    lseek(file_, 0, SEEK_SET);
+  }
   while ((count = read(file_, buffer.data(), buffer.size())) > 0) {
     line_.append(buffer.data(), static_cast<std::size_t>(count));
     std::size_t begin = 0;
@@ -115,6 +121,10 @@ void Log::receive(const Take& take) {
 
 void Log::finish(const Take& take) {
   receive(take);
+  take_rest(take);
+}
+
+void Log::take_rest(const Take& take) {
   if (!line_.empty()) take(entry_of(record::Line{line_}, now()));
   line_.clear();
 }

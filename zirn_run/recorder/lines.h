@@ -47,7 +47,7 @@ class Journal : public Lines {
   record::Entry entry_;    // what is known of the next one
 };
 
-// The lines of a log, with the time at which they were seen. When the next run begins, the log gets another name.
+// The lines of a log, with the time at which they were seen. A log that is emptied is read from its beginning. When the next run begins, the log gets another name.
 class Log : public Lines {
  public:
   // `is_whole`: those that are there already, too. Throws std::system_error, which names the file.
@@ -62,6 +62,8 @@ class Log : public Lines {
   bool are_put_away() const override { return has_moved_; }
 
  private:
+  void take_rest(const Take& take);
+
   int file_;
   int news_;
   bool has_moved_ = false;
