@@ -90,8 +90,8 @@ std::size_t kept_of(const Filter& filter, int kind, const Bytes& frame) {
 }
 
 Filter of_station() {
-  const recorder::Station station = recorder::station_of({"-o", "172.40.0.1"});
-  return {expression_for(station, {}), false, ports_without_files(station)};
+  const recorder::Station station = station::station_of({"-o", "172.40.0.1"});
+  return {recorder::expression_for(station, {}), false, recorder::ports_without_files(station)};
 }
 
 class RecorderFilter : public testing::TestWithParam<Kind> {

@@ -40,8 +40,8 @@ void Journal::begin() {
   began_ = now();
   text_.clear();
   entry_ = {};
-  journalctl_ =
-      Child({"journalctl", "--quiet", "--follow", "--lines=all", "--output=export", "--unit", unit_, from_});
+  journalctl_ = station::Child(
+      {"journalctl", "--quiet", "--follow", "--lines=all", "--output=export", "--unit", unit_, from_});
   fcntl(journalctl_.descriptor(), F_SETFL, O_NONBLOCK);
 }
 
@@ -50,7 +50,7 @@ bool Journal::read_more() {
   std::array<char, 16384> buffer = {};
   const ssize_t count = read(journalctl_.descriptor(), buffer.data(), buffer.size());
   if (count > 0) text_.append(buffer.data(), static_cast<std::size_t>(count));
-  if (count == 0) journalctl_ = Child();
+  if (count == 0) journalctl_ = station::Child();
   return count > 0;
 }
 
@@ -68,7 +68,7 @@ void Journal::receive(const Take& take) {
       has_told_ = false;
     }
     text_.erase(0, text_.size() - rest.size());
-    if (taken == Taken::kWrong) journalctl_ = Child();
+    if (taken == Taken::kWrong) journalctl_ = station::Child();
   }
   if (descriptor() >= 0 || now() - began_ < kPause) return;
   if (!has_told_)

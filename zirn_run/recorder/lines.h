@@ -5,7 +5,7 @@
 #include <string>
 
 #include "record/item.h"
-#include "recorder/child.h"
+#include "station/child.h"
 
 namespace recorder {
 
@@ -40,7 +40,7 @@ class Journal : public Lines {
 
   const std::string unit_;
   std::string from_;  // where it begins
-  Child journalctl_;
+  station::Child journalctl_;
   record::Nanoseconds began_ = 0;
   bool has_told_ = false;  // that it ended, since the last entry
   std::string text_;       // that was read and not taken

@@ -116,7 +116,7 @@ std::optional<int> kept_status(const std::string& unit, record::Nanoseconds by) 
 }
 
 Filter filter_of(const Options& options, const Words& station_options) {
-  Station station = station_of(station_options);
+  Station station = station::station_of(station_options);
   if (station_options.empty() && !options.station && options.unit.empty()) station.address.clear();
   Filter filter;
   filter.is_whole = options.is_whole;
@@ -140,7 +140,7 @@ Recording::Recording(const Options& options, Name name)
       name_(std::move(name)),
       station_options_(options.station        ? *options.station
                        : options.unit.empty() ? Words()
-                                              : options_of_unit(options.unit)),
+                                              : station::service_of(options.unit).options),
       filter_(filter_of(options, station_options_)),
       station_(options.pid) {
   if (!options.unit.empty())

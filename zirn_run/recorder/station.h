@@ -4,27 +4,13 @@
 #include <cstdint>
 #include <set>
 #include <string>
-#include <vector>
+
+#include "station/settings.h"
 
 namespace recorder {
 
-using Words = std::vector<std::string>;
-
-// What the station's command line says of its frames. The defaults are those of the station's program.
-struct Station {
-  std::string address = "127.0.0.1";  // where it serves; empty: everywhere
-  std::string ppt_server = "172.30.0.254";
-  std::uint16_t port = 69;
-  std::uint16_t ppt_port = 69;
-  std::uint16_t message_port = 12345;
-};
-
-// Reads the options, as the station's program does; other words are passed over.
-Station station_of(const Words& options);
-
-// The options of a systemd unit's command line, with the variables of its environment files in their places. Empty
-// where systemd does not know the unit.
-Words options_of_unit(const std::string& unit);
+using station::Station;
+using station::Words;
 
 // The IPv4 addresses of the links; "any" is all links.
 Words addresses_of(const Words& links);
