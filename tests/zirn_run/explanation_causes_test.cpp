@@ -324,6 +324,25 @@ TEST_F(Causes, LostFramesThatCameAgain) {
   EXPECT_TRUE(has_also("net.loss"));
 }
 
+TEST_F(Causes, LostFramesThatNobodySaw) {
+  begins();
+  asks_for("kernel.img");
+  for (int block = 1; block <= 2; ++block) {
+    station_sends(answering, tftp::data(block, std::string(512, 'x')));
+    run.rests(5000);
+    station_sends(answering, tftp::data(block, std::string(512, 'x')));
+    unit_sends({made::kStation, answering}, tftp::ack(block));
+  }
+  station_sends(answering, tftp::data(3, "x"));
+  unit_sends({made::kStation, answering}, tftp::ack(3));
+  passes();
+  EXPECT_EQ(fault(), "none passed");
+  ASSERT_EQ(told.also.size(), 1U);
+  EXPECT_EQ(told.also[0].cause->id, "net.loss");
+  EXPECT_EQ(told.also[0].statements[0].sentence, "at least 2 frames lost, for which reads waited 10.0 s");
+  EXPECT_TRUE(told.also[0].statements[0].evidence.is_inferred);
+}
+
 TEST_F(Causes, APptServerThatIsSilent) {
   begins();
   ppt = Ppt::kSilent;

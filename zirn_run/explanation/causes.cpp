@@ -77,7 +77,8 @@ const std::vector<Cause>& causes() {
       {"start.no-server", O::kOperator, W::kDecides, "The station was started with an empty -s.",
        "Give -s the PPT server's address, or leave it out."},
       {"verdict.too-short", O::kUnit, W::kDecides,
-       "The unit gave a verdict whose name has fewer than eight characters, which aborts the station.",
+       "The unit gave a verdict whose name has fewer than eight characters, which aborts the station "
+       "(known behaviour 11).",
        "Correct the unit's script: after F_l_m_ a verdict has two characters at least."},
       {"command.left-early", O::kUnit, W::kDecides,
        "The unit closed its command connection before its answer was sent, which ends the station.",
@@ -105,7 +106,8 @@ const std::vector<Cause>& causes() {
       {"boot.unanswered", O::kUnknown, W::kExplains, "No unit answered the boot script.",
        "Look at the cable, at the unit's power, and at its boot loader; then begin a new run."},
       // What the unit was told wrongly, or not given.
-      {"board.tool-failed", O::kBoard, W::kExplains, "The T1/E1 tool ended with 0, which is its failure.",
+      {"board.tool-failed", O::kBoard, W::kExplains,
+       "The T1/E1 tool ended with 0, which is its failure (known behaviour 36).",
        "Call /mnt/ramdisk/t1-e1 by hand on the board, and look at its T1/E1 hardware."},
       {"board.tool-missing", O::kBoard, W::kExplains,
        "A tool of the board is missing, so that the unit was answered wrongly.",
@@ -156,7 +158,8 @@ const std::vector<Cause>& causes() {
        "The unit reports a failure, and nothing before explains it better.",
        "Take the unit for failed, and see the step."},
       {"ppt.refused", O::kPptServer, W::kExplains,
-       "The PPT server does not take the connection on its message port: the unit's commands are not served.",
+       "The PPT server does not take the connection on its message port: the unit's commands are not "
+       "served (known behaviour 39).",
        "Start the PPT server; then begin a new run."},
       {"ppt.dropped", O::kPptServer, W::kExplains,
        "The connection to the PPT server's message port was not answered.",
@@ -175,7 +178,8 @@ const std::vector<Cause>& causes() {
        "The PPT server answered a verdict after the station had given up.",
        "Look at what holds the PPT server up."},
       {"board.mac-default", O::kBoard, W::kExplains,
-       "envtool knows no tempmac, or is missing: the unit was told the MAC address that every unit is told.",
+       "envtool knows no tempmac, or is missing: the unit was told the MAC address that every unit is told "
+       "(known behaviour 37).",
        "Install envtool on the board, and set tempmac."},
       {"board.mac-empty", O::kBoard, W::kExplains,
        "tempmac is empty: the unit was told a MAC address that is none.",
@@ -204,7 +208,7 @@ const std::vector<Cause>& causes() {
       {"command.unknown", O::kUnit, W::kAlso, "The unit sent a text that is no command, and got it back.",
        "Correct the unit's script."},
       {"command.held-open", O::kUnit, W::kAlso,
-       "A command connection that stays open holds up the run's end.",
+       "A command connection that stays open holds up the run's end (known behaviour 35).",
        "Have the unit close its command connection."},
       {"command.broke", O::kUnit, W::kAlso, "A command connection broke.",
        "See whether the unit started over."},

@@ -89,7 +89,8 @@ bool was_another_open(const Connection& connection, const Text& question, const 
 }
 
 bool are_commands_served(const Case& c) {
-  if (c.has_line("Message receiver initialized. IP: <ADDRESS> Port=<PORT>") || c.has_line("Mode detected: <NUMBER>"))
+  if (c.has_line("Message receiver initialized. IP: <ADDRESS> Port=<PORT>") ||
+      c.has_line("Mode detected: <NUMBER>"))
     return true;
   const auto& all = c.reading.connections;
   return std::any_of(all.begin(), all.end(), [](const Connection& connection) {

@@ -37,6 +37,19 @@ Damage damage_seen(const story::Reading& reading) {
   return damage;
 }
 
+// How long the unit's reads rested in which frames were lost.
+std::string waited(const story::Reading& reading) {
+  Nanoseconds rested = 0;
+  for (const Transfer& transfer : reading.transfers) {
+    if (transfer.client == kStation || transfer.data.lost + transfer.acks.lost + transfer.inferred_lost == 0)
+      continue;
+    for (const story::Silence& silence : transfer.silences) {
+      if (silence.until - silence.from >= kSecond) rested += silence.until - silence.from;
+    }
+  }
+  return rested == 0 ? "" : ", for which reads waited " + seconds(rested);
+}
+
 void find_inferred(Case* c) {
   for (const bool is_ppt : {false, true}) {
     std::uint64_t lost = 0;
@@ -47,10 +60,8 @@ void find_inferred(Case* c) {
       frames.add(transfer.frames);
     }
     if (lost == 0) continue;
-    constexpr std::uint64_t kSecondsEach = 5;
     c->find(is_ppt ? "net.ppt-loss" : "net.loss", c->reading.first,
-            "at least " + frames::counted(lost, "frame") + " lost, which cost about " +
-                std::to_string(lost * kSecondsEach) + " s: blocks were sent again after a silence",
+            "at least " + frames::counted(lost, "frame") + " lost" + (is_ppt ? "" : waited(c->reading)),
             inferred(frames));
   }
 }
@@ -68,11 +79,11 @@ void find_cuts(Case* c) {
 
 void find_network(Case* c) {
   const Damage damage = damage_seen(c->reading);
-  const auto tell = [c](std::string_view cause, std::uint64_t count, const char* what,
+  const auto tell = [c](std::string_view cause, std::uint64_t count, const std::string& what,
                         const Numbers& frames) {
     if (count > 0) c->find(cause, c->reading.first, frames::counted(count, "frame") + what, seen(frames));
   };
-  tell("net.loss", damage.lost, " lost", damage.lost_in);
+  tell("net.loss", damage.lost, " lost" + waited(c->reading), damage.lost_in);
   tell("net.duplicates", damage.duplicated, " came twice", damage.duplicated_in);
   tell("net.swaps", damage.swapped, " overtaken by the next", damage.swapped_in);
   find_inferred(c);
