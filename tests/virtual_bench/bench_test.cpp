@@ -96,6 +96,12 @@ class Bench : public testing::Test {
     return result.wrong();
   }
 
+  // The explanation's two lines have a time.
+  static std::string without_explanation(const std::string& output) {
+    const std::size_t begin = output.find('\n') + 1;
+    return output.substr(0, begin) + output.substr(output.find('\n', output.find('\n', begin) + 1) + 1);
+  }
+
   ScratchDirectory directory_;
   Result result_;
 };
@@ -488,7 +494,7 @@ TEST_F(Bench, RecordsARunWithNothingOnTheNetwork) {
   EXPECT_EQ(left(), (std::set<std::string>{"a.pcapng", "a.svg"}));
   const std::string output = plays("file a holds b\n").output;
   EXPECT_EQ(result_.status, 0);
-  EXPECT_EQ(output,
+  EXPECT_EQ(without_explanation(output),
             "the unit gave no final verdict\na went as the scenario says: results/a.svg, results/a.pcapng\n");
   EXPECT_EQ(left(), (std::set<std::string>{"a.pcapng", "a.svg"}));
   EXPECT_EQ(recorded(), "the run begins: a\nthe run ends: as the scenario says\n");
@@ -503,7 +509,7 @@ TEST_F(Bench, RenamesTheLinkOnlyBeforeAnythingStarts) {
 TEST_F(Bench, NamesItsResultsForWhoeverCalledIt) {
   const std::string command = "PWD_OF_CALLER=" + results() + "/folder " BENCH_PROGRAM " " TFTP_PROGRAM " " +
                               file_with("file a holds b\n") + " " + results();
-  EXPECT_EQ(runs(command).output,
+  EXPECT_EQ(without_explanation(runs(command).output),
             "the unit gave no final verdict\na went as the scenario says: ../a.svg, ../a.pcapng\n");
 }
 
@@ -588,6 +594,31 @@ TEST_F(Bench, SeesWhatTheBoardRanAndKeeps) {
             "WRONG: line 4, board keeps ppt_flag nothing: it keeps failed");
 }
 
+TEST_F(Bench, JudgesWhoseFaultARunIs) {
+  const std::string run = "station starts\nunit reads F_l_m_01PPT_FAILED\nstation exits 2\n";
+  EXPECT_EQ(plays(run + "fault is unit by unit.failed\n").status, 0) << result_.output;
+  EXPECT_NE(result_.output.find("  FAILED\n  Fault: unit (unit.failed)\na went as"), std::string::npos)
+      << result_.output;
+  EXPECT_EQ(goes_wrong(run + "fault is none\n"),
+            "WRONG: fault is none: it is explained by unit (unit.failed)");
+  EXPECT_NE(recorded().find("the run ends: fault is none: it is explained by unit (unit.failed)\n"),
+            std::string::npos)
+      << recorded();
+  EXPECT_EQ(goes_wrong(run + "fault is unit by unit.gone\n"),
+            "WRONG: fault is unit by unit.gone: it is explained by unit (unit.failed)");
+}
+
+TEST_F(Bench, HasNoOtherToolsThanTheBoards) {
+  EXPECT_EQ(goes_wrong("board lacks rm\n"),
+            "WRONG: line 1, board lacks rm: it has no such tool; expected envtool, /etc/init.d/voice or "
+            "/mnt/ramdisk/t1-e1");
+}
+
+TEST_F(Bench, TakesAPortOnce) {
+  EXPECT_EQ(goes_wrong("station starts\nboard has port 69 taken\n"),
+            "WRONG: line 2, board has port 69 taken: port 69: Address already in use");
+}
+
 TEST_F(Bench, SeesABootScriptThatWasNotToCome) {
   EXPECT_EQ(goes_wrong("station starts\nunit hears nothing for 3 s\n"),
             "WRONG: line 2, unit hears nothing for 3 s: it heard 231 bytes that begin \"ZIRN install boot "
@@ -617,8 +648,8 @@ TEST_F(Bench, RefusesAScenarioThatItDoesNotUnderstand) {
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.output,
             "bench: " + directory_.file("a.run") +
-                ":2: \"staton\" is not understood here; expected: \"bench\", \"board\", \"file\", \"ppt\", "
-                "\"station\", \"unit\", \"wire\"\n");
+                ":2: \"staton\" is not understood here; expected: \"bench\", \"board\", \"fault\", \"file\", "
+                "\"ppt\", \"station\", \"unit\", \"wire\"\n");
 }
 
 TEST_F(Bench, RefusesACallThatItDoesNotUnderstand) {

@@ -78,6 +78,11 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"board link is called lan1", "board link is called NAME"},
         Line{"board has tempmac 02:00:00:00:00:01", "board has NAME TEXT"},
         Line{"board tool exits 0", "board tool exits STATUS"}, Line{"board ran nothing", "board ran nothing"},
+        Line{"board tool hangs", "board tool hangs"}, Line{"board lacks envtool", "board lacks NAME"},
+        Line{"board has port 69 taken", "board has port PORT taken"},
+        Line{"unit gives up a.txt blksize 1428", "unit gives up NAME blksize BLOCK"},
+        Line{"fault is ppt-server", "fault is OWNER [by CAUSE]"},
+        Line{"fault is ppt-server by ppt.silent", "fault is OWNER [by CAUSE]"},
         Line{"board ran \"envtool show tempmac\"", "board ran TEXT"},
         Line{"board keeps ppt_flag failed", "board keeps NAME TEXT"},
         Line{"station starts", "station starts [with TEXT]"},
@@ -160,10 +165,10 @@ TEST_P(Refusal, NamesFileLineAndWhatWasExpected) {
 INSTANTIATE_TEST_SUITE_P(
     Scenario, Refusal,
     testing::Values(
-        Refused{
-            "# title\nstation starts\nstaton exits 2\n",
-            "a.run:3: \"staton\" is not understood here; expected: \"bench\", \"board\", \"file\", \"ppt\", "
-            "\"station\", \"unit\", \"wire\""},
+        Refused{"# title\nstation starts\nstaton exits 2\n",
+                "a.run:3: \"staton\" is not understood here; expected: \"bench\", \"board\", \"fault\", "
+                "\"file\", "
+                "\"ppt\", \"station\", \"unit\", \"wire\""},
         Refused{"wire looses 5 %",
                 "a.run:1: \"looses\" is not understood here; expected: \"damages\", \"delays\", "
                 "\"duplicates\", \"is\", \"loses\", \"swaps\""},
@@ -207,6 +212,12 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"file a is 5 MB", "a.run:1: \"MB\" is not understood here; expected: bytes, KiB or MiB"},
         Refused{"station gets TERM",
                 "a.run:1: \"TERM\" is not understood here; expected: SIGINT, SIGTERM or SIGKILL"},
+        Refused{"fault is mine",
+                "a.run:1: \"mine\" is not understood here; expected: none, unit, test-network, ppt-server, "
+                "board, "
+                "station, operator or unknown"},
+        Refused{"fault is unit by laziness",
+                "a.run:1: \"laziness\" is not understood here; expected: a cause out of docs/causes.md"},
         Refused{"unit reads", "a.run:1: the line ends too early; expected: NAME"},
         Refused{"unit reads a blocksize 5",
                 "a.run:1: \"blocksize\" is not understood here; expected: \"blksize\", "
@@ -217,12 +228,12 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"station starts now",
                 "a.run:1: \"now\" is not understood here; expected: \"with\", the end of the line"},
         Refused{"unit sends \"a text", "a.run:1: a quote is opened and not closed; expected: \""},
-        Refused{
-            "staton exits\nstation starts\nunit reads\nwire is hole\n",
-            "a.run:1: \"staton\" is not understood here; expected: \"bench\", \"board\", \"file\", \"ppt\", "
-            "\"station\", \"unit\", \"wire\"\n"
-            "a.run:3: the line ends too early; expected: NAME\n"
-            "a.run:4: \"hole\" is not understood here; expected: \"cut\", \"whole\""},
+        Refused{"staton exits\nstation starts\nunit reads\nwire is hole\n",
+                "a.run:1: \"staton\" is not understood here; expected: \"bench\", \"board\", \"fault\", "
+                "\"file\", \"ppt\", "
+                "\"station\", \"unit\", \"wire\"\n"
+                "a.run:3: the line ends too early; expected: NAME\n"
+                "a.run:4: \"hole\" is not understood here; expected: \"cut\", \"whole\""},
         Refused{"# nothing but a title\n", "a.run: no step at all; expected: at least one"}));
 
 TEST(Scenario, IsRefusedWhereAByteIsZero) {
