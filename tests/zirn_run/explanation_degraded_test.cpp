@@ -85,6 +85,15 @@ struct Happening : ExplainedRun {
     gives("F_l_m_09PPT_FAILED");
     ends(2);
   }
+  void meets_a_tool_that_hangs() {
+    begins();
+    gives("F_l_m_t_Bootstrap_loading");
+    line("Message receiver initialized. IP: 172.30.0.254 Port=12345");
+    is_refused("extra.cfg", 1, "");
+    asks("DO_PMC_INIT:7", "", 20000);
+    line("Mode detected: 7");
+    is_killed(SIGKILL);
+  }
   void is_not_answered() {
     begins();
     sends_boot_script(5);
@@ -151,6 +160,9 @@ TEST_F(Degraded, ASilentPptServerAndAnEnd) {
 }
 TEST_F(Degraded, AToolThatFails) {
   expect_never_another("board", Outcome::kFailed, &Happening::is_told_fail);
+}
+TEST_F(Degraded, AToolThatHangs) {
+  expect_never_another("board", Outcome::kNone, &Happening::meets_a_tool_that_hangs);
 }
 TEST_F(Degraded, AnEnvtoolThatIsMissing) {
   expect_never_another("board", Outcome::kFailed, &Happening::has_no_envtool);

@@ -102,6 +102,7 @@ bool are_commands_served(const Case& c) {
 void find_no_reply(const Connection& connection, const Text& question, const Why& why, Case* c) {
   const bool station_ended_it = connection.ended && connection.ended_by == kStation;
   const Nanoseconds until = station_ended_it ? *connection.ended : c->reading.last;
+  const bool is_open_at_end = !connection.ended && !c->reading.station_end;
   const bool is_command =
       contains(question.said.text, kAsksForMac) || contains(question.said.text, kInitializesPmc);
   const std::string told = "the unit asked " + frames::quoted(question.said.text) + at(*c, question.at) +
@@ -112,6 +113,8 @@ void find_no_reply(const Connection& connection, const Text& question, const Why
     c->find("command.second", question.at, told + "; another connection was open", seen(question.frames));
   } else if (is_command && connection.opened && until - question.at >= kHangs && are_commands_served(*c)) {
     c->find("board.tool-hangs", question.at, told, inferred(question.frames));
+  } else if (is_command && (until - question.at >= kHangs || is_open_at_end)) {
+    c->find("command.unanswered", question.at, told, inferred(question.frames));
   }
 }
 

@@ -13,7 +13,6 @@ namespace explanation {
 namespace {
 
 using story::kNone;
-using story::kStation;
 using story::Reading;
 using Says = story::Verdict::Says;
 

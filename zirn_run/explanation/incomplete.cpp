@@ -8,8 +8,6 @@ namespace explanation {
 
 namespace {
 
-using story::Role;
-
 // Whether the station had something to say to the PPT server, of which no frame is there.
 bool lacks_ppt_network(const Case& c) {
   const bool is_due = std::any_of(c.verdicts.begin(), c.verdicts.end(), [](const Case::Verdict& verdict) {

@@ -8,7 +8,6 @@ namespace explanation {
 
 namespace {
 
-using story::kNone;
 using story::Transfer;
 using End = Transfer::End;
 
