@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdlib>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <string>
 
@@ -233,9 +232,16 @@ double contrast(const std::string& one, const std::string& other) {
 // The colour of each "selector property" in one part of the style.
 std::map<std::string, std::string> colours_in(const std::string& style) {
   std::map<std::string, std::string> colours;
-  const std::regex rule("\n([^{}\n]+) \\{ (fill|stroke): (#[0-9a-f]+) \\}");
-  for (std::sregex_iterator it(style.begin(), style.end(), rule), end; it != end; ++it)
-    colours[(*it)[1].str() + " " + (*it)[2].str()] = (*it)[3].str();
+  std::istringstream lines(style);
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t brace = line.find(" { ");
+    const std::size_t colon = line.find(": #");
+    const std::size_t end = line.find(" }");
+    if (brace == std::string::npos || colon == std::string::npos || end != line.size() - 2) continue;
+    const std::string property = line.substr(brace + 3, colon - brace - 3);
+    if (property != "fill" && property != "stroke") continue;
+    colours[line.substr(0, brace) + " " + property] = line.substr(colon + 2, end - colon - 2);
+  }
   return colours;
 }
 
