@@ -335,8 +335,8 @@ TEST(PictureRobustness, DrawsGarbageAtAnyTime) {
   MadeRun run;
   const std::string garbage = "\xff\xfe\n" + std::string(5000, '<');
   run.says(record::RunBegins{garbage, garbage, garbage});
-  for (const record::Nanoseconds at :
-       {record::Nanoseconds{INT64_MAX}, record::Nanoseconds{-1}, record::Nanoseconds{5}}) {
+  for (const record::Nanoseconds at : {record::Nanoseconds{INT64_MAX} - 9 * MadeRun::kMillisecond,
+                                       record::Nanoseconds{-1}, record::Nanoseconds{5}}) {
     run.now = at - MadeRun::kMillisecond;
     run.line(garbage);
     run.says(record::BoardCall{garbage, -1});
