@@ -68,6 +68,40 @@ TEST_F(PictureOfTransfers, CountsInTheBandAndMarksAtItsSideWhatWasLostAndSentAga
   EXPECT_EQ(strokes_of(Pen::kAgain, drawing), 4U);  // likewise
 }
 
+TEST_F(PictureOfTransfers, MarksInABandWhatTheWireDuplicatedAndSwapped) {
+  const auto wire_does = [this](const char* what, int block) {
+    run.next_is(what);
+    unit.answers(tftp::data(block, std::string(512, 'x')));
+    unit.sends(tftp::ack(block));
+  };
+  unit.asks(rrq("image.bin"));
+  unit.blocks(1, 3, 512);
+  wire_does(record::kDuplicated, 4);
+  wire_does(record::kSwapped, 5);
+  wire_does(record::kDuplicated, 6);
+  unit.blocks(7, 7, 100);
+  const Drawn drawing = picture();
+  EXPECT_EQ(words_in(drawing).at(1),
+            "image.bin 3172 bytes, 7 blocks of 512 bytes 0.013 s, 238.3 KiB/s 2 blocks duplicated, 1 block "
+            "swapped with the next one duplicated at 0.008 s, 0.012 s, swapped at 0.010 s");
+  EXPECT_EQ(strokes_of(Pen::kDuplicated, drawing), 3U);  // one of them in the legend
+  EXPECT_EQ(strokes_of(Pen::kSwapped, drawing), 2U);     // likewise
+  EXPECT_TRUE(says(drawing, "a block or ACK duplicated"));
+  EXPECT_TRUE(says(drawing, "swapped with the next one"));
+}
+
+TEST_F(PictureOfTransfers, CountsWhatBecameOfBlocksAtOnePlace) {
+  unit.asks(rrq("image.bin"));
+  for (int block = 1; block <= 400; ++block) {
+    if (block > 200 && block <= 203) run.next_is(record::kDuplicated);
+    unit.answers(tftp::data(block, std::string(512, 'x')));
+    unit.sends(tftp::ack(block));
+  }
+  const std::string band = words().at(1);
+  EXPECT_NE(band.find("3 blocks duplicated duplicated at "), std::string::npos) << band;
+  EXPECT_NE(band.find(" s (3)"), std::string::npos) << band;
+}
+
 TEST_F(PictureOfTransfers, ListsNoMoreThanAFewPlacesOfLoss) {
   unit.asks(rrq("image.bin"));
   for (int block = 1; block <= 20; ++block) {

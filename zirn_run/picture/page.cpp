@@ -212,6 +212,10 @@ double add_legend(const std::vector<Row>& rows, const Reading& reading, double y
   };
   if (has_ticks([](const story::Transfer& one) { return one.data.lost + one.acks.lost; }))
     legend.add_tick(Pen::kLost, "a block or ACK lost");
+  if (has_ticks([](const story::Transfer& one) { return one.data.duplicated + one.acks.duplicated; }))
+    legend.add_tick(Pen::kDuplicated, "a block or ACK duplicated");
+  if (has_ticks([](const story::Transfer& one) { return one.data.swapped + one.acks.swapped; }))
+    legend.add_tick(Pen::kSwapped, "swapped with the next one");
   if (has_ticks([](const story::Transfer& one) { return one.data.again + one.acks.again; }))
     legend.add_tick(Pen::kAgain, "sent again");
   if (has(Row::Kind::kCut)) legend.add_area(Paint::kCut, "the cable is out");

@@ -29,20 +29,25 @@ class Scale {
   std::vector<std::pair<Nanoseconds, double>> places_;
 };
 
-// Where several share a place, one that was lost is the one that shows.
+// What the ticks say; where several share a place, the last one of these shows.
+struct Tick {
+  std::uint32_t story::Mark::*count;
+  Pen pen;
+};
+constexpr Tick kTicks[] = {{&story::Mark::again, Pen::kAgain},
+                           {&story::Mark::swapped, Pen::kSwapped},
+                           {&story::Mark::duplicated, Pen::kDuplicated},
+                           {&story::Mark::lost, Pen::kLost}};
+
 void add_ticks(const story::Transfer& transfer, const Scale& scale, double left, double right, Sheet* sheet) {
-  story::Mark before;
-  std::vector<Stroke> lost;
-  for (const story::Mark& mark : transfer.marks) {
-    const double y = scale.y_of(mark.at);
-    if (mark.lost > before.lost) {
-      lost.push_back({left, y, right, y, Pen::kLost});
-    } else if (mark.again > before.again) {
-      sheet->strokes.push_back({left, y, right, y, Pen::kAgain});
+  for (const Tick& tick : kTicks) {
+    std::uint32_t before = 0;
+    for (const story::Mark& mark : transfer.marks) {
+      const double y = scale.y_of(mark.at);
+      if (mark.*tick.count != before) sheet->strokes.push_back({left, y, right, y, tick.pen});
+      before = mark.*tick.count;
     }
-    before = mark;
   }
-  sheet->strokes.insert(sheet->strokes.end(), lost.begin(), lost.end());
 }
 
 // The bars of each lane: the row with which the last one in each place ends.

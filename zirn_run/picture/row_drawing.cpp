@@ -27,7 +27,7 @@ Pen pen_of(Row::Look look) {
 
 std::string share(std::uint64_t count, std::uint64_t times, const std::string& what) {
   if (count == 0) return "";
-  if (times == 1) return what;
+  if (times == 1 && count == 1) return what;
   return (count == times ? std::string("all") : std::to_string(count)) + " " + what;
 }
 

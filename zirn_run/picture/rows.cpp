@@ -240,7 +240,7 @@ class Teller {
   void tell_band(const Step& step, const Transfer& transfer) {
     Row& row =
         add(Kind::kBand, step, transfer.name.empty() ? request_in_words(transfer) : printable(transfer.name));
-    row.facts = facts_of(reading_, step);
+    row.facts = facts_of(reading_, transfer);
     row.thread = step.thread;
     row.times = 1;
     row.is_inferred = transfer.kind == Transfer::Kind::kMidway || transfer.is_end_inferred;

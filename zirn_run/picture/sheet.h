@@ -24,6 +24,8 @@ enum class Pen {
   kPausedLifeLine,
   kLost,
   kAgain,
+  kDuplicated,
+  kSwapped,
   kDatagram,
   kVerdict,
   kBroadcast,

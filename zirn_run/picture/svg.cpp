@@ -33,6 +33,8 @@ constexpr Tone kTones[] = {
     {"polygon.board", "fill", "#6b3a00", "#e0a867"},
     {".lost, .closed", "stroke", "#a00000", "#ff8a80"},
     {"polygon.closed", "fill", "#a00000", "#ff8a80"},
+    {".duplicated", "stroke", "#7a1f8a", "#dc9cf0"},
+    {".swapped", "stroke", "#8a6200", "#e6bd55"},
     {".harmless", "stroke", "#6a6f75", "#9aa0a6"},
     {"polygon.harmless", "fill", "#6a6f75", "#9aa0a6"},
     {"rect.output", "fill", "#fbf6e2", "#2c2a20"},
@@ -70,7 +72,7 @@ constexpr char kShapes[] =
     ".axis { stroke-width: 1 }\n"
     ".life, .paused { stroke-width: 1.2 }\n"
     ".paused { stroke-dasharray: 2 5 }\n"
-    ".lost { stroke-width: 2 }\n"
+    ".lost, .duplicated, .swapped { stroke-width: 2 }\n"
     ".again { stroke-width: 1.2 }\n"
     ".group { stroke-width: 1.2 }\n"
     ".verdict { stroke-width: 3.2 }\n"
@@ -86,9 +88,9 @@ constexpr char kHatch[] =
     "style=\"stroke-width: 3\"/></pattern></defs>\n";
 
 // In the orders of the enumerations.
-constexpr const char* kPenNames[] = {"axis",     "life",     "paused",    "lost", "again",
-                                     "datagram", "verdict",  "broadcast", "tcp",  "board",
-                                     "closed",   "harmless", "group"};
+constexpr const char* kPenNames[] = {"axis",       "life",    "paused",   "lost",     "again",
+                                     "duplicated", "swapped", "datagram", "verdict",  "broadcast",
+                                     "tcp",        "board",   "closed",   "harmless", "group"};
 constexpr const char* kPaintNames[] = {"page",    "hatched",    "band",       "inferred", "output",
                                        "call",    "lane",       "passed",     "failed",   "wrong",
                                        "neither", "passed-row", "failed-row", "wrong-row"};

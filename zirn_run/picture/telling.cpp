@@ -51,8 +51,12 @@ std::string time_and_speed(const Transfer& transfer) {
 }
 
 std::string damage_in_words(const Transfer& transfer) {
-  std::string text = pair_in_words(transfer.data.lost, transfer.acks.lost, "lost");
-  add_words(&text, pair_in_words(transfer.data.again, transfer.acks.again, "sent again"));
+  const story::Flow& data = transfer.data;
+  const story::Flow& acks = transfer.acks;
+  std::string text = pair_in_words(data.lost, acks.lost, "lost");
+  add_words(&text, pair_in_words(data.duplicated, acks.duplicated, "duplicated"));
+  add_words(&text, pair_in_words(data.swapped, acks.swapped, "swapped with the next one"));
+  add_words(&text, pair_in_words(data.again, acks.again, "sent again"));
   if (transfer.inferred_lost > 0) {
     add_words(&text, "at least " + std::to_string(transfer.inferred_lost) + " lost (inferred)");
   }
@@ -61,15 +65,18 @@ std::string damage_in_words(const Transfer& transfer) {
   return text;
 }
 
-// "lost at 1.420 s, 6.415 s"; nothing for so many that only a drawing shows them.
-std::string places_in_words(const Transfer& transfer, std::uint64_t story::Mark::*count,
+// "lost at 1.420 s, 6.415 s (2)"; nothing for so many that only a drawing shows them.
+std::string places_in_words(const Transfer& transfer, std::uint32_t story::Mark::*count,
                             const std::string& what, Nanoseconds start) {
   std::string text;
   std::size_t places = 0;
-  std::uint64_t before = 0;
+  std::uint32_t before = 0;
   for (const story::Mark& mark : transfer.marks) {
-    if (mark.*count > before && ++places <= kMaxPlaces) add_words(&text, seconds(mark.at - start, 3) + " s");
+    const std::uint32_t here = mark.*count - before;
     before = mark.*count;
+    if (here == 0 || ++places > kMaxPlaces) continue;
+    add_words(&text,
+              seconds(mark.at - start, 3) + " s" + (here > 1 ? " (" + std::to_string(here) + ")" : ""));
   }
   return places == 0 || places > kMaxPlaces ? "" : what + " at " + text;
 }
@@ -181,19 +188,17 @@ std::optional<std::string> few_blocks_in_words(const Transfer& transfer) {
   return text;
 }
 
-std::vector<std::string> facts_of(const Reading& reading, const story::Step& blocks) {
-  const Transfer& transfer = reading.transfers[blocks.thread];
+std::vector<std::string> facts_of(const Reading& reading, const Transfer& transfer) {
   const std::string size = transfer.block_size > 0 ? " of " + counted(transfer.block_size, "byte") : "";
   std::vector<std::string> facts = {
       counted(transfer.bytes, "byte") + ", " + counted(transfer.blocks, "block") + size,
       time_and_speed(transfer)};
-  std::string damage = damage_in_words(transfer);
-  if (blocks.duplicated > 0) add_words(&damage, std::to_string(blocks.duplicated) + " duplicated");
-  if (blocks.swapped > 0) add_words(&damage, std::to_string(blocks.swapped) + " swapped");
   std::string places = places_in_words(transfer, &story::Mark::lost, "lost", reading.first);
+  add_words(&places, places_in_words(transfer, &story::Mark::duplicated, "duplicated", reading.first));
+  add_words(&places, places_in_words(transfer, &story::Mark::swapped, "swapped", reading.first));
   add_words(&places, places_in_words(transfer, &story::Mark::again, "again", reading.first));
   for (const std::string& more :
-       {damage, places, silences_in_words(reading, transfer, transfer.server),
+       {damage_in_words(transfer), places, silences_in_words(reading, transfer, transfer.server),
         silences_in_words(reading, transfer, transfer.client), end_in_words(reading, transfer)}) {
     if (!more.empty()) facts.push_back(more);
   }
@@ -211,7 +216,11 @@ std::string in_short(const Reading& reading, const Transfer& transfer) {
   }
   const std::uint64_t lost = transfer.data.lost + transfer.acks.lost;
   const std::uint64_t again = transfer.data.again + transfer.acks.again;
+  const std::uint64_t duplicated = transfer.data.duplicated + transfer.acks.duplicated;
+  const std::uint64_t swapped = transfer.data.swapped + transfer.acks.swapped;
   if (lost > 0) add_words(&text, std::to_string(lost) + " lost");
+  if (duplicated > 0) add_words(&text, std::to_string(duplicated) + " duplicated");
+  if (swapped > 0) add_words(&text, std::to_string(swapped) + " swapped");
   if (again > 0) add_words(&text, std::to_string(again) + " sent again");
   if (transfer.end == Transfer::End::kError) add_words(&text, error_in_words(transfer));
   add_words(&text, end_in_words(reading, transfer));

@@ -25,8 +25,8 @@ std::string error_in_words(const story::Transfer& transfer);
 
 // The blocks of a transfer that is told by an arrow: "DATA 1, 20 bytes, ACK 1". Nothing for one that needs a band.
 std::optional<std::string> few_blocks_in_words(const story::Transfer& transfer);
-// The lines in a band. blocks: the step that it is drawn for.
-std::vector<std::string> facts_of(const story::Reading& reading, const story::Step& blocks);
+// The lines in a band.
+std::vector<std::string> facts_of(const story::Reading& reading, const story::Transfer& transfer);
 // The whole of it in a few words: "image.bin, 5.0 MiB in 0.164 s, 2 lost".
 std::string in_short(const story::Reading& reading, const story::Transfer& transfer);
 // How it ended, where that is not told by its datagrams. Nothing for one that the record only breaks off.

@@ -100,7 +100,9 @@ struct Step {
 struct Flow {
   std::uint64_t sent = 0;
   std::uint64_t again = 0;  // of these: with a number that was sent before
-  std::uint64_t lost = 0;   // of these, as seen
+  std::uint64_t lost = 0;   // of these, as seen; so are those that the wire doubled or swapped
+  std::uint64_t duplicated = 0;
+  std::uint64_t swapped = 0;
 };
 
 // A time in which a transfer rested.
@@ -111,12 +113,14 @@ struct Silence {
   Numbers frames;                // the one before and the one after
 };
 
-// How far a transfer was, for drawing.
+// How far a transfer was, for drawing. The counts are those of DATA and ACKs together, without what is beyond 32 bits.
 struct Mark {
   Nanoseconds at = 0;
   std::uint64_t blocks = 0;
-  std::uint64_t again = 0;  // of DATA and ACK together
-  std::uint64_t lost = 0;   // the same, as seen
+  std::uint32_t again = 0;
+  std::uint32_t lost = 0;
+  std::uint32_t duplicated = 0;
+  std::uint32_t swapped = 0;
 };
 
 struct Transfer {

@@ -161,10 +161,16 @@ void Track::take_block_or_ack(const Packet& packet, const TftpMessage& message, 
   mark(packet.at);
 }
 
+void Track::count(const Packet& packet, Flow* flow) {
+  ++flow->sent;
+  flow->lost += packet.fate.lost ? 1 : 0;
+  flow->duplicated += packet.fate.duplicated ? 1 : 0;
+  flow->swapped += packet.fate.swapped ? 1 : 0;
+}
+
 void Track::take_data(const Packet& packet, const TftpMessage& message) {
   Transfer& transfer = mine();
-  ++transfer.data.sent;
-  if (packet.fate.lost) ++transfer.data.lost;
+  count(packet, &transfer.data);
   if (!has_block_ && transfer.kind == Transfer::Kind::kMidway) {
     last_block_ = static_cast<std::uint16_t>(message.number - 1);
   }
@@ -204,8 +210,7 @@ void Track::take_new_block(const TftpMessage& message, std::uint16_t ahead, bool
 
 void Track::take_ack(const Packet& packet, const TftpMessage& message) {
   Transfer& transfer = mine();
-  ++transfer.acks.sent;
-  if (packet.fate.lost) ++transfer.acks.lost;
+  count(packet, &transfer.acks);
   if (!has_ack_ && transfer.kind == Transfer::Kind::kMidway) {
     last_ack_ = static_cast<std::uint16_t>(message.number - 1);
   }
@@ -274,14 +279,25 @@ void Track::add_silence(const Packet& packet, std::size_t ended_by) {
       }));
 }
 
+Mark Track::mark_now(Nanoseconds at) const {
+  const Transfer& one = transfer();
+  const auto sum = [&one](std::uint64_t Flow::*count) {
+    return static_cast<std::uint32_t>(one.data.*count + one.acks.*count);
+  };
+  return {at,
+          std::max(one.blocks, one.acknowledged_blocks),
+          sum(&Flow::again),
+          sum(&Flow::lost),
+          sum(&Flow::duplicated),
+          sum(&Flow::swapped)};
+}
+
 // The last mark is where the transfer is now; those before are `mark_every_` datagrams apart, or more.
 void Track::mark(Nanoseconds at) {
   Transfer& transfer = mine();
   std::vector<Mark>& marks = transfer.marks;
   const std::uint64_t datagrams = transfer.data.sent + transfer.acks.sent;
-  const Mark now{marks.empty() ? at : std::max(at, marks.back().at),
-                 std::max(transfer.blocks, transfer.acknowledged_blocks),
-                 transfer.data.again + transfer.acks.again, transfer.data.lost + transfer.acks.lost};
+  const Mark now = mark_now(marks.empty() ? at : std::max(at, marks.back().at));
   if (marks.size() >= 2 && datagrams - marked_ < mark_every_) {
     marks.back() = now;
     return;

@@ -49,6 +49,7 @@ class Track {
   bool goes_its_way(const frames::TftpMessage& message, bool is_from_client) const;
   void take_block_or_ack(const frames::Packet& packet, const frames::TftpMessage& message,
                          bool is_from_client);
+  static void count(const frames::Packet& packet, Flow* flow);
   void take_data(const frames::Packet& packet, const frames::TftpMessage& message);
   void take_new_block(const frames::TftpMessage& message, std::uint16_t ahead, bool is_lost);
   void take_ack(const frames::Packet& packet, const frames::TftpMessage& message);
@@ -59,6 +60,7 @@ class Track {
             std::size_t target);
   void add_silence(const frames::Packet& packet, std::size_t ended_by);
   void mark(Nanoseconds at);
+  Mark mark_now(Nanoseconds at) const;
   void end(Transfer::End end, std::size_t ended_by);
   void resolve_silence();
   bool is_all_acknowledged() const;
