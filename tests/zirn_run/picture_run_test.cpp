@@ -94,6 +94,17 @@ TEST_F(PictureOfARun, TellsALongTalkWithItsAnswersInBetween) {
                             "broken off by the station"}));
 }
 
+TEST_F(PictureOfARun, TellsAnRstThatComesToAConnectionThatIsClosed) {
+  constexpr made::Endpoint client{made::kUnit, 4000};
+  opens(client, kMessages);
+  run.tcp(client, kMessages, made::kAck, 101, "DO_PMC_INIT:7");
+  run.tcp(client, kMessages, made::kAck | made::kFin, 114);
+  run.tcp(kMessages, client, made::kAck, 501, "READY");
+  run.tcp(client, kMessages, made::kRst, 115);
+  EXPECT_EQ(words().back(), "\"READY\", closed by the unit, RST after that, by the unit");
+  EXPECT_EQ(words(Detail::kEverything).back(), "RST after the end");
+}
+
 TEST_F(PictureOfARun, SaysThatAQuestionHadNoAnswer) {
   constexpr made::Endpoint client{made::kUnit, 4000};
   opens(client, kMessages);

@@ -107,6 +107,22 @@ TEST_F(Connections, AreBrokenOff) {
   EXPECT_EQ(run.reading().steps.back().kind, Step::Kind::kBreaksOff);
 }
 
+TEST_F(Connections, ThatAreOverKeepTheirEndWhenAnRstComes) {
+  opens();
+  run.tcp(kUnit, kCommands, kFin | kAck, 101);
+  run.tcp(kCommands, kUnit, kFin | kAck, 501);
+  run.rests(500);
+  run.tcp(kUnit, kCommands, kRst, 102);
+  run.tcp(kUnit, kCommands, kRst, 102);
+  ASSERT_EQ(run.reading().connections.size(), 1U);
+  EXPECT_EQ(first().state, Connection::State::kClosed);
+  EXPECT_EQ(first().resets, 2U);
+  EXPECT_EQ(first().reset_by, first().client);
+  EXPECT_EQ(steps(), 4U);
+  EXPECT_EQ(run.reading().steps.back().kind, Step::Kind::kResets);
+  EXPECT_EQ(run.reading().steps.back().count, 2U);
+}
+
 TEST_F(Connections, TellNothingTwice) {
   opens();
   for (int i = 0; i < 3; ++i) run.tcp(kUnit, kCommands, kAck, 101, "hello");

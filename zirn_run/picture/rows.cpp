@@ -304,6 +304,9 @@ class Teller {
       case Step::Kind::kCloses:
         add(Kind::kArrow, step, "closes the connection", Look::kTcp);
         break;
+      case Step::Kind::kResets:
+        add(Kind::kArrow, step, "RST after the end", Look::kTcp);
+        break;
       default:
         add(Kind::kArrow, step, "breaks the connection off", Look::kTcp);
     }

@@ -301,6 +301,10 @@ std::string closing_in_words(const Reading& reading, const Connection& connectio
   } else if (connection.state == Connection::State::kBrokenOff) {
     add_words(&text, "broken off by " + name_of(reading, connection.ended_by));
   }
+  if (connection.resets > 0) {
+    add_words(&text, (connection.resets > 1 ? std::to_string(connection.resets) + " RSTs" : "RST") +
+                         " after that, by " + name_of(reading, connection.reset_by));
+  }
   if (connection.lost > 0) add_words(&text, counted(connection.lost, "segment") + " lost");
   if (connection.again > 0 && connection.attempts <= 1)
     add_words(&text, std::to_string(connection.again) + " sent again");

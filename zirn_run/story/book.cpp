@@ -64,7 +64,7 @@ void Book::merge(std::size_t party, std::size_t into) {
   }
   for (Verdict& verdict : reading.verdicts) rename({&verdict.unit});
   for (Connection& connection : reading.connections) {
-    rename({&connection.client, &connection.server, &connection.ended_by});
+    rename({&connection.client, &connection.server, &connection.ended_by, &connection.reset_by});
   }
   for (Relayed& relayed : reading.relayed) rename({&relayed.unit});
   for (ClosedPort& port : reading.closed_ports) rename({&port.at, &port.from});

@@ -198,7 +198,13 @@ void Connections::take_end(const Packet& packet, Talk* talk, std::size_t source,
     connection.ended = packet.at;
     connection.ended_by = source;
   } else if (packet.rst) {
-    return;  // what comes after the end breaks nothing off
+    if (connection.resets++ == 0) connection.reset_by = source;
+    if (talk->reset_step == kNone) {
+      talk->reset_step = book_->add_step(Step::Kind::kResets, packet, source, target, talk->place);
+    } else {
+      book_->fold(talk->reset_step, packet);
+    }
+    return;
   }
   std::size_t& place = talk->end_steps[source == connection.client];
   if (place != kNone) {

@@ -40,6 +40,7 @@ class Connections {
     std::size_t refused_step = kNone;
     std::size_t says_steps[2] = {kNone, kNone};
     std::size_t end_steps[2] = {kNone, kNone};
+    std::size_t reset_step = kNone;
   };
   using Place = std::list<Talk>::iterator;
 

@@ -72,6 +72,7 @@ struct Step {
     kRefused,
     kSays,  // `said`
     kCloses,
+    kResets,  // an RST after the end
     kBreaksOff,
     kDatagram,  // to `port`, `said`; the thread is a relayed datagram, or none
     kRelayed,   // from the station to the PPT server, the same
@@ -227,6 +228,8 @@ struct Connection {
   std::optional<Nanoseconds> ended;  // the same
   std::uint64_t again = 0;           // segments with bytes or flags that were sent before
   std::uint64_t lost = 0;            // segments, as seen
+  std::uint64_t resets = 0;          // RSTs after the end, which break nothing off
+  std::size_t reset_by = kNone;      // the first of these
   std::vector<Text> texts;
   std::uint64_t text_count = 0;
   std::uint64_t bytes_from_client = 0;
