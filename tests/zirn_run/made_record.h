@@ -36,8 +36,8 @@ class MadeRecord {
   }
   std::string end_of_options() const { return u32(0); }
 
-  std::string section() const {
-    return block(0x0a0d0d0a, u32(0x1a2b3c4d) + u16(1) + u16(0) + u64(~std::uint64_t{0}));
+  std::string section(const std::string& options = "") const {
+    return block(0x0a0d0d0a, u32(0x1a2b3c4d) + u16(1) + u16(0) + u64(~std::uint64_t{0}) + options);
   }
   std::string interface(std::uint16_t link_type, std::uint32_t snap_length,
                         const std::string& options = "") const {

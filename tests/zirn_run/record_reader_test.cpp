@@ -304,6 +304,27 @@ TEST_P(RecordReader, CutAnywhereAClassicCaptureIsReadUpToTheCut) {
 }
 
 // What comes after a good frame.
+// A file cut between two blocks looks whole; ours do not.
+TEST_P(RecordReader, TellsARecordOfOursThatBreaksOffBetweenTwoBlocksFromAWholeOne) {
+  const std::string beginning = made.section(made.option(4, "zirn-run 9.9")) + made.interface(1, 0) +
+                                made.interface(1, 0) + made.enhanced(0, 5, "frame", 5);
+  const std::string first = made.statistics(0, 6, ""), second = made.statistics(1, 6, "");
+  for (const std::string& cut : {beginning, beginning + first, beginning + first + made.journal(kEntry)}) {
+    EXPECT_EQ(read(cut).back(), "byte " + std::to_string(cut.size()) +
+                                    ": the record breaks off: expected the statistics of each network at its "
+                                    "end, found the end");
+  }
+  EXPECT_EQ(read(beginning + first + second).back(), "interface 1 at 6000");
+  EXPECT_EQ(read(made.section(made.option(4, "zirn-run 9.9"))), Words{});
+}
+
+TEST_P(RecordReader, ExpectsNoStatisticsOfOtherTools) {
+  const std::string rest = made.interface(1, 0) + made.enhanced(0, 5, "frame", 5);
+  EXPECT_EQ(read(made.section() + rest).size(), 2U);
+  EXPECT_EQ(read(made.section(made.option(4, "Dumpcap 4.0")) + rest).size(), 2U);
+  EXPECT_EQ(read(made.section(made.option(4, "zirn-run 9.9")) + made.section() + rest).size(), 2U);
+}
+
 std::string problem_with(const MadeRecord& made, const std::string& block) {
   const std::string before = made.section() + made.interface(1, 0) + made.enhanced(0, 0, "", 0);
   const Words found = read(before + block);

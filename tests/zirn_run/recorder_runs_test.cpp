@@ -126,11 +126,11 @@ TEST_F(RecorderRuns, AnUnfinishedOneIsCompletedAsFarAsItGoesAndMarked) {
   recorder::complete_runs(".");
   EXPECT_EQ(files(), (Strings{"cut.pcapng", "whole.pcapng"}));
   const Recorded whole = recorded("whole.pcapng");
-  EXPECT_EQ(whole.problem, "");
+  EXPECT_NE(whole.problem.find("the record breaks off"), std::string::npos) << whole.problem;
   EXPECT_EQ(whole.frames.size(), 10U);
   EXPECT_EQ(whole.gaps(), Strings{"all is missing from here on: the recorder was cut off"});
   const Recorded cut = recorded("cut.pcapng");
-  EXPECT_EQ(cut.problem, "");
+  EXPECT_NE(cut.problem.find("the record breaks off"), std::string::npos) << cut.problem;
   EXPECT_EQ(cut.frames.size(), 9U);
   EXPECT_EQ(cut.gaps().size(), 1U);
 }

@@ -76,6 +76,23 @@ TEST_F(RunFiles, ReadsAFileThatIsCutShortUpToThereAndSaysSo) {
   EXPECT_EQ(story.reading().transfers.size(), 1U);
 }
 
+TEST_F(RunFiles, SaysThatARecordOfOursBreaksOffBetweenTwoBlocks) {
+  const MadeRecord made = MadeRecord::in_order_of_this_machine();
+  const std::string blocks = MadeCapture().read("a").contents().substr(made.section().size());
+  const std::string cut = made.section(made.option(4, "zirn-run 9.9")) + blocks;
+  write_whole_file("cut", cut);
+  write_whole_file("whole", cut + made.statistics(0, 0, ""));
+  Story of_cut, of_whole;
+  const Strings remarks = run_files::tell({"cut", {}, {}}, &of_cut);
+  ASSERT_EQ(remarks.size(), 1U);
+  EXPECT_NE(remarks[0].find("cut: byte " + std::to_string(cut.size()) + ": the record breaks off"),
+            std::string::npos)
+      << remarks[0];
+  EXPECT_TRUE(of_cut.reading().is_cut_short);
+  EXPECT_EQ(run_files::tell({"whole", {}, {}}, &of_whole), Strings{});
+  EXPECT_FALSE(of_whole.reading().is_cut_short);
+}
+
 TEST_F(RunFiles, SaysThatACaptureKeptOnlyThePartsOfPackets) {
   write_whole_file("run", MadeCapture().read("a").keeps(50).read("F_l_m_01PPT_PASSED").contents());
   Story story;

@@ -35,11 +35,15 @@ class Entries {
   record::Writer* const writer_;
 };
 
-void write_frames(std::istream& wire, const WireFates& fates, Entries* entries, record::Writer* writer) {
+// Returns the statistics of each network.
+std::vector<record::Statistics> write_frames(std::istream& wire, const WireFates& fates, Entries* entries,
+                                             record::Writer* writer) {
   record::Reader reader(wire);
   std::uint64_t number = 0;
+  std::vector<record::Statistics> networks;
   while (const auto item = reader.next()) {
-    if (const auto* const link = std::get_if<record::Interface>(&*item)) writer->add(*link);
+    if (const auto* const link = std::get_if<record::Interface>(&*item))
+      networks.push_back({writer->add(*link), 0, 0, 0});
     const auto* const recorded = std::get_if<record::Frame>(&*item);
     if (recorded == nullptr) continue;
     record::Frame frame = *recorded;
@@ -47,7 +51,10 @@ void write_frames(std::istream& wire, const WireFates& fates, Entries* entries, 
     if (fate != fates.of_frames.end()) frame.comments = fate->second;
     entries->write_until(frame.at);
     writer->add(frame);
+    ++*networks.at(frame.interface).received;
+    for (record::Statistics& network : networks) network.at = frame.at;
   }
+  return networks;
 }
 
 }  // namespace
@@ -60,8 +67,11 @@ void write_record(const std::string& path, const std::string& wire_record,
   std::ofstream file(path, std::ios::binary);
   record::Writer writer(file, record::Maker());
   Entries others(std::move(entries), &writer);
-  if (std::ifstream wire(wire_record, std::ios::binary); wire) write_frames(wire, fates, &others, &writer);
+  std::vector<record::Statistics> networks;
+  if (std::ifstream wire(wire_record, std::ios::binary); wire)
+    networks = write_frames(wire, fates, &others, &writer);
   others.write_all();
+  for (const record::Statistics& network : networks) writer.add(network);
   if (!file.flush())
     throw std::runtime_error("expected a file that can be written: " + path + ": " + std::strerror(errno));
 }

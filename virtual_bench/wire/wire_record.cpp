@@ -11,6 +11,7 @@
 namespace {
 
 constexpr std::size_t kBufferBytes = 1U << 20;
+constexpr char kApplication[] = "virtual bench";  // it is no record yet
 constexpr char kFrame[] = "ZIRN_FRAME";
 constexpr char kFate[] = "ZIRN_FATE";
 constexpr const char* kFates[] = {record::kLostByChance, record::kLostByCut, record::kLostAtTheEnd,
@@ -26,7 +27,10 @@ std::ofstream open_file(const std::string& path, std::vector<char>* buffer) {
 }  // namespace
 
 WireRecord::WireRecord(const std::string& path, const std::vector<std::string>& links)
-    : path_(path), buffer_(kBufferBytes), file_(open_file(path, &buffer_)), writer_(file_, record::Maker()) {
+    : path_(path),
+      buffer_(kBufferBytes),
+      file_(open_file(path, &buffer_)),
+      writer_(file_, {"", "", kApplication}) {
   check();
   for (const std::string& link : links) {
     record::Interface interface;

@@ -16,6 +16,7 @@ namespace {
 constexpr std::uint32_t kPcapMicroseconds = 0xa1b2c3d4;
 constexpr std::uint32_t kPcapNanoseconds = 0xa1b23c4d;
 constexpr std::size_t kMagicBytes = 4;
+constexpr std::string_view kOurs = "zirn-run ";
 constexpr std::size_t kLookedAtBytes = 64;  // of what is none of these
 constexpr std::size_t kPcapHeaderBytes = 24;
 constexpr std::size_t kPcapFrameHeaderBytes = 16;
@@ -196,7 +197,10 @@ Interface Reader::pcap_header() {
 std::optional<Item> Reader::next_of_pcapng() {
   while (true) {
     const std::string_view whole_block = block();
-    if (whole_block.empty()) return std::nullopt;
+    if (whole_block.empty()) {
+      check_end();
+      return std::nullopt;
+    }
     input_.take(whole_block.size());
     const std::string_view contents =
         whole_block.substr(pcapng::kHeadBytes, whole_block.size() - pcapng::kFrameBytes);
@@ -283,11 +287,21 @@ std::string_view Reader::contents_after(std::string_view contents, std::size_t f
 }
 
 void Reader::begin_section(std::string_view contents) {
-  contents_after(contents, 16);
+  const std::string_view options = contents_after(contents, 16);
   const auto version = number<std::uint16_t>(contents, 4);
   if (version != 1) throw Damage{"version " + std::to_string(version) + " of the format, expected 1"};
   sources_before_ += static_cast<std::uint32_t>(sources_.size());
   sources_.clear();
+  is_ours_ = false;
+  each_option(options, [this](std::uint16_t code, std::string_view value) {
+    if (code == pcapng::kApplication) is_ours_ = value.substr(0, kOurs.size()) == kOurs;
+  });
+}
+
+void Reader::check_end() const {
+  const auto has = [](const Source& source) { return source.has_statistics; };
+  if (!is_ours_ || std::all_of(sources_.begin(), sources_.end(), has)) return;
+  throw Damage{"the record breaks off: expected the statistics of each network at its end, found the end"};
 }
 
 Interface Reader::interface_in(std::string_view contents) {
@@ -389,11 +403,12 @@ Entry Reader::entry_in(std::string_view contents) {
   return entry;
 }
 
-Statistics Reader::statistics_in(std::string_view contents) const {
+Statistics Reader::statistics_in(std::string_view contents) {
   const std::string_view options = contents_after(contents, 12);
   const auto interface = number<std::uint32_t>(contents, 0);
   Statistics statistics;
   statistics.at = source(interface).clock.nanoseconds(ticks_at(contents));
+  sources_[interface].has_statistics = true;
   statistics.interface = sources_before_ + interface;
   std::optional<std::uint64_t> dropped_by_os;
   each_option(options, [&](std::uint16_t code, std::string_view value) {

@@ -46,7 +46,8 @@ class Reader {
   std::optional<Item> next();
 
   // Where and why the items ended before the file's end: "byte 4096: the file is cut short: 12 of 136 bytes of the
-  // block are there". Empty: they did not.
+  // block are there". Empty: they did not. Of a record of ours it also says that it breaks off
+  // between two blocks, which shows by the statistics at its end.
   const std::string& problem() const { return problem_; }
 
  private:
@@ -54,6 +55,7 @@ class Reader {
     std::uint16_t link_type = kEthernet;
     std::uint32_t snap_length = 0;
     Clock clock;
+    bool has_statistics = false;
   };
 
   void recognise();
@@ -78,13 +80,15 @@ class Reader {
   Frame frame_of(std::uint32_t interface, std::uint64_t ticks) const;
   void put_bytes(std::string_view rest, std::size_t kept, std::size_t size, Frame* frame) const;
   Entry entry_in(std::string_view contents);
-  Statistics statistics_in(std::string_view contents) const;
+  Statistics statistics_in(std::string_view contents);
   const Source& source(std::uint32_t interface) const;
+  void check_end() const;
 
   Input input_;
   bool is_pcap_ = false;
-  bool is_turned_ = false;            // the section has the other order of bytes
-  std::vector<Source> sources_;       // the section's interfaces
+  bool is_turned_ = false;       // the section has the other order of bytes
+  bool is_ours_ = false;         // the section was made by Writer, with the statistics of each interface last
+  std::vector<Source> sources_;  // the section's interfaces
   std::uint32_t sources_before_ = 0;  // interfaces of earlier sections
   std::uint64_t block_at_ = 0;        // the place in the file of the block that is read
   std::uint64_t numbered_ = 0;        // frames and entries so far

@@ -41,6 +41,7 @@ class Writer {
   std::uint64_t add(const Frame& frame);
   // Of its time whole microseconds are written. What cannot be written of it: see journal_text.h. Returns its number.
   std::uint64_t add(const Entry& entry);
+  // Those of each interface end the record: without them it breaks off, for a reader.
   void add(const Statistics& statistics);
 
  private:
