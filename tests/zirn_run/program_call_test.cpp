@@ -47,6 +47,13 @@ TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
   expect_refused({"draw", "run", "-o", "./run"}, 3,
                  "zirn-run: ./run: expected a file for the picture, found what is to be drawn");
   EXPECT_EQ(whole_file("run"), MadeCapture().read("kernel.img").contents());
+  for (const char* const command : {"draw", "explain"}) {
+    expect_refused({command, "run", "--log", "run"}, 3,
+                   "zirn-run: run: expected the station's lines, found a pcapng file");
+    expect_refused(
+        {command, "run", "--journal", "run"}, 3,
+        "zirn-run: run: expected the journal as `journalctl -o export` writes it, found a pcapng file");
+  }
   expect_refused({"draw", "-", "--log", "run"}, 3,
                  "zirn-run: --log: expected a file, found standard input, which cannot be read twice");
 }

@@ -75,13 +75,22 @@ TEST(RecordJournal, CutAnywhereTheEntriesBeforeAreRead) {
 }
 
 TEST(RecordJournal, WhatIsNoExportIsSaid) {
-  const std::string problem = ": neither NAME=value nor a field of bytes that fits its length";
-  EXPECT_EQ(read("Nov 22 06:00:00 station TFTP[1]: Cmd received\n"), Words({"byte 0" + problem}));
-  EXPECT_EQ(read(kFirst + "A=1\nlower=2\n\n"), Words({kFirstWords, "byte 70" + problem}));
-  EXPECT_EQ(read("A\n" + MadeRecord(false).u64(1) + "xx\n"), Words({"byte 0" + problem}));
-  EXPECT_EQ(read("A\n" + MadeRecord(false).u64(1U << 20U) + "x"), Words({"byte 0" + problem}));
-  EXPECT_EQ(read("A\n" + std::string(8, '\xff') + "x"), Words({"byte 0" + problem}));
-  EXPECT_EQ(read("A=" + std::string(1U << 20U, 'x')), Words({"byte 0" + problem}));
+  const std::string expected = "expected the journal as `journalctl -o export` writes it, found ";
+  EXPECT_EQ(read("Nov 22 06:00:00 station TFTP[1]: Cmd received\n"), Words({expected + "text"}));
+  EXPECT_EQ(read("Nov 22"), Words({expected + "text"}));
+  EXPECT_EQ(read(MadeRecord(false).section()), Words({expected + "a pcapng file"}));
+  EXPECT_EQ(read("\x7f"
+                 "ELF\2\1"),
+            Words({expected + "the bytes 7f 45 4c 46"}));
+  EXPECT_EQ(read("A=" + std::string(1U << 20U, 'x')), Words({expected + "text"}));
+}
+
+TEST(RecordJournal, WhatIsNoFieldIsSaid) {
+  const std::string problem = "byte 70: neither NAME=value nor a field of bytes that fits its length";
+  EXPECT_EQ(read(kFirst + "A=1\nlower=2\n\n"), Words({kFirstWords, problem}));
+  for (const std::string& length :
+       {MadeRecord(false).u64(1), MadeRecord(false).u64(1U << 20U), std::string(8, '\xff')})
+    EXPECT_EQ(read(kFirst + "A=1\nB\n" + length + "xx\n"), Words({kFirstWords, problem}));
 }
 
 TEST(RecordJournal, AFieldMayHaveAMebibyte) {
@@ -103,7 +112,7 @@ TEST(RecordLog, ReadsLines) {
   EXPECT_EQ(lines_of(""), Words({}));
   EXPECT_EQ(lines_of("one\n\nthree\n"), Words({"one", "", "three"}));
   EXPECT_EQ(lines_of("one\ntwo"), Words({"one", "two"}));
-  EXPECT_EQ(lines_of(std::string("a\0b\n", 4)), Words({std::string("a\0b", 3)}));
+  EXPECT_EQ(lines_of("\x1b\xff\n"), Words({"\x1b\xff"}));
 }
 
 TEST(RecordLog, ALongLineBecomesSeveral) {
@@ -112,16 +121,33 @@ TEST(RecordLog, ALongLineBecomesSeveral) {
   EXPECT_TRUE(lines_of(most + "yz\nb") == Words({most, "yz", "b"}));
 }
 
+TEST(RecordLog, SaysWhatAFileIsThatIsNoText) {
+  const auto problem_of = [](const std::string& contents) {
+    std::istringstream file(contents);
+    LogReader reader(file);
+    EXPECT_FALSE(reader.next());
+    return reader.problem();
+  };
+  EXPECT_EQ(problem_of(MadeRecord(false).section()), "expected the station's lines, found a pcapng file");
+  EXPECT_EQ(problem_of(std::string("\x7f"
+                                   "ELF\0\n",
+                                   6)),
+            "expected the station's lines, found the bytes 7f 45 4c 46");
+  EXPECT_EQ(problem_of(std::string(100, 'x') + '\0'),
+            "expected the station's lines, found text with NUL bytes");
+}
+
 TEST(RecordLog, SaysThatAFolderHasNoLines) {
   const ScratchDirectory directory;
   std::ifstream file(directory.path());
   LogReader reader(file);
   EXPECT_FALSE(reader.next());
-  EXPECT_EQ(reader.problem(), "byte 0: the file cannot be read any further: Is a directory");
+  EXPECT_EQ(reader.problem(), "expected the station's lines, found none: Is a directory");
   std::ifstream journal(directory.path());
   JournalReader journal_reader(journal);
   EXPECT_FALSE(journal_reader.next());
-  EXPECT_EQ(journal_reader.problem(), "byte 0: the file cannot be read any further: Is a directory");
+  EXPECT_EQ(journal_reader.problem(),
+            "expected the journal as `journalctl -o export` writes it, found none: Is a directory");
 }
 
 }  // namespace

@@ -183,6 +183,25 @@ TEST_F(RunFiles, NamesAJournalOrLogThatIsMissing) {
   EXPECT_EQ(refusal({"run", {}, "missing"}), "missing: No such file or directory");
 }
 
+TEST_F(RunFiles, RefusesAJournalOrLogThatIsNone) {
+  write_whole_file("run", MadeCapture().read("a").contents());
+  write_whole_file("text", "Nov 22 06:00:00 station TFTP[1]: RRQ a\n");
+  write_whole_file("nothing", "");
+  const std::string no_journal = ": expected the journal as `journalctl -o export` writes it, found ";
+  const std::string no_log = ": expected the station's lines, found ";
+  for (const std::string& record : {std::string("run"), std::string()}) {  // beside it, and alone
+    EXPECT_EQ(refusal({record, "text", {}}), "text" + no_journal + "text");
+    EXPECT_EQ(refusal({record, "run", {}}), "run" + no_journal + "a pcapng file");
+    EXPECT_EQ(refusal({record, ".", {}}), "." + no_journal + "none: Is a directory");
+    EXPECT_EQ(refusal({record, {}, "run"}), "run" + no_log + "a pcapng file");
+    EXPECT_EQ(refusal({record, {}, "."}), "." + no_log + "none: Is a directory");
+  }
+  EXPECT_EQ(refusal({"", {}, "nothing"}), "nothing" + no_log + "none");
+  EXPECT_EQ(refusal({"", "nothing", {}}), "nothing" + no_log + "none");
+  Story story;
+  EXPECT_EQ(run_files::tell({"run", {}, "nothing"}, &story), Strings{"nothing" + no_log + "none"});
+}
+
 TEST_F(RunFiles, TellsALogsLinesWhereTheyBelongAndTheOthersAtTheSide) {
   write_whole_file("run", MadeCapture().read("a").read("F_l_m_01MEMORY_PASSED").contents());
   write_whole_file("log",

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "record/description.h"
 #include "record/journal_text.h"
 
 namespace record {
@@ -22,20 +23,30 @@ std::optional<Entry> JournalReader::next() {
     const journal_text::Taken taken = journal_text::take_field(&rest, kMostFieldBytes, &entry);
     if (taken == journal_text::Taken::kWrong)
       return ends("neither NAME=value nor a field of bytes that fits its length");
+    if (taken == journal_text::Taken::kEntryEnd && !has_fields_)
+      beginning_.resize(std::min(beginning_.size() + 1, kDescribedBytes), '\n');
     input_.take(there.size() - rest.size());
     wanted = taken == journal_text::Taken::kMore ? there.size() + 1 : 1;
     if (taken == journal_text::Taken::kEntryEnd && has_begun) return entry;
     has_begun = has_begun || taken == journal_text::Taken::kField;
+    has_fields_ = has_fields_ || has_begun;
   }
 }
 
 std::optional<Entry> JournalReader::ends(const std::string& why) {
   has_ended_ = true;
-  if (!why.empty()) problem_ = "byte " + std::to_string(input_.position()) + ": " + why;
+  if (why.empty()) return std::nullopt;
+  problem_ = "byte " + std::to_string(input_.position()) + ": " + why;
+  if (has_fields_) return std::nullopt;
+  beginning_ += input_.at_least(kDescribedBytes);
+  problem_ = "expected the journal as `journalctl -o export` writes it, found " +
+             (input_.error().empty() ? description_of(beginning_) : "none: " + input_.error());
   return std::nullopt;
 }
 
 std::optional<Line> LogReader::next() {
+  if (input_.position() == 0) look_at_beginning();
+  if (!other_.empty()) return std::nullopt;
   std::string_view there = input_.at_least(1);
   std::size_t end = there.find('\n');
   while (end == std::string_view::npos && there.size() <= kMostLineBytes) {
@@ -51,8 +62,20 @@ std::optional<Line> LogReader::next() {
   return line;
 }
 
+// Names that come over the wire have any bytes but NUL.
+void LogReader::look_at_beginning() {
+  constexpr std::size_t kLookedAtBytes = 4096;
+  const std::string_view beginning = input_.at_least(kLookedAtBytes).substr(0, kLookedAtBytes);
+  if (beginning.find('\0') == std::string_view::npos) return;
+  other_ = description_of(beginning);
+  if (other_ == "text") other_ = "text with NUL bytes";
+}
+
 std::string LogReader::problem() const {
+  const std::string expected = "expected the station's lines, found ";
+  if (!other_.empty()) return expected + other_;
   if (input_.error().empty()) return {};
+  if (input_.position() == 0) return expected + "none: " + input_.error();
   return "byte " + std::to_string(input_.position()) +
          ": the file cannot be read any further: " + input_.error();
 }

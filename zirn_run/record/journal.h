@@ -23,13 +23,16 @@ class JournalReader {
   // The next entry, without a number; nothing at the end. Its time is 0 where it has none.
   std::optional<Entry> next();
 
-  // Where and why the entries ended before the file's end, as Reader says it; an entry that breaks off is left out.
+  // Where and why the entries ended before the file's end, as Reader says it; an entry that breaks off is left out. Of
+  // a file that does not begin with a field: what was expected and found.
   const std::string& problem() const { return problem_; }
 
  private:
   std::optional<Entry> ends(const std::string& why);
 
   Input input_;
+  std::string beginning_;  // of the file: empty lines before the first field
+  bool has_fields_ = false;
   bool has_ended_ = false;
   std::string problem_;
 };
@@ -45,11 +48,14 @@ class LogReader {
   // The next line, without its end; nothing at the end. The last one need not have an end.
   std::optional<Line> next();
 
-  // Why the lines ended before the file's end; empty: they did not.
+  // Why the lines ended before the file's end; empty: they did not. Of a file that is no text there are none.
   std::string problem() const;
 
  private:
+  void look_at_beginning();
+
   Input input_;
+  std::string other_;  // what the file is, if no text
 };
 
 }  // namespace record

@@ -1,11 +1,10 @@
 #include "record/reader.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <limits>
 
 #include "record/byte_order.h"
+#include "record/description.h"
 #include "record/journal_text.h"
 #include "record/pcapng.h"
 
@@ -17,7 +16,6 @@ constexpr std::uint32_t kPcapMicroseconds = 0xa1b2c3d4;
 constexpr std::uint32_t kPcapNanoseconds = 0xa1b23c4d;
 constexpr std::size_t kMagicBytes = 4;
 constexpr std::string_view kOurs = "zirn-run ";
-constexpr std::size_t kLookedAtBytes = 64;  // of what is none of these
 constexpr std::size_t kPcapHeaderBytes = 24;
 constexpr std::size_t kPcapFrameHeaderBytes = 16;
 constexpr std::size_t kSmallestBlockBytes = 12;
@@ -50,24 +48,6 @@ Nanoseconds within_range(std::uint64_t seconds, std::uint64_t nanoseconds, std::
   const Nanoseconds whole = sum * kSecond;
   const auto rest = static_cast<Nanoseconds>(nanoseconds);
   return whole > kLatest - rest ? kLatest : whole + rest;
-}
-
-bool is_text(std::string_view bytes) {
-  const auto fits = [](char c) { return static_cast<unsigned char>(c) >= 0x20 || (c >= '\t' && c <= '\r'); };
-  return std::all_of(bytes.begin(), bytes.end(), fits);
-}
-
-std::string description_of(std::string_view beginning) {
-  if (beginning.empty()) return "an empty file";
-  if (beginning.substr(0, 2) == "\x1f\x8b") return "gzip data";
-  if (is_text(beginning)) return "text";
-  std::string described = beginning.size() < kMagicBytes ? "no more than the bytes" : "the bytes";
-  for (const char c : beginning.substr(0, kMagicBytes)) {
-    std::array<char, 4> hex = {};
-    std::snprintf(hex.data(), hex.size(), " %02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-    described += hex.data();
-  }
-  return described;
 }
 
 }  // namespace
@@ -114,7 +94,7 @@ void Reader::recognise() {
     if (is_pcap_ || magic == pcapng::kSectionHeader) return;
   }
   throw NotARecord("expected a pcapng or pcap file, found " +
-                   description_of(input_.at_least(kLookedAtBytes).substr(0, kLookedAtBytes)));
+                   description_of(input_.at_least(kDescribedBytes)));
 }
 
 std::optional<Item> Reader::next() {

@@ -58,7 +58,10 @@ class Beside {
 
 class Journal : public Beside {
  public:
-  explicit Journal(const std::string& name) : file_(name), reader_(file_.stream()) { next(); }
+  explicit Journal(const std::string& name) : file_(name), reader_(file_.stream()) {
+    next();
+    if (!entry_ && !reader_.problem().empty()) throw NotReadable(file_.named(reader_.problem()));
+  }
   void tell_until(record::Nanoseconds at, story::Story* story) override {
     if (from_ == 0) from_ = at - kMostDistance;
     for (; entry_ && entry_->at <= at; next()) {
@@ -98,12 +101,16 @@ std::vector<std::string> lines_of(const std::string& name) {
 
 class Log : public Beside {
  public:
-  Log(const std::string& name, const story::Reading& reading) : lines_(placed(lines_of(name), reading)) {}
+  Log(const std::string& name, const story::Reading& reading)
+      : name_(name), lines_(placed(lines_of(name), reading)) {}
   void tell_until(record::Nanoseconds at, story::Story* story) override {
     if (!has_told_untimed_) tell_untimed(story);
     for (; next_ < lines_.size() && lines_[next_].at <= at; ++next_) {
       if (lines_[next_].at != 0) tell(next_, story);
     }
+  }
+  std::string remark() const override {
+    return lines_.empty() ? frames::printable(name_) + ": expected the station's lines, found none" : "";
   }
 
  private:
@@ -117,6 +124,7 @@ class Log : public Beside {
     }
   }
 
+  const std::string name_;
   const std::vector<PlacedLine> lines_;
   bool has_told_untimed_ = false;
   std::size_t next_ = 0;
@@ -232,6 +240,7 @@ std::vector<std::string> tell_lines(const Files& files, story::Story* story) {
     }
     for (const record::Entry& entry : entries) story->take(entry);
     if (!reader.problem().empty()) remarks.push_back(file.named(reader.problem()));
+    if (!remarks.empty() && entries.empty()) throw NotReadable(remarks.front());
   } else {
     const std::vector<std::string> lines = lines_of(*files.log);
     const auto last = std::find_if(lines.rbegin(), lines.rend(), begins);
@@ -240,6 +249,10 @@ std::vector<std::string> tell_lines(const Files& files, story::Story* story) {
       story->take(record::Line{*line}, 0, static_cast<std::uint64_t>(line - lines.begin()) + 1);
   }
   story->finish(!remarks.empty());
+  if (story->reading().steps.empty() && story->reading().untimed_lines.empty()) {
+    throw NotReadable(frames::printable(files.journal ? *files.journal : *files.log) +
+                      ": expected the station's lines, found none");
+  }
   return remarks;
 }
 

@@ -37,7 +37,8 @@ inline constexpr record::Nanoseconds kMostDistance = 10'000'000'000;
 // Tells the story, and that it has ended. Entries of the journal are told in the order of time among the record's
 // frames, numbered by themselves; lines of a log as placed_lines.h says. Returns what the reader of a result must
 // know, sentences that begin with a file's name: where a file is cut short or damaged, frames of a kind that is
-// not looked into, packets that are not whole, and a journal that has nothing of the run. Throws NotReadable, also where a record holds nothing of a run.
+// not looked into, packets that are not whole, and a journal or log that has nothing of the run. Throws NotReadable,
+// also where a record, or a journal or log by itself, holds nothing of a run, and where a journal or log is none.
 std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress = {});
 
 }  // namespace run_files
