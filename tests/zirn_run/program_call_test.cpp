@@ -36,6 +36,19 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
   expect_refused({"record", "-i", "lo", "--service", "-o", "a"}, 2, "--output excludes --service");
 }
 
+TEST_F(ProgramCall, RefusesLinesBesideARecordThatHasThem) {
+  const std::string entry = "__REALTIME_TIMESTAMP=1700000000000001\nMESSAGE=a\nSYSLOG_IDENTIFIER=TFTP\n\n";
+  write_whole_file("run", MadeCapture().read("kernel.img").contents() +
+                              MadeRecord::in_order_of_this_machine().journal(entry));
+  write_whole_file("journal", entry);
+  for (const char* const command : {"draw", "explain"}) {
+    expect_refused({command, "run", "--journal", "journal"}, 2,
+                   "--journal: expected a capture without the station's lines beside it, found them in run");
+    expect_refused({command, "run", "--log", "journal"}, 2,
+                   "--log: expected a capture without the station's lines beside it, found them in run");
+  }
+}
+
 TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
   write_whole_file("run", MadeCapture().read("kernel.img").contents());
   expect_refused({"draw", "missing"}, 3, "zirn-run: missing: No such file or directory");

@@ -202,6 +202,23 @@ TEST_F(RunFiles, RefusesAJournalOrLogThatIsNone) {
   EXPECT_EQ(run_files::tell({"run", {}, "nothing"}, &story), Strings{"nothing" + no_log + "none"});
 }
 
+TEST_F(RunFiles, DoesNotTellTheSameLinesTwice) {
+  write_whole_file("run", MadeCapture().read("a").contents() +
+                              MadeRecord::in_order_of_this_machine().journal(entry(1, "of the record")));
+  write_whole_file("journal", entry(1, "of the record"));
+  write_whole_file("log", "of the record\n");
+  for (const Files& files : {Files{"run", "journal", {}}, Files{"run", {}, "log"}}) {
+    Story story;
+    try {
+      run_files::tell(files, &story);
+      ADD_FAILURE() << "they were told";
+    } catch (const run_files::NotTogether& error) {
+      EXPECT_STREQ(error.what(),
+                   "expected a capture without the station's lines beside it, found them in run");
+    }
+  }
+}
+
 TEST_F(RunFiles, TellsALogsLinesWhereTheyBelongAndTheOthersAtTheSide) {
   write_whole_file("run", MadeCapture().read("a").read("F_l_m_01MEMORY_PASSED").contents());
   write_whole_file("log",

@@ -35,5 +35,7 @@ void tell_run(const run_files::Files& files, story::Story* story) {
     for (const std::string& remark : remarks) std::cerr << "zirn-run: " << remark << std::endl;
   } catch (const run_files::NotReadable& error) {
     throw NotPossible(error.what());
+  } catch (const run_files::NotTogether& error) {
+    throw CLI::ValidationError(files.journal ? "--journal" : "--log", error.what());
   }
 }

@@ -16,7 +16,7 @@ std::shared_ptr<run_files::Files> add_run_options(CLI::App& app);
 void add_line_options(CLI::App& app, std::optional<std::string>* journal, std::optional<std::string>* log);
 
 // Tells the run's story, with a line of progress on a terminal, and says on standard error what is to be known of its
-// files. Throws NotPossible.
+// files. Throws NotPossible, and CLI::ValidationError where the files do not go together.
 void tell_run(const run_files::Files& files, story::Story* story);
 
 #endif

@@ -39,6 +39,7 @@ class OpenFile {
     stream_.rdbuf(unpacked_.get());
   }
   std::istream& stream() { return stream_; }
+  const std::string& name() const { return name_; }
   std::string named(const std::string& what) const { return name_ + ": " + what; }
 
  private:
@@ -46,6 +47,11 @@ class OpenFile {
   std::unique_ptr<record::UnpackedFile> unpacked_;
   std::istream stream_{nullptr};
 };
+
+bool is_line(const record::Entry& entry) {
+  const auto said = record::said_by(entry);
+  return said && std::holds_alternative<record::Line>(*said);
+}
 
 // What is beside the record, told up to a time.
 class Beside {
@@ -189,6 +195,9 @@ void Teller::take(const record::Item& item, Beside* beside, story::Story* story)
   const auto* const entry = std::get_if<record::Entry>(&item);
   if (frame != nullptr) count(*frame);
   if (entry != nullptr) ++counted_.entries;
+  if (entry != nullptr && beside != nullptr && is_line(*entry))
+    throw NotTogether("expected a capture without the station's lines beside it, found them in " +
+                      file_.name());
   if (frame != nullptr || entry != nullptr) {
     last_ = std::max(last_, frame != nullptr ? frame->at : entry->at);
     if (beside != nullptr) beside->tell_until(last_, story);

@@ -28,6 +28,11 @@ struct NotReadable : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A journal or a log beside a record that has lines itself; says in which.
+struct NotTogether : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 // Called every now and then, with how many frames and entries were read.
 using Progress = std::function<void(std::uint64_t)>;
 
@@ -39,6 +44,7 @@ inline constexpr record::Nanoseconds kMostDistance = 10'000'000'000;
 // know, sentences that begin with a file's name: where a file is cut short or damaged, frames of a kind that is
 // not looked into, packets that are not whole, and a journal or log that has nothing of the run. Throws NotReadable,
 // also where a record, or a journal or log by itself, holds nothing of a run, and where a journal or log is none.
+// Throws NotTogether.
 std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress = {});
 
 }  // namespace run_files
