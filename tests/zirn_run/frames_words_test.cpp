@@ -88,4 +88,9 @@ TEST(Words, TellTheSizeOfABlockThatWasCut) {
   EXPECT_EQ(in_words(tftp_message_in(block, 1432)), "DATA 7, 1428 bytes");
 }
 
+TEST(Words, OfASentenceAreAllShown) {
+  const std::string name(1000, 'x');
+  EXPECT_EQ(frames::printable_sentence("\x1b" + name + ": no"), "\\x1b" + name + ": no");
+}
+
 }  // namespace

@@ -36,6 +36,21 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
   expect_refused({"record", "-i", "lo", "--service", "-o", "a"}, 2, "--output excludes --service");
 }
 
+// A name from outside may hold what a terminal obeys.
+TEST_F(ProgramCall, ShowsWhatACallHoldsWithoutObeyingIt) {
+  const std::string odd = "\x1b[2J\n\xff";
+  const std::string shown = "\\x1b[2J\\x0a\\xff";
+  expect_refused({odd}, 2, "The following argument was not expected: " + shown);
+  expect_refused({"check", "--" + odd}, 2, "The following argument was not expected: --" + shown);
+  expect_refused({"draw", "a", "--unit", odd}, 2,
+                 "--unit: expected an address as 172.40.0.2, found " + shown);
+  expect_refused(
+      {"record", "-i", odd, "-i", odd, "-o", "a"}, 2,
+      "zirn-run: expected each link once (-i), found " + shown + " twice: its frames would be, too");
+  expect_refused({"record", "-i", "lo", "-o", odd + "/a"}, 3,
+                 "zirn-run: " + shown + "/a.part: No such file or directory");
+}
+
 TEST_F(ProgramCall, RefusesLinesBesideARecordThatHasThem) {
   const std::string entry = "__REALTIME_TIMESTAMP=1700000000000001\nMESSAGE=a\nSYSLOG_IDENTIFIER=TFTP\n\n";
   write_whole_file("run", MadeCapture().read("kernel.img").contents() +

@@ -64,10 +64,10 @@ bool add_named(char letter, std::string* text) {
   }
 }
 
-std::string each(std::string_view bytes, bool names_controls) {
+std::string each(std::string_view bytes, bool names_controls, std::size_t most = kMaxBytes) {
   std::string text;
   std::size_t i = 0;
-  while (i < bytes.size() && i < kMaxBytes) {
+  while (i < bytes.size() && i < most) {
     const Character character = character_at(bytes.substr(i));
     const std::size_t size = character.size == 0 ? 1 : character.size;
     const std::string_view part = bytes.substr(i, size);
@@ -86,6 +86,10 @@ std::string each(std::string_view bytes, bool names_controls) {
 
 std::string printable(std::string_view bytes) {
   return each(bytes, false);
+}
+
+std::string printable_sentence(std::string_view bytes) {
+  return each(bytes, false, bytes.size());
 }
 
 std::string quoted(std::string_view bytes) {

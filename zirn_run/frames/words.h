@@ -13,7 +13,10 @@ namespace frames {
 // characters, and bytes that are no UTF-8, as \xNN. Of what is very long the beginning and "...".
 std::string printable(std::string_view bytes);
 
-// The same in quotation marks; NUL as \0, line ends as \r and \n.
+// The same of a whole sentence, in which names may stand: nothing is left out.
+std::string printable_sentence(std::string_view bytes);
+
+// As printable, in quotation marks; NUL as \0, line ends as \r and \n.
 std::string quoted(std::string_view bytes);
 
 // "1 block", "2 blocks".

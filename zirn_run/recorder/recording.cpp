@@ -20,6 +20,8 @@
 #include <iostream>
 #include <thread>
 
+#include "frames/words.h"
+
 namespace recorder {
 
 namespace {
@@ -129,7 +131,7 @@ Filter filter_of(const Options& options, const Words& station_options) {
 }  // namespace
 
 void say(const std::string& text) {
-  std::cerr << "zirn-run: " << text << std::endl;
+  std::cerr << "zirn-run: " << frames::printable_sentence(text) << std::endl;
 }
 
 Recording::Record::Record(const std::string& name, int gives_up)
