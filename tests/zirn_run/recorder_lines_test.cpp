@@ -9,8 +9,6 @@
 #include <fstream>
 #include <string>
 
-#include "support/sandbox.h"
-#include "support/scratch_directory.h"
 #include "zirn_run/recording.h"
 
 // The station's lines, from a log or from the journal, and the end of its run.
@@ -27,21 +25,16 @@ void make_script(const std::string& name, const std::string& text) {
   chmod(name.c_str(), 0755);
 }
 
-class RecorderLines : public testing::Test {
+class RecorderLines : public RecordsLoopback {
  protected:
   void SetUp() override {
-    NEEDS_SANDBOX();
-    options_.links = {"lo"};
-    options_.station = Strings{"-o", "127.0.0.1"};
-    options_.output = "run.pcapng";
+    RecordsLoopback::SetUp();
+    if (IsSkipped()) return;
     ASSERT_EQ(mount("tmpfs", "/run", "tmpfs", 0, nullptr), 0);
   }
   void TearDown() override {
     if (sandbox::entered()) umount("/run");
   }
-
-  const ScratchDirectory scratch_;
-  recorder::Options options_;
 };
 
 class RecorderLog : public RecorderLines {

@@ -8,8 +8,6 @@
 #include <sstream>
 #include <string>
 
-#include "support/sandbox.h"
-#include "support/scratch_directory.h"
 #include "zirn_run/recording.h"
 
 // Where the recorder writes, and what becomes of that when it is disturbed.
@@ -17,18 +15,7 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-class RecorderOutput : public testing::Test {
- protected:
-  void SetUp() override {
-    NEEDS_SANDBOX();
-    options_.links = {"lo"};
-    options_.station = Strings{"-o", "127.0.0.1"};
-    options_.output = "run.pcapng";
-  }
-
-  const ScratchDirectory scratch_;
-  recorder::Options options_;
-};
+class RecorderOutput : public RecordsLoopback {};
 
 void send_many(int count) {
   const Sender sender("127.0.0.1", 12345);

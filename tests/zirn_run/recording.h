@@ -2,6 +2,7 @@
 #define ZIRN_RUN_RECORDING_H
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,6 +19,8 @@
 #include "stage/process.h"
 #include "stage/wait_until.h"
 #include "support/program.h"
+#include "support/sandbox.h"
+#include "support/scratch_directory.h"
 #include "support/whole_file.h"
 
 // A recorder at work, as a process.
@@ -48,6 +51,20 @@ class Recording {
   Process process_;
   const std::string part_;
   std::string output_;
+};
+
+// A scratch directory, and how a station of this machine alone is recorded there.
+class RecordsLoopback : public testing::Test {
+ protected:
+  void SetUp() override {
+    NEEDS_SANDBOX();
+    options_.links = {"lo"};
+    options_.station = std::vector<std::string>{"-o", "127.0.0.1"};
+    options_.output = "run.pcapng";
+  }
+
+  const ScratchDirectory scratch_;
+  recorder::Options options_;
 };
 
 struct RecordedFrame {
