@@ -94,11 +94,16 @@ class MadeRun {
     comments.emplace_back(comment);
     return *this;
   }
+  // From here on the capture keeps so many bytes of a frame.
+  MadeRun& keeps(std::size_t bytes) {
+    kept = bytes;
+    return *this;
+  }
   std::uint64_t frame(const std::string& bytes) {
     record::Frame frame;
     frame.number = ++number;
     frame.at = now += kMillisecond;
-    frame.bytes = bytes;
+    frame.bytes = std::string_view(bytes).substr(0, kept);
     frame.size = static_cast<std::uint32_t>(bytes.size());
     frame.comments = std::exchange(comments, {});
     story.take(frame);
@@ -131,6 +136,7 @@ class MadeRun {
   story::Story story;
   record::Nanoseconds now = kStart;
   std::uint64_t number = 0;
+  std::size_t kept = std::string::npos;
   std::vector<std::string> comments;
 };
 

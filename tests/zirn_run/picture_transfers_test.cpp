@@ -102,6 +102,27 @@ TEST_F(PictureOfTransfers, CountsWhatBecameOfBlocksAtOnePlace) {
   EXPECT_NE(band.find(" s (3)"), std::string::npos) << band;
 }
 
+TEST_F(PictureOfTransfers, SaysOfFramesThatTheCaptureCutNoMoreThanThat) {
+  constexpr std::size_t kHeaders = 14 + 20 + 8;
+  unit.asks(rrq("image.bin"));
+  run.keeps(kHeaders + 3);
+  unit.blocks(1, 3, 512);
+  run.rests(20000);
+  EXPECT_EQ(words(),
+            (Lines{"read image.bin",
+                   "frame cut by the capture, 3 times until "
+                   "0.006 s",
+                   "frame cut by the capture, its end is not in the record, 3 times until 0.007 s"}));
+  EXPECT_EQ(run.reading().transfers.at(0).end, story::Transfer::End::kUnknown);
+}
+
+TEST_F(PictureOfTransfers, SaysThatTheCaptureCutARequest) {
+  run.broadcasts_boot_script();
+  run.keeps(14 + 20 + 8 + 1);
+  unit.asks(rrq("image.bin"));
+  EXPECT_EQ(words().back(), "frame cut by the capture, its end is not in the record");
+}
+
 TEST_F(PictureOfTransfers, ListsNoMoreThanAFewPlacesOfLoss) {
   unit.asks(rrq("image.bin"));
   for (int block = 1; block <= 20; ++block) {

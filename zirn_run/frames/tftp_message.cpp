@@ -65,12 +65,12 @@ TftpMessage tftp_message_in(std::string_view payload, std::size_t size) {
   TftpMessage message;
   const std::uint16_t operation = number16_at(payload, 0);
   message.number = operation;
-  if (payload.size() < 2 || operation < 1 || operation > 6) return message;
+  const bool is_cut = payload.size() < size;
   const bool has_number = operation >= 3 && operation <= 5;
-  if (has_number && payload.size() < std::min(size, kHeaderBytes)) return message;
+  if (is_cut && payload.size() < (has_number ? kHeaderBytes : 2)) message.kind = Kind::kCut;
+  if (message.kind == Kind::kCut || payload.size() < 2 || operation < 1 || operation > 6) return message;
   message.kind = static_cast<Kind>(operation);
   message.number = number16_at(payload, 2);
-  const bool is_cut = payload.size() < size;
   Texts texts(part_of(payload, message.kind == Kind::kError ? kHeaderBytes : 2), is_cut);
   if (is_request(message)) {
     message.name = texts.next();
@@ -118,6 +118,8 @@ std::string in_words(const TftpMessage& message) {
              (message.error_text.empty() ? ", no text" : ", " + quoted(message.error_text));
     case Kind::kOack:
       return "OACK" + options_in_words(message);
+    case Kind::kCut:
+      return "a TFTP packet that the capture has cut";
     case Kind::kOther:
       break;
   }

@@ -12,10 +12,19 @@ namespace frames {
 
 // A datagram as RFC 1350 and RFC 2347 read it.
 struct TftpMessage {
-  enum class Kind { kReadRequest = 1, kWriteRequest, kData, kAck, kError, kOack, kOther };
+  enum class Kind {
+    kReadRequest = 1,
+    kWriteRequest,
+    kData,
+    kAck,
+    kError,
+    kOack,
+    kOther,  // none of these
+    kCut,    // the capture has kept too little of it
+  };
 
   Kind kind = Kind::kOther;
-  std::uint16_t number = 0;  // of the block, or the error code; kOther: the operation code
+  std::uint16_t number = 0;  // of the block, or the error code; kOther and kCut: the operation code, or 0
   std::string name;          // requests
   std::string mode;          // requests
   std::string error_text;
@@ -27,7 +36,7 @@ struct TftpMessage {
 inline constexpr char kCut[] = "\xe2\x80\xa6";  // ...
 
 // `payload`: as much of the datagram as was caught; `size`: bytes of the whole datagram. Of a text that is not whole
-// the rest is kCut; where the number is not there it is none of TFTP.
+// the rest is kCut; where operation or number is not there, so is the whole.
 TftpMessage tftp_message_in(std::string_view payload, std::size_t size);
 
 bool is_request(const TftpMessage& message);

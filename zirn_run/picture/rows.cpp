@@ -221,6 +221,9 @@ class Teller {
       case Step::Kind::kClosedPort:
         tell_closed_port(step, transfer);
         return;
+      case Step::Kind::kCutTftp:
+        text = "frame cut by the capture";
+        break;
       default:
         text = "no TFTP answer";
     }

@@ -155,6 +155,8 @@ std::string request_in_words(const Transfer& transfer) {
       break;
     case Transfer::Kind::kOther:
       return "no TFTP request";
+    case Transfer::Kind::kCut:
+      return "frame cut by the capture";
     case Transfer::Kind::kMidway:
       return "a transfer that began before the record";
   }

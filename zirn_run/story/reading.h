@@ -66,6 +66,7 @@ struct Step {
     kBlocks,      // DATA and ACKs, from the sender of the data to its receiver; the transfer says how many
     kError,       // `status`: the code; `said`
     kOtherTftp,   // an answer that is none of these
+    kCutTftp,     // a datagram of which the capture kept too little
     kClosedPort,  // "port unreachable", of `port`, in answer to it
     kOtherClosedPort,  // the same, of none; the thread is a closed port
     kConnect,          // from here on the thread is a connection; `port`
@@ -129,6 +130,7 @@ struct Transfer {
     kRead,
     kWrite,
     kOther,   // something else than a request came to the port
+    kCut,     // something came to the port of which the capture kept too little
     kMidway,  // the record begins after the request; that it is a read is inferred
   };
   enum class End {
@@ -138,7 +140,7 @@ struct Transfer {
     kUnanswered,   // by `ended_by`: nothing came until the client gave up, or for long, or the port is closed
     kAbandoned,    // by `ended_by`, who has said nothing for long, or whose port is closed
     kStationEnds,  // the station ended before it
-    kUnknown,      // the record ends before, or lacks one side
+    kUnknown,      // the record ends before, lacks one side, or kept too little of its datagrams
   };
   using Options = std::vector<std::pair<std::string, std::string>>;
   static constexpr std::size_t kMaxSilences = 8;  // the longest

@@ -66,6 +66,10 @@ void Track::take(const Packet& packet, const TftpMessage& message, bool is_from_
       tell(Step::Kind::kError, &error_step_, packet, source, target);
       take_error(packet, message, source);
       break;
+    case Kind::kCut:
+      has_cut_ = true;
+      tell(Step::Kind::kCutTftp, &cut_steps_[is_from_client], packet, source, target);
+      break;
     default:
       tell(Step::Kind::kOtherTftp, &other_step_, packet, source, target);
   }
@@ -97,7 +101,7 @@ void Track::note(const Packet& packet) {
 // Also where an ACK or a request is repeated without anything in between.
 void Track::note_repetition(const Packet& packet, const TftpMessage& message, bool is_from_client) {
   Transfer& transfer = mine();
-  const bool repeats = last_frames_.count > 0 && message.kind == last_kind_ &&
+  const bool repeats = last_frames_.count > 0 && message.kind == last_kind_ && message.kind != Kind::kCut &&
                        message.number == last_number_ && is_from_client == last_from_client_;
   if (!repeats) {
     transfer.sent_in_vain = transfer.sent_in_vain_lost = 0;
@@ -340,7 +344,9 @@ void Track::resolve_silence() {
   const bool lacks_data =
       transfer.data.sent == 0 && transfer.acks.sent > 0 && transfer.acknowledged_blocks > 0;
   const bool lacks_acks = transfer.acks.sent == 0 && transfer.blocks > 1;
-  if (lacks_data || lacks_acks) {
+  if (has_cut_) {
+    end(End::kUnknown, kNone);
+  } else if (lacks_data || lacks_acks) {
     const bool is_finished =
         lacks_data ? is_all_acknowledged() : transfer.is_last_sent && transfer.sent_in_vain == 1;
     end(is_finished ? End::kFinished : End::kUnknown, kNone);

@@ -72,10 +72,12 @@ class Track {
   std::size_t blocks_step_ = kNone;
   std::size_t error_step_ = kNone;
   std::size_t other_step_ = kNone;
+  std::size_t cut_steps_[2] = {kNone, kNone};     // from the server, from the client
   std::size_t closed_steps_[2] = {kNone, kNone};  // where the server's port was closed, the client's
 
   bool client_went_on_ = false;
   bool client_gave_up_ = false;
+  bool has_cut_ = false;  // of what was cut is not known whether it was the last block, or its ACK
   bool has_ack_ = false;
   bool has_block_ = false;
   std::uint16_t last_block_ = 0;

@@ -17,6 +17,7 @@ constexpr std::uint16_t kLeastFreePort = 1024;
 
 Transfer::Kind kind_of(const TftpMessage& request) {
   if (request.kind == Kind::kReadRequest) return Transfer::Kind::kRead;
+  if (request.kind == Kind::kCut) return Transfer::Kind::kCut;
   return request.kind == Kind::kWriteRequest ? Transfer::Kind::kWrite : Transfer::Kind::kOther;
 }
 
