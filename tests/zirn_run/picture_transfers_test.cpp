@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "picture/words.h"
 #include "zirn_run/drawn.h"
 
 namespace {
@@ -88,6 +89,22 @@ TEST_F(PictureOfTransfers, MarksInABandWhatTheWireDuplicatedAndSwapped) {
   EXPECT_EQ(strokes_of(Pen::kSwapped, drawing), 2U);     // likewise
   EXPECT_TRUE(says(drawing, "a block or ACK duplicated"));
   EXPECT_TRUE(says(drawing, "swapped with the next one"));
+}
+
+// Of many datagrams only some are marked.
+TEST_F(PictureOfTransfers, SaysExactlyWhenOneOfManyWasLost) {
+  unit.asks(rrq("image.bin"));
+  unit.blocks(1, 199, 512);
+  unit.answers(tftp::data(200, std::string(512, 'x')));
+  run.next_is(record::kLostByChance);
+  unit.sends(tftp::ack(200));
+  const std::string lost_at = picture::seconds(run.now - run.reading().first, 3);
+  run.rests(4999);
+  unit.sends(tftp::ack(200));
+  unit.blocks(201, 300, 512);
+  unit.blocks(301, 301, 1);
+  const std::string band = words().at(1);
+  EXPECT_NE(band.find("lost at " + lost_at + " s, again at 5.401 s"), std::string::npos) << band;
 }
 
 TEST_F(PictureOfTransfers, CountsWhatBecameOfBlocksAtOnePlace) {

@@ -114,7 +114,7 @@ TEST_F(Transfers, CountAMillionBlocksInNoMoreRoomThanTen) {
   }
   EXPECT_LE(sizeof(Transfer) + read.marks.capacity() * sizeof(story::Mark) +
                 read.silences.capacity() * sizeof(story::Silence),
-            4096U);
+            6144U);
 }
 
 TEST_F(Transfers, EndWithAnErrorOfEitherSide) {

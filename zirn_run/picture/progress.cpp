@@ -31,7 +31,7 @@ class Scale {
 
 // What the ticks say; where several share a place, the last one of these shows.
 struct Tick {
-  std::uint32_t story::Mark::*count;
+  story::Mark::Times story::Mark::*times;
   Pen pen;
 };
 constexpr Tick kTicks[] = {{&story::Mark::again, Pen::kAgain},
@@ -43,9 +43,10 @@ void add_ticks(const story::Transfer& transfer, const Scale& scale, double left,
   for (const Tick& tick : kTicks) {
     std::uint32_t before = 0;
     for (const story::Mark& mark : transfer.marks) {
-      const double y = scale.y_of(mark.at);
-      if (mark.*tick.count != before) sheet->strokes.push_back({left, y, right, y, tick.pen});
-      before = mark.*tick.count;
+      const story::Mark::Times& times = mark.*tick.times;
+      const double y = scale.y_of(times.last);
+      if (times.count != before) sheet->strokes.push_back({left, y, right, y, tick.pen});
+      before = times.count;
     }
   }
 }

@@ -66,17 +66,17 @@ std::string damage_in_words(const Transfer& transfer) {
 }
 
 // "lost at 1.420 s, 6.415 s (2)"; nothing for so many that only a drawing shows them.
-std::string places_in_words(const Transfer& transfer, std::uint32_t story::Mark::*count,
+std::string places_in_words(const Transfer& transfer, story::Mark::Times story::Mark::*times,
                             const std::string& what, Nanoseconds start) {
   std::string text;
   std::size_t places = 0;
   std::uint32_t before = 0;
   for (const story::Mark& mark : transfer.marks) {
-    const std::uint32_t here = mark.*count - before;
-    before = mark.*count;
+    const std::uint32_t here = (mark.*times).count - before;
+    before = (mark.*times).count;
     if (here == 0 || ++places > kMaxPlaces) continue;
-    add_words(&text,
-              seconds(mark.at - start, 3) + " s" + (here > 1 ? " (" + std::to_string(here) + ")" : ""));
+    add_words(&text, seconds((mark.*times).last - start, 3) + " s" +
+                         (here > 1 ? " (" + std::to_string(here) + ")" : ""));
   }
   return places == 0 || places > kMaxPlaces ? "" : what + " at " + text;
 }

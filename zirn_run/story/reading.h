@@ -115,14 +115,20 @@ struct Silence {
   Numbers frames;                // the one before and the one after
 };
 
-// How far a transfer was, for drawing. The counts are those of DATA and ACKs together, without what is beyond 32 bits.
+// How far a transfer was, for drawing.
 struct Mark {
+  // Of DATA and ACKs together, up to then.
+  struct Times {
+    std::uint32_t count = 0;  // without what is beyond 32 bits
+    Nanoseconds last = 0;
+  };
+
   Nanoseconds at = 0;
   std::uint64_t blocks = 0;
-  std::uint32_t again = 0;
-  std::uint32_t lost = 0;
-  std::uint32_t duplicated = 0;
-  std::uint32_t swapped = 0;
+  Times again;
+  Times lost;
+  Times duplicated;
+  Times swapped;
 };
 
 struct Transfer {

@@ -22,7 +22,7 @@ namespace story {
 // out of order is put where it belongs, at most Book::kOrderWindow steps back.
 //
 // What repeats is folded as it comes, and nothing is kept of a transfer or a connection beyond what its thread
-// in the reading has room for, however long it lasts: mostly 4 KiB, and at most 40, by the length of its options. The
+// in the reading has room for, however long it lasts: mostly 6 KiB, and at most 40, by the length of its options. The
 // lists of threads and steps have a greatest length (Book); things beyond are counted in `left_out`. Any bytes and any
 // times may be told.
 class Story {

@@ -285,15 +285,18 @@ void Track::add_silence(const Packet& packet, std::size_t ended_by) {
 
 Mark Track::mark_now(Nanoseconds at) const {
   const Transfer& one = transfer();
-  const auto sum = [&one](std::uint64_t Flow::*count) {
-    return static_cast<std::uint32_t>(one.data.*count + one.acks.*count);
+  Mark mark = one.marks.empty() ? Mark() : one.marks.back();
+  mark.at = std::max(at, mark.at);
+  mark.blocks = std::max(one.blocks, one.acknowledged_blocks);
+  const auto count = [&](std::uint64_t Flow::*flow, Mark::Times* times) {
+    const auto sum = static_cast<std::uint32_t>(one.data.*flow + one.acks.*flow);
+    if (sum != times->count) *times = {sum, at};
   };
-  return {at,
-          std::max(one.blocks, one.acknowledged_blocks),
-          sum(&Flow::again),
-          sum(&Flow::lost),
-          sum(&Flow::duplicated),
-          sum(&Flow::swapped)};
+  count(&Flow::again, &mark.again);
+  count(&Flow::lost, &mark.lost);
+  count(&Flow::duplicated, &mark.duplicated);
+  count(&Flow::swapped, &mark.swapped);
+  return mark;
 }
 
 // The last mark is where the transfer is now; those before are `mark_every_` datagrams apart, or more.
@@ -301,7 +304,7 @@ void Track::mark(Nanoseconds at) {
   Transfer& transfer = mine();
   std::vector<Mark>& marks = transfer.marks;
   const std::uint64_t datagrams = transfer.data.sent + transfer.acks.sent;
-  const Mark now = mark_now(marks.empty() ? at : std::max(at, marks.back().at));
+  const Mark now = mark_now(at);
   if (marks.size() >= 2 && datagrams - marked_ < mark_every_) {
     marks.back() = now;
     return;
