@@ -281,7 +281,10 @@ void Reader::begin_section(std::string_view contents) {
 void Reader::check_end() const {
   const auto has = [](const Source& source) { return source.has_statistics; };
   if (!is_ours_ || std::all_of(sources_.begin(), sources_.end(), has)) return;
-  throw Damage{"the record breaks off: expected the statistics of each network at its end, found the end"};
+  throw Damage{
+      "the record breaks off, or another tool has saved it anew: expected the statistics of each network at "
+      "its "
+      "end, found none"};
 }
 
 Interface Reader::interface_in(std::string_view contents) {
