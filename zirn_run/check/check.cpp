@@ -38,7 +38,9 @@ Setup setup_of(const station::Words& options, const std::optional<std::string>& 
   const station::Service service = known_service();
   const bool is_by_hand = !options.empty() || !service.is_known;
   Setup setup;
-  setup.station = station::station_of(is_by_hand ? options : service.options);
+  setup.options = is_by_hand ? options : service.options;
+  setup.is_unit = !is_by_hand && service.is_unit;
+  setup.station = station::station_of(setup.options);
   setup.folder = folder ? *folder : is_by_hand ? current_folder() : service.folder;
   setup.path = is_by_hand ? own_path() : service.path;
   if (!is_by_hand) setup.rights = service.rights;

@@ -14,6 +14,8 @@
 namespace check {
 
 struct Setup {
+  station::Words options;  // of the station's program
+  bool is_unit = false;    // systemd begins it
   station::Station station;
   std::string folder;                 // that the files are served from
   std::string path;                   // where the program looks for envtool
@@ -41,6 +43,7 @@ struct Point {
   const char* looked_at;  // what is so where it is ok
   const char* follows;    // for a run where it is wrong
   const char* to_do;
+  bool stops;  // where it is wrong: no unit comes to a verdict
   Finding (*look)(const Setup&);
 };
 

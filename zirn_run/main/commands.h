@@ -15,12 +15,14 @@ struct Command {
 };
 
 Work check_command(CLI::App& app);
+Work test_command(CLI::App& app);
 Work draw_command(CLI::App& app);
 Work record_command(CLI::App& app);
 Work explain_command(CLI::App& app);
 
 inline constexpr Command kCommands[] = {
     {"check", "Say whether the station is ready for a run", check_command},
+    {"test", "Test one unit, and say whether it passed and whose fault it is if not", test_command},
     {"record", "Record a run as it happens", record_command},
     {"draw", "Draw a run as a picture (SVG)", draw_command},
     {"explain", "Say whether a run passed, whose fault it is if not, and what shows that", explain_command},

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace recorder {
 
@@ -23,8 +24,9 @@ Held::Head Held::Queue::head() const {
   return head;
 }
 
-void Held::write_to(record::Writer* writer) {
+void Held::write_to(record::Writer* writer, Told told) {
   writer_ = writer;
+  told_ = std::move(told);
   frames_ = 0;
   written_entries_ = 0;
 }
@@ -66,7 +68,8 @@ bool Held::write_first(record::Nanoseconds until) {
   }
   const auto entry = entries_.begin();
   if (entry != entries_.end() && entry->first <= at) {
-    writer_->add(entry->second);
+    entry->second.number = writer_->add(entry->second);
+    if (told_) told_(entry->second);
     bytes_ -= bytes_of(entry->second);
     entries_.erase(entry);
     ++written_entries_;
@@ -84,7 +87,8 @@ void Held::write_frame(Queue* queue) {
   frame.at = head.at;
   frame.size = head.size;
   frame.bytes = std::string_view(queue->bytes).substr(queue->begin + sizeof head, head.kept);
-  writer_->add(frame);
+  frame.number = writer_->add(frame);
+  if (told_) told_(frame);
   ++frames_;
   const std::size_t bytes = sizeof head + head.kept;
   queue->begin += bytes;

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -20,8 +21,10 @@ class Held {
  public:
   static constexpr std::size_t kMostBytes = std::size_t{256} << 10;
 
-  // From now on it writes there.
-  void write_to(record::Writer* writer);
+  using Told = std::function<void(const record::Item&)>;
+
+  // From now on it writes there, and tells what it writes, with its number.
+  void write_to(record::Writer* writer, Told told);
   // A source's frames are of this interface there.
   void set_interface(std::size_t source, std::uint32_t interface) { queue_of(source).interface = interface; }
 
@@ -57,6 +60,7 @@ class Held {
   void write_frame(Queue* queue);
 
   record::Writer* writer_ = nullptr;
+  Told told_;                  // empty: nobody is told
   std::vector<Queue> queues_;  // by source
   std::multimap<record::Nanoseconds, record::Entry> entries_;
   std::size_t bytes_ = 0;  // that wait, of both

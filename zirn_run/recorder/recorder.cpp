@@ -51,6 +51,12 @@ void check(const Options& options) {
 
 }  // namespace
 
+bool record(const Options& options, Run* run) {
+  return Recording(
+             options, [&](record::Nanoseconds) { return options.output; }, run)
+      .run();
+}
+
 int record(const Options& options) {
   try {
     check(options);

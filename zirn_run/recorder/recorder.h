@@ -34,6 +34,13 @@ struct Options {
 // before. What went wrong and what the kernel dropped is told on standard error.
 int record(const Options& options);
 
+class Run;
+
+// Begins the run and records it until its end. Of the options links, unit (whose journal the run's lines are), station,
+// filter, is_whole and output count. False: not all could be recorded, which is told on standard error. Throws what is
+// wrong with the filter or the file, and what the run throws when it is begun: no run has begun then, or it has ended.
+bool record(const Options& options, Run* run);
+
 }  // namespace recorder
 
 #endif

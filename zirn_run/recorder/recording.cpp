@@ -137,9 +137,11 @@ void say(const std::string& text) {
 Recording::Record::Record(const std::string& name, int gives_up)
     : file(name, gives_up), writer(stream, this_machine()) {}
 
-Recording::Recording(const Options& options, Name name)
+Recording::Recording(const Options& options, Name name, Run* run)
     : options_(options),
       name_(std::move(name)),
+      run_(run),
+      signals_(run != nullptr),
       station_options_(options.station        ? *options.station
                        : options.unit.empty() ? Words()
                                               : station::service_of(options.unit).options),
@@ -155,8 +157,7 @@ bool Recording::run() {
   begin_record(start);
   try {
     open_links();
-    if (!unit_.empty()) lines_ = std::make_unique<Journal>(unit_, start);
-    if (!options_.log.empty()) lines_ = std::make_unique<Log>(options_.log, options_.is_service);
+    begin_lines(start);
   } catch (...) {
     record_->file.discard();
     throw;
@@ -166,7 +167,7 @@ bool Recording::run() {
     wait();
     receive();
     write();
-    show_progress();
+    run_ != nullptr ? run_->look() : show_progress();
   }
   receive();
   if (lines_) lines_->finish([this](const record::Entry& entry) { take(entry); });
@@ -175,10 +176,23 @@ bool Recording::run() {
   return !is_full_;
 }
 
+// A run begins once there is a record that would survive us.
+void Recording::begin_lines(record::Nanoseconds start) {
+  if (run_ != nullptr) {
+    record_->file.flush();
+    lines_ = run_->begin();
+    return;
+  }
+  if (!unit_.empty()) own_lines_ = std::make_unique<Journal>(unit_, start);
+  if (!options_.log.empty()) own_lines_ = std::make_unique<Log>(options_.log, options_.is_service);
+  lines_ = own_lines_.get();
+}
+
 void Recording::begin_record(record::Nanoseconds at) {
   record_name_ = name_(at);
   record_ = std::make_unique<Record>(record_name_, signals_.descriptor());
-  held_.write_to(&record_->writer);
+  held_.write_to(
+      &record_->writer, run_ == nullptr ? Held::Told() : [this](const auto& item) { tell(item); });
   for (Source& source : sources_) {
     source.is_described = false;
     source.received_before = source.link.received();
@@ -197,10 +211,12 @@ void Recording::end_record(record::Nanoseconds until) {
     if (!source.is_described) continue;
     const std::uint64_t dropped = source.link.dropped() - source.dropped_before;
     const std::uint64_t received = source.link.received() - source.received_before;
-    record_->writer.add(record::Statistics{source.interface, now(), received, dropped});
+    const record::Statistics counted = {source.interface, now(), received, dropped};
+    record_->writer.add(counted);
+    tell(counted);
     if (dropped > 0) say(source.link.name() + ": the kernel dropped " + std::to_string(dropped) + " frames");
   }
-  if (isatty(STDERR_FILENO) != 0) std::cerr << "\n";
+  if (run_ == nullptr && isatty(STDERR_FILENO) != 0) std::cerr << "\n";
   flush();
   const bool has_anything = record_->has_lines || held_.frames() > 0;
   has_anything || !options_.is_service ? record_->file.finish() : record_->file.discard();
@@ -217,8 +233,9 @@ void Recording::begin_next_run() {
 
 void Recording::describe(Source* source) {
   if (source->is_described) return;
-  source->interface = record_->writer.add(
-      record::Interface{source->link.name(), filter_.expression, source->link.link_type(), 0});
+  const record::Interface link = {source->link.name(), filter_.expression, source->link.link_type(), 0};
+  source->interface = record_->writer.add(link);
+  tell(link);
   source->is_described = true;
   held_.set_interface(source->number, source->interface);
 }
@@ -235,11 +252,11 @@ void Recording::open_links() {
       continue;
     }
     const std::string problem = name + ": " + source.link.problem();
-    if (source.link.lacks_right()) throw Unusable(problem);
-    say(problem + "; there are: " + links_that_are_there());
+    if (source.link.lacks_right() && run_ == nullptr) throw Unusable(problem);
+    say(source.link.lacks_right() ? problem : problem + "; there are: " + links_that_are_there());
     tell_gap("frames are missing: " + problem);
   }
-  if (!has_one) throw Unusable("expected a link that can be recorded");
+  if (!has_one && run_ == nullptr) throw Unusable("expected a link that can be recorded");
 }
 
 void Recording::look_at_links() {
@@ -263,7 +280,7 @@ void Recording::wait() {
   if (lines_) events.push_back({lines_->descriptor(), POLLIN, 0});
   for (const Source& source : sources_) events.push_back({source.link.descriptor(), POLLIN, 0});
   poll(events.data(), events.size(), kTickMilliseconds);
-  if (signals_.came()) stop_wanted();
+  if (const int signal = signals_.came(); signal != 0) stop_wanted(signal);
   if (is_full_) return;
   if (events[1].revents != 0) {
     news_.clear();
@@ -290,8 +307,10 @@ std::size_t Recording::receive(Source* source) {
 void Recording::take(const record::Entry& entry) {
   held_.add(entry);
   record_->has_lines = true;
-  if (unit_.empty() || entry.value("UNIT") != unit_) return;
   const std::string_view message = entry.value("MESSAGE_ID");
+  const auto said = run_ != nullptr && message.empty() ? said_by(entry) : std::nullopt;
+  if (said && std::holds_alternative<record::StationEnds>(*said)) station_ended(entry.at, std::nullopt);
+  if (unit_.empty() || entry.value("UNIT") != unit_) return;
   if (message == kUnitStarting && options_.is_service && has_ended_ && !is_stop_wanted_) {
     next_run_ = entry.at - kMillisecond;
     has_ended_ = is_stopping_ = false;
@@ -319,7 +338,8 @@ void Recording::station_ended(record::Nanoseconds at, std::optional<int> status)
 }
 
 // A station that is being stopped is waited for. By hand, twice is at once.
-void Recording::stop_wanted() {
+void Recording::stop_wanted(int signal) {
+  if (run_ != nullptr) return run_->end(signal);
   const bool is_again = is_stop_wanted_;
   is_stop_wanted_ = true;
   if (has_ended_ && !is_again) return;

@@ -19,6 +19,7 @@
 #include "recorder/lines.h"
 #include "recorder/link.h"
 #include "recorder/recorder.h"
+#include "recorder/run.h"
 #include "recorder/station.h"
 #include "recorder/waits.h"
 
@@ -39,9 +40,11 @@ class Recording {
   // The name of a record that begins then.
   using Name = std::function<std::string(record::Nanoseconds)>;
 
-  Recording(const Options& options, Name name);
+  // `run`: begun and told; without a link that can be recorded it goes on with its lines. Null: a run that others begin.
+  Recording(const Options& options, Name name, Run* run = nullptr);
 
-  // Returns at the end. False: it could not all be written. Throws Unusable, WrongFilter, and std::system_error.
+  // Returns at the end. False: it could not all be written. Throws Unusable, WrongFilter, std::system_error, and what
+  // the run throws when it is begun.
   bool run();
 
  private:
@@ -66,6 +69,10 @@ class Recording {
   void end_record(record::Nanoseconds until);
   void describe(Source* source);
   void open_links();
+  void begin_lines(record::Nanoseconds start);
+  void tell(const record::Item& item) const {
+    if (run_ != nullptr) run_->take(item);
+  }
   void look_at_links();
   void tell_gap(const std::string& text) { held_.add(entry_of(record::Gap{text}, now())); }
   void wait();
@@ -76,7 +83,7 @@ class Recording {
   void end_by(record::Nanoseconds at) { ends_at_ = at; }
   void station_ended(record::Nanoseconds at, std::optional<int> status);
   void begin_next_run();
-  void stop_wanted();
+  void stop_wanted(int signal);
   void write();
   void flush();
   void show_progress();
@@ -85,6 +92,7 @@ class Recording {
 
   const Options& options_;
   const Name name_;
+  Run* const run_;
   const Signals signals_;
   const Words station_options_;
   const Filter filter_;
@@ -95,7 +103,8 @@ class Recording {
   Held held_;
   LinkNews news_;
   std::list<Source> sources_;
-  std::unique_ptr<Lines> lines_;
+  std::unique_ptr<Lines> own_lines_;
+  Lines* lines_ = nullptr;  // these, or the run's
   record::Nanoseconds ends_at_ = kNever;
   record::Nanoseconds flushed_ = 0;
   record::Nanoseconds shown_ = 0;

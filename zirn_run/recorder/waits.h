@@ -11,14 +11,17 @@
 // What is waited for besides frames and lines, each by a descriptor.
 namespace recorder {
 
-// SIGINT and SIGTERM, to be waited for with all else.
+// SIGINT and SIGTERM, to be waited for with all else; SIGHUP as well, unless it is ignored, as by nohup.
 class Signals {
  public:
-  Signals() {
+  explicit Signals(bool hears_hangup) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    struct sigaction action = {};
+    sigaction(SIGHUP, nullptr, &action);
+    if (hears_hangup && action.sa_handler != SIG_IGN) sigaddset(&set, SIGHUP);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);
     descriptor_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
@@ -28,9 +31,10 @@ class Signals {
   Signals& operator=(const Signals&) = delete;
 
   int descriptor() const { return descriptor_; }
-  bool came() const {
+  // One that came; 0: none.
+  int came() const {
     signalfd_siginfo signal = {};
-    return read(descriptor_, &signal, sizeof signal) > 0;
+    return read(descriptor_, &signal, sizeof signal) > 0 ? static_cast<int>(signal.ssi_signo) : 0;
   }
 
  private:

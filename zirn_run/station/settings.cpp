@@ -128,7 +128,7 @@ Service service_of(const std::string& unit) {
     if (!file.empty()) read_variables(file, &variables);
   }
   Service service;
-  service.is_known = property(shown, "LoadState") == "loaded";
+  service.is_known = service.is_unit = property(shown, "LoadState") == "loaded";
   service.options = options_in(between(shown, "argv[]=", " ;"), variables);
   service.folder = property(shown, "WorkingDirectory");
   service.path = path_in(variables);

@@ -30,6 +30,7 @@ Station station_of(const Words& options);
 // How the system runs the station's program.
 struct Service {
   bool is_known = false;  // to the system
+  bool is_unit = false;   // systemd's; else an init script
   Words options;          // with the variables of its files in their places
   std::string folder;     // where it serves files from
   std::string path;       // its PATH

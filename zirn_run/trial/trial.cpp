@@ -1,0 +1,168 @@
+#include "trial/trial.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <variant>
+
+#include "frames/words.h"
+#include "record/run_entry.h"
+#include "recorder/clock.h"
+#include "recorder/recorder.h"
+#include "recorder/run.h"
+#include "trial/narrator.h"
+
+namespace trial {
+
+namespace {
+
+constexpr char kTestLink[] = "lan0";
+
+// The board's address towards the other; empty: no way. A connected socket of UDP asks the kernel and sends nothing.
+std::string way_to(const std::string& other) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  constexpr std::uint16_t kAnyPort = 69;
+  address.sin_port = htons(kAnyPort);
+  if (inet_pton(AF_INET, other.c_str(), &address.sin_addr) != 1) return "";
+  const int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const bool has_way = connect(udp, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  socklen_t size = sizeof address;
+  getsockname(udp, reinterpret_cast<sockaddr*>(&address), &size);
+  close(udp);
+  char text[INET_ADDRSTRLEN] = {};
+  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+  return has_way ? text : "";
+}
+
+// The link with the address; empty: none.
+std::string link_with(const std::string& address) {
+  ifaddrs* all = nullptr;
+  in_addr wanted = {};
+  if (inet_pton(AF_INET, address.c_str(), &wanted) != 1 || getifaddrs(&all) != 0) return "";
+  const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(all, freeifaddrs);
+  for (const ifaddrs* it = all; it != nullptr; it = it->ifa_next) {
+    if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != AF_INET) continue;
+    if (reinterpret_cast<const sockaddr_in*>(it->ifa_addr)->sin_addr.s_addr != wanted.s_addr) continue;
+    const std::string name = it->ifa_name;
+    return name.substr(0, name.find(':'));  // without a label
+  }
+  return "";
+}
+
+class TestedRun : public recorder::Run {
+ public:
+  TestedRun(const Options& options, Station* station, const Listener& listener, story::Story* story)
+      : options_(options),
+        station_(station),
+        listener_(listener),
+        story_(story),
+        narrator_(story->reading(), [this](record::Nanoseconds at, const std::string& text) {
+          listener_.happens(stamped(at) + text);
+        }) {}
+
+  recorder::Lines* begin() override {
+    began_ = recorder::now();
+    station_->begin();
+    began_at_ = Clock::now();
+    return station_;
+  }
+  void take(const record::Item& item) override;
+  void end(int signal) override;
+  void look() override;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  std::string stamped(record::Nanoseconds at) const;
+  void end_station(int signal, const std::string& why);
+
+  const Options& options_;
+  Station* const station_;
+  const Listener& listener_;
+  story::Story* const story_;
+  Narrator narrator_;
+  record::Nanoseconds began_ = 0;
+  Clock::time_point began_at_;
+  std::optional<Clock::time_point> ending_since_;
+  bool is_killed_ = false;
+  bool has_ended_ = false;
+};
+
+std::string TestedRun::stamped(record::Nanoseconds at) const {
+  char text[40];
+  std::snprintf(text, sizeof text, "%9.3f s  ", static_cast<double>(at - began_) / 1e9);
+  return text;
+}
+
+void TestedRun::take(const record::Item& item) {
+  const auto* const entry = std::get_if<record::Entry>(&item);
+  if (entry == nullptr) return story_->take(item);
+  narrator_.look();  // what came before it
+  story_->take(item);
+  const auto said = record::said_by(*entry);
+  if (!said) return;
+  if (const auto* const line = std::get_if<record::Line>(&*said)) {
+    listener_.prints(stamped(entry->at) + "| " + frames::printable(line->text));
+    narrator_.hear(line->text, entry->at);
+  }
+  has_ended_ = has_ended_ || std::holds_alternative<record::StationEnds>(*said);
+}
+
+void TestedRun::end(int signal) {
+  if (ending_since_) return end_station(SIGKILL, "again asked to end: the station is killed");
+  end_station(signal == SIGINT ? SIGINT : SIGTERM,
+              std::string(strsignal(signal)) + ": the station is asked to end");
+}
+
+void TestedRun::end_station(int signal, const std::string& why) {
+  if (is_killed_ || has_ended_) return;
+  listener_.happens(stamped(recorder::now()) + why);
+  if (!ending_since_) ending_since_ = Clock::now();
+  is_killed_ = signal == SIGKILL;
+  station_->end(signal);
+}
+
+void TestedRun::look() {
+  narrator_.look();
+  listener_.progress(narrator_.progress());
+  const auto now = Clock::now();
+  if (!ending_since_ && options_.longest && now - began_at_ > *options_.longest)
+    end_station(SIGTERM, "it takes longer than it may: the station is asked to end");
+  if (ending_since_ && now - *ending_since_ > Station::kPatience)
+    end_station(SIGKILL, "it does not end: the station is killed");
+}
+
+}  // namespace
+
+station::Words links_of(const station::Station& station) {
+  station::Words links;
+  for (const std::string& link : {std::string(kTestLink), link_with(station::kFixedAddress),
+                                  link_with(station.address), link_with(way_to(station.ppt_server))}) {
+    if (!link.empty() && std::find(links.begin(), links.end(), link) == links.end()) links.push_back(link);
+  }
+  return links;
+}
+
+bool test(const Options& options, Station* station, const Listener& listener, story::Story* story) {
+  recorder::Options recorded;
+  recorded.links = links_of(station::station_of(options.station));
+  recorded.station = options.station;
+  recorded.unit = options.unit;
+  recorded.output = options.record;
+  TestedRun run(options, station, listener, story);
+  const bool is_whole = recorder::record(recorded, &run);
+  story->finish(false);
+  return is_whole;
+}
+
+}  // namespace trial
