@@ -161,6 +161,8 @@ void Run::start_station(const std::string& more_arguments) {
   });
   if (!until(kPatienceSeconds, [&] { return station_end_ || serves(); }))
     throw StepFailed("the station does not serve");
+  board_.forgets_calls();  // what looked at the board before
+  board_calls_shown_ = 0;
 }
 
 bool Run::serves() const {

@@ -334,7 +334,8 @@ void Recording::look_at_process() {
 void Recording::station_ended(record::Nanoseconds at, std::optional<int> status) {
   if (status) held_.add(entry_of(record::StationEnds{status, 0}, at));
   has_ended_ = true;
-  end_by(now() + kAfterTheEnd);
+  const bool is_by_journal = run_ == nullptr || !unit_.empty();
+  end_by(now() + (is_by_journal ? kAfterTheEnd : 2 * kFramesTake));
 }
 
 // A station that is being stopped is waited for. By hand, twice is at once.

@@ -59,7 +59,8 @@ std::string link_with(const std::string& address) {
   return "";
 }
 
-class TestedRun : public recorder::Run {
+// Hears the station's lines on their way to the recorder.
+class TestedRun : public recorder::Run, private recorder::Lines {
  public:
   TestedRun(const Options& options, Station* station, const Listener& listener, story::Story* story)
       : options_(options),
@@ -74,7 +75,7 @@ class TestedRun : public recorder::Run {
     began_ = recorder::now();
     station_->begin();
     began_at_ = Clock::now();
-    return station_;
+    return this;
   }
   void take(const record::Item& item) override;
   void end(int signal) override;
@@ -83,6 +84,8 @@ class TestedRun : public recorder::Run {
  private:
   using Clock = std::chrono::steady_clock;
 
+  int descriptor() const override { return station_->descriptor(); }
+  void receive(const Take& take) override;
   std::string stamped(record::Nanoseconds at) const;
   void end_station(int signal, const std::string& why);
 
@@ -104,6 +107,15 @@ std::string TestedRun::stamped(record::Nanoseconds at) const {
   return text;
 }
 
+void TestedRun::receive(const Take& take) {
+  station_->receive([&](const record::Entry& entry) {
+    const auto said = record::said_by(entry);
+    const auto* const line = said ? std::get_if<record::Line>(&*said) : nullptr;
+    if (line != nullptr) listener_.prints(stamped(entry.at) + "| " + frames::printable(line->text));
+    take(entry);
+  });
+}
+
 void TestedRun::take(const record::Item& item) {
   const auto* const entry = std::get_if<record::Entry>(&item);
   if (entry == nullptr) return story_->take(item);
@@ -111,10 +123,8 @@ void TestedRun::take(const record::Item& item) {
   story_->take(item);
   const auto said = record::said_by(*entry);
   if (!said) return;
-  if (const auto* const line = std::get_if<record::Line>(&*said)) {
-    listener_.prints(stamped(entry->at) + "| " + frames::printable(line->text));
-    narrator_.hear(line->text, entry->at);
-  }
+  const auto* const line = std::get_if<record::Line>(&*said);
+  if (line != nullptr) narrator_.hear(line->text, entry->at);
   has_ended_ = has_ended_ || std::holds_alternative<record::StationEnds>(*said);
 }
 

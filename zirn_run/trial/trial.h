@@ -23,8 +23,8 @@ struct Options {
 
 // Whoever hears of the run. None of these may wait.
 struct Listener {
-  std::function<void(const std::string& text)> happens;   // with the seconds since the beginning before it
-  std::function<void(const std::string& line)> prints;    // the same, of each line of the station
+  std::function<void(const std::string& text)> happens;  // with the seconds since the beginning before it
+  std::function<void(const std::string& line)> prints;   // the same, of each line of the station, and at once
   std::function<void(const std::string& text)> progress;  // of what lasts; empty: nothing does
 };
 
