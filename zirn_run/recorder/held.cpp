@@ -8,6 +8,7 @@ namespace recorder {
 
 namespace {
 
+constexpr record::Nanoseconds kMicrosecond = 1000;
 constexpr std::size_t kMostWaste = std::size_t{64} << 10;  // bytes of a queue that are written already
 
 std::size_t bytes_of(const record::Entry& entry) {
@@ -69,6 +70,7 @@ bool Held::write_first(record::Nanoseconds until) {
   const auto entry = entries_.begin();
   if (entry != entries_.end() && entry->first <= at) {
     entry->second.number = writer_->add(entry->second);
+    entry->second.at -= entry->second.at % kMicrosecond;  // as it is written
     if (told_) told_(entry->second);
     bytes_ -= bytes_of(entry->second);
     entries_.erase(entry);
