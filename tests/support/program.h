@@ -36,8 +36,9 @@ class Program {
     return status_number(process_.wait_for_end(patience));
   }
 
-  // Whether PATH has a program of that name.
+  // Whether PATH has a program of that name, or it is the file of one.
   static bool exists(const std::string& name) {
+    if (name[0] == '/') return access(name.c_str(), X_OK) == 0;
     const char* const path = std::getenv("PATH");
     std::istringstream folders(path == nullptr ? "" : path);
     for (std::string folder; std::getline(folders, folder, ':');) {

@@ -15,15 +15,17 @@ namespace {
 namespace fs = std::filesystem;
 using namespace tftp;
 
+constexpr char kPython[] = "/usr/bin/python3";  // Debian's, with Debian's libraries
 constexpr char kPassed[] = "F_l_m_02PPT_PASSED";
 constexpr char kFailed[] = "F_l_m_02PPT_FAILED";
 
-// The block of the document with this word behind ```sh.
-std::string block_of(const std::string& document, const std::string& word) {
-  const std::string text = whole_file(document);
-  const std::string begins = "```sh " + word + "\n";
-  const std::size_t begin = text.find(begins) + begins.size();
-  return text.substr(begin, text.find("```", begin) - begin);
+// The block of docs/lines.md with these words in it.
+std::string shown(const std::string& words) {
+  const std::string text = whole_file(LINES_DOCUMENT);
+  const std::size_t within = text.find(words);
+  if (within == std::string::npos) throw std::runtime_error("docs/lines.md shows no " + words);
+  const std::size_t begin = text.find('\n', text.rfind("\n```", within) + 1) + 1;
+  return text.substr(begin, text.find("```", within) - begin);
 }
 
 // Answers each query for a verdict, and takes each connection.
@@ -150,6 +152,22 @@ class ProgramLine : public TestedUnit {
     });
   }
 
+  // In the PATH of the program: zirn-run, with the station's options, and what switches the unit's power.
+  void begins_with_tools(const Words& words) {
+    fs::create_directory("tools");
+    makes_tool("zirn-run", std::string("exec ") + ZIRN_RUN_PROGRAM + " \"$@\" -- -o 172.40.0.1 2>> \"" +
+                               folder->file("errors") + "\"");
+    makes_tool("unit-power", "echo $1 >> power");
+    begins(words, [this] {
+      setenv("PATH", (folder->file("tools") + ":" + getenv("PATH")).c_str(), 1);
+      setenv("PYTHONDONTWRITEBYTECODE", "1", 1);
+    });
+  }
+  static void makes_tool(const std::string& name, const std::string& line) {
+    write_whole_file("tools/" + name, "#!/bin/sh\n" + line + "\n");
+    fs::permissions("tools/" + name, fs::perms::owner_all);
+  }
+
   void tests_units(int count);
   void kills_runs(int count);
 
@@ -190,15 +208,11 @@ std::string value_in(const std::string& json, const std::string& key) {
 
 // One in five fails, each in the next way.
 void ProgramLine::tests_units(int count) {
-  fs::create_directory("tools");
-  write_whole_file("tools/zirn-run", std::string("#!/bin/sh\nexec ") + ZIRN_RUN_PROGRAM +
-                                         " \"$@\" -- -o 172.40.0.1 2>> \"$OLDPWD/errors\"\n");
-  fs::permissions("tools/zirn-run", fs::perms::owner_all);
-  std::string loop = block_of(LINES_DOCUMENT, "loop");
+  std::string loop = shown("while read");
   const std::string seconds = "--timeout 600";
   ASSERT_NE(loop.find(seconds), std::string::npos);
   loop.replace(loop.find(seconds), seconds.size(), "--timeout 4");
-  begins({"sh", "-c", loop}, [] { setenv("PATH", ("./tools:" + std::string(getenv("PATH"))).c_str(), 1); });
+  begins_with_tools({"sh", "-c", loop});
   for (int i = 0; i < count; ++i) program->write_line("unit" + std::to_string(i));
   program->close_input();
 
@@ -230,7 +244,8 @@ void ProgramLine::tests_units(int count) {
     bytes += fs::file_size(name + ".pcapng");
   }
   EXPECT_LE(bytes, static_cast<std::uintmax_t>(count) * 100000);
-  EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), count + 6);
+  const int others = 6;  // files to serve, tools, errors, yield, results.json
+  EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), count + others);
   rusage used = {};
   getrusage(RUSAGE_CHILDREN, &used);
   EXPECT_LE(used.ru_maxrss, 64 * 1024) << "KiB";
@@ -262,6 +277,52 @@ void ProgramLine::kills_runs(int count) {
     EXPECT_NE(explained("run.pcapng.part").find("no verdict"), std::string::npos) << output;
   }
   EXPECT_GE(with_record, count / 4);
+}
+
+// What a factory's own system does.
+TEST_F(ProgramLine, IsCalledByAnotherProgram) {
+  NEEDS_PROGRAM(kPython, "python3");
+  write_whole_file("factory.py", shown("def tested(") + "\nprint(*tested('4711'), sep='|')\n");
+  begins_with_tools({kPython, "factory.py"});
+  ASSERT_TRUE(hears_boot_script());
+  passes();
+  EXPECT_EQ(ends(), 0);
+  EXPECT_EQ(output, "True|none|\n");
+  begins_with_tools({kPython, "factory.py"});
+  ASSERT_TRUE(hears_boot_script());
+  fails_a_step();
+  EXPECT_EQ(ends(), 0);
+  EXPECT_EQ(output, "False|unit|Take the unit for failed, and see the step.\n");
+}
+
+TEST_F(ProgramLine, IsAStrategyOfLabgrid) {
+  NEEDS_PROGRAM("pytest-3", "python3-pytest");
+  if (Process({kPython, "-c", "import labgrid"}, [] { append_errors_to("errors"); })
+          .wait_for_end(kPatience)
+          ->status != 0)
+    GTEST_SKIP() << "needs labgrid (package python3-labgrid)";
+  write_whole_file("zirn_strategy.py", shown("class ZirnStrategy"));
+  write_whole_file("station.yaml", shown("ExternalPowerDriver"));
+  write_whole_file("test_unit.py", shown("def test_unit("));
+  const Words call = {"sh", "-c", "exec 2>&1\n" + shown("pytest-3")};
+  begins_with_tools(call);
+  ASSERT_TRUE(hears_boot_script()) << program->read_text();
+  passes();
+  EXPECT_EQ(ends(), 0) << output;
+  EXPECT_EQ(whole_file("power"), "off\non\n");
+  begins_with_tools(call);
+  ASSERT_TRUE(hears_boot_script());
+  fails_a_step();
+  EXPECT_EQ(ends(), 1);
+  EXPECT_NE(output.find("failed: unit (unit.failed): Take the unit for failed"), std::string::npos) << output;
+}
+
+// The page for OpenHTF is not run; it is Python.
+TEST_F(ProgramLine, IsShownForOpenHtf) {
+  NEEDS_PROGRAM(kPython, "python3");
+  write_whole_file("phase.py", shown("import openhtf"));
+  Process python({kPython, "-c", "import ast; ast.parse(open('phase.py').read())"});
+  EXPECT_EQ(status_number(python.wait_for_end(kPatience)), 0);
 }
 
 TEST_F(ProgramLine, TestsTwentyUnits) {
