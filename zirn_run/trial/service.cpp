@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <utility>
@@ -37,8 +38,14 @@ void wait_for(const station::Child& child, milliseconds patience) {
   poll(&wait, 1, static_cast<int>(patience.count()));
 }
 
-std::string invocation_of(const std::string& unit) {
-  return station::output_of(systemctl({"show", "--property=InvocationID"}, unit));
+std::string shown(const std::string& property, const std::string& unit) {
+  return station::output_of(systemctl({"show", "--value", "--property=" + property}, unit));
+}
+
+// Whether systemd gave up before the program began: such statuses are its own (systemd.exec(5)).
+bool is_before_program(const std::string& status) {
+  constexpr long kFirst = 200;
+  return std::strtol(status.c_str(), nullptr, 10) >= kFirst;
 }
 
 // The word that the unit keeps of its end: a status, or the name of a signal, which is not needed here.
@@ -68,11 +75,11 @@ class Service : public Station {
   Service& operator=(const Service&) = delete;
 
   void begin() override {
-    const std::string before = invocation_of(unit_);
+    const std::string before = shown("InvocationID", unit_);
     journal_.emplace(unit_ + ".service", recorder::now());
     tell_guardian();
     wait_for(station::Child(systemctl({"start"}, unit_)), kStarts);
-    if (invocation_of(unit_) == before) {
+    if (shown("InvocationID", unit_) == before || is_before_program(shown("ExecMainStatus", unit_))) {
       tell_guardian();
       throw NotStarted("systemd did not start " + unit_);
     }
