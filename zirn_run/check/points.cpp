@@ -5,8 +5,8 @@ namespace check {
 namespace {
 
 constexpr char kGiveAddress[] =
-    "ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0, and before it ip address del "
-    "172.40.0.1/24 dev lan0 where that is there";
+    "ip address del 172.40.0.1/24 dev lan0, where that is there, and then "
+    "ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0";
 
 }  // namespace
 
@@ -61,7 +61,7 @@ const std::vector<Point>& points() {
        "install it, and chmod +x /mnt/ramdisk/t1-e1", false, look_at_tool},
       {"route", "a route leads to the PPT server",
        "verdicts and datagrams are lost, and there is no command port",
-       "correct -s, or give a route: ip route add", false, look_at_route},
+       "correct -s, or give a route: ip route add SERVER via ROUTER", false, look_at_route},
       {"PPT server", "the PPT server answers",
        "verdicts are lost, each takes five seconds, and there is no command port",
        "see whether it is on, and its cable; correct -s if it is another", false, look_at_ppt_server},
