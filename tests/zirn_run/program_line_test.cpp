@@ -123,11 +123,19 @@ class ProgramLine : public TestedUnit {
     unit_gives(kFailed);
   }
   void is_silent() {}
-  void stops_after_the_script() { reads("bootscript.txt"); }
-  void stops_in_a_read() {
+  void asks_for_no_name() {
+    at_unit([](UdpPeer& unit) {
+      unit.sends(rrq(""));
+      EXPECT_TRUE(unit.receives());
+    });
+  }
+  void gives_up_in_a_read() {
     at_unit([](UdpPeer& unit) {
       unit.sends(rrq("kernel.img"));
       EXPECT_TRUE(unit.receives());
+      unit.sends(ack(1));
+      EXPECT_TRUE(unit.receives());
+      unit.sends(error(3, "no room"));
     });
   }
   void gives_a_short_verdict() {
@@ -183,11 +191,11 @@ const std::vector<ProgramLine::Way>& ProgramLine::ways_to_fail() {
       {&ProgramLine::misses_a_file, 1, "file.missing"},
       {&ProgramLine::gives_a_short_verdict, 4, "verdict.too-short"},
       {&ProgramLine::is_told_that_the_tool_failed, 1, "board.tool-failed"},
-      {&ProgramLine::stops_in_a_read, 4, "unit.gone"},
+      {&ProgramLine::gives_up_in_a_read, 4, "read.given-up"},
       {&ProgramLine::refuses_the_options, 4, "read.options-refused"},
       {&ProgramLine::asks_too_early, 4, "command.too-early"},
       {&ProgramLine::reads_as_text, 4, "file.wrong-mode"},
-      {&ProgramLine::stops_after_the_script, 4, "unit.gone"},
+      {&ProgramLine::asks_for_no_name, 4, "file.no-name"},
   };
   return ways;
 }
