@@ -38,16 +38,15 @@ struct Options {
 
 // False: a point is wrong that no unit comes past.
 bool is_ready(const check::Setup& setup, Voice* voice) {
-  int stopping = 0;
+  std::string stopping;
   for (const check::Point& point : check::points()) {
     const check::Finding finding = point.look(setup);
     if (finding.state != check::State::kWrong) continue;
-    if (point.stops) ++stopping;
+    if (point.stops) stopping += (stopping.empty() ? "" : ", ") + std::string(point.name);
     voice->say(check::text_of(point, finding));
   }
-  if (stopping > 0)
-    voice->say("the station is not ready: " + std::to_string(stopping) + " wrong that stop a run");
-  return stopping == 0;
+  if (!stopping.empty()) voice->say("the station is not ready: " + stopping);
+  return stopping.empty();
 }
 
 bool can_be_executed(const fs::path& file) {
@@ -82,13 +81,21 @@ std::unique_ptr<trial::Station> station_of(const Options& options, const check::
 
 std::string record_of(const Options& options) {
   if (!options.record.empty()) return options.record;
-  fs::create_directories(kFolder);
+  std::error_code error;
+  fs::create_directories(kFolder, error);
+  if (error)
+    throw NotPossible(std::string(kFolder) + ": " + error.message() + "; another place: --record FILE");
   return std::string(kFolder) + "/" + recorder::name_of_run(kFolder, recorder::now()) + ".pcapng";
 }
 
+// The verdict stands, whatever becomes of the folder.
 void keep_folder_in_order() {
-  recorder::complete_runs(kFolder);
-  recorder::limit_runs(kFolder, kRunsKept, kMostBytes);
+  try {
+    recorder::complete_runs(kFolder);
+    recorder::limit_runs(kFolder, kRunsKept, kMostBytes);
+  } catch (const std::exception& error) {
+    std::cerr << "zirn-run: " << error.what() << std::endl;
+  }
 }
 
 int status_of(explanation::Outcome verdict) {

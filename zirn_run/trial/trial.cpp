@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <memory>
 #include <utility>
 #include <variant>
@@ -80,6 +81,7 @@ class TestedRun : public recorder::Run, private recorder::Lines {
   void take(const record::Item& item) override;
   void end(int signal) override;
   void look() override;
+  bool has_ended() const { return has_ended_; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -170,7 +172,13 @@ bool test(const Options& options, Station* station, const Listener& listener, st
   recorded.unit = options.unit;
   recorded.output = options.record;
   TestedRun run(options, station, listener, story);
-  const bool is_whole = recorder::record(recorded, &run);
+  bool is_whole = false;
+  try {
+    is_whole = recorder::record(recorded, &run);
+  } catch (const std::exception& error) {
+    if (!run.has_ended()) throw;
+    std::cerr << "zirn-run: " << error.what() << std::endl;
+  }
   story->finish(false);
   return is_whole;
 }
