@@ -606,6 +606,8 @@ TEST_F(Bench, JudgesWhoseFaultARunIs) {
       << recorded();
   EXPECT_EQ(goes_wrong(run + "fault is unit by unit.gone\n"),
             "WRONG: fault is unit by unit.gone: it is explained by unit (unit.failed)");
+  EXPECT_EQ(goes_wrong(run + "also seen is net.stray\nfault is unit\n"),
+            "WRONG: also seen is net.stray: it is not");
 }
 
 TEST_F(Bench, HasNoOtherToolsThanTheBoards) {

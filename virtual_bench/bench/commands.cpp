@@ -1,4 +1,6 @@
 // Every step that a scenario can say, and what it does.
+#include <sys/socket.h>
+
 #include "bench/run.h"
 #include "bench/scenario.h"
 
@@ -50,8 +52,17 @@ const std::vector<Command>& commands() {
        [](Run& run, const Step& step) {
          run.order_wire(step, {{What::kDuplicate, 0}, {What::kSwap, 0}, {What::kDelay, 0}, {What::kLose, 0}});
        }},
+      {"ppt answers after SECONDS s",
+       [](Run& run, const Step& step) { run.ppt_server(step).answer(step.number_of("SECONDS")); }},
+      {"ppt answers nothing", [](Run& run, const Step& step) { run.ppt_server(step).answer_nothing(); }},
       {"ppt is silent", [](Run& run, const Step& step) { run.ppt_server(step).keep_silent(); }},
       {"ppt refuses", [](Run& run, const Step& step) { run.ppt_server(step).refuse(); }},
+      {"ppt refuses verdicts", [](Run& run, const Step& step) { run.ppt_server(step).refuse_requests(); }},
+      {"ppt is absent", [](Run& run, const Step& step) { run.network_of_ppt(step).remove_ppt_server(); }},
+      {"ppt is cut off",
+       [](Run& run, const Step& step) { run.network_of_ppt(step).drop_what_ppt_server_gets(); }},
+      {"ppt is back", [](Run& run, const Step& step) { run.network_of_ppt(step).restore_ppt_server(); }},
+      {"ppt is forbidden", [](Run& run, const Step& step) { run.network_of_ppt(step).forbid_ppt_server(); }},
       {"ppt answers [ERROR CODE TEXT]",
        [](Run& run, const Step& step) {
          PptServer& server = run.ppt_server(step);
@@ -73,18 +84,32 @@ const std::vector<Command>& commands() {
          run.expect_of_ppt({Event::Kind::kReceived, step.text_of("TEXT")});
        }},
       {"board link is called NAME", [](Run& run, const Step& step) { run.name_link(step.text_of("NAME")); }},
+      {"board link has no broadcast address", [](Run& run, const Step&) { run.take_broadcast_address(); }},
+      {"board link is down", [](Run& run, const Step&) { run.take_link_down(); }},
+      {"board address is ADDRESS",
+       [](Run& run, const Step& step) { run.move_station(step.text_of("ADDRESS")); }},
       {"board has NAME TEXT",
        [](Run& run, const Step& step) { run.set_variable(step.text_of("NAME"), step.text_of("TEXT")); }},
       {"board tool exits STATUS",
        [](Run& run, const Step& step) { run.set_tool_status(static_cast<int>(step.number_of("STATUS"))); }},
       {"board tool hangs", [](Run& run, const Step&) { run.hold_tool(); }},
+      {"board tool goes on", [](Run& run, const Step&) { run.release_tool(); }},
       {"board lacks NAME", [](Run& run, const Step& step) { run.remove_tool(step.text_of("NAME")); }},
       {"board has port PORT taken",
-       [](Run& run, const Step& step) { run.take_port(static_cast<int>(step.number_of("PORT"))); }},
+       [](Run& run, const Step& step) {
+         run.take_port(SOCK_DGRAM, static_cast<int>(step.number_of("PORT")));
+       }},
+      {"board has TCP port PORT taken",
+       [](Run& run, const Step& step) {
+         run.take_port(SOCK_STREAM, static_cast<int>(step.number_of("PORT")));
+       }},
       {"board ran nothing", [](Run& run, const Step&) { run.expect_no_call(); }},
       {"board ran TEXT", [](Run& run, const Step& step) { run.expect_call(step.text_of("TEXT")); }},
       {"board keeps NAME TEXT",
        [](Run& run, const Step& step) { run.expect_variable(step.text_of("NAME"), step.text_of("TEXT")); }},
+      {"station lacks RIGHT", [](Run& run, const Step& step) { run.take_right(step.right()); }},
+      {"station has COUNT descriptors",
+       [](Run& run, const Step& step) { run.limit_descriptors(static_cast<int>(step.number_of("COUNT"))); }},
       {"station starts [with TEXT]",
        [](Run& run, const Step& step) { run.start_station(step.has("TEXT") ? step.text_of("TEXT") : ""); }},
       {"station says TEXT", [](Run& run, const Step& step) { run.expect_line(step.text_of("TEXT")); }},
@@ -112,15 +137,39 @@ const std::vector<Command>& commands() {
       {"unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]",
        [](Run& run, const Step& step) { run.begin_reading(step.text_of("NAME"), read_options(step)); }},
       {"unit has read SIZE UNIT", [](Run& run, const Step& step) { run.expect_read(step.bytes()); }},
+      {"unit ends reading in vain", [](Run& run, const Step&) { run.fail_to_end_reading(); }},
       {"unit ends reading", [](Run& run, const Step&) { run.end_reading(); }},
-      {"unit gives up NAME blksize BLOCK",
+      {"unit gives up NAME blksize BLOCK [after COUNT blocks]",
        [](Run& run, const Step& step) {
-         run.refuse_options(step.text_of("NAME"), static_cast<int>(step.number_of("BLOCK")));
+         run.give_up(step.text_of("NAME"), static_cast<int>(step.number_of("BLOCK")),
+                     static_cast<int>(step.number_of("COUNT")));
        }},
+      {"unit is refused NAME [in mode MODE]",
+       [](Run& run, const Step& step) {
+         run.expect_refusal(step.text_of("NAME"), step.has("MODE") ? step.text_of("MODE") : "octet");
+       }},
+      {"unit repeats NAME TIMES times",
+       [](Run& run, const Step& step) {
+         run.repeat(step.text_of("NAME"), static_cast<int>(step.number_of("TIMES")));
+       }},
+      {"unit writes NAME", [](Run& run, const Step& step) { run.write(step.text_of("NAME")); }},
       {"unit asks TEXT in vain", [](Run& run, const Step& step) { run.ask_in_vain(step.text_of("TEXT")); }},
+      {"unit asks TEXT and leaves",
+       [](Run& run, const Step& step) {
+         run.ask_and_leave(step.text_of("TEXT"), Unit::Leaves::kAfterItsTexts);
+       }},
+      {"unit asks TEXT and breaks off",
+       [](Run& run, const Step& step) { run.ask_and_leave(step.text_of("TEXT"), Unit::Leaves::kAtOnce); }},
+      {"unit asks TEXT expects REPLY and holds on",
+       [](Run& run, const Step& step) { run.ask(step.text_of("TEXT"), step.text_of("REPLY"), true); }},
+      {"unit hangs up", [](Run& run, const Step&) { run.hang_up(); }},
       {"unit asks TEXT expects REPLY",
        [](Run& run, const Step& step) { run.ask(step.text_of("TEXT"), step.text_of("REPLY")); }},
-      {"unit sends TEXT", [](Run& run, const Step& step) { run.send(step.text_of("TEXT")); }},
+      {"unit sends TEXT [to port PORT]",
+       [](Run& run, const Step& step) {
+         run.send(step.text_of("TEXT"), static_cast<int>(step.number_of("PORT", PptServer::kRelayPort)));
+       }},
+      {"also seen is CAUSE", [](Run& run, const Step& step) { run.expect_also(step.text_of("CAUSE")); }},
       {"fault is OWNER [by CAUSE]",
        [](Run& run, const Step& step) {
          run.expect_fault(step.text_of("OWNER"), step.has("CAUSE") ? step.text_of("CAUSE") : "");

@@ -28,6 +28,9 @@ const std::vector<Maker::Act> Maker::kActs = {
     {3, "the unit hears the boot script", &Maker::script_is_sent, &Maker::hear_again},
     {20, "the unit reads", &Maker::always, &Maker::read_file},
     {3, "the unit gives a read up", &Maker::loses_nothing, &Maker::give_up_reading},
+    {3, "a read is refused", &Maker::loses_nothing, &Maker::read_wrongly},
+    {2, "the unit writes", &Maker::unit_is_known, &Maker::write_file},
+    {2, "a stray datagram", &Maker::unit_is_known, &Maker::send_stray},
     {4, "a file is missing", &Maker::always, &Maker::read_missing_file},
     {6, "a read beside commands", &Maker::loses_nothing, &Maker::read_beside_commands},
     {5, "the unit dies and comes back", &Maker::loses_nothing, &Maker::die_and_come_back},
@@ -45,6 +48,8 @@ const std::vector<Maker::Act> Maker::kActs = {
     {3, "the tool changes", &Maker::always, &Maker::change_tool},
     {12, "PMC", &Maker::serves_commands, &Maker::ask_pmc},
     {4, "echo", &Maker::serves_commands, &Maker::ask_echo},
+    {2, "a command that is broken off", &Maker::serves_commands, &Maker::break_off},
+    {2, "a connection that stays open", &Maker::serves_commands, &Maker::hold_on},
     {2, "a command in vain", &Maker::serves_no_commands, &Maker::ask_in_vain},
     {8, "a datagram", &Maker::loses_nothing, &Maker::relay},
 };
@@ -53,16 +58,15 @@ const std::vector<Maker::Ending> Maker::kEndings = {
     {40, &Maker::end_passed},          {20, &Maker::end_failed},          {3, &Maker::end_with_both},
     {3, &Maker::end_passed_after_all}, {8, &Maker::end_by_interrupt},     {8, &Maker::end_by_termination},
     {4, &Maker::end_by_kill},          {4, &Maker::end_by_short_verdict}, {3, &Maker::end_by_hanging_tool},
+    {3, &Maker::end_by_leaving},       {2, &Maker::end_by_abort},
 };
 
 std::string Maker::scenario() {
   say("wire damages by seed " + number(static_cast<long>(seed_)));
   prepare_files();
   prepare_board();
-  if (chance_.one_in(50)) {
-    start_at_a_wrong_address();
-  } else if (chance_.one_in(50)) {
-    start_without_the_port();
+  if (chance_.one_in(20)) {
+    start_in_vain();
   } else {
     start();
     for (int left = chance_.between(2, kMostActs); left > 0 && seconds_ < kLongestSeconds; --left) act();
@@ -114,7 +118,10 @@ void Maker::prepare_board() {
 
 void Maker::start() {
   std::string options;
-  if (chance_.one_in(5)) options += " -n " + number(chance_.between(70, 32000));
+  if (chance_.one_in(5)) {
+    tftp_port_ = chance_.between(70, 32000);
+    options += " -n " + number(tftp_port_);
+  }
   if (chance_.one_in(5)) options += " -p " + number(chance_.between(70, 12000));
   if (chance_.one_in(5)) {
     message_port_ = chance_.between(1024, 32000);
@@ -130,20 +137,29 @@ void Maker::start() {
   if (chance_.one_in(2)) say("unit hears nothing for 2 s");
 }
 
-void Maker::start_at_a_wrong_address() {
-  title_ = "a wrong address";
-  fault_ = "station";
-  say("station starts with \"-o 172.40.0.9\"");
-  say_of_station("Socket Bind exception: Cannot assign requested address");
-  say("station exits 1");
-}
-
-void Maker::start_without_the_port() {
-  title_ = "a port in use";
-  fault_ = "station";
-  say("board has port 69 taken");
-  say("station starts");
-  say_of_station("Socket Bind exception: Address already in use");
+void Maker::start_in_vain() {
+  struct Start {
+    const char* words;
+    const char* before;
+    const char* step;
+    const char* line;
+    const char* fault;
+  };
+  static constexpr Start kStarts[] = {
+      {"a wrong address", "", "station starts with \"-o 172.40.0.9\"",
+       "Socket Bind exception: Cannot assign requested address", "station"},
+      {"a port in use", "board has port 69 taken\n", "station starts",
+       "Socket Bind exception: Address already in use", "station"},
+      {"a right missing", "station lacks CAP_NET_BIND_SERVICE\n", "station starts",
+       "Socket Bind exception: Permission denied", "station"},
+      {"no PPT server", "", "station starts with \"-s=\"", "Usage: TFTP [-h] [-p port] [-s server]",
+       "operator"}};
+  const Start& start = chance_.one_of(kStarts);
+  title_ = start.words;
+  fault_ = start.fault;
+  steps_ += start.before;
+  say(start.step);
+  say_of_station(start.line);
   say("station exits 1");
 }
 

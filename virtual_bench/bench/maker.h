@@ -41,7 +41,7 @@ class Maker {
     kEmptyFile,
     kNone
   };
-  enum class Ppt { kAnswers, kAnswersError, kSilent, kRefuses };
+  enum class Ppt { kAnswers, kAnswersError, kAnswersNothing, kSilent, kRefusesVerdicts, kRefuses };
 
   struct File {
     std::string name;
@@ -61,8 +61,7 @@ class Maker {
   void prepare_files();
   void prepare_board();
   void start();
-  void start_at_a_wrong_address();
-  void start_without_the_port();
+  void start_in_vain();
   void act();
 
   // When it can.
@@ -75,6 +74,7 @@ class Maker {
   bool swaps_nothing() const { return swapping_ == 0; }
   bool delays_nothing() const { return delay_ == 0; }
   bool serves_commands() const { return commands_are_served_; }
+  bool unit_is_known() const { return unit_was_heard_ && loss_ == 0; }
   bool serves_no_commands() const { return !commands_are_served_; }
 
   // What can happen (kActs), and the parts that these have in common.
@@ -84,6 +84,9 @@ class Maker {
   void read_file(const File& file);
   void read_missing_file();
   void give_up_reading();
+  void read_wrongly();
+  void write_file();
+  void send_stray();
   void begin_reading(const File& file);
   void begin_long_reading();
   void read_beside_commands();
@@ -104,6 +107,9 @@ class Maker {
   void ask_pmc();
   void ask_echo();
   void ask_in_vain();
+  void break_off();
+  void hold_on();
+  void run_tool();
   void relay();
 
   // How a run can end (kEndings).
@@ -116,6 +122,8 @@ class Maker {
   void end_by_kill();
   void end_by_short_verdict();
   void end_by_hanging_tool();
+  void end_by_leaving();
+  void end_by_abort();
 
   // For a step that passes, fails, or is the last: the name; what the unit does; what follows.
   std::string verdict_name(const std::string& outcome);
@@ -137,7 +145,9 @@ class Maker {
   void expect_of_board();
   void mark();
   void calm_wire_for_verdict();
-  bool forwarding_takes_time() const { return ppt_ == Ppt::kSilent || ppt_ == Ppt::kRefuses; }
+  bool forwarding_takes_time() const {
+    return ppt_ == Ppt::kSilent || ppt_ == Ppt::kRefusesVerdicts || ppt_ == Ppt::kRefuses;
+  }
 
   // Which file the unit can read in a short time, and how, as the wire is now.
   bool is_readable(const File& file) const { return file.bytes <= most_blocks() * largest_block(); }
@@ -163,6 +173,7 @@ class Maker {
   const ErrorText* error_ = nullptr;               // of the PPT server
   int loss_ = 0, duplication_ = 0, swapping_ = 0;  // percent
   int delay_ = 0;                                  // milliseconds
+  int tftp_port_ = 69;
   int message_port_ = 12345;
   std::string ppt_ip_ = "172.30.0.254";
   std::string mac_;  // that the unit is told
@@ -173,6 +184,7 @@ class Maker {
   bool board_was_called_ = false;
   bool is_marked_failed_ = false;
   int datagrams_ = 0;
+  int written_files_ = 0;
   bool has_envtool_ = true;
   bool script_reads_more_ = false;
   bool unit_was_heard_ = false;

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr char kPptServerIp[] = "172.30.0.254";
+constexpr char kPptServerMac[] = "02:00:ac:1e:00:fe";
 constexpr in_addr_t kPptNetwork = 0xac1e0000;  // 172.30.0.0/24
 constexpr in_addr_t kNetworkMask = 0xffffff00;
 constexpr in_addr_t kStationHost = 1;
@@ -33,14 +34,16 @@ bool is_for_ppt_server(const std::string& text) {
 
 }  // namespace
 
-Network::Network(const std::string& record, std::uint64_t seed, const std::string& station_link)
+Network::Network(const std::string& record, std::uint64_t seed, const Link& link)
     : station(NetworkNamespace::current()),
       wire_(record, seed,
-            {{{{station, station_link}, {unit, "lan0"}}}, {{{station, "ppt0"}, {ppt_server, "ppt0"}}}}),
+            {{{{station, link.name}, {unit, "lan0"}}}, {{{station, "ppt0"}, {ppt_server, "ppt0"}}}}),
       ppt_server_address_(kPptServerIp) {
-  set_up(station, station_link, "172.40.0.1/24 broadcast 172.40.0.255 label " + station_link + ":0");
+  const std::string broadcast = link.has_broadcast_address ? "172.40.0.255" : "0.0.0.0";
+  set_up(station, link.name, link.address + "/24 broadcast " + broadcast + " label " + link.name + ":0");
   set_up(station, "ppt0", "172.30.0.1/24");
   set_up(unit, "lan0", "172.40.0.2/24 broadcast 172.40.0.255");
+  ip(ppt_server, std::string("link set ppt0 address ") + kPptServerMac);
   set_up(ppt_server, "ppt0", ppt_server_address_ + "/24");
 }
 
@@ -51,11 +54,31 @@ void Network::move_ppt_server(const std::string& address) {
   ppt_server_address_ = address;
 }
 
-TakenPort::TakenPort(const NetworkNamespace& place, int port) {
+void Network::remove_ppt_server() const {
+  ip(ppt_server, "link set ppt0 down");
+}
+
+// The station needs no ARP for it any more.
+void Network::drop_what_ppt_server_gets() const {
+  ip(station,
+     "neighbour replace " + ppt_server_address_ + " lladdr " + kPptServerMac + " dev ppt0 nud permanent");
+  remove_ppt_server();
+}
+
+void Network::restore_ppt_server() const {
+  ip(ppt_server, "link set ppt0 up");
+}
+
+void Network::forbid_ppt_server() const {
+  ip(station, "route add prohibit " + ppt_server_address_);
+}
+
+TakenPort::TakenPort(const NetworkNamespace& place, int kind, int port) {
   const ScopedNamespace inside(place);
-  socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  socket_ = socket(AF_INET, kind | SOCK_CLOEXEC, 0);
   sockaddr_in all = ipv4_address(INADDR_ANY, port);
-  if (socket_ >= 0 && bind(socket_, as_sockaddr(&all), sizeof all) == 0) return;
+  const bool is_taken = socket_ >= 0 && bind(socket_, as_sockaddr(&all), sizeof all) == 0;
+  if (is_taken && (kind == SOCK_DGRAM || listen(socket_, 1) == 0)) return;
   const std::string reason = std::strerror(errno);
   close(socket_);
   throw std::runtime_error("port " + std::to_string(port) + ": " + reason);

@@ -13,16 +13,28 @@
 //   PPT server 172.30.0.254 ---- PPT network --------------- ppt0 172.30.0.1 station
 class Network {
  public:
-  static constexpr char kStationIp[] = "172.40.0.1";
+  // The station's end of the test network, as it is on a board that is set up well.
+  struct Link {
+    std::string name = "lan0";
+    std::string address = "172.40.0.1";
+    bool has_broadcast_address = true;
+  };
 
   // The station is where the caller is. record: the file that the wire writes. seed: of the chances of damage.
-  // station_link: the name of the station's end of the test network, "lan0" on a board that is set up well.
   // Throws std::runtime_error.
-  Network(const std::string& record, std::uint64_t seed, const std::string& station_link);
+  Network(const std::string& record, std::uint64_t seed, const Link& link);
 
   void order_wire(Order::What what, double amount) const { wire_.order(what, amount); }
   // From now on the PPT server has this address, if it is one for it in its network; else the one it had.
   void move_ppt_server(const std::string& address);
+  // From now on nobody answers at its address, not even to ARP.
+  void remove_ppt_server() const;
+  // From now on whatever is sent to it is dropped without a word.
+  void drop_what_ppt_server_gets() const;
+  // Ends both.
+  void restore_ppt_server() const;
+  // From now on the station may send it nothing.
+  void forbid_ppt_server() const;
 
   const NetworkNamespace station;
   const NetworkNamespace unit;
@@ -33,10 +45,11 @@ class Network {
   std::string ppt_server_address_;
 };
 
-// A UDP port of a machine's that something else has, while it lives. Throws std::runtime_error.
+// A port of a machine's that something else has, while it lives. Throws std::runtime_error.
 class TakenPort {
  public:
-  TakenPort(const NetworkNamespace& place, int port);
+  // kind: SOCK_DGRAM for UDP, SOCK_STREAM for TCP
+  TakenPort(const NetworkNamespace& place, int kind, int port);
   ~TakenPort();
   TakenPort(const TakenPort&) = delete;
   TakenPort& operator=(const TakenPort&) = delete;

@@ -97,6 +97,23 @@ void Maker::give_up_reading() {
   say_of_station("RRQ kernel.img");
 }
 
+void Maker::read_wrongly() {
+  const bool has_name = chance_.one_in(2);
+  say(has_name ? "unit is refused odd.img in mode netascii" : "unit is refused \"\"");
+  meet(Problem::kGivenUp);
+  say_of_station(has_name ? "Mode netascii not supported" : "Filename is not set");
+}
+
+void Maker::write_file() {
+  say("unit writes result" + number(++written_files_) + ".txt");
+  say_of_station("WRQ ");
+}
+
+void Maker::send_stray() {
+  say("unit sends hello to port " + number(tftp_port_));
+  say_of_station("Unexpected packet");
+}
+
 void Maker::begin_reading(const File& file) {
   say("unit begins reading " + file.name + options_for(file));
   succeed_in_reading(file);

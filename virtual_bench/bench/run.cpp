@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -47,7 +48,7 @@ std::optional<std::string> Run::play() {
     throw;
   } catch (const std::runtime_error& error) {
     wrong = error.what();
-    timeline_.log("bench", "WRONG: " + *wrong);
+    said_wrong(*wrong);
   }
   wait(kLastFramesSeconds);
   end_ = microseconds_since_epoch();
@@ -99,12 +100,20 @@ void Run::expect_fault(const std::string& owner, const std::string& cause) {
 
 std::optional<std::string> Run::wrong_in(const explanation::Explanation& told) const {
   const explanation::Cause& cause = *told.fault.cause;
+  for (const std::string& expected : also_) {
+    const bool is_seen = std::any_of(told.also.begin(), told.also.end(),
+                                     [&expected](const auto& claim) { return claim.cause->id == expected; });
+    if (!is_seen) return said_wrong("also seen is " + expected + ": it is not");
+  }
   const bool is_right = fault_owner_.empty() || (fault_owner_ == name_of(cause.owner) &&
                                                  (fault_cause_.empty() || fault_cause_ == cause.id));
   if (is_right) return std::nullopt;
-  const std::string wrong = "fault is " + fault_owner_ + (fault_cause_.empty() ? "" : " by " + fault_cause_) +
-                            ": it is explained by " + std::string(name_of(cause.owner)) + " (" +
-                            std::string(cause.id) + ")";
+  return said_wrong("fault is " + fault_owner_ + (fault_cause_.empty() ? "" : " by " + fault_cause_) +
+                    ": it is explained by " + std::string(name_of(cause.owner)) + " (" +
+                    std::string(cause.id) + ")");
+}
+
+std::string Run::said_wrong(const std::string& wrong) const {
   timeline_.log("bench", "WRONG: " + wrong);
   return wrong;
 }

@@ -69,11 +69,20 @@ class Run {
   void expect_ppt_not_to_have_heard(const std::string& name);
   void seed_wire(std::uint64_t seed);
   void name_link(const std::string& name);
+  void move_station(const std::string& address);
+  void take_broadcast_address();
+  void take_link_down();
+  Network& network_of_ppt(const Step& step);
   void set_variable(const std::string& name, const std::string& value) const;
   void set_tool_status(int status) const;
   void hold_tool() const;
+  void release_tool() const;
   void remove_tool(const std::string& name) const;
-  void take_port(int port);
+  // kind: SOCK_DGRAM for UDP, SOCK_STREAM for TCP
+  void take_port(int kind, int port);
+  // For the station that is started after this.
+  void take_right(int capability);
+  void limit_descriptors(int most);
   void expect_no_call() const;
   void expect_call(const std::string& command);
   void expect_variable(const std::string& name, const std::string& value);
@@ -91,13 +100,21 @@ class Run {
   void begin_reading(const std::string& name, const ReadOptions& options);
   void expect_read(double bytes);
   void end_reading();
-  void ask(const std::string& question, const std::string& reply);
+  void fail_to_end_reading();
+  void ask(const std::string& question, const std::string& reply, bool holds = false);
   void ask_in_vain(const std::string& question);
-  void refuse_options(const std::string& name, int block_size);
-  void send(const std::string& text);
+  void ask_and_leave(const std::string& question, Unit::Leaves leaves);
+  void hang_up();
+  // blocks: how many it takes before.
+  void give_up(const std::string& name, int block_size, int blocks);
+  void expect_refusal(const std::string& name, const std::string& mode);
+  void repeat(const std::string& name, int times);
+  void write(const std::string& name);
+  void send(const std::string& text, int port = PptServer::kRelayPort);
   void wait(double seconds);
   // cause: empty: whatever it is.
   void expect_fault(const std::string& owner, const std::string& cause);
+  void expect_also(const std::string& cause) { also_.push_back(cause); }
 
  private:
   struct TimedLine {
@@ -114,6 +131,7 @@ class Run {
   Neighbours& neighbours();
 
   void play_step(const Step& step);
+  std::string said_wrong(const std::string& wrong) const;
   std::string served(const std::string& name) const;
   std::string local(const std::string& name) const;
   bool serves() const;
@@ -124,7 +142,7 @@ class Run {
   void expect_no_network_yet() const;
   // depth: 0 for the script that was heard, 1 for the ones that it obeys, and so on.
   void obey_script(const std::string& script, const ReadOptions& options, int depth);
-  Unit::Answer answer_to(const std::string& question, double seconds);
+  Unit::Answer answer_to(const std::string& question, double seconds, bool holds = false);
   // Why the file has not arrived; nothing when it has. Throws StepFailed when that takes longer.
   std::optional<std::string> failure_of_reading(double seconds = ReadOptions().longest_seconds);
   void report_progress(std::int64_t* next_report) const;
@@ -148,7 +166,9 @@ class Run {
   const Timeline timeline_;
   const Board board_;
   std::uint64_t wire_seed_ = 1;
-  std::string station_link_ = "lan0";
+  Network::Link station_link_;
+  std::vector<int> rights_taken_;  // capabilities
+  int most_descriptors_ = 0;       // 0: as many as this process may have
   std::unique_ptr<Neighbours> neighbours_;
   std::unique_ptr<Process> station_;
   std::string station_command_;
@@ -163,6 +183,7 @@ class Run {
   std::string script_;                     // as the unit heard it
   std::unique_ptr<Reading> reading_;       // that goes on
   std::string fault_owner_, fault_cause_;  // that are expected; empty: any
+  std::vector<std::string> also_;          // causes that are expected besides
   std::unique_ptr<TakenPort> taken_port_;
   std::string reading_name_;        // of the last one
   std::int64_t reading_since_ = 0;  // in microseconds since the epoch

@@ -1,5 +1,6 @@
 #include "bench/scenario.h"
 
+#include <linux/capability.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -15,32 +16,34 @@
 namespace {
 
 const std::string kByteOrderMark = "\xEF\xBB\xBF";  // of UTF-8; some editors write it
-const std::set<std::string> kFreeWords = {"NAME", "TEXT", "REPLY"};
+const std::set<std::string> kFreeWords = {"NAME", "TEXT", "REPLY", "ADDRESS", "MODE"};
 struct Range {
   double least;
   double most;
   bool whole;
 };
 const std::map<std::string, Range> kRanges = {
-    {"SEED", {0, 4294967295, true}},
-    {"PERCENT", {0, 100, false}},  // of the frames
-    {"MILLISECONDS", {0, 60000, false}},
-    {"SECONDS", {0, 3600, false}},
+    {"SEED", {0, 4294967295, true}},     {"PERCENT", {0, 100, false}},  // of the frames
+    {"MILLISECONDS", {0, 60000, false}}, {"SECONDS", {0, 3600, false}},
     {"TIMEOUT", {1, 255, true}},  // in seconds, RFC 2349
     {"BLOCK", {1, 65464, true}},  // bytes, RFC 2348; sizes below its 8 are there to be tried
-    {"TRIES", {1, 1000, true}},
+    {"TRIES", {1, 1000, true}},          {"TIMES", {1, 1000, true}},
     {"SIZE", {0, 4294967296, false}},  // and in bytes no more than this either
     {"CODE", {0, 65535, true}},        // RFC 1350
     {"STATUS", {0, 255, true}},        // of a process
-    {"PORT", {1, 65535, true}},
+    {"PORT", {1, 65535, true}},          {"COUNT", {1, 65535, true}},
 };
 const std::set<std::string> kOwners = {"none",  "unit",    "test-network", "ppt-server",
                                        "board", "station", "operator",     "unknown"};
 const std::map<std::string, double> kUnits = {{"bytes", 1}, {"KiB", 1024}, {"MiB", 1024 * 1024}};
-const std::map<std::string, int> kSignals = {{"SIGINT", SIGINT}, {"SIGTERM", SIGTERM}, {"SIGKILL", SIGKILL}};
+const std::map<std::string, int> kSignals = {{"SIGINT", SIGINT},   {"SIGTERM", SIGTERM}, {"SIGKILL", SIGKILL},
+                                             {"SIGABRT", SIGABRT}, {"SIGSEGV", SIGSEGV}, {"SIGSTOP", SIGSTOP},
+                                             {"SIGCONT", SIGCONT}};
+const std::map<std::string, int> kRights = {{"CAP_NET_BIND_SERVICE", CAP_NET_BIND_SERVICE},
+                                            {"CAP_NET_RAW", CAP_NET_RAW}};
 
 bool is_value(const std::string& word) {
-  return word != "ERROR" &&
+  return word != "ERROR" && word != "TCP" &&
          std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 
@@ -70,6 +73,7 @@ bool fits(const std::string& wanted, const std::string& word) {
   if (kFreeWords.count(wanted) != 0) return true;
   if (wanted == "UNIT") return kUnits.count(word) != 0;
   if (wanted == "SIGNAL") return kSignals.count(word) != 0;
+  if (wanted == "RIGHT") return kRights.count(word) != 0;
   if (wanted == "OWNER") return kOwners.count(word) != 0;
   if (wanted == "CAUSE") return is_cause(word);
   return is_number(word, kRanges.at(wanted));
@@ -78,7 +82,8 @@ bool fits(const std::string& wanted, const std::string& word) {
 std::string described(const std::string& wanted) {
   if (!is_value(wanted)) return '"' + wanted + '"';
   if (wanted == "UNIT") return "bytes, KiB or MiB";
-  if (wanted == "SIGNAL") return "SIGINT, SIGTERM or SIGKILL";
+  if (wanted == "SIGNAL") return "SIGINT, SIGTERM, SIGKILL, SIGABRT, SIGSEGV, SIGSTOP or SIGCONT";
+  if (wanted == "RIGHT") return "CAP_NET_BIND_SERVICE or CAP_NET_RAW";
   if (wanted == "OWNER") return "none, unit, test-network, ppt-server, board, station, operator or unknown";
   if (wanted == "CAUSE") return "a cause out of docs/causes.md";
   return kFreeWords.count(wanted) != 0 ? wanted : described(kRanges.at(wanted)) + " (" + wanted + ")";
@@ -229,6 +234,10 @@ double Step::bytes() const {
 
 int Step::signal() const {
   return kSignals.at(text_of("SIGNAL"));
+}
+
+int Step::right() const {
+  return kRights.at(text_of("RIGHT"));
 }
 
 Scenario parse_scenario(const std::string& text, const std::string& file_name) {

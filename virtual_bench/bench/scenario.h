@@ -13,8 +13,8 @@
 class Run;
 struct Step;
 
-// What a step can be. In its form, capital words stand for values: NAME, TEXT, REPLY for any word; UNIT and
-// SIGNAL for those that scenario.cpp lists; every other one for a number in a range that stands there. What
+// What a step can be. In its form, capital words stand for values: NAME, TEXT, REPLY, ADDRESS, MODE for any word; UNIT, SIGNAL and
+// RIGHT for those that scenario.cpp lists; every other one for a number in a range that stands there. What
 // stands in brackets may be omitted. Of two forms that both fit a line, the one that is listed first counts.
 struct Command {
   // Throws StepFailed, or another std::runtime_error, when what the step says does not happen.
@@ -39,8 +39,9 @@ struct Step {
   bool has(const std::string& word) const { return values.count(word) != 0; }
   // The product of SIZE and UNIT, in bytes.
   double bytes() const;
-  // The number of SIGNAL.
+  // The number of SIGNAL, or of RIGHT.
   int signal() const;
+  int right() const;
 };
 
 struct Scenario {

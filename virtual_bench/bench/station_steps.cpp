@@ -1,7 +1,13 @@
 // What a scenario's steps do with the files, the wire, the PPT server, the board and the station.
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <numeric>
@@ -15,6 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr char kProtocols[] = "/etc/protocols";
 constexpr double kPatienceSeconds = 10;         // for what is to happen at once
 constexpr double kForwardingSeconds = 0.2;      // for what is on its way to the PPT server to be heard there
 constexpr std::mt19937::result_type kSeed = 1;  // of the files' bytes
@@ -39,6 +46,20 @@ std::size_t distance(const std::string& one, const std::string& other) {
 
 std::string after_first_word(const std::string& text) {
   return text.substr(text.find_first_of(" \t") + 1);
+}
+
+// In the mounts of this process, which are its own.
+void empty_file(const std::string& name) {
+  if (mount("/dev/null", name.c_str(), nullptr, MS_BIND, nullptr) != 0)
+    throw StepFailed(name + ": " + std::strerror(errno));
+}
+
+// The calling process, which is about to become the station.
+void confine(const std::vector<int>& rights_taken, int most_descriptors) {
+  for (const int right : rights_taken) prctl(PR_CAPBSET_DROP, right, 0, 0, 0);
+  const auto most = static_cast<rlim_t>(most_descriptors);
+  const rlimit limit = {most, most};
+  if (most_descriptors > 0) setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 std::ofstream opened(const std::string& name, const std::string& path) {
@@ -99,7 +120,27 @@ void Run::seed_wire(std::uint64_t seed) {
 
 void Run::name_link(const std::string& name) {
   expect_no_network_yet();
-  station_link_ = name;
+  station_link_.name = name;
+}
+
+void Run::move_station(const std::string& address) {
+  expect_no_network_yet();
+  station_link_.address = address;
+}
+
+void Run::take_broadcast_address() {
+  expect_no_network_yet();
+  station_link_.has_broadcast_address = false;
+}
+
+void Run::take_link_down() {
+  timeline_.log("board", station_link_.name + " is down");
+  ip(neighbours().network.station, "link set " + station_link_.name + " down");
+}
+
+Network& Run::network_of_ppt(const Step& step) {
+  timeline_.log("ppt", step.text);
+  return neighbours().network;
 }
 
 void Run::set_variable(const std::string& name, const std::string& value) const {
@@ -114,15 +155,29 @@ void Run::hold_tool() const {
   board_.holds(Board::kT1E1);
 }
 
+void Run::release_tool() const {
+  board_.releases(Board::kT1E1);
+}
+
 void Run::remove_tool(const std::string& name) const {
   for (const char* const tool : {Board::kEnvtool, Board::kVoice, Board::kT1E1}) {
     if (name == tool) return board_.removes(name);
   }
-  throw StepFailed("it has no such tool; expected envtool, /etc/init.d/voice or /mnt/ramdisk/t1-e1");
+  if (name == kProtocols) return empty_file(name);
+  throw StepFailed(
+      "it has no such thing; expected envtool, /etc/init.d/voice, /mnt/ramdisk/t1-e1 or /etc/protocols");
 }
 
-void Run::take_port(int port) {
-  taken_port_ = std::make_unique<TakenPort>(neighbours().network.station, port);
+void Run::take_port(int kind, int port) {
+  taken_port_ = std::make_unique<TakenPort>(neighbours().network.station, kind, port);
+}
+
+void Run::take_right(int capability) {
+  rights_taken_.push_back(capability);
+}
+
+void Run::limit_descriptors(int most) {
+  most_descriptors_ = most;
 }
 
 void Run::expect_no_call() const {
@@ -145,7 +200,7 @@ void Run::expect_variable(const std::string& name, const std::string& value) {
 
 void Run::start_station(const std::string& more_arguments) {
   if (station_) throw StepFailed("it has started already");
-  std::vector<std::string> arguments = {station_program_, "-o", Network::kStationIp};
+  std::vector<std::string> arguments = {station_program_, "-o", station_link_.address};
   std::istringstream words(more_arguments);
   for (std::string word; words >> word;) arguments.push_back(word);
   station_options_ = read_station_options({arguments.begin() + 1, arguments.end()});
@@ -156,6 +211,7 @@ void Run::start_station(const std::string& more_arguments) {
   timeline_.log("station", station_command_);
   station_ = std::make_unique<Process>(arguments, [this] {
     append_errors_to(folder_ + kErrors);
+    confine(rights_taken_, most_descriptors_);
     setenv("PATH", board_.path().c_str(), 1);
     fs::current_path(folder_ + "/served");
   });

@@ -136,7 +136,7 @@ void Run::begin_reading(const std::string& name, const ReadOptions& options) {
   reading_name_ = name;
   reading_since_ = microseconds_since_epoch();
   reading_ = std::make_unique<Reading>(
-      place, Reading::Request{Network::kStationIp, station_options_.tftp_port, name, local(name),
+      place, Reading::Request{station_link_.address, station_options_.tftp_port, name, local(name),
                               options.block_size, options.timeout_seconds});
 }
 
@@ -154,6 +154,11 @@ void Run::end_reading() {
   expect_reading();
   if (const auto failure = failure_of_reading())
     throw StepFailed(reading_name_ + " was not read: " + *failure);
+}
+
+void Run::fail_to_end_reading() {
+  expect_reading();
+  if (!failure_of_reading()) throw StepFailed("it could");
 }
 
 // A file that arrives otherwise than it is served is wrong whatever the step expects.
@@ -207,8 +212,8 @@ void Run::read_until_death(const std::string& name, const ReadOptions& options, 
   timeline_.log("unit", "dies");
 }
 
-void Run::ask(const std::string& question, const std::string& reply) {
-  const Unit::Answer answer = answer_to(question, kPatienceSeconds);
+void Run::ask(const std::string& question, const std::string& reply, bool holds) {
+  const Unit::Answer answer = answer_to(question, kPatienceSeconds, holds);
   if (!answer.came) throw StepFailed(answer.text);
   if (answer.text != reply) throw StepFailed("it was told " + answer.text);
 }
@@ -218,23 +223,57 @@ void Run::ask_in_vain(const std::string& question) {
   if (answer.came) throw StepFailed("it was told " + answer.text);
 }
 
-void Run::refuse_options(const std::string& name, int block_size) {
-  timeline_.log("unit", "gives up " + name + " over its options");
-  if (!neighbours().unit.gives_up(Network::kStationIp, station_options_.tftp_port, name, block_size,
+void Run::ask_and_leave(const std::string& question, Unit::Leaves leaves) {
+  timeline_.log("unit", "asks " + question + ", and leaves");
+  if (const auto why_not = neighbours().unit.ask_and_leave(
+          station_link_.address, station_options_.message_port, question, leaves, kPatienceSeconds))
+    throw StepFailed(*why_not);
+}
+
+void Run::hang_up() {
+  timeline_.log("unit", "hangs up");
+  neighbours().unit.hang_up();
+}
+
+void Run::give_up(const std::string& name, int block_size, int blocks) {
+  timeline_.log("unit", "gives up " + name + " after " + std::to_string(blocks) + " blocks");
+  if (!neighbours().unit.gives_up(station_link_.address, station_options_.tftp_port, name, block_size, blocks,
                                   kPatienceSeconds))
     throw StepFailed("no answer came");
 }
 
-Unit::Answer Run::answer_to(const std::string& question, double seconds) {
+void Run::expect_refusal(const std::string& name, const std::string& mode) {
+  timeline_.log("unit", "reads \"" + name + "\" in mode " + mode);
+  const std::optional<int> code = neighbours().unit.is_refused(
+      station_link_.address, station_options_.tftp_port, name, mode, kPatienceSeconds);
+  if (!code || *code == Unit::kNoError) throw StepFailed(code ? "it could" : "no answer came");
+  timeline_.log("unit", "gets ERROR " + std::to_string(*code));
+}
+
+void Run::repeat(const std::string& name, int times) {
+  timeline_.log("unit", "asks " + std::to_string(times) + " times for " + name);
+  if (!neighbours().unit.repeats(station_link_.address, station_options_.tftp_port, name, times,
+                                 kPatienceSeconds))
+    throw StepFailed("no answer came");
+}
+
+void Run::write(const std::string& name) {
+  timeline_.log("unit", "writes " + name);
+  const std::optional<int> code =
+      neighbours().unit.writes(station_link_.address, station_options_.tftp_port, name, kPatienceSeconds);
+  if (code != Unit::kNoError)
+    throw StepFailed(code ? "it got ERROR " + std::to_string(*code) : "no answer came");
+}
+
+Unit::Answer Run::answer_to(const std::string& question, double seconds, bool holds) {
   timeline_.log("unit", "asks " + question);
   Unit::Answer answer =
-      neighbours().unit.ask(Network::kStationIp, station_options_.message_port, question, seconds);
+      neighbours().unit.ask(station_link_.address, station_options_.message_port, question, seconds, holds);
   timeline_.log("unit", answer.came ? "is told " + answer.text : "gets no answer: " + answer.text);
   return answer;
 }
 
-void Run::send(const std::string& text) {
+void Run::send(const std::string& text, int port) {
   timeline_.log("unit", "sends \"" + text + '"');
-  if (!neighbours().unit.send(Network::kStationIp, PptServer::kRelayPort, text))
-    throw StepFailed("it could not");
+  if (!neighbours().unit.send(station_link_.address, port, text)) throw StepFailed("it could not");
 }

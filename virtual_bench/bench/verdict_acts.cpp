@@ -45,16 +45,23 @@ void Maker::change_ppt() {
                                           {7, "you", "No such user"},
                                           {8, "", "Not defined"},
                                           {65535, "what", "Not defined"}};
-  switch (chance_.between(1, 5)) {
+  switch (chance_.between(1, 9)) {
     case 1:
       ppt_ = Ppt::kSilent;
-      return say("ppt is silent");
+      return say(chance_.one_in(2) ? "ppt is silent" : "ppt answers after 6 s");
     case 2:
       ppt_ = Ppt::kRefuses;
       return say("ppt refuses");
     case 3:
+    case 4:
       ppt_ = Ppt::kAnswers;
       return say("ppt answers");
+    case 5:
+      ppt_ = Ppt::kRefusesVerdicts;
+      return say("ppt refuses verdicts");
+    case 6:
+      ppt_ = Ppt::kAnswersNothing;
+      return say("ppt answers nothing");
     default:
       ppt_ = Ppt::kAnswersError;
       error_ = &chance_.one_of(kErrors);
@@ -90,7 +97,9 @@ void Maker::expect_of_verdict(const std::string& name) {
   }
   note_verdict(holds(name, "TEST_FAILED"));
   if (forwarding_takes_time()) meet(Problem::kPpt);
-  say((ppt_ == Ppt::kRefuses ? "ppt has not heard " : "ppt hears ") + quoted(tagged(name)));
+  const bool is_deaf = ppt_ == Ppt::kRefuses || ppt_ == Ppt::kRefusesVerdicts;
+  say((is_deaf ? "ppt has not heard " : "ppt hears ") + quoted(tagged(name)));
+  if (ppt_ == Ppt::kAnswersNothing) say_of_station("Connection was closed by server");
   if (ppt_ == Ppt::kAnswersError) {
     say_of_station("Error! Error code: " + number(error_->code));
     say_of_station(std::string("Error message: ") + error_->printed);
@@ -172,6 +181,27 @@ void Maker::ask_in_vain() {
   seconds_ += 3;
 }
 
+// A first one starts the voice service.
+void Maker::run_tool() {
+  say_of_station("Mode detected: 1");
+  voice_has_started_ = board_was_called_ = true;
+}
+
+void Maker::break_off() {
+  mend_wire();
+  say("board tool hangs");
+  say("unit asks DO_PMC_INIT:1 and breaks off");
+  run_tool();
+  say("board tool goes on");
+  say_of_station("ERROR on send. ");
+}
+
+void Maker::hold_on() {
+  say("unit asks hello expects hello and holds on");
+  succeed();
+  say("unit hangs up");
+}
+
 void Maker::relay() {
   // The relay does not say when it has begun.
   if (datagrams_ == 0 && verdicts_ == 0) say("bench waits 0.5 s");
@@ -237,11 +267,30 @@ void Maker::end_by_hanging_tool() {
   mend_wire();
   say("board tool hangs");
   say("unit asks DO_PMC_INIT:1 in vain");
-  say_of_station("Mode detected: 1");
-  board_was_called_ = true;
+  run_tool();
   say("bench waits 8 s");
   fault_ = "board";
   end_by_kill();
+}
+
+void Maker::end_by_leaving() {
+  if (!commands_are_served_) return end_by_kill();
+  mend_wire();
+  fault_ = "unit";
+  say("board tool hangs");
+  say("unit asks DO_PMC_INIT:1 and leaves");
+  run_tool();
+  say("board tool goes on");
+  say("station exits 141");
+}
+
+void Maker::end_by_abort() {
+  fault_ = owner_of_end();
+  if (fault_ == "operator") fault_ = "unknown";
+  wait_for_ppt();
+  const bool has_aborted = chance_.one_in(2);
+  say(has_aborted ? "station gets SIGABRT" : "station gets SIGSEGV");
+  say(has_aborted ? "station exits 134" : "station exits 139");
 }
 
 void Maker::expect_shut_down() {

@@ -56,13 +56,21 @@ PptServer::~PptServer() {
 void PptServer::move_to(int tftp_port, int message_port) {
   tftp_port_ = tftp_port;
   message_port_ = message_port;
-  if (requests_ < 0) return;
+  if (listening_ < 0) return;
+  const bool hears_requests = requests_ >= 0;
   close_ports();
+  open_ports();
+  if (!hears_requests) refuse_requests();
+}
+
+void PptServer::answer(double after_seconds) {
+  mode_ = Mode::kAnswers;
+  wait_ = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(after_seconds));
   open_ports();
 }
 
-void PptServer::answer() {
-  mode_ = Mode::kAnswers;
+void PptServer::answer_nothing() {
+  mode_ = Mode::kAnswersNothing;
   open_ports();
 }
 
@@ -82,6 +90,11 @@ void PptServer::refuse() {
   close_ports();
 }
 
+void PptServer::refuse_requests() {
+  open_ports();
+  if (requests_ >= 0) close(std::exchange(requests_, -1));
+}
+
 int PptServer::bound(int kind, int port) const {
   const ScopedNamespace inside(place_);
   const int socket_fd = socket(AF_INET, kind | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -95,10 +108,10 @@ int PptServer::bound(int kind, int port) const {
 }
 
 void PptServer::open_ports() {
-  if (requests_ >= 0) return;
+  if (requests_ < 0) requests_ = bound(SOCK_DGRAM, tftp_port_);
+  if (listening_ >= 0) return;
   relayed_ = bound(SOCK_DGRAM, kRelayPort);
   listening_ = bound(SOCK_STREAM, message_port_);
-  requests_ = bound(SOCK_DGRAM, tftp_port_);
   listen(listening_, kBacklog);
 }
 
@@ -116,6 +129,8 @@ void PptServer::add_descriptors(std::vector<pollfd>* watched) const {
 std::vector<PptServer::Event> PptServer::serve() {
   std::vector<Event> events;
   for (Event event; requests_ >= 0 && hear_request(&event);) events.push_back(event);
+  for (; !due_.empty() && due_.front().at <= Clock::now(); due_.erase(due_.begin()))
+    answer_from_new_port(due_.front().station);
   const int accepted =
       listening_ < 0 ? -1 : accept4(listening_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (accepted >= 0) {
@@ -147,14 +162,17 @@ bool PptServer::hear_request(Event* event) {
     request.setSize(static_cast<int>(count));
   } while (!request.isRRQ());  // after a silence, the station's ACK comes here
   *event = {Event::Kind::kHeard, request.fileName()};
-  if (mode_ != Mode::kSilent) answer_from_new_port(station);
+  if (mode_ != Mode::kSilent)
+    due_.push_back({Clock::now() + (mode_ == Mode::kAnswers ? wait_ : Clock::duration()), station});
   return true;
 }
 
 // As RFC 1350 wants it.
 void PptServer::answer_from_new_port(sockaddr_in station) {
   TFTP_Packet answer;
-  if (mode_ == Mode::kAnswersError) {
+  if (mode_ == Mode::kAnswersNothing) {
+    answer.setSize(0);
+  } else if (mode_ == Mode::kAnswersError) {
     answer.createError(error_code_, error_text_);
   } else {
     answer.createData(1, nullptr, 0);

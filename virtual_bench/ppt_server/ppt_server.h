@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -34,12 +35,15 @@ class PptServer {
   // From now on at these ports; throws likewise.
   void move_to(int tftp_port, int message_port);
 
-  // From now on every request gets an empty file, as at first; an ERROR packet; no answer.
-  void answer();
+  // From now on every request gets an empty file, as at first, or after a while; an ERROR packet; a datagram
+  // without any byte; no answer.
+  void answer(double after_seconds = 0);
   void answer_error(int code, const std::string& text);
+  void answer_nothing();
   void keep_silent();
-  // From now on every port is closed.
+  // From now on every port is closed; only the one for requests is.
   void refuse();
+  void refuse_requests();
 
   // Adds what to wait for before serve.
   void add_descriptors(std::vector<pollfd>* watched) const;
@@ -47,7 +51,12 @@ class PptServer {
   std::vector<Event> serve();
 
  private:
-  enum class Mode { kAnswers, kAnswersError, kSilent };
+  using Clock = std::chrono::steady_clock;
+  enum class Mode { kAnswers, kAnswersError, kAnswersNothing, kSilent };
+  struct Due {
+    Clock::time_point at;
+    sockaddr_in station;
+  };
 
   int bound(int kind, int port) const;
   void open_ports();
@@ -59,6 +68,8 @@ class PptServer {
   int tftp_port_;
   int message_port_;
   Mode mode_ = Mode::kAnswers;
+  Clock::duration wait_ = {};  // before an answer
+  std::vector<Due> due_;       // answers, in the order of their times
   int error_code_ = 0;
   std::string error_text_;
   int requests_ = -1, listening_ = -1, connection_ = -1, relayed_ = -1;  // -1: closed

@@ -23,7 +23,10 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kLongestText = 65536;  // bytes
 constexpr double kBetweenConnectionsSeconds = 0.1;
 constexpr int kRequestBytes = 1024;
-constexpr int kOptionsRefused = 8;  // RFC 2347
+constexpr int kOptionsRefused = 8;         // RFC 2347
+constexpr double kUntilReadSeconds = 0.3;  // for a text to be read
+// RFC 1350
+const std::string kReadRequest("\0\1", 2), kWriteRequest("\0\2", 2), kError("\0\5", 2);
 
 sockaddr_in address_of(const std::string& ip, int port) {
   return ipv4_address(inet_addr(ip.c_str()), port);
@@ -118,7 +121,7 @@ bool Unit::send(const std::string& server, int port, const std::string& text) co
          static_cast<ssize_t>(text.size());
 }
 
-bool Unit::gives_up(const std::string& server, int port, const std::string& name, int block_size,
+bool Unit::gives_up(const std::string& server, int port, const std::string& name, int block_size, int blocks,
                     double seconds) const {
   const Socket socket(place_, SOCK_DGRAM);
   sockaddr_in there = address_of(server, port);
@@ -135,36 +138,97 @@ bool Unit::gives_up(const std::string& server, int port, const std::string& name
   const auto has_come = [&] {
     return recvfrom(socket.descriptor(), answer.data(), answer.size(), 0, as_sockaddr(&there), &size) >= 0;
   };
-  if (!wait_until_(seconds, has_come)) return false;
-  packet.createError(kOptionsRefused, "no room");
-  send_packet();
-  return true;
+  for (int block = 0; wait_until_(seconds, has_come); ++block) {
+    if (block == blocks) {
+      packet.createError(kOptionsRefused, "no room");
+      send_packet();
+      return true;
+    }
+    packet.createACK(block);
+    send_packet();
+  }
+  return false;
 }
 
-Unit::Answer Unit::ask(const std::string& server, int port, const std::string& question,
-                       double seconds) const {
+std::optional<int> Unit::send_request(const std::string& server, int port, const std::string& request,
+                                      double seconds) const {
+  const Socket socket(place_, SOCK_DGRAM);
+  sockaddr_in there = address_of(server, port);
+  sendto(socket.descriptor(), request.data(), request.size(), 0, as_sockaddr(&there), sizeof there);
+  const std::optional<std::string> answer = next_text(socket, seconds);
+  if (!answer) return std::nullopt;
+  constexpr std::size_t kCodeAt = 2;
+  const bool is_error = answer->size() >= 2 * kCodeAt && answer->compare(0, kCodeAt, kError) == 0;
+  return is_error ? static_cast<unsigned char>((*answer)[kCodeAt + 1]) : kNoError;
+}
+
+std::optional<int> Unit::is_refused(const std::string& server, int port, const std::string& name,
+                                    const std::string& mode, double seconds) const {
+  return send_request(server, port, kReadRequest + name + '\0' + mode + '\0', seconds);
+}
+
+bool Unit::repeats(const std::string& server, int port, const std::string& name, int times,
+                   double seconds) const {
+  const Socket socket(place_, SOCK_DGRAM);
+  sockaddr_in there = address_of(server, port);
+  const std::string request = kReadRequest + name + '\0' + "octet" + '\0';
+  for (int time = 1; time <= times; ++time) {
+    sendto(socket.descriptor(), request.data(), request.size(), 0, as_sockaddr(&there), sizeof there);
+    if (time < times) wait_until_(1, [] { return false; });
+  }
+  return next_text(socket, seconds).has_value();
+}
+
+std::optional<int> Unit::writes(const std::string& server, int port, const std::string& name,
+                                double seconds) const {
+  return send_request(server, port, kWriteRequest + name + '\0' + "octet" + '\0', seconds);
+}
+
+Unit::Connected Unit::connect_to(const std::string& server, int port, double seconds) const {
   const auto end = Clock::now() + std::chrono::duration<double>(seconds);
   const auto seconds_left = [end] { return std::chrono::duration<double>(end - Clock::now()).count(); };
   for (;;) {
-    const Socket connection(place_, SOCK_STREAM);
+    auto connection = std::make_shared<Socket>(place_, SOCK_STREAM);
     sockaddr_in there = address_of(server, port);
     // How it went, the socket tells once it is connected or refused.
-    [[maybe_unused]] const int begun = connect(connection.descriptor(), as_sockaddr(&there), sizeof there);
-    pollfd connected = {connection.descriptor(), POLLOUT, 0};
+    [[maybe_unused]] const int begun = connect(connection->descriptor(), as_sockaddr(&there), sizeof there);
+    pollfd connected = {connection->descriptor(), POLLOUT, 0};
     if (!wait_until_(seconds_left(), [&] { return poll(&connected, 1, 0) == 1; }))
-      return {false, "the connection was neither taken nor refused"};
+      return {nullptr, "the connection was neither taken nor refused"};
     int error = 0;
     socklen_t length = sizeof error;
-    getsockopt(connection.descriptor(), SOL_SOCKET, SO_ERROR, &error, &length);
-    if (error == 0) {
-      ::send(connection.descriptor(), question.data(), question.size(), MSG_NOSIGNAL);
-      const std::optional<std::string> answer = next_text(connection, seconds_left());
-      if (!answer) return {false, "the connection was taken, and no answer came"};
-      if (answer->empty()) return {false, "the connection was taken, and closed without an answer"};
-      return {true, *answer};
-    }
+    getsockopt(connection->descriptor(), SOL_SOCKET, SO_ERROR, &error, &length);
+    if (error == 0) return {std::move(connection), ""};
     if (seconds_left() < kBetweenConnectionsSeconds)
-      return {false, error == ECONNREFUSED ? "every connection was refused" : std::strerror(error)};
+      return {nullptr, error == ECONNREFUSED ? "every connection was refused" : std::strerror(error)};
     wait_until_(kBetweenConnectionsSeconds, [] { return false; });
   }
+}
+
+Unit::Answer Unit::ask(const std::string& server, int port, const std::string& question, double seconds,
+                       bool holds) {
+  const auto end = Clock::now() + std::chrono::duration<double>(seconds);
+  const Connected connection = connect_to(server, port, seconds);
+  if (connection.socket == nullptr) return {false, connection.why_not};
+  ::send(connection.socket->descriptor(), question.data(), question.size(), MSG_NOSIGNAL);
+  if (holds) held_ = connection.socket;
+  const std::optional<std::string> answer =
+      next_text(*connection.socket, std::chrono::duration<double>(end - Clock::now()).count());
+  if (!answer) return {false, "the connection was taken, and no answer came"};
+  if (answer->empty()) return {false, "the connection was taken, and closed without an answer"};
+  return {true, *answer};
+}
+
+std::optional<std::string> Unit::ask_and_leave(const std::string& server, int port,
+                                               const std::string& question, Leaves leaves,
+                                               double seconds) const {
+  const Connected connection = connect_to(server, port, seconds);
+  if (connection.socket == nullptr) return connection.why_not;
+  const int descriptor = connection.socket->descriptor();
+  ::send(descriptor, question.data(), question.size(), MSG_NOSIGNAL);
+  wait_until_(kUntilReadSeconds, [] { return false; });
+  if (leaves == Leaves::kAfterItsTexts) shutdown(descriptor, SHUT_WR);
+  const linger at_once = {1, 0};
+  setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  return std::nullopt;
 }

@@ -44,24 +44,51 @@ class Unit {
   // Sends a datagram. Whether it could be sent.
   bool send(const std::string& server, int port, const std::string& text) const;
 
-  // Asks for a file with blocks of so many bytes, and gives it up with an ERROR when the answer comes. Whether one came.
-  bool gives_up(const std::string& server, int port, const std::string& name, int block_size,
+  // Asks for a file with blocks of so many bytes, and gives it up with an ERROR when the answer comes, or once so many
+  // blocks have come. Whether they came.
+  bool gives_up(const std::string& server, int port, const std::string& name, int block_size, int blocks,
                 double seconds) const;
+  // Sends a request to read in this mode, or to write. The code of the ERROR that comes back, kNoError for another
+  // answer; nothing for none.
+  static constexpr int kNoError = -1;
+  std::optional<int> is_refused(const std::string& server, int port, const std::string& name,
+                                const std::string& mode, double seconds) const;
+  // Sends a request to read so many times, one a second, whatever comes back. Whether an answer came.
+  bool repeats(const std::string& server, int port, const std::string& name, int times, double seconds) const;
+  std::optional<int> writes(const std::string& server, int port, const std::string& name,
+                            double seconds) const;
 
   struct Answer {
     bool came;
     std::string text;  // the answer, or why none came
   };
   // Sends the question on a new connection, and takes the first piece of an answer. The command port opens
-  // only after a verdict: until then a connection is refused and tried again.
-  Answer ask(const std::string& server, int port, const std::string& question, double seconds) const;
+  // only after a verdict: until then a connection is refused and tried again. holds: keeps the connection open,
+  // in the place of the one that it kept before.
+  Answer ask(const std::string& server, int port, const std::string& question, double seconds, bool holds);
+  // Closes the connection that it keeps.
+  void hang_up() { held_.reset(); }
+  // How it goes from a connection on which it has asked, before the answer: it resets the connection, and says before
+  // that it has nothing more to say, or does not.
+  enum class Leaves { kAfterItsTexts, kAtOnce };
+  // Why it could not ask; nothing where it could.
+  std::optional<std::string> ask_and_leave(const std::string& server, int port, const std::string& question,
+                                           Leaves leaves, double seconds) const;
 
  private:
   class Socket;
+  struct Connected {
+    std::shared_ptr<Socket> socket;  // null where there is none
+    std::string why_not;
+  };
   std::optional<std::string> next_text(const Socket& socket, double seconds) const;
+  Connected connect_to(const std::string& server, int port, double seconds) const;
+  std::optional<int> send_request(const std::string& server, int port, const std::string& request,
+                                  double seconds) const;
 
   const NetworkNamespace& place_;
   const WaitUntil wait_until_;
+  std::shared_ptr<Socket> held_;
 };
 
 #endif
