@@ -129,6 +129,26 @@ TEST_F(Causes, ABootScriptThatCannotBeSent) {
   EXPECT_EQ(fault(), "station boot.not-sent");
 }
 
+// Without a broadcast address, boot script and relay want the same one, and one of them has it.
+TEST_F(Causes, AMessagePortThatIsTaken) {
+  starts();
+  line("UDP: ERROR on binding. Address already in use");
+  line("Can't bind socket by the reason of Address already in use");
+  line("Error: Failed to initialize sender");
+  ends(15);
+  EXPECT_EQ(fault(), "station boot.port-in-use");
+  EXPECT_FALSE(has_also("boot.no-broadcast"));
+}
+
+TEST_F(Causes, AMessagePortOfItsOwnThatIsTaken) {
+  says(record::RunBegins{"lan0-1", "", "TFTP -o 172.40.0.1 -m 20000"});
+  starts();
+  line("Can't bind socket by the reason of Address already in use");
+  line("Error: Failed to initialize sender");
+  ends(15);
+  EXPECT_EQ(fault(), "station boot.port-in-use");
+}
+
 TEST_F(Causes, ALinkWithoutABroadcastAddress) {
   starts();
   line("Message Sender initialized. IP: 0.0.0.0 Port=12345");
@@ -268,6 +288,27 @@ TEST_F(Silences, OfAUnitThatIsNotHeardAgain) {
   falls_silent();
   ends(15);
   EXPECT_EQ(fault(), "unknown unit.gone");
+}
+
+TEST_F(Silences, ThatTheEndOfTheStationCutsShort) {
+  begins();
+  asks_for("kernel.img");
+  line("RRQ kernel.img");
+  for (int i = 0; i < 2; ++i) {
+    station_sends(answering, tftp::data(1, std::string(512, 'x')));
+    run.rests(5000);
+  }
+  ends(15);
+  EXPECT_EQ(fault(), "unknown unit.gone");
+}
+
+TEST_F(Silences, OfAStationThatIsKilled) {
+  begins();
+  reads("bootscript.txt");
+  asks_for("kernel.img");
+  run.rests(4000);
+  is_killed(SIGKILL);
+  EXPECT_EQ(fault(), "unknown read.unanswered");
 }
 
 TEST_F(Silences, OfAUnitThatBeginsAnew) {
@@ -465,6 +506,21 @@ TEST_F(Causes, AToolThatHangs) {
   EXPECT_TRUE(told.fault.statements[0].evidence.is_inferred);
 }
 
+// Whether the tool came to its end then, the record does not tell.
+TEST_F(Causes, ACommandThatTheUnitBreaksOff) {
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  line("Message receiver initialized. IP: 172.30.0.254 Port=12345");
+  const made::Endpoint client{made::kUnit, 3000}, server{made::kStation, 12345};
+  tcp(client, server, made::kSyn, 100);
+  tcp(server, client, made::kSyn | made::kAck, 200);
+  tcp(client, server, made::kAck, 101, "DO_PMC_INIT:7");
+  tcp(client, server, made::kRst, 114);
+  run.rests(20000);
+  ends(15);
+  EXPECT_EQ(fault(), "operator end.sigterm");
+}
+
 TEST_F(Causes, AToolThatIsMissing) {
   begins();
   gives("F_l_m_t_Bootstrap_loading");
@@ -490,6 +546,37 @@ TEST_F(Causes, AnEmptyMac) {
   asks("ZIRN_ASKS_FOR_HIS_MAC", "00:00:00:00:00:02");
   fails();
   EXPECT_EQ(fault(), "board board.mac-empty");
+}
+
+// The record was made without the station's lines, and ended before the run.
+TEST_F(Causes, ACommandWithoutAnAnswerAtTheEndOfTheRecord) {
+  lacking.lines = true;
+  sends_boot_script();
+  gives("F_l_m_t_Bootstrap_loading");
+  asks("DO_PMC_INIT:7", "", 2000);
+  EXPECT_EQ(fault(), "unknown command.unanswered");
+}
+
+TEST_F(Causes, ARelayThatEnds) {
+  begins();
+  line("UDP: ERROR in recvfrom");
+  line("UDP Server exited...");
+  passes();
+  EXPECT_EQ(fault(), "none passed");
+  EXPECT_TRUE(has_also("relay.ended"));
+}
+
+TEST_F(Causes, LostFramesOfThePptServersNetwork) {
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  const made::Endpoint station{made::kStationAtPpt, 4000}, server{made::kPptServer, 12345};
+  run.tcp(station, server, made::kSyn, 100);
+  run.rests(1000);
+  run.tcp(station, server, made::kSyn, 100);
+  run.tcp(server, station, made::kSyn | made::kAck, 200);
+  passes();
+  EXPECT_EQ(fault(), "none passed");
+  EXPECT_TRUE(has_also("net.ppt-loss"));
 }
 
 TEST_F(Causes, AnUnknownCommand) {

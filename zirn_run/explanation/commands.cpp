@@ -100,8 +100,10 @@ bool are_commands_served(const Case& c) {
 
 // A port that is not served takes connections all the same.
 void find_no_reply(const Connection& connection, const Text& question, const Why& why, Case* c) {
-  const bool station_ended_it = connection.ended && connection.ended_by == kStation;
-  const Nanoseconds until = station_ended_it ? *connection.ended : c->reading.last;
+  // What the unit has broken off cannot be answered; what it has closed still can.
+  const bool is_over =
+      connection.ended && (connection.ended_by == kStation || connection.state == State::kBrokenOff);
+  const Nanoseconds until = is_over ? *connection.ended : c->reading.last;
   const bool is_open_at_end = !connection.ended && !c->reading.station_end;
   const bool is_command =
       contains(question.said.text, kAsksForMac) || contains(question.said.text, kInitializesPmc);

@@ -24,6 +24,15 @@ bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
+// Without a broadcast address, boot script and relay want the same one at the relay's port, and one of them gets it.
+bool is_message_port_taken(const Case& c) {
+  constexpr std::uint16_t kRelayPort = 12345;
+  const auto relay = c.lines_with("UDP: ERROR on binding. <REASON>");
+  return c.reading.message_port != kRelayPort ||
+         std::any_of(relay.begin(), relay.end(),
+                     [](const Case::Line* line) { return contains(line->text, "Address already in use"); });
+}
+
 // What the shell writes to standard error for a tool that is not there.
 void find_missing_tool(const Case::Line& line, Case* c) {
   const bool is_tool =
@@ -41,7 +50,8 @@ void find_lines(Case* c) {
   for (const Case::Line& line : c->lines) {
     if (line.printed == nullptr) find_missing_tool(line, c);
     if (line.printed == nullptr || line.printed->says != PrintedLine::Says::kCause) continue;
-    const std::string_view cause = line.printed->cause;
+    std::string_view cause = line.printed->cause;
+    if (cause == "boot.no-broadcast" && is_message_port_taken(*c)) cause = "boot.port-in-use";
     has_no_connection = has_no_connection || is_no_connection(cause);
     // The port that an attempt without a connection has left taken.
     if (cause == "command.port-in-use" && has_no_connection) continue;

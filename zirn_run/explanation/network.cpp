@@ -51,19 +51,16 @@ std::string waited(const story::Reading& reading) {
 }
 
 void find_inferred(Case* c) {
-  for (const bool is_ppt : {false, true}) {
-    std::uint64_t lost = 0;
-    Numbers frames;
-    for (const Transfer& transfer : c->reading.transfers) {
-      if (transfer.inferred_lost == 0 || (transfer.client == kStation) != is_ppt) continue;
-      lost += transfer.inferred_lost;
-      frames.add(transfer.frames);
-    }
-    if (lost == 0) continue;
-    c->find(is_ppt ? "net.ppt-loss" : "net.loss", c->reading.first,
-            "at least " + frames::counted(lost, "frame") + " lost" + (is_ppt ? "" : waited(c->reading)),
-            inferred(frames));
+  std::uint64_t lost = 0;
+  Numbers frames;
+  for (const Transfer& transfer : c->reading.transfers) {
+    if (transfer.inferred_lost == 0 || transfer.client == kStation) continue;
+    lost += transfer.inferred_lost;
+    frames.add(transfer.frames);
   }
+  if (lost == 0) return;
+  c->find("net.loss", c->reading.first,
+          "at least " + frames::counted(lost, "frame") + " lost" + waited(c->reading), inferred(frames));
 }
 
 void find_cuts(Case* c) {

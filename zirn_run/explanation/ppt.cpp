@@ -62,6 +62,10 @@ void find_connection(const Connection& connection, Case* c) {
   } else if (connection.state == Connection::State::kConnecting &&
              connection.attempts >= kUnansweredAttempts) {
     c->find("ppt.dropped", connection.from, told + "was not answered", seen(connection.frames));
+  } else if (connection.opened && connection.attempts > 1) {
+    c->find("net.ppt-loss", connection.from,
+            told + "was opened by the attempt number " + std::to_string(connection.attempts),
+            inferred(connection.frames));
   }
 }
 

@@ -67,9 +67,8 @@ const story::Step* cut_during(const Transfer& transfer, const Case& c) {
 }
 
 // Where nothing more came from one side.
-void find_silence(const Transfer& transfer, const std::string& told, Case* c) {
+void find_silence(const Transfer& transfer, bool is_unit_silent, const std::string& told, Case* c) {
   const std::uint64_t lost = transfer.data.lost + transfer.acks.lost + transfer.sent_in_vain_lost;
-  const bool is_unit_silent = transfer.end == End::kAbandoned && transfer.ended_by == transfer.client;
   const auto heard = c->last_heard.find(transfer.client);
   const bool is_heard_later = heard != c->last_heard.end() && heard->second > transfer.from;
   const bool has_left = is_unit_silent && transfer.closed_ports > 0;
@@ -93,8 +92,27 @@ void find_silence(const Transfer& transfer, const std::string& told, Case* c) {
   }
 }
 
+// Whether one side was silent for long when the station ended.
+bool was_silent_at_end(const Transfer& transfer, const Case& c) {
+  constexpr Nanoseconds kLong = 3 * kSecond;
+  if (transfer.end != End::kStationEnds) return false;
+  return transfer.answered ? transfer.sent_in_vain > 1 && transfer.blocks > transfer.acknowledged_blocks
+                           : c.reading.last - transfer.from >= kLong;
+}
+
+void find_silent_side(const Transfer& transfer, bool is_unit, Case* c) {
+  const bool had_everything = transfer.is_last_sent && transfer.acknowledged_blocks + 1 >= transfer.blocks;
+  if (had_everything && is_unit) return;
+  find_silence(transfer, is_unit,
+               std::string(is_unit ? "the unit" : "the station") + " fell silent in the read of " +
+                   of(transfer) + " that began" + at(*c, transfer.from) + ", after " +
+                   frames::counted(transfer.acknowledged_blocks, "block"),
+               c);
+}
+
 void find_of(const Transfer& transfer, Case* c) {
   const std::string name = of(transfer);
+  const bool is_stopped = was_silent_at_end(transfer, *c);
   if (transfer.end == End::kError) {
     if (transfer.ended_by == transfer.server) return find_refusal(transfer, c);
     return find_given_up(transfer, c);
@@ -102,17 +120,10 @@ void find_of(const Transfer& transfer, Case* c) {
   if (transfer.end == End::kFinished && transfer.bytes == 0 && transfer.blocks == 1) {
     find("file.empty", transfer, "the unit read " + name + at(*c, transfer.from) + ", and it has 0 bytes",
          false, c);
-  } else if (transfer.end == End::kAbandoned) {
-    const bool had_everything = transfer.is_last_sent && transfer.acknowledged_blocks + 1 >= transfer.blocks;
-    if (had_everything && transfer.ended_by == transfer.client) return;
-    const bool is_unit = transfer.ended_by == transfer.client;
-    find_silence(transfer,
-                 std::string(is_unit ? "the unit" : "the station") + " fell silent in the read of " + name +
-                     " that began" + at(*c, transfer.from) + ", after " +
-                     frames::counted(transfer.acknowledged_blocks, "block"),
-                 c);
-  } else if (transfer.end == End::kUnanswered && !c->waits_for_ppt(transfer.from)) {
-    find_silence(transfer,
+  } else if (transfer.end == End::kAbandoned || (is_stopped && transfer.answered)) {
+    find_silent_side(transfer, is_stopped || transfer.ended_by == transfer.client, c);
+  } else if ((transfer.end == End::kUnanswered || is_stopped) && !c->waits_for_ppt(transfer.from)) {
+    find_silence(transfer, false,
                  "the unit asked for " + name + " " + frames::counted(transfer.requests, "time") + " from " +
                      moment(*c, transfer.from) + " on, and got no answer",
                  c);
