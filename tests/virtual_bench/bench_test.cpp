@@ -612,8 +612,8 @@ TEST_F(Bench, JudgesWhoseFaultARunIs) {
 
 TEST_F(Bench, HasNoOtherToolsThanTheBoards) {
   EXPECT_EQ(goes_wrong("board lacks rm\n"),
-            "WRONG: line 1, board lacks rm: it has no such tool; expected envtool, /etc/init.d/voice or "
-            "/mnt/ramdisk/t1-e1");
+            "WRONG: line 1, board lacks rm: it has no such thing; expected envtool, /etc/init.d/voice, "
+            "/mnt/ramdisk/t1-e1 or /etc/protocols");
 }
 
 TEST_F(Bench, TakesAPortOnce) {
@@ -648,10 +648,10 @@ TEST_F(Bench, ShowsHowFarALongReadHasCome) {
 TEST_F(Bench, RefusesAScenarioThatItDoesNotUnderstand) {
   const Result& result = plays("station starts\nstaton exits 2\n");
   EXPECT_EQ(result.status, 2);
-  EXPECT_EQ(result.output,
-            "bench: " + directory_.file("a.run") +
-                ":2: \"staton\" is not understood here; expected: \"bench\", \"board\", \"fault\", \"file\", "
-                "\"ppt\", \"station\", \"unit\", \"wire\"\n");
+  EXPECT_EQ(result.output, "bench: " + directory_.file("a.run") +
+                               ":2: \"staton\" is not understood here; expected: \"also\", \"bench\", "
+                               "\"board\", \"fault\", \"file\", "
+                               "\"ppt\", \"station\", \"unit\", \"wire\"\n");
 }
 
 TEST_F(Bench, RefusesACallThatItDoesNotUnderstand) {

@@ -2,6 +2,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -59,7 +60,9 @@ void confine(const std::vector<int>& rights_taken, int most_descriptors) {
   for (const int right : rights_taken) prctl(PR_CAPBSET_DROP, right, 0, 0, 0);
   const auto most = static_cast<rlim_t>(most_descriptors);
   const rlimit limit = {most, most};
-  if (most_descriptors > 0) setrlimit(RLIMIT_NOFILE, &limit);
+  if (most_descriptors == 0) return;
+  close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);  // what the bench was given by its caller
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 std::ofstream opened(const std::string& name, const std::string& path) {
