@@ -1,6 +1,7 @@
 // Runs of which the record lacks something: the owner is the right one, or unknown, and never another.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -185,6 +186,87 @@ TEST_F(Degraded, DroppedFrames) {
   EXPECT_EQ(fault(), "unknown verdict.unexplained");
   EXPECT_EQ(told.verdict, Outcome::kFailed);
   EXPECT_EQ(told.incomplete, std::vector<std::string>{"3 frames that the kernel dropped on lan0"});
+}
+
+// Of which the capture keeps only so many bytes after the headers.
+class Cut : public Degraded {
+ protected:
+  static constexpr std::size_t kUdpHeaders = 42, kTcpHeaders = 54;
+  void gives_cut(const std::string& name, std::size_t kept) {
+    run.kept = kUdpHeaders + 2 + kept;
+    gives(name);
+    run.kept = std::string::npos;
+  }
+  bool says_so() const {
+    return std::any_of(told.incomplete.begin(), told.incomplete.end(), [](const std::string& thing) {
+      return thing.find(" that the capture cut") != std::string::npos;
+    });
+  }
+};
+
+TEST_F(Cut, AFinalVerdict) {
+  lacking.lines = true;
+  begins();
+  gives("F_l_m_01MEMORY_PASSED");
+  gives_cut("F_l_m_09PPT_FAILED", 8);
+  EXPECT_EQ(fault(), "unknown record.no-end");
+  EXPECT_EQ(told.verdict, Outcome::kNone);
+  EXPECT_TRUE(says_so());
+}
+
+TEST_F(Cut, AFinalVerdictThatALineTells) {
+  begins();
+  gives("F_l_m_01MEMORY_PASSED");
+  gives_cut("F_l_m_09PPT_FAILED", 8);
+  ends(2);
+  EXPECT_EQ(fault(), "unit unit.failed");
+  EXPECT_EQ(told.verdict, Outcome::kFailed);
+  EXPECT_EQ(told.steps.size(), 1U);
+  EXPECT_TRUE(says_so());
+}
+
+TEST_F(Cut, AVerdictBeforeAFailure) {
+  lacking.lines = true;
+  sends_boot_script();
+  gives_cut("F_l_m_01LINE_TEST_FAILED", 12);
+  gives("F_l_m_09PPT_FAILED");
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+  EXPECT_EQ(told.verdict, Outcome::kFailed);
+}
+
+TEST_F(Cut, TheModeOfARead) {
+  begins();
+  reads("bootscript.txt");
+  run.kept = kUdpHeaders + 2 + 10;
+  is_refused("kernel.img", 2, "", "netascii");
+  run.kept = std::string::npos;
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unknown file.refused");
+  EXPECT_FALSE(has_also("file.wrong-mode"));
+}
+
+TEST_F(Cut, AReply) {
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  run.kept = kTcpHeaders + 4;
+  asks("DO_PMC_INIT:7", "FAILED INDEED");
+  run.kept = std::string::npos;
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+  EXPECT_TRUE(says_so());
+}
+
+// The boot script is known by its beginning.
+TEST_F(Cut, ABootScript) {
+  starts();
+  run.kept = kUdpHeaders + 54;
+  sends_boot_script();
+  run.kept = std::string::npos;
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unit unit.failed");
 }
 
 TEST_F(Degraded, ARecordThatIsCutShort) {

@@ -5,6 +5,7 @@
 #include <deque>
 #include <utility>
 
+#include "frames/tftp_message.h"
 #include "frames/words.h"
 
 namespace explanation {
@@ -32,6 +33,12 @@ bool is_empty_answer(const Transfer& transfer) {
          !(transfer.end == Transfer::End::kError && transfer.ended_by == transfer.server);
 }
 
+// Whether a cut name can be that of the whole one.
+bool begins_as(std::string_view whole, std::string_view cut) {
+  const std::string_view kept = cut.substr(0, cut.size() - std::string_view(frames::kCut).size());
+  return whole.substr(0, kept.size()) == kept;
+}
+
 bool has_come_to_its_end(const Transfer& transfer) {
   if (transfer.end == Transfer::End::kFinished) return true;
   // It had everything, and only its last ACK is not there.
@@ -41,7 +48,17 @@ bool has_come_to_its_end(const Transfer& transfer) {
 
 }  // namespace
 
+bool is_cut(std::string_view name) {
+  const std::string_view end = frames::kCut;
+  return name.size() >= end.size() && name.substr(name.size() - end.size()) == end;
+}
+
+bool is_cut(const story::Said& said) {
+  return said.text.size() < std::min<std::uint64_t>(said.size, story::kMaxText);
+}
+
 Case::Case(const Reading& told) : reading(told) {
+  note_unread();
   take_steps();
   take_verdicts();
   take_successes();
@@ -58,6 +75,15 @@ std::vector<const Case::Line*> Case::lines_with(std::string_view printed) const 
     if (line.printed != nullptr && line.printed->text == printed) found.push_back(&line);
   }
   return found;
+}
+
+void Case::note_unread() {
+  for (const story::Connection& connection : reading.connections) {
+    if (connection.server != kStation) continue;
+    for (const story::Connection::Text& text : connection.texts) {
+      if (is_cut(text.said)) unread_.push_back(text.at);
+    }
+  }
 }
 
 // Lines without a time keep their place among the others by their numbers.
@@ -95,10 +121,12 @@ bool Case::was_taken(const story::Verdict& verdict) const {
 void Case::take_verdicts() {
   is_a_run = is_a_run || reading.run || reading.station_end || reading.boot_script;
   std::map<std::string_view, std::deque<std::size_t>> answered;  // places, by name
+  std::deque<std::size_t> cut;                                   // those of which the name is
   for (std::size_t i = 0; i < reading.verdicts.size(); ++i) {
+    const std::string& name = reading.verdicts[i].name;
     const std::size_t transfer = reading.verdicts[i].transfer;
     if (transfer != kNone && reading.transfers[transfer].answered)
-      answered[reading.verdicts[i].name].push_back(i);
+      (is_cut(name) ? cut : answered[name]).push_back(i);
   }
   std::set<std::size_t> used;
   std::set<std::string_view> told;
@@ -106,11 +134,12 @@ void Case::take_verdicts() {
     const std::string_view name = values_in(*line->printed, line->text).front();
     const auto says = story::verdict_in(name);
     if (!says) continue;
-    std::deque<std::size_t>& places = answered[name];
+    const bool is_next_cut = !cut.empty() && begins_as(name, reading.verdicts[cut.front()].name);
+    std::deque<std::size_t>& places = answered[name].empty() && is_next_cut ? cut : answered[name];
     if (!places.empty()) {
       const story::Verdict& verdict = reading.verdicts[places.front()];
       const Numbers& frames = reading.transfers[verdict.transfer].frames;
-      verdicts.push_back({verdict.name, *says, verdict.at, seen(frames, line->numbers), places.front()});
+      verdicts.push_back({std::string(name), *says, verdict.at, seen(frames, line->numbers), places.front()});
       used.insert(places.front());
       places.pop_front();
     } else if (told.count(name) == 0) {  // else the same request, which came again
@@ -122,6 +151,10 @@ void Case::take_verdicts() {
     const story::Verdict& verdict = reading.verdicts[i];
     if (used.count(i) != 0 || !was_taken(verdict)) continue;
     is_a_run = true;
+    if (is_cut(verdict.name)) {
+      unread_.push_back(verdict.at);
+      continue;
+    }
     const std::size_t transfer = verdict.transfer != kNone ? verdict.transfer : verdict.queries.front();
     verdicts.push_back({verdict.name, verdict.says, verdict.at, seen(reading.transfers[transfer].frames), i});
   }
@@ -134,6 +167,13 @@ bool Case::is_read_of_file(const Transfer& transfer) const {
          !story::verdict_in(transfer.name) && transfer.second_answer_of == kNone;
 }
 
+const Transfer& Case::served_by(const Transfer& transfer) const {
+  const auto second = by_second_answer_.find(static_cast<std::size_t>(&transfer - reading.transfers.data()));
+  return second == by_second_answer_.end() || has_come_to_its_end(transfer)
+             ? transfer
+             : reading.transfers[second->second];
+}
+
 void Case::take_successes() {
   const auto hear = [this](std::size_t party, Nanoseconds when) {
     Nanoseconds& last = last_heard[party];
@@ -141,13 +181,18 @@ void Case::take_successes() {
     has_unit = has_unit || (party != kNone && reading.parties[party].role == story::Role::kUnit);
   };
   const auto succeed = [this](Nanoseconds when) { last_success = std::max(last_success, when); };
-  for (const Transfer& transfer : reading.transfers) {
-    hear(transfer.client, transfer.from);
-    if (transfer.server == kStation && transfer.requests > 0) requested_.insert(transfer.name);
-    if (!is_read_of_file(transfer) || !has_come_to_its_end(transfer)) continue;
-    read_at[transfer.name] = std::max(read_at[transfer.name], transfer.from);
+  for (std::size_t i = 0; i < reading.transfers.size(); ++i) {
+    if (reading.transfers[i].second_answer_of != kNone && has_come_to_its_end(reading.transfers[i]))
+      by_second_answer_[reading.transfers[i].second_answer_of] = i;
+  }
+  for (const Transfer& asked : reading.transfers) {
+    hear(asked.client, asked.from);
+    if (asked.server == kStation && asked.requests > 0) requested_.insert(asked.name);
+    const Transfer& transfer = served_by(asked);
+    if (!is_read_of_file(asked) || !has_come_to_its_end(transfer)) continue;
+    read_at[asked.name] = std::max(read_at[asked.name], asked.from);
     last_read = std::max(last_read, transfer.data_until);
-    if (transfer.bytes > 0) succeed(transfer.from);
+    if (transfer.bytes > 0) succeed(transfer.answered.value_or(asked.from));
   }
   for (const story::Connection& connection : reading.connections) {
     hear(connection.client, connection.from);
@@ -194,8 +239,12 @@ bool Case::waits_for_ppt(Nanoseconds when) const {
 bool Case::is_asked_in(const Line& line) const {
   if (line.printed == nullptr) return true;
   const std::string_view text = line.printed->text;
-  if (text == kRequestLine || text == kVerdictLine)
-    return requested_.count(values_in(*line.printed, line.text).front()) != 0;
+  if (text == kRequestLine || text == kVerdictLine) {
+    const std::string_view name = values_in(*line.printed, line.text).front();
+    return requested_.count(name) != 0 ||
+           std::any_of(requested_.begin(), requested_.end(),
+                       [name](std::string_view cut) { return is_cut(cut) && begins_as(name, cut); });
+  }
   if (text != kModeLine && text != kMacLine) return true;
   return std::any_of(reading.connections.begin(), reading.connections.end(),
                      [](const auto& connection) { return connection.server == kStation; });
@@ -224,7 +273,10 @@ bool Case::sees_unit(Nanoseconds from, Nanoseconds until) const {
   const bool is_asked = std::all_of(lines.begin(), lines.end(), [&](const Line& line) {
     return line.at < from || line.at > until || is_asked_in(line);
   });
-  return sees_test_network() && reading.left_out == 0 && !has_dropped && !lacks_a_side() && is_asked;
+  const bool is_read =
+      std::none_of(unread_.begin(), unread_.end(), [&](Nanoseconds at) { return at >= from && at <= until; });
+  return sees_test_network() && reading.left_out == 0 && !has_dropped && !lacks_a_side() && is_asked &&
+         is_read;
 }
 
 // The shell's complaint about a missing tool stands in the lines alone.

@@ -64,6 +64,8 @@ struct Case {
 
   // Whether a transfer is of a file by a unit.
   bool is_read_of_file(const story::Transfer& transfer) const;
+  // The transfer by which the unit was served: this one, or the second answer to its request.
+  const story::Transfer& served_by(const story::Transfer& transfer) const;
   // Whether the station was waiting then for a PPT server that did not answer.
   bool waits_for_ppt(Nanoseconds when) const;
   // Whether the frames show what the line says of a request or of a command.
@@ -78,6 +80,7 @@ struct Case {
   bool is_all_seen(Nanoseconds from, Nanoseconds until) const;
 
  private:
+  void note_unread();
   void take_steps();
   void take_verdicts();
   bool was_taken(const story::Verdict& verdict) const;
@@ -86,7 +89,14 @@ struct Case {
   bool is_ppt_known(const Verdict& verdict) const;
 
   std::set<std::string_view> requested_;  // names
+  std::map<std::size_t, std::size_t>
+      by_second_answer_;             // transfers, and the second answers that served the unit
+  std::vector<Nanoseconds> unread_;  // when something was said of which the capture has cut what counts
 };
+
+// Whether the capture has not kept all of a name, or of a text.
+bool is_cut(std::string_view name);
+bool is_cut(const story::Said& said);
 
 std::string seconds(Nanoseconds time);
 // "12.4 s", since the reading's first moment.

@@ -60,6 +60,7 @@ void find_refused(const Connection& connection, const Why& why, Case* c) {
 }
 
 void find_reply(const Text& question, const Text& reply, Case* c) {
+  if (is_cut(question.said) || is_cut(reply.said)) return;
   const auto find = [&](std::string_view cause, const std::string& what) {
     Numbers frames = question.frames;
     frames.add(reply.frames);

@@ -190,10 +190,11 @@ std::vector<Unit> units_of(const Case& c) {
 
 std::vector<Read> reads_of(const Case& c) {
   std::vector<Read> reads;
-  for (const story::Transfer& transfer : c.reading.transfers) {
-    if (!c.is_read_of_file(transfer)) continue;
+  for (const story::Transfer& asked : c.reading.transfers) {
+    if (!c.is_read_of_file(asked)) continue;
+    const story::Transfer& transfer = c.served_by(asked);
     Read read;
-    read.file = frames::printable(transfer.name);
+    read.file = frames::printable(asked.name);
     if (transfer.blocks > 0) {
       read.bytes = transfer.bytes;
       read.block_size = transfer.block_size;

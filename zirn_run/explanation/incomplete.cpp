@@ -39,6 +39,9 @@ std::vector<std::string> incomplete(const Case& c) {
     lacking.push_back(frames::counted(*network.dropped, "frame") + " that the kernel dropped on " +
                       (network.name.empty() ? "a network" : frames::printable(network.name)));
   }
+  if (reading.not_whole > 0)
+    lacking.push_back("the rest of " + frames::counted(reading.not_whole, "packet") +
+                      " that the capture cut");
   if (reading.is_cut_short) lacking.emplace_back("its end: the file is cut short or damaged");
   if (reading.left_out > 0)
     lacking.push_back(frames::counted(reading.left_out, "thing") + " for which there was no room");

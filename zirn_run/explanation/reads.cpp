@@ -39,7 +39,7 @@ void find_refusal(const Transfer& transfer, Case* c) {
   const std::string answer = ", and the station answered " + error_words(transfer);
   if (transfer.name.empty()) {
     find("file.no-name", transfer, "the unit asked for a file without a name" + when + answer, false, c);
-  } else if (transfer.mode != kOctet) {
+  } else if (transfer.mode != kOctet && !is_cut(transfer.name) && !is_cut(transfer.mode)) {
     find(
         "file.wrong-mode", transfer,
         "the unit asked for " + of(transfer) + " in mode " + frames::printable(transfer.mode) + when + answer,
@@ -134,7 +134,7 @@ void find_of(const Transfer& transfer, Case* c) {
 
 void find_reads(Case* c) {
   for (const Transfer& transfer : c->reading.transfers) {
-    if (c->is_read_of_file(transfer)) find_of(transfer, c);
+    if (c->is_read_of_file(transfer) && &c->served_by(transfer) == &transfer) find_of(transfer, c);
   }
 }
 
