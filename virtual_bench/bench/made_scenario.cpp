@@ -8,6 +8,7 @@
 
 namespace {
 
+constexpr char kKernel[] = "kernel.img";
 constexpr int kMostActs = 10;
 constexpr int kLongestSeconds = 12;  // after so many of waiting the run comes to its end
 constexpr int kLargeFile = 60000;    // bytes, at least; at 20 ms a frame its read takes seconds
@@ -83,7 +84,7 @@ void Maker::prepare_files() {
   files_.push_back({"bootscript.txt", 0});
   files_.push_back({"small.cfg", chance_.one_of(kEdges)});
   files_.push_back({"medium.bin", chance_.between(2, 11000)});
-  files_.push_back({"kernel.img", chance_.between(kLargeFile, 300000)});
+  files_.push_back({kKernel, chance_.between(kLargeFile, 300000)});
   std::string script = "setenv bootdelay 1\\r\\n";
   script_reads_more_ = chance_.one_in(2);
   if (script_reads_more_) script += "tftp 47000000 small.cfg\\r\\n";
@@ -179,7 +180,7 @@ void Maker::expect_of_board() {
 
 void Maker::meet(Problem problem) {
   unit_was_heard_ = true;
-  in_step_ = std::min(in_step_, problem);
+  in_step_.insert(problem);
   since_success_ = std::min(since_success_, problem);
 }
 
@@ -189,6 +190,10 @@ void Maker::succeed() {
 }
 
 void Maker::succeed_in_reading(const File& file) {
+  if (file.name == kKernel) {  // it makes up for what came of it before
+    in_step_.erase(Problem::kGivenUp);
+    in_step_.erase(Problem::kDeath);
+  }
   if (file.bytes == 0) {
     meet(Problem::kEmptyFile);
   } else {
@@ -214,11 +219,11 @@ std::string Maker::owner_of(Problem problem) {
 void Maker::note_verdict(bool has_failed) {
   succeed();
   if (has_failed) {
-    last_failure_ = owner_of(in_step_);
+    last_failure_ = owner_in_step();
     if (first_failure_.empty()) first_failure_ = last_failure_;
     since_success_ = Problem::kFailure;
   }
-  in_step_ = Problem::kNone;
+  in_step_.clear();
 }
 
 // Of a run that is ended without a final verdict.

@@ -2,6 +2,7 @@
 #define BENCH_MAKER_H
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,7 @@ class Maker {
     kTool,
     kTooEarly,
     kMissingFile,
+    kWrongRead,
     kGivenUp,
     kDeath,
     kFailure,
@@ -141,6 +143,9 @@ class Maker {
   void succeed_in_reading(const File& file);
   void note_verdict(bool has_failed);
   static std::string owner_of(Problem problem);
+  std::string owner_in_step() const {
+    return owner_of(in_step_.empty() ? Problem::kNone : *in_step_.begin());
+  }
   std::string owner_of_end() const;
   void expect_of_board();
   void mark();
@@ -188,7 +193,7 @@ class Maker {
   bool has_envtool_ = true;
   bool script_reads_more_ = false;
   bool unit_was_heard_ = false;
-  Problem in_step_ = Problem::kNone;          // since the verdict before
+  std::set<Problem> in_step_;                 // since the verdict before
   Problem since_success_ = Problem::kNone;    // of the unit
   std::string fault_;                         // whose it is
   std::string first_failure_, last_failure_;  // whose fault these were

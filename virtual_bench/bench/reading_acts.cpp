@@ -100,7 +100,7 @@ void Maker::give_up_reading() {
 void Maker::read_wrongly() {
   const bool has_name = chance_.one_in(2);
   say(has_name ? "unit is refused odd.img in mode netascii" : "unit is refused \"\"");
-  meet(Problem::kGivenUp);
+  meet(Problem::kWrongRead);
   say_of_station(has_name ? "Mode netascii not supported" : "Filename is not set");
 }
 
@@ -140,15 +140,12 @@ void Maker::read_beside_commands() {
 void Maker::die_and_come_back() {
   if (delay_ < kLongestDelay) delay_by(kLongestDelay);
   say("unit reads kernel.img blksize 1428 dies after " + number(chance_.between(1, 16000)) + " bytes");
-  const Problem before = in_step_;
   meet(Problem::kDeath);
   say_of_station("RRQ kernel.img");
   if (chance_.one_in(2)) say("bench waits 1 s");
   if (chance_.one_in(2)) mend_wire();
   if (script_is_sent()) say("unit hears the boot script");
-  const File& next = readable_file();
-  read_file(next);
-  if (next.name == "kernel.img") in_step_ = before;  // it made up for it
+  read_file();
   seconds_ += 2;
 }
 
