@@ -184,6 +184,7 @@ class Maker {
   std::string mac_;  // that the unit is told
   int tool_status_ = 1;
   int verdicts_ = 0;
+  std::set<std::string> names_;  // of these
   bool commands_are_served_ = false;
   bool voice_has_started_ = false;
   bool board_was_called_ = false;

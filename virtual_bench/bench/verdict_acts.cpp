@@ -69,13 +69,18 @@ void Maker::change_ppt() {
   }
 }
 
+// One that was not given before.
 std::string Maker::verdict_name(const std::string& outcome) {
   constexpr std::size_t kLongest = 200;  // characters, of a name that is also a file's
-  char step[3];
-  std::snprintf(step, sizeof step, "%02d", chance_.between(0, 99));
-  std::string test = chance_.one_of(kTestNames);
-  if (chance_.one_in(20)) test.resize(kLongest, 'x');
-  return std::string("F_l_m_") + step + test + outcome;
+  std::string name;
+  do {
+    char step[3];
+    std::snprintf(step, sizeof step, "%02d", chance_.between(0, 99));
+    std::string test = chance_.one_of(kTestNames);
+    if (chance_.one_in(20)) test.resize(kLongest, 'x');
+    name = std::string("F_l_m_") + step + test + outcome;
+  } while (!names_.insert(name).second);
+  return name;
 }
 
 // A verdict that comes twice, or whose answer is lost, holds the station up twice as long: the unit, which
