@@ -178,6 +178,19 @@ TEST_F(Degraded, AVerdictThatIsTooShort) {
   expect_never_another("unit", Outcome::kNone, &Happening::gives_a_short_verdict);
 }
 
+// A PPT server that is silent would come first.
+TEST_F(Degraded, AnEmptyMacWhereThePptNetworkIsMissing) {
+  lacking.ppt_network = true;
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  asks("ZIRN_ASKS_FOR_HIS_MAC", "00:00:00:00:00:02");
+  run.rests(6000);
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+  EXPECT_TRUE(has_also("board.mac-empty"));
+}
+
 // Frames that the kernel dropped may be those that would show another cause.
 TEST_F(Degraded, DroppedFrames) {
   run.story.take(record::Interface{"lan0", "", record::kEthernet, 0});

@@ -24,7 +24,7 @@ constexpr std::size_t kLongestText = 65536;  // bytes
 constexpr double kBetweenConnectionsSeconds = 0.1;
 constexpr int kRequestBytes = 1024;
 constexpr int kOptionsRefused = 8;         // RFC 2347
-constexpr double kUntilReadSeconds = 0.3;  // for a text to be read
+constexpr double kUntilReadSeconds = 0.3;  // for a text, and for its connection's end, to be read
 // RFC 1350
 const std::string kReadRequest("\0\1", 2), kWriteRequest("\0\2", 2), kError("\0\5", 2);
 
@@ -222,7 +222,7 @@ Unit::Answer Unit::ask(const std::string& server, int port, const std::string& q
 std::optional<std::string> Unit::ask_and_leave(const std::string& server, int port,
                                                const std::string& question, Leaves leaves,
                                                double seconds) const {
-  const Connected connection = connect_to(server, port, seconds);
+  Connected connection = connect_to(server, port, seconds);
   if (connection.socket == nullptr) return connection.why_not;
   const int descriptor = connection.socket->descriptor();
   ::send(descriptor, question.data(), question.size(), MSG_NOSIGNAL);
@@ -230,5 +230,7 @@ std::optional<std::string> Unit::ask_and_leave(const std::string& server, int po
   if (leaves == Leaves::kAfterItsTexts) shutdown(descriptor, SHUT_WR);
   const linger at_once = {1, 0};
   setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  connection.socket.reset();
+  wait_until_(kUntilReadSeconds, [] { return false; });
   return std::nullopt;
 }

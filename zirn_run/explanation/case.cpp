@@ -39,14 +39,14 @@ bool begins_as(std::string_view whole, std::string_view cut) {
   return whole.substr(0, kept.size()) == kept;
 }
 
+}  // namespace
+
 bool has_come_to_its_end(const Transfer& transfer) {
   if (transfer.end == Transfer::End::kFinished) return true;
   // It had everything, and only its last ACK is not there.
   return transfer.is_last_sent && transfer.end != Transfer::End::kError &&
          transfer.acknowledged_blocks + 1 >= transfer.blocks;
 }
-
-}  // namespace
 
 bool is_cut(std::string_view name) {
   const std::string_view end = frames::kCut;
@@ -279,21 +279,23 @@ bool Case::sees_unit(Nanoseconds from, Nanoseconds until) const {
          is_read;
 }
 
-// The shell's complaint about a missing tool stands in the lines alone.
-bool Case::has_run_tool_unseen(Nanoseconds from, Nanoseconds until) const {
-  if (!lines.empty()) return false;
-  return std::any_of(reading.connections.begin(), reading.connections.end(), [&](const auto& connection) {
+bool Case::sees_tools(Nanoseconds from, Nanoseconds until) const {
+  if (!lines.empty()) return true;
+  return std::none_of(reading.connections.begin(), reading.connections.end(), [&](const auto& connection) {
     return std::any_of(connection.texts.begin(), connection.texts.end(), [&](const auto& text) {
       return text.at >= from && text.at <= until && text.said.text.find("DO_PMC_INIT") != std::string::npos;
     });
   });
 }
 
-bool Case::is_all_seen(Nanoseconds from, Nanoseconds until) const {
-  const bool is_ppt_seen = std::all_of(verdicts.begin(), verdicts.end(), [&](const Verdict& verdict) {
+bool Case::sees_ppt(Nanoseconds from, Nanoseconds until) const {
+  return std::all_of(verdicts.begin(), verdicts.end(), [&](const Verdict& verdict) {
     return verdict.at < from || verdict.at >= until || is_ppt_known(verdict);
   });
-  return is_ppt_seen && sees_unit(from, until) && !has_run_tool_unseen(from, until);
+}
+
+bool Case::is_all_seen(Nanoseconds from, Nanoseconds until) const {
+  return sees_ppt(from, until) && sees_unit(from, until) && sees_tools(from, until);
 }
 
 std::string seconds(Nanoseconds time) {

@@ -75,8 +75,12 @@ struct Case {
   bool sees_test_network() const;
   // Whether all that the unit and the station said to each other from then until then is in the record.
   bool sees_unit(Nanoseconds from, Nanoseconds until) const;
-  // Whether all that the unit and the station said to each other from then until then is in the record, and what
-  // became of the verdicts of that time.
+  // Whether the record tells what became of the verdicts of that time.
+  bool sees_ppt(Nanoseconds from, Nanoseconds until) const;
+  // Whether the record tells that a tool was missing which the unit had run in that time: the shell's complaint stands
+  // in the lines alone.
+  bool sees_tools(Nanoseconds from, Nanoseconds until) const;
+  // All of these.
   bool is_all_seen(Nanoseconds from, Nanoseconds until) const;
 
  private:
@@ -85,7 +89,6 @@ struct Case {
   void take_verdicts();
   bool was_taken(const story::Verdict& verdict) const;
   void take_successes();
-  bool has_run_tool_unseen(Nanoseconds from, Nanoseconds until) const;
   bool is_ppt_known(const Verdict& verdict) const;
 
   std::set<std::string_view> requested_;  // names
@@ -93,6 +96,9 @@ struct Case {
       by_second_answer_;             // transfers, and the second answers that served the unit
   std::vector<Nanoseconds> unread_;  // when something was said of which the capture has cut what counts
 };
+
+// Whether the reader had everything: of a transfer whose last ACK is all that is not there, too.
+bool has_come_to_its_end(const story::Transfer& transfer);
 
 // Whether the capture has not kept all of a name, or of a text.
 bool is_cut(std::string_view name);

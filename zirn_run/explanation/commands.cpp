@@ -44,10 +44,21 @@ const Finding* why_no_port(const Case& c) {
   return first;
 }
 
+// The port opens a moment after the first verdict, right before the station connects to the PPT server.
+bool opens_after(Nanoseconds when, const Case& c) {
+  const auto lines = c.lines_with("Message receiver initialized. IP: <ADDRESS> Port=<PORT>");
+  const auto& all = c.reading.connections;
+  return (!lines.empty() && lines.front()->at > when) ||
+         std::any_of(all.begin(), all.end(), [when](const Connection& connection) {
+           return connection.client == kStation && connection.from > when;
+         });
+}
+
 void find_refused_at(Nanoseconds when, const Connection& connection, const Why& why, Case* c) {
   const bool has_verdict = !c->verdicts.empty() && c->verdicts.front().at <= when;
   const bool is_early = !has_verdict && !(why && why->at <= when);
-  if (!is_early && !why && c->waits_for_ppt(when)) return;  // which has a cause of its own
+  const bool waits = c->waits_for_ppt(when);  // which has a cause of its own
+  if (!is_early && !why && (waits || opens_after(when, *c))) return;
   const std::string_view id = is_early ? "command.too-early" : why ? why->cause->id : "command.refused";
   c->find(id, when, "the unit's connection to the command port" + at(*c, when) + " was refused",
           seen(connection.frames));
@@ -113,7 +124,8 @@ void find_no_reply(const Connection& connection, const Text& question, const Why
   if (why && why->at <= until) {
     c->find(why->cause->id, question.at, told, seen(question.frames));
   } else if (was_another_open(connection, question, *c)) {
-    c->find("command.second", question.at, told + "; another connection was open", seen(question.frames));
+    c->find("command.second", question.at, told + "; another connection of the unit was still open",
+            seen(question.frames));
   } else if (is_command && connection.opened && until - question.at >= kHangs && are_commands_served(*c)) {
     c->find("board.tool-hangs", question.at, told, inferred(question.frames));
   } else if (is_command && (until - question.at >= kHangs || is_open_at_end)) {
@@ -145,13 +157,14 @@ void find_held_open(const Connection& connection, Case* c) {
           seen(connection.frames));
 }
 
+// What the unit was not told of explains nothing.
 void find_calls(Case* c) {
   for (const story::Step& step : c->reading.steps) {
     if (step.kind != story::Step::Kind::kBoardCall || step.status != 0) continue;
     if (step.said.text.rfind(kTool, 0) != 0) continue;
     c->find("board.tool-failed", step.from,
             "the board ran " + frames::printable(step.said.text) + ", which ended with 0",
-            seen({}, step.lines));
+            seen({}, step.lines), false);
   }
 }
 

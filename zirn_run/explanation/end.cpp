@@ -35,21 +35,21 @@ void find_signal(int signal, Case* c) {
   };
   if (signal == SIGABRT) {
     if (!c->verdicts.empty() && c->verdicts.back().name.size() < kShortestVerdict) return;
-    find("end.abort", "the station was aborted");
+    find("end.abort", "the station's program was aborted");
   } else if (signal == SIGPIPE) {
-    find("command.left-early", "the station was ended by SIGPIPE");
+    find("command.left-early", "the station's program was ended by SIGPIPE");
   } else if (signal == SIGKILL) {
-    find("end.sigkill", "the station was killed");
+    find("end.sigkill", "the station's program was killed");
   } else if (signal == SIGTERM || signal == SIGINT) {
-    find(signal == SIGTERM ? "end.sigterm" : "end.sigint", "the station was ended by a signal");
+    find(signal == SIGTERM ? "end.sigterm" : "end.sigint", "the station's program was ended by a signal");
   } else {
-    find("end.signal", "the station was ended by signal " + std::to_string(signal));
+    find("end.signal", "the station's program was ended by signal " + std::to_string(signal));
   }
 }
 
 void find_status(int status, Case* c) {
   const auto find = [&](std::string_view cause, const std::string& why) {
-    c->find(cause, c->reading.last, "the station ended with status " + std::to_string(status) + why,
+    c->find(cause, c->reading.last, "the station's program ended with status " + std::to_string(status) + why,
             evidence_of_end(*c));
   };
   const bool has_begun = c->has_line("Starting TFTP server on <ADDRESS>:<PORT> PPT Server: <ADDRESS>");
@@ -69,7 +69,7 @@ void find_unknown_end(Case* c) {
   const auto ends = c->lines_with("TFTP Server was shut down");
   if (ends.empty() || has_found(*c, Weight::kDecides)) return;
   c->find("end.sigterm", ends.back()->at,
-          "the station ended orderly without a final verdict: by SIGTERM or SIGINT",
+          "the station's program says that it was shut down, without a final verdict: by SIGTERM or SIGINT",
           inferred({}, ends.back()->numbers));
 }
 

@@ -87,6 +87,12 @@ const Cause* first_found(const Case& c, Weight weight, const Counts& counts) {
   return first;
 }
 
+// Whether nothing that the record lacks can come before the cause in the table.
+bool is_first_for_sure(const Cause& found, Nanoseconds from, Nanoseconds until, const Case& c) {
+  return c.sees_unit(from, until) && (&found <= &cause("board.tool-missing") || c.sees_tools(from, until)) &&
+         (&found <= &cause("ppt.late") || c.sees_ppt(from, until));
+}
+
 // What led to the verdict that says that something failed.
 Claim blame(const Case& c, const Case::Verdict& failure) {
   Nanoseconds before = c.reading.first;
@@ -96,7 +102,7 @@ Claim blame(const Case& c, const Case::Verdict& failure) {
   const Cause* const better = first_found(c, Weight::kExplains, [&](const Finding& finding) {
     return finding.cause->id != kUnitFailed && finding.at >= before && finding.at < failure.at;
   });
-  if (better != nullptr && c.sees_unit(before, failure.at)) return claim_of(*better, c);
+  if (better != nullptr && is_first_for_sure(*better, before, failure.at, c)) return claim_of(*better, c);
   if (better == nullptr && c.is_all_seen(before, failure.at)) return claim_of(cause(kUnitFailed), c);
   return claim_of("verdict.unexplained",
                   {"the unit gave " + frames::printable(failure.name) + at(c, failure.at), failure.evidence});
@@ -109,12 +115,11 @@ Claim fault_of_failure(const Case& c) {
 
 // What kept the unit from coming further; null where the record may lack that it did.
 const Cause* what_hindered(const Case& c) {
-  Nanoseconds first = c.reading.last;
-  const Cause* const last = first_found(c, Weight::kExplains, [&](const Finding& finding) {
-    if (finding.at >= c.last_success) first = std::min(first, finding.at);
-    return finding.at >= c.last_success;
-  });
-  return last == nullptr || !c.has_unit || c.sees_unit(first, c.reading.last) ? last : nullptr;
+  const Cause* const found =
+      first_found(c, Weight::kExplains, [&](const Finding& finding) { return finding.at >= c.last_success; });
+  const bool is_sure =
+      found == nullptr || !c.has_unit || is_first_for_sure(*found, c.last_success, c.reading.last, c);
+  return is_sure ? found : nullptr;
 }
 
 // Why there is no final verdict.
@@ -202,7 +207,7 @@ std::vector<Read> reads_of(const Case& c) {
       read.repeated = transfer.data.again;
       read.seconds = static_cast<double>(transfer.data_until - transfer.from) / 1e9;
     }
-    read.finished = transfer.end == story::Transfer::End::kFinished;
+    read.finished = has_come_to_its_end(transfer);
     reads.push_back(std::move(read));
   }
   if (!reads.empty()) return reads;

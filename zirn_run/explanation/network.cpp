@@ -1,5 +1,7 @@
 // What the test network did to frames.
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "explanation/case.h"
 #include "frames/words.h"
@@ -37,17 +39,23 @@ Damage damage_seen(const story::Reading& reading) {
   return damage;
 }
 
-// How long the unit's reads rested in which frames were lost.
+// How long the unit's reads rested in which frames were lost; reads that rested at once rested once.
 std::string waited(const story::Reading& reading) {
-  Nanoseconds rested = 0;
+  std::vector<std::pair<Nanoseconds, Nanoseconds>> rests;
   for (const Transfer& transfer : reading.transfers) {
     if (transfer.client == kStation || transfer.data.lost + transfer.acks.lost + transfer.inferred_lost == 0)
       continue;
     for (const story::Silence& silence : transfer.silences) {
-      if (silence.until - silence.from >= kSecond) rested += silence.until - silence.from;
+      if (silence.until - silence.from >= kSecond) rests.emplace_back(silence.from, silence.until);
     }
   }
-  return rested == 0 ? "" : ", for which reads waited " + seconds(rested);
+  std::sort(rests.begin(), rests.end());
+  Nanoseconds rested = 0, until = 0;
+  for (const auto& rest : rests) {
+    rested += std::max<Nanoseconds>(rest.second - std::max(rest.first, until), 0);
+    until = std::max(until, rest.second);
+  }
+  return rested == 0 ? "" : ", and reads waited " + seconds(rested) + " for them";
 }
 
 void find_inferred(Case* c) {
@@ -82,7 +90,7 @@ void find_network(Case* c) {
   };
   tell("net.loss", damage.lost, " lost" + waited(c->reading), damage.lost_in);
   tell("net.duplicates", damage.duplicated, " came twice", damage.duplicated_in);
-  tell("net.swaps", damage.swapped, " overtaken by the next", damage.swapped_in);
+  tell("net.swaps", damage.swapped, " overtaken by the next one", damage.swapped_in);
   find_inferred(c);
   find_cuts(c);
 }

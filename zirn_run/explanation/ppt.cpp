@@ -47,7 +47,7 @@ void find_repeated(const story::Verdict& verdict, Case* c) {
   c->find("verdict.repeated", verdict.at,
           "the unit gave " + frames::printable(verdict.name) + " " +
               frames::counted(transfer.requests, "time") + " from " + moment(*c, transfer.from) +
-              " on; each becomes a verdict of its own",
+              " on; the station takes each for a verdict of its own",
           seen(transfer.frames));
 }
 

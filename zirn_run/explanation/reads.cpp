@@ -86,7 +86,7 @@ void find_silence(const Transfer& transfer, bool is_unit_silent, const std::stri
          true, c);
   } else if (is_unit_silent && is_heard_later) {
     find("unit.restarted", transfer,
-         told + ", and was heard again until " + seconds(heard->second - c->reading.first), false, c);
+         told + "; the unit asked for something else later, last at " + moment(*c, heard->second), false, c);
   } else {
     find(is_unit_silent ? "unit.gone" : "read.unanswered", transfer, told, false, c);
   }

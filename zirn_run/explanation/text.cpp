@@ -70,9 +70,9 @@ std::string statements(const Claim& claim) {
 std::string also(const Claim& claim) {
   const Statement& first = claim.statements.front();
   const std::uint64_t more = claim.statements.size() - 1 + claim.left_out;
-  return line("Also seen: " + first.sentence + in_words(first.evidence) +
-              (more > 0 ? ", and " + std::to_string(more) + " more" : "") + ": " +
-              std::string(words_for(claim.cause->owner)) + " (" + std::string(claim.cause->id) + ")");
+  return line("Also seen, " + std::string(words_for(claim.cause->owner)) + " (" +
+              std::string(claim.cause->id) + "): " + first.sentence + in_words(first.evidence) +
+              (more > 0 ? ", and " + std::to_string(more) + " more" : ""));
 }
 
 std::string about(const Read& read) {
@@ -84,7 +84,7 @@ std::string about(const Read& read) {
             " of " + std::to_string(*read.block_size) + rate;
     if (*read.repeated > 0) text += ", " + frames::counted(*read.repeated, "block") + " sent again";
   }
-  return line(text + (read.finished && !*read.finished ? "; it came to no end" : ""));
+  return line(text + (read.finished && !*read.finished ? "; it was not finished" : ""));
 }
 
 std::string steps(const Explanation& explanation) {
