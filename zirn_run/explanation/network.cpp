@@ -75,7 +75,8 @@ void find_cuts(Case* c) {
   for (const Step* cut : c->cuts) {
     const bool came_no_further = std::max(c->last_success, c->last_read) <= cut->from;
     c->find("net.cable-out", cut->from,
-            "the cable was out for " + seconds(cut->until - cut->from) + at(*c, cut->from),
+            "the cable was out from " + moment(*c, cut->from) +
+                (cut->until >= c->reading.last ? " on" : " to " + moment(*c, cut->until)),
             seen({}, cut->lines), came_no_further);
   }
 }

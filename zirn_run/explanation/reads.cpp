@@ -30,8 +30,9 @@ void find(std::string_view cause, const Transfer& transfer, const std::string& s
 }
 
 std::string error_words(const Transfer& transfer) {
+  const char* const no_text = transfer.error_code == kFileNotFound ? " (file not found)" : "";
   return "ERROR " + std::to_string(transfer.error_code) +
-         (transfer.error.text.empty() ? "" : " " + frames::quoted(transfer.error.text));
+         (transfer.error.text.empty() ? no_text : " " + frames::quoted(transfer.error.text));
 }
 
 void find_refusal(const Transfer& transfer, Case* c) {
@@ -75,7 +76,8 @@ void find_silence(const Transfer& transfer, bool is_unit_silent, const std::stri
   const story::Step* const cut = cut_during(transfer, *c);
   if (cut != nullptr && !has_left) {
     Evidence evidence = seen(transfer.frames, cut->lines);
-    c->find("net.cable-out", transfer.from, told + "; the cable was out" + at(*c, cut->from), evidence,
+    c->find("net.cable-out", transfer.from,
+            told + "; the cable was out from " + moment(*c, cut->from) + " on", evidence,
             !is_overcome(*c, transfer));
   } else if (lost > 0 && !has_left) {
     find("net.read-broken", transfer, told + "; " + frames::counted(lost, "frame") + " of it were lost",
@@ -123,10 +125,12 @@ void find_of(const Transfer& transfer, Case* c) {
   } else if (transfer.end == End::kAbandoned || (is_stopped && transfer.answered)) {
     find_silent_side(transfer, is_stopped || transfer.ended_by == transfer.client, c);
   } else if ((transfer.end == End::kUnanswered || is_stopped) && !c->waits_for_ppt(transfer.from)) {
-    find_silence(transfer, false,
-                 "the unit asked for " + name + " " + frames::counted(transfer.requests, "time") + " from " +
-                     moment(*c, transfer.from) + " on, and got no answer",
-                 c);
+    find_silence(
+        transfer, false,
+        "the unit asked for " + name +
+            (transfer.requests > 1 ? " " + frames::counted(transfer.requests, "time") + ", first" : "") +
+            at(*c, transfer.from) + ", and got no answer",
+        c);
   }
 }
 
