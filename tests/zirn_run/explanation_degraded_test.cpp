@@ -206,9 +206,9 @@ class Cut : public Degraded {
  protected:
   static constexpr std::size_t kUdpHeaders = 42, kTcpHeaders = 54;
   void gives_cut(const std::string& name, std::size_t kept) {
-    run.kept = kUdpHeaders + 2 + kept;
+    run.keeps(kUdpHeaders + 2 + kept);
     gives(name);
-    run.kept = std::string::npos;
+    run.keeps(std::string::npos);
   }
   bool says_so() const {
     return std::any_of(told.incomplete.begin(), told.incomplete.end(), [](const std::string& thing) {
@@ -250,9 +250,9 @@ TEST_F(Cut, AVerdictBeforeAFailure) {
 TEST_F(Cut, TheModeOfARead) {
   begins();
   reads("bootscript.txt");
-  run.kept = kUdpHeaders + 2 + 10;
+  run.keeps(kUdpHeaders + 2 + 10);
   is_refused("kernel.img", 2, "", "netascii");
-  run.kept = std::string::npos;
+  run.keeps(std::string::npos);
   gives("F_l_m_09PPT_FAILED");
   ends(2);
   EXPECT_EQ(fault(), "unknown file.refused");
@@ -262,9 +262,21 @@ TEST_F(Cut, TheModeOfARead) {
 TEST_F(Cut, AReply) {
   begins();
   gives("F_l_m_t_Bootstrap_loading");
-  run.kept = kTcpHeaders + 4;
+  run.keeps(kTcpHeaders + 4);
   asks("DO_PMC_INIT:7", "FAILED INDEED");
-  run.kept = std::string::npos;
+  run.keeps(std::string::npos);
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+  EXPECT_TRUE(says_so());
+}
+
+TEST_F(Cut, AnAnswerOfWhichNothingIsKept) {
+  begins();
+  reads("bootscript.txt");
+  run.keeps(kUdpHeaders);
+  reads("kernel.img");
+  run.keeps(std::string::npos);
   gives("F_l_m_09PPT_FAILED");
   ends(2);
   EXPECT_EQ(fault(), "unknown verdict.unexplained");
@@ -274,9 +286,9 @@ TEST_F(Cut, AReply) {
 // The boot script is known by its beginning.
 TEST_F(Cut, ABootScript) {
   starts();
-  run.kept = kUdpHeaders + 54;
+  run.keeps(kUdpHeaders + 54);
   sends_boot_script();
-  run.kept = std::string::npos;
+  run.keeps(std::string::npos);
   gives("F_l_m_09PPT_FAILED");
   ends(2);
   EXPECT_EQ(fault(), "unit unit.failed");

@@ -78,6 +78,9 @@ std::vector<const Case::Line*> Case::lines_with(std::string_view printed) const 
 }
 
 void Case::note_unread() {
+  for (const story::Step& step : reading.steps) {
+    if (step.kind == story::Step::Kind::kCutTftp) unread_.insert(unread_.end(), {step.from, step.until});
+  }
   for (const story::Connection& connection : reading.connections) {
     if (connection.server != kStation) continue;
     for (const story::Connection::Text& text : connection.texts) {
