@@ -610,6 +610,16 @@ TEST_F(Bench, JudgesWhoseFaultARunIs) {
             "WRONG: also seen is net.stray: it is not");
 }
 
+TEST_F(Bench, SeesWhatTheStationDoesNotRefuse) {
+  EXPECT_EQ(goes_wrong("file a.txt holds b\nstation starts\nunit is refused a.txt\n"),
+            "WRONG: line 3, unit is refused a.txt: it could");
+}
+
+TEST_F(Bench, SeesThatTheStationDoesNotTakeAFile) {
+  EXPECT_EQ(goes_wrong("file a.txt holds b\nstation starts\nunit writes a.txt\n"),
+            "WRONG: line 3, unit writes a.txt: it got ERROR 6");
+}
+
 TEST_F(Bench, HasNoOtherToolsThanTheBoards) {
   EXPECT_EQ(goes_wrong("board lacks rm\n"),
             "WRONG: line 1, board lacks rm: it has no such thing; expected envtool, /etc/init.d/voice, "
