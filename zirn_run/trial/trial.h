@@ -1,5 +1,5 @@
-#ifndef TRIAL_TESTING_H
-#define TRIAL_TESTING_H
+#ifndef TRIAL_TRIAL_H
+#define TRIAL_TRIAL_H
 
 #include <chrono>
 #include <functional>
