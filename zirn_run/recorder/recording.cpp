@@ -179,6 +179,7 @@ bool Recording::run() {
 // A run begins once there is a record that would survive us.
 void Recording::begin_lines(record::Nanoseconds start) {
   if (run_ != nullptr) {
+    held_.write_until(now());
     record_->file.flush();
     lines_ = run_->begin();
     return;
