@@ -126,69 +126,42 @@ class Teller {
   }
 
   void tell_else(const Step& step) {
-    const std::string port = "port " + std::to_string(step.port);
+    const std::string text = step_in_words(reading_, step);
     switch (step.kind) {
       case Step::Kind::kRunBegins:
-        if (!rows_.empty()) add(Kind::kWords, step, "a run begins");
+        if (!rows_.empty()) add(Kind::kWords, step, text);
         break;
       case Step::Kind::kStationEnds:
-        add(Kind::kStationEnd, step, "ends: " + end_of_station(step));
-        break;
-      case Step::Kind::kRunEnds:
-        add(Kind::kWords, step, "end of the run");
+        add(Kind::kStationEnd, step, text);
         break;
       case Step::Kind::kLine:
         // Without words there is nothing to stand in the picture.
-        if (step.said.text.find_first_not_of(" \t\r\n") != std::string::npos) {
-          add(Kind::kOutput, step, printable(step.said.text));
-        }
+        if (step.said.text.find_first_not_of(" \t\r\n") != std::string::npos) add(Kind::kOutput, step, text);
         break;
       case Step::Kind::kBoardCall:
-        add(Kind::kBoardCall, step, board_call_in_words(step));
+        add(Kind::kBoardCall, step, text);
         break;
       case Step::Kind::kCut:
-        add(Kind::kCut, step, "cable pulled, " + seconds(step.until - step.from, 1) + " s");
+        add(Kind::kCut, step, text);
         break;
       case Step::Kind::kDrops:
-        add(Kind::kWords, step,
-            counted(step.count, "frame") + " missing: the kernel dropped them, " + network_of(step))
-            .times = 1;
+        add(Kind::kWords, step, text).times = 1;
         break;
       case Step::Kind::kBootScript:
-        add(Kind::kArrow, step, "boot script", Look::kBroadcast);
+        add(Kind::kArrow, step, text, Look::kBroadcast);
         break;
       case Step::Kind::kOtherClosedPort:
-        add(Kind::kArrow, step, port + " is closed", Look::kClosedPort);
+        add(Kind::kArrow, step, text, Look::kClosedPort);
         break;
       case Step::Kind::kRelayed:
-        add(Kind::kArrow, step, "relays " + quoted(step.said));
+        add(Kind::kArrow, step, text);
         break;
       case Step::Kind::kDatagram:
-        tell_datagram(step);
+        add(Kind::kArrow, step, text, step.target == story::kEveryone ? Look::kBroadcast : Look::kDatagram);
         break;
-      default:  // of a thread that the story had no room for
-        add(Kind::kWords, step, "further datagrams");
+      default:
+        add(Kind::kWords, step, text);
     }
-  }
-
-  void tell_datagram(const Step& step) {
-    const bool is_broadcast = step.target == story::kEveryone;
-    const std::string text = step.thread != kNone ? "datagram " + quoted(step.said)
-                                                  : "datagram to port " + std::to_string(step.port) + ", " +
-                                                        counted(step.said.size, "byte");
-    add(Kind::kArrow, step, text, is_broadcast ? Look::kBroadcast : Look::kDatagram);
-  }
-
-  std::string network_of(const Step& step) const {
-    const bool is_known =
-        step.thread < reading_.networks.size() && !reading_.networks[step.thread].name.empty();
-    return is_known ? printable(reading_.networks[step.thread].name) : "of one network";
-  }
-
-  std::string end_of_station(const Step& step) const {
-    record::StationEnds end{step.status, 0};
-    if (reading_.station_end && reading_.station_end->status == step.status) end = *reading_.station_end;
-    return story::in_words(end);
   }
 
   Look look_of(const Transfer& transfer) const {
@@ -198,35 +171,10 @@ class Teller {
   // One step of a transfer; the last one says how it ended.
   void tell_of_transfer(const Step& step) {
     const Transfer& transfer = reading_.transfers[step.thread];
-    std::string text;
-    Look look = Look::kDatagram;
-    switch (step.kind) {
-      case Step::Kind::kRequest:
-        text = request_in_words(transfer);
-        look = look_of(transfer);
-        break;
-      case Step::Kind::kOack:
-        text = oack_in_words(transfer);
-        break;
-      case Step::Kind::kBlocks:
-        if (const auto few = few_blocks_in_words(transfer)) {
-          text = *few;
-          break;
-        }
-        tell_band(step, transfer);
-        return;
-      case Step::Kind::kError:
-        text = error_in_words(transfer);
-        break;
-      case Step::Kind::kClosedPort:
-        tell_closed_port(step, transfer);
-        return;
-      case Step::Kind::kCutTftp:
-        text = "frame cut by the capture";
-        break;
-      default:
-        text = "no TFTP answer";
-    }
+    if (step.kind == Step::Kind::kClosedPort) return tell_closed_port(step, transfer);
+    if (step.kind == Step::Kind::kBlocks && !few_blocks_in_words(transfer)) return tell_band(step, transfer);
+    std::string text = step_in_words(reading_, step);
+    const Look look = step.kind == Step::Kind::kRequest ? look_of(transfer) : Look::kDatagram;
     if (transfer.second_answer_of != kNone) add_words(&text, "for " + printable(transfer.name));
     const bool is_unanswered = transfer.end == Transfer::End::kUnanswered;
     const std::size_t told_with =
@@ -268,7 +216,7 @@ class Teller {
     const bool is_verdict = transfer.verdict != kNone && step.source == story::kStation && transfer.answered;
     const bool is_harmless =
         is_verdict || transfer.end == Transfer::End::kFinished || transfer.second_answer_of != kNone;
-    std::string text = "port " + std::to_string(step.port) + " is closed";
+    std::string text = step_in_words(reading_, step);
     if (is_harmless) text += " (harmless)";
     Row& row = add(Kind::kArrow, step, text, is_harmless ? Look::kHarmless : Look::kClosedPort);
     if (is_harmless) row.key = "harmless " + std::to_string(step.target);
@@ -292,27 +240,8 @@ class Teller {
 
   void tell_of_connection(const Step& step) {
     const Connection& connection = reading_.connections[step.thread];
-    const std::string port = std::to_string(step.port);
-    switch (step.kind) {
-      case Step::Kind::kConnect:
-        add(Kind::kArrow, step, "connects to port " + port, Look::kTcp);
-        if (connection.opened) tell_accepted(step, connection);
-        break;
-      case Step::Kind::kRefused:
-        add(Kind::kArrow, step, "refuses the connection", Look::kTcp);
-        break;
-      case Step::Kind::kSays:
-        add(Kind::kArrow, step, quoted(step.said), Look::kTcp);
-        break;
-      case Step::Kind::kCloses:
-        add(Kind::kArrow, step, "closes the connection", Look::kTcp);
-        break;
-      case Step::Kind::kResets:
-        add(Kind::kArrow, step, "RST after the end", Look::kTcp);
-        break;
-      default:
-        add(Kind::kArrow, step, "breaks the connection off", Look::kTcp);
-    }
+    add(Kind::kArrow, step, step_in_words(reading_, step), Look::kTcp);
+    if (step.kind == Step::Kind::kConnect && connection.opened) tell_accepted(step, connection);
   }
 
   void tell_accepted(const Step& connect, const Connection& connection) {

@@ -110,6 +110,27 @@ std::string text_in_words(const Connection::Text& text) {
   return quoted(text.said) + (text.count > 1 ? " " + std::to_string(text.count) + " times" : "");
 }
 
+std::string datagram_in_words(const story::Step& step) {
+  if (step.thread != kNone) return "datagram " + quoted(step.said);
+  return "datagram to port " + std::to_string(step.port) + ", " + counted(step.said.size, "byte");
+}
+
+std::string drops_in_words(const Reading& reading, const story::Step& step) {
+  const bool is_known = step.thread < reading.networks.size() && !reading.networks[step.thread].name.empty();
+  return counted(step.count, "frame") + " missing: the kernel dropped them, " +
+         (is_known ? printable(reading.networks[step.thread].name) : "of one network");
+}
+
+std::string station_end_in_words(const Reading& reading, const story::Step& step) {
+  record::StationEnds end{step.status, 0};
+  if (reading.station_end && reading.station_end->status == step.status) end = *reading.station_end;
+  return "ends: " + story::in_words(end);
+}
+
+std::string blocks_in_words(const Reading& reading, const Transfer& transfer) {
+  return few_blocks_in_words(transfer).value_or(in_short(reading, transfer));
+}
+
 bool is_small(const Transfer& transfer) {
   return transfer.blocks > 0 && transfer.blocks <= kMaxBlocksOfAnArrow && transfer.blocks_missing == 0 &&
          transfer.data.again + transfer.acks.again + transfer.data.lost + transfer.acks.lost == 0;
@@ -142,6 +163,62 @@ std::string name_of(const Reading& reading, std::size_t party) {
                                    [](const story::Party& any) { return any.role == story::Role::kUnit; });
   if (one.role == story::Role::kUnit && units == 1) return "the unit";
   return one.addresses.empty() ? "somebody" : frames::dotted(one.addresses.front());
+}
+
+std::string step_in_words(const Reading& reading, const story::Step& step) {
+  using Kind = story::Step::Kind;
+  const bool is_of_thread = is_of_transfer(step.kind) || is_of_connection(step.kind);
+  if (is_of_thread && step.thread == kNone) return "further datagrams";  // the story had no room for it
+  switch (step.kind) {
+    case Kind::kRunBegins:
+      return "a run begins";
+    case Kind::kStationEnds:
+      return station_end_in_words(reading, step);
+    case Kind::kRunEnds:
+      return "end of the run";
+    case Kind::kLine:
+      return printable(step.said.text);
+    case Kind::kBoardCall:
+      return board_call_in_words(step);
+    case Kind::kCut:
+      return "cable pulled, " + seconds(step.until - step.from, 1) + " s";
+    case Kind::kDrops:
+      return drops_in_words(reading, step);
+    case Kind::kBootScript:
+      return "boot script";
+    case Kind::kRequest:
+      return request_in_words(reading.transfers[step.thread]);
+    case Kind::kOack:
+      return oack_in_words(reading.transfers[step.thread]);
+    case Kind::kBlocks:
+      return blocks_in_words(reading, reading.transfers[step.thread]);
+    case Kind::kError:
+      return error_in_words(reading.transfers[step.thread]);
+    case Kind::kOtherTftp:
+      return "no TFTP answer";
+    case Kind::kCutTftp:
+      return "frame cut by the capture";
+    case Kind::kClosedPort:
+    case Kind::kOtherClosedPort:
+      return "port " + std::to_string(step.port) + " is closed";
+    case Kind::kConnect:
+      return "connects to port " + std::to_string(step.port);
+    case Kind::kRefused:
+      return "refuses the connection";
+    case Kind::kSays:
+      return quoted(step.said);
+    case Kind::kCloses:
+      return "closes the connection";
+    case Kind::kBreaksOff:
+      return "breaks the connection off";
+    case Kind::kResets:
+      return "RST after the end";
+    case Kind::kDatagram:
+      return datagram_in_words(step);
+    case Kind::kRelayed:
+      return "relays " + quoted(step.said);
+  }
+  return "";
 }
 
 std::string request_in_words(const Transfer& transfer) {

@@ -17,6 +17,9 @@ std::string quoted(const story::Said& said);
 // "the station", "the unit"; with an address where there are several of the kind.
 std::string name_of(const story::Reading& reading, std::size_t party);
 
+// A step by itself, where nothing is folded: "boot script", "read image.bin, blksize 1428", "closes the connection".
+std::string step_in_words(const story::Reading& reading, const story::Step& step);
+
 // "read image.bin, blksize 1428", "OACK blksize 1428".
 std::string request_in_words(const story::Transfer& transfer);
 std::string oack_in_words(const story::Transfer& transfer);
