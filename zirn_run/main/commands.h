@@ -19,6 +19,7 @@ Work test_command(CLI::App& app);
 Work draw_command(CLI::App& app);
 Work record_command(CLI::App& app);
 Work explain_command(CLI::App& app);
+Work watch_command(CLI::App& app);
 
 inline constexpr Command kCommands[] = {
     {"check", "Say whether the station is ready for a run", check_command},
@@ -26,6 +27,7 @@ inline constexpr Command kCommands[] = {
     {"record", "Record a run as it happens", record_command},
     {"draw", "Draw a run as a picture (SVG)", draw_command},
     {"explain", "Say whether a run passed, whose fault it is if not, and what shows that", explain_command},
+    {"watch", "Show a run in the terminal as it happens, or as it was", watch_command},
 };
 
 #endif

@@ -171,7 +171,7 @@ class Teller {
   // One step of a transfer; the last one says how it ended.
   void tell_of_transfer(const Step& step) {
     const Transfer& transfer = reading_.transfers[step.thread];
-    if (step.kind == Step::Kind::kClosedPort) return tell_closed_port(step, transfer);
+    if (step.kind == Step::Kind::kClosedPort) return tell_closed_port(step);
     if (step.kind == Step::Kind::kBlocks && !few_blocks_in_words(transfer)) return tell_band(step, transfer);
     std::string text = step_in_words(reading_, step);
     const Look look = step.kind == Step::Kind::kRequest ? look_of(transfer) : Look::kDatagram;
@@ -210,16 +210,11 @@ class Teller {
     rows_.push_back(end);
   }
 
-  // The station answers a verdict and closes that port at once: the unit's ACK finds it closed. After a transfer's
-  // end, a datagram that was on its way twice finds the same.
-  void tell_closed_port(const Step& step, const Transfer& transfer) {
-    const bool is_verdict = transfer.verdict != kNone && step.source == story::kStation && transfer.answered;
-    const bool is_harmless =
-        is_verdict || transfer.end == Transfer::End::kFinished || transfer.second_answer_of != kNone;
-    std::string text = step_in_words(reading_, step);
-    if (is_harmless) text += " (harmless)";
-    Row& row = add(Kind::kArrow, step, text, is_harmless ? Look::kHarmless : Look::kClosedPort);
-    if (is_harmless) row.key = "harmless " + std::to_string(step.target);
+  void tell_closed_port(const Step& step) {
+    const bool harmless = is_harmless(reading_, step);
+    Row& row = add(Kind::kArrow, step, step_in_words(reading_, step),
+                   harmless ? Look::kHarmless : Look::kClosedPort);
+    if (harmless) row.key = "harmless " + std::to_string(step.target);
   }
 
   void tell_transfer(const Step& step) {

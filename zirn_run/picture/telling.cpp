@@ -169,6 +169,7 @@ std::string step_in_words(const Reading& reading, const story::Step& step) {
   using Kind = story::Step::Kind;
   const bool is_of_thread = is_of_transfer(step.kind) || is_of_connection(step.kind);
   if (is_of_thread && step.thread == kNone) return "further datagrams";  // the story had no room for it
+  const std::string port = "port " + std::to_string(step.port);
   switch (step.kind) {
     case Kind::kRunBegins:
       return "a run begins";
@@ -199,10 +200,11 @@ std::string step_in_words(const Reading& reading, const story::Step& step) {
     case Kind::kCutTftp:
       return "frame cut by the capture";
     case Kind::kClosedPort:
+      return port + " is closed" + (is_harmless(reading, step) ? " (harmless)" : "");
     case Kind::kOtherClosedPort:
-      return "port " + std::to_string(step.port) + " is closed";
+      return port + " is closed";
     case Kind::kConnect:
-      return "connects to port " + std::to_string(step.port);
+      return "connects to " + port;
     case Kind::kRefused:
       return "refuses the connection";
     case Kind::kSays:
@@ -219,6 +221,13 @@ std::string step_in_words(const Reading& reading, const story::Step& step) {
       return "relays " + quoted(step.said);
   }
   return "";
+}
+
+bool is_harmless(const Reading& reading, const story::Step& closed_port) {
+  const Transfer& transfer = reading.transfers[closed_port.thread];
+  const bool is_verdict =
+      transfer.verdict != kNone && closed_port.source == story::kStation && transfer.answered;
+  return is_verdict || transfer.end == Transfer::End::kFinished || transfer.second_answer_of != kNone;
 }
 
 std::string request_in_words(const Transfer& transfer) {

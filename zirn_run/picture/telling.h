@@ -19,6 +19,9 @@ std::string name_of(const story::Reading& reading, std::size_t party);
 
 // A step by itself, where nothing is folded: "boot script", "read image.bin, blksize 1428", "closes the connection".
 std::string step_in_words(const story::Reading& reading, const story::Step& step);
+// Whether a port of a transfer was found closed because that was over: the station answers a verdict and closes that
+// port at once, so that the unit's ACK finds it closed; and a datagram that was on its way twice finds the same.
+bool is_harmless(const story::Reading& reading, const story::Step& closed_port);
 
 // "read image.bin, blksize 1428", "OACK blksize 1428".
 std::string request_in_words(const story::Transfer& transfer);
