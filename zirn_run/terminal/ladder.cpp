@@ -16,7 +16,7 @@ constexpr std::size_t kLeastSpacing = 7;  // columns from lane to lane
 constexpr std::size_t kMostSpacing = 12;
 constexpr std::size_t kOtherLanes = 4;  // board, station, others, PPT server
 constexpr std::size_t kGap = 3;         // columns, from the last lane to the words
-constexpr std::size_t kBarCells = 16;
+constexpr std::size_t kBarCells = 8;
 
 constexpr char kLaneLine[] = "│";
 constexpr char kArrowLine[] = "─";
@@ -29,7 +29,7 @@ std::string bar(double fraction) {
   const auto full = static_cast<std::size_t>(fraction * static_cast<double>(kBarCells));
   for (std::size_t i = 0; i < kBarCells; ++i) text += i < full ? "█" : "░";
   const std::string number = std::to_string(static_cast<int>(fraction * 100));
-  return text + std::string(4 - std::min<std::size_t>(number.size(), 4), ' ') + number + " %  ";
+  return text + std::string(4 - std::min<std::size_t>(number.size(), 4), ' ') + number + " % ";
 }
 
 void add(const std::string& text, Style style, Line* line) {

@@ -56,6 +56,13 @@ std::string cut(std::string_view text, std::size_t columns) {
   return std::string(text.substr(0, fitting(text, columns - kCut.size()))).append(kCut);
 }
 
+void cut(Line* line, std::size_t columns) {
+  for (Span& span : line->spans) {
+    span.text.resize(fitting(span.text, columns));
+    columns -= columns_of(span.text);
+  }
+}
+
 std::string filled(std::string_view text, std::size_t columns) {
   std::string result = cut(text, columns);
   return result.append(columns - columns_of(result), ' ');

@@ -34,6 +34,9 @@ std::size_t columns_of(std::string_view text);
 // The text, or its beginning and "...", in so many columns at the most.
 std::string cut(std::string_view text, std::size_t columns);
 
+// What is further right than that is taken away.
+void cut(Line* line, std::size_t columns);
+
 // The text, cut or filled up to so many columns.
 std::string filled(std::string_view text, std::size_t columns);
 

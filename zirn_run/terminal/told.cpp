@@ -44,35 +44,39 @@ std::string percent(double fraction) {
   return std::to_string(static_cast<int>(fraction * 100)) + " %";
 }
 
-// "7.2 MiB/s, 1.1 s left"
-std::string pace(const Reading& reading, const Transfer& transfer) {
-  const double seconds = static_cast<double>(reading.last - transfer.data_from) / 1e9;
-  if (seconds <= 0) return "";
-  const double rate = static_cast<double>(transfer.bytes) / seconds;
-  std::string text = picture::size_in_words(rate) + "/s";
-  const std::size_t size = size_of_file(transfer);
-  if (size > transfer.bytes && rate > 0)
-    add_words(&text, picture::decimal(static_cast<double>(size - transfer.bytes) / rate, 1) + " s left");
-  return text;
-}
-
 std::string silence(const Reading& reading, const Transfer& transfer) {
   const Nanoseconds since = reading.last - transfer.until;
   if (since < kSilence) return "";
   return (transfer.answered ? "silent for " : "no answer for ") + picture::seconds(since, 0) + " s";
 }
 
+// Bytes a second.
+double rate_of(const Reading& reading, const Transfer& transfer) {
+  const double seconds = static_cast<double>(reading.last - transfer.data_from) / 1e9;
+  return seconds > 0 ? static_cast<double>(transfer.bytes) / seconds : 0;
+}
+
+// "1.1 s left", or for how long there is silence.
+std::string time_left(const Reading& reading, const Transfer& transfer) {
+  const std::string silent = silence(reading, transfer);
+  const double rate = rate_of(reading, transfer);
+  const std::size_t size = size_of_file(transfer);
+  if (!silent.empty() || rate <= 0 || size <= transfer.bytes) return silent;
+  return picture::decimal(static_cast<double>(size - transfer.bytes) / rate, 1) + " s left";
+}
+
 std::string progress(const Reading& reading, const Transfer& transfer) {
   std::string text = transfer.name.empty() ? "a transfer" : frames::printable(transfer.name);
-  const std::size_t size = size_of_file(transfer);
-  add_words(&text, picture::size_in_words(static_cast<double>(transfer.bytes)) +
-                       (size > 0 ? " of " + picture::size_in_words(static_cast<double>(size)) : ""));
-  add_words(&text, pace(reading, transfer));
+  add_words(&text, time_left(reading, transfer));
   const std::uint64_t lost = transfer.data.lost + transfer.acks.lost;
   const std::uint64_t again = transfer.data.again + transfer.acks.again;
   if (lost > 0) add_words(&text, std::to_string(lost) + " lost");
   if (again > 0) add_words(&text, std::to_string(again) + " sent again");
-  add_words(&text, silence(reading, transfer));
+  const double rate = rate_of(reading, transfer);
+  if (rate > 0) add_words(&text, picture::size_in_words(rate) + "/s");
+  const std::size_t size = size_of_file(transfer);
+  const std::string of_all = size > 0 ? " of " + picture::size_in_words(static_cast<double>(size)) : "";
+  add_words(&text, picture::size_in_words(static_cast<double>(transfer.bytes)) + of_all);
   return text;
 }
 
@@ -235,8 +239,7 @@ std::string under_way(const Reading& reading) {
     add_words(&text, short_name(reading, transfer.client) + verb +
                          (transfer.name.empty() ? "a file" : frames::printable(transfer.name)) +
                          (fraction ? ": " + percent(*fraction) : ""));
-    add_words(&text, transfer.bytes > 0 ? pace(reading, transfer) : "");
-    add_words(&text, silence(reading, transfer));
+    add_words(&text, time_left(reading, transfer));
   }
   return text;
 }

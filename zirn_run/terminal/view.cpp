@@ -300,6 +300,7 @@ std::vector<Line> View::screen(const Heading& heading) const {
   }
   lines.resize(lines_ - std::min<std::size_t>(lines_, 1));
   if (lines_ > 0) lines.push_back(bottom(ladder));
+  for (Line& line : lines) cut(&line, columns_);
   return lines;
 }
 
