@@ -239,7 +239,9 @@ TEST_F(RecorderLinks, TheRightThatIsMissingIsNamed) {
       },
       [] { append_errors_to("errors"); });
   EXPECT_EQ(status_number(process.wait_for_end()), 3);
-  EXPECT_EQ(whole_file("errors"), "zirn-run: lan0: the right CAP_NET_RAW is missing\n");
+  EXPECT_EQ(whole_file("errors"),
+            "zirn-run: lan0: the right CAP_NET_RAW is missing: be root, or give it to the program for good: "
+            "setcap cap_net_raw+ep /usr/bin/zirn-run\n");
 }
 
 TEST_F(RecorderLinks, WhatContradictsItselfIsAWrongCall) {

@@ -50,9 +50,11 @@ bool Link::open(const Filter& filter) {
   lacks_right_ = result == PCAP_ERROR_PERM_DENIED;
   problem_ = result == PCAP_ERROR_NO_SUCH_DEVICE ? "no such link"
              : result == PCAP_ERROR_IFACE_NOT_UP ? "the link is down"
-             : lacks_right_                      ? "the right CAP_NET_RAW is missing"
-             : result < 0                        ? pcap_geterr(handle.get())
-                                                 : "";
+             : lacks_right_
+                 ? "the right CAP_NET_RAW is missing: be root, or give it to the program for good: "
+                   "setcap cap_net_raw+ep /usr/bin/zirn-run"
+             : result < 0 ? pcap_geterr(handle.get())
+                          : "";
   if (result < 0) return false;
   std::vector<bpf_insn> instructions = program_of(filter, handle.get());
   bpf_program program = {static_cast<u_int>(instructions.size()), instructions.data()};

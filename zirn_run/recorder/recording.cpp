@@ -197,7 +197,7 @@ void Recording::begin_record(record::Nanoseconds at) {
   for (Source& source : sources_) {
     source.is_described = false;
     source.received_before = source.link.received();
-    source.dropped_before = source.link.dropped();
+    source.dropped_before = source.dropped_told = source.link.dropped();
     if (source.link.is_open()) describe(&source);
   }
   record::RunBegins run;
@@ -359,7 +359,22 @@ void Recording::write() {
   held_.write_until(time - (unit_.empty() ? kFramesTake : kLinesTake));
   if (time - flushed_ < kFlushTime && time >= flushed_) return;
   flushed_ = time;
+  tell_drops(time);
   flush();
+}
+
+// The record says so as it comes, for who reads it meanwhile.
+void Recording::tell_drops(record::Nanoseconds time) {
+  if (time - drops_told_ < kSecond && time >= drops_told_) return;
+  drops_told_ = time;
+  for (Source& source : sources_) {
+    const std::uint64_t dropped = source.is_described ? source.link.dropped() : 0;
+    if (dropped <= source.dropped_told) continue;
+    source.dropped_told = dropped;
+    record_->writer.add(record::Statistics{source.interface, time,
+                                           source.link.received() - source.received_before,
+                                           dropped - source.dropped_before});
+  }
 }
 
 void Recording::flush() {

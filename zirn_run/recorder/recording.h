@@ -63,6 +63,7 @@ class Recording {
     std::uint32_t interface = 0;
     std::uint64_t received_before = 0;  // the record
     std::uint64_t dropped_before = 0;
+    std::uint64_t dropped_told = 0;
   };
 
   void begin_record(record::Nanoseconds at);
@@ -85,6 +86,7 @@ class Recording {
   void begin_next_run();
   void stop_wanted(int signal);
   void write();
+  void tell_drops(record::Nanoseconds time);
   void flush();
   void show_progress();
 
@@ -108,6 +110,7 @@ class Recording {
   record::Nanoseconds ends_at_ = kNever;
   record::Nanoseconds flushed_ = 0;
   record::Nanoseconds shown_ = 0;
+  record::Nanoseconds drops_told_ = 0;
   std::optional<record::Nanoseconds> next_run_;  // when it began, behind the one that is recorded
   bool is_stop_wanted_ = false;
   bool is_stopping_ = false;  // the station

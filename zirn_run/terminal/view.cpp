@@ -114,15 +114,20 @@ void View::look() {
   keep_in_sight();
 }
 
+// The place with which a screen that ends there begins.
+View::Place View::top_above(Place place) const {
+  for (std::size_t i = 1; i < body_lines(); ++i) {
+    if (!step_up(&place)) break;
+  }
+  return place;
+}
+
 void View::keep_in_sight() {
   if (rows().empty()) return;
   if (follows_) cursor_ = last();
   if (cursor_ < top_) top_ = cursor_;
-  Place earliest = cursor_;
-  for (std::size_t i = 1; i < body_lines(); ++i) {
-    if (!step_up(&earliest)) break;
-  }
-  if (top_ < earliest || follows_) top_ = earliest;
+  top_ = std::max(top_, top_above(cursor_));
+  top_ = std::min(top_, top_above(last()));  // no screen is left half empty
 }
 
 void View::follow() {

@@ -77,6 +77,7 @@ class View {
   bool step_down(Place* place) const;
   bool step_up(Place* place) const;
   Place last() const;
+  Place top_above(Place place) const;
   Place found_again(const Place& place, const Row& row) const;
   void move(int lines);
   void follow();

@@ -129,6 +129,7 @@ class Watch {
 
  private:
   bool is_live() const { return !options_.recorder.empty(); }
+  std::string name() const;
   void open();
   bool may_go_on() const { return !is_quit_ && signal_that_came == 0; }
   bool wait(int descriptor);
@@ -185,17 +186,21 @@ void Watch::open() {
   bytes_ = std::move(stream);
 }
 
+std::string Watch::name() const {
+  if (is_live()) return frames::printable(options_.links);
+  return options_.file == "-" ? "standard input" : frames::printable(options_.file);
+}
+
 void Watch::run() {
-  const std::string name = frames::printable(options_.file == "-" ? "standard input" : options_.file);
   std::optional<record::Reader> reader;
   std::optional<std::istream> file;
   try {
     open();
     reader.emplace(file.emplace(bytes_.get()));
   } catch (const std::system_error& error) {
-    throw NotWatchable(name + ": " + error.code().message());
+    throw NotWatchable(name() + ": " + error.code().message());
   } catch (const record::NotARecord& error) {
-    throw NotWatchable(is_live() ? "" : name + ": " + error.what());
+    throw NotWatchable(is_live() ? "" : name() + ": " + error.what());
   }
   std::optional<HeldSignals> signals;
   if (is_shown_) {
@@ -293,9 +298,7 @@ void Watch::draw() {
 
 Heading Watch::heading() const {
   Heading heading;
-  heading.title = "zirn-run watch  " + frames::printable(is_live()              ? options_.links
-                                                         : options_.file == "-" ? "standard input"
-                                                                                : options_.file);
+  heading.title = "zirn-run watch  " + name();
   heading.state = has_ended_       ? "ended"
                   : is_paused_     ? "PAUSED"
                   : is_live()      ? "live"
@@ -358,6 +361,7 @@ void Watch::save_picture() {
             (is_written ? "" : std::string(": ") + std::strerror(errno)));
 }
 
+// problem: why the record ends before its end; empty: it does not.
 void Watch::show_end(const std::string& problem) {
   story_.finish(!problem.empty());
   has_ended_ = true;
@@ -365,10 +369,10 @@ void Watch::show_end(const std::string& problem) {
   judgement_.judge(story_.reading());
   if (!display_) {
     lines_.finish(judgement_);
-    if (!problem.empty()) std::cerr << "zirn-run: " << problem << std::endl;
+    if (!problem.empty()) std::cerr << "zirn-run: " << name() << ": " << problem << std::endl;
     return;
   }
-  if (!problem.empty()) view_.say(problem);
+  if (!problem.empty()) view_.say(name() + ": " + problem);
   must_draw_ = true;
   look();
   while (may_go_on()) wait_for_keys(kBetweenScreens);
