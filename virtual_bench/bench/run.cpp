@@ -31,7 +31,11 @@ record::StationEnds recorded(const ProcessEnd& end) {
 }  // namespace
 
 Run::Run(const Scenario& scenario, const std::string& station, const std::string& folder)
-    : scenario_(scenario), station_program_(station), folder_(folder), board_(folder + "/board") {
+    : scenario_(scenario),
+      station_program_(station),
+      folder_(folder),
+      live_(wire_record()),
+      board_(folder + "/board") {
   board_.sets_variable("tempmac", kTemporaryMac);
   set_tool_status(kToolStatus);
   fs::create_directory(folder_ + "/served");
@@ -55,6 +59,7 @@ std::optional<std::string> Run::play() {
   reading_.reset();
   station_.reset();
   neighbours_.reset();
+  live_.look();
   return wrong;
 }
 
@@ -151,7 +156,9 @@ void Run::look() {
   const std::vector<std::string> calls = board_.calls();
   for (; board_calls_shown_ < calls.size(); ++board_calls_shown_) {
     timeline_.log("board", "runs " + calls[board_calls_shown_]);
+    live_.add(record::BoardCall{calls[board_calls_shown_], std::nullopt}, microseconds_since_epoch());
   }
+  live_.look();
 }
 
 // What it wrote to its standard error since the last look. A line that is not whole waits until the end.
@@ -170,12 +177,14 @@ void Run::take_station_end() {
   const std::string last = station_->read_text();
   if (!last.empty()) take_station_line(last);
   timeline_.log("station", "ends: " + story::in_words(recorded(*station_end_)));
+  live_.add(recorded(*station_end_), station_ended_);
 }
 
 void Run::take_station_line(const std::string& line) {
   const std::int64_t now = microseconds_since_epoch();
   station_lines_.push_back({now, line});
   timeline_.log("station", "| " + line);
+  live_.add(record::Line{line}, now);
 }
 
 void Run::take_ppt_event(const PptServer::Event& event) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/live_record.h"
 #include "bench/network.h"
 #include "bench/scenario.h"
 #include "bench/station_options.h"
@@ -164,6 +165,7 @@ class Run {
   const std::string station_program_;
   const std::string folder_;
   const Timeline timeline_;
+  LiveRecord live_;
   const Board board_;
   std::uint64_t wire_seed_ = 1;
   Network::Link station_link_;
