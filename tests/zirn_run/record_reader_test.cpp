@@ -309,7 +309,8 @@ TEST_P(RecordReader, TellsARecordOfOursThatBreaksOffBetweenTwoBlocksFromAWholeOn
   const std::string beginning = made.section(made.option(4, "zirn-run 9.9")) + made.interface(1, 0) +
                                 made.interface(1, 0) + made.enhanced(0, 5, "frame", 5);
   const std::string first = made.statistics(0, 6, ""), second = made.statistics(1, 6, "");
-  for (const std::string& cut : {beginning, beginning + first, beginning + first + made.journal(kEntry)}) {
+  for (const std::string& cut : {beginning, beginning + first, beginning + first + made.journal(kEntry),
+                                 beginning + first + second + made.journal(kEntry)}) {
     EXPECT_EQ(read(cut).back(),
               "byte " + std::to_string(cut.size()) +
                   ": the record breaks off, or another tool has saved it anew: expected the "

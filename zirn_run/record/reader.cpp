@@ -279,8 +279,8 @@ void Reader::begin_section(std::string_view contents) {
 }
 
 void Reader::check_end() const {
-  const auto has = [](const Source& source) { return source.has_statistics; };
-  if (!is_ours_ || std::all_of(sources_.begin(), sources_.end(), has)) return;
+  const auto ends = [this](const Source& source) { return source.counted_at == numbered_; };
+  if (!is_ours_ || std::all_of(sources_.begin(), sources_.end(), ends)) return;
   throw Damage{
       "the record breaks off, or another tool has saved it anew: expected the statistics of each network at "
       "its "
@@ -391,7 +391,7 @@ Statistics Reader::statistics_in(std::string_view contents) {
   const auto interface = number<std::uint32_t>(contents, 0);
   Statistics statistics;
   statistics.at = source(interface).clock.nanoseconds(ticks_at(contents));
-  sources_[interface].has_statistics = true;
+  sources_[interface].counted_at = numbered_;
   statistics.interface = sources_before_ + interface;
   std::optional<std::uint64_t> dropped_by_os;
   each_option(options, [&](std::uint16_t code, std::string_view value) {

@@ -55,7 +55,7 @@ class Reader {
     std::uint16_t link_type = kEthernet;
     std::uint32_t snap_length = 0;
     Clock clock;
-    bool has_statistics = false;
+    std::optional<std::uint64_t> counted_at;  // frames and entries before its last statistics
   };
 
   void recognise();

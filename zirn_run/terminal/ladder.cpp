@@ -71,7 +71,8 @@ Line Ladder::heads() const {
   for (const Lane& lane : lanes_) {
     const std::size_t middle = kTimeColumns + lane.column;
     const std::string name = cut(lane.name, spacing_);
-    text = filled(text, std::max(middle - name.size() / 2, text.size())) + name;
+    text = filled(text, std::max(middle - name.size() / 2, text.size()));
+    text += name;
   }
   return {{{cut(text, columns_), Style::kHeading}}};
 }

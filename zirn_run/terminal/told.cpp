@@ -58,7 +58,7 @@ double rate_of(const Reading& reading, const Transfer& transfer) {
 
 // "1.1 s left", or for how long there is silence.
 std::string time_left(const Reading& reading, const Transfer& transfer) {
-  const std::string silent = silence(reading, transfer);
+  std::string silent = silence(reading, transfer);
   const double rate = rate_of(reading, transfer);
   const std::size_t size = size_of_file(transfer);
   if (!silent.empty() || rate <= 0 || size <= transfer.bytes) return silent;

@@ -78,7 +78,8 @@ std::string pace_in_words(double speed) {
 // A name that no file has yet.
 std::string free_name(const std::string& stem, const std::string& ending) {
   std::string name = stem + ending;
-  for (int i = 2; std::filesystem::exists(name); ++i) name = stem + "-" + std::to_string(i) + ending;
+  for (int i = 2; std::filesystem::exists(name); ++i)
+    name = std::string(stem).append("-").append(std::to_string(i)).append(ending);
   return name;
 }
 
