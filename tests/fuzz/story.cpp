@@ -3,13 +3,19 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <variant>
 #include <vector>
 
 #include "fuzz/script.h"
+#include "terminal/judgement.h"
+#include "terminal/plain_lines.h"
+#include "terminal/view.h"
 
-// The decoder and the story on frames that are nearly right: whole ones out of anything, and IPv4 with UDP, TCP or
+// The decoder, the story, and the terminal's view of it, on frames that are nearly right: whole ones out of anything, and IPv4 with UDP, TCP or
 // ICMP between a few machines and ports, so that transfers, connections and fragments come about.
 
 namespace {
@@ -118,12 +124,61 @@ void check(const story::Reading& reading) {
     require(relayed.passed_on + relayed.received_lost <= relayed.received, "what is passed on was received");
 }
 
+// Somebody watches meanwhile, and presses keys.
+class Watcher {
+ public:
+  explicit Watcher(const story::Reading& reading)
+      : reading_(reading), view_(reading), lines_(reading, printed_) {}
+
+  void look(std::size_t chance) {
+    constexpr terminal::Key kKeys[] = {terminal::kUp,
+                                       terminal::kDown,
+                                       terminal::kPageUp,
+                                       terminal::kPageDown,
+                                       terminal::kHome,
+                                       terminal::kEnd,
+                                       terminal::kEnter,
+                                       terminal::kWheelUp,
+                                       terminal::kEnter,
+                                       '/',
+                                       'a',
+                                       'n'};
+    const std::size_t columns = chance * 7 % 120 + 1;
+    lines_.look();
+    view_.set_size(chance % 12 + 1, columns);
+    view_.look();
+    view_.press(kKeys[chance % std::size(kKeys)]);
+    terminal::Judgement judgement;
+    judgement.judge(reading_);
+    for (const terminal::Line& line :
+         view_.screen({"", "", judgement.how_far(), terminal::Style::kPlain, judgement.fault()}))
+      check(line.text(), columns);
+    check(printed_.str(), SIZE_MAX);
+    printed_.str("");
+  }
+
+ private:
+  static void check(const std::string& text, std::size_t columns) {
+    require(terminal::columns_of(text) <= columns, "a line is on the screen");
+    for (const char letter : text)
+      require(
+          letter == '\n' ? columns == SIZE_MAX : static_cast<unsigned char>(letter) >= ' ' && letter != 0x7f,
+          "nothing moves the cursor");
+  }
+
+  const story::Reading& reading_;
+  std::ostringstream printed_;
+  terminal::View view_;
+  terminal::PlainLines lines_;
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   FuzzedDataProvider input(bytes, size);
   story::Story story;
   story.take(record::Interface{});
+  Watcher watcher(story.reading());
   record::Nanoseconds now = 1700000000000000000;
   for (std::uint64_t number = 1; number <= kMaxItems && input.remaining_bytes() > 0; ++number) {
     const int pace = input.ConsumeIntegralInRange(0, 15);
@@ -132,6 +187,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     } else if (now < INT64_MAX / 2) {
       now += pace == 14 ? 20000000000 : pace == 13 ? 5000000000 : 1000000;
     }
+    if (number % 16 == 0) watcher.look(number + input.remaining_bytes());
     if (input.ConsumeIntegralInRange(0, 9) == 0) {
       story.take(entry(input), now, number);
       continue;
@@ -153,6 +209,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     story.take(whole);
   }
   story.finish(false);
+  watcher.look(size);
   check(story.reading());
   return 0;
 }

@@ -178,6 +178,10 @@ TEST_F(ProgramWatchInTerminal, GoesWithTheWheelAndTheSizeOfTheTerminal) {
   terminal_->runs("zirn-run watch run");
   ASSERT_TRUE(terminal_->shows("read file20"));
   EXPECT_EQ(terminal_->screen().find("read file13"), std::string::npos);
+  terminal_->presses({"PPage"});
+  EXPECT_TRUE(terminal_->shows("read file13,")) << terminal_->screen();
+  terminal_->presses({"NPage", "End"});
+  EXPECT_TRUE(terminal_->shows("read file20"));
   for (int i = 0; i < 4; ++i) terminal_->turns_the_wheel(true);
   EXPECT_TRUE(terminal_->shows("read file8")) << terminal_->screen();
   EXPECT_TRUE(terminal_->no_longer_shows("read file20"));
@@ -192,7 +196,7 @@ TEST_F(ProgramWatchInTerminal, FollowsAPipePausesAndGoesOn) {
   const std::string first = MadeCapture().read("kernel.img").contents();
   std::ofstream pipe = feeds(first);
   ASSERT_TRUE(terminal_->shows("kernel.img, 8 bytes")) << terminal_->screen();
-  EXPECT_NE(terminal_->screen().find("reading\n"), std::string::npos) << terminal_->screen();
+  EXPECT_NE(terminal_->screen().find("live\n"), std::string::npos) << terminal_->screen();
   terminal_->presses({"p"});
   EXPECT_TRUE(terminal_->shows("PAUSED"));
   pipe << a_run().contents().substr(first.size()) << std::flush;
@@ -221,6 +225,22 @@ TEST_F(ProgramWatchInTerminal, SavesTheRecordSoFarAndThePicture) {
   terminal_->presses({"d"});
   EXPECT_TRUE(terminal_->shows("drawn: run-20231114T221320Z.svg")) << terminal_->screen();
   EXPECT_NE(whole_file("run-20231114T221320Z.svg").find("PPT_PASSED"), std::string::npos);
+}
+
+TEST_F(ProgramWatchInTerminal, SaysWhyItCannotSave) {
+  const std::string first = MadeCapture().read("kernel.img").contents();
+  terminal_->runs("TMPDIR=/nowhere; export TMPDIR");
+  std::ofstream pipe = feeds(first);
+  ASSERT_TRUE(terminal_->shows("kernel.img, 8 bytes")) << "what comes is shown all the same";
+  terminal_->presses({"s"});
+  EXPECT_TRUE(
+      terminal_->shows("not saved: run-20231114T221320Z.pcapng: cut short: No such file or directory"))
+      << terminal_->screen();
+  terminal_->presses({"p"});
+  EXPECT_TRUE(terminal_->shows("PAUSED"));
+  pipe << a_run().contents().substr(first.size()) << std::flush;
+  terminal_->presses({"p"});
+  EXPECT_TRUE(terminal_->shows("PPT_PASSED")) << terminal_->screen();
 }
 
 TEST_F(ProgramWatchInTerminal, LeavesTheTerminalAsItWasHoweverItEnds) {

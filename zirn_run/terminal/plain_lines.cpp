@@ -34,7 +34,7 @@ void PlainLines::look() {
     const Told gap = told(reading_, {true, gaps_});
     print(time_in_words(reading_, gap.at), gap.text);
   }
-  // What is further back does not come again.
+  // Of what is further back it is not told when it comes again.
   const std::size_t known = counts_.size();
   counts_.resize(reading_.steps.size());
   for (std::size_t i = known - std::min(known, story::Book::kOrderWindow); i < counts_.size(); ++i) {

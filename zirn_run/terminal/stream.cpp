@@ -15,13 +15,13 @@ namespace {
 
 constexpr std::size_t kBufferBytes = std::size_t{64} << 10;
 
+// -1: there can be none; errno says why.
 int file_without_a_name() {
   const char* const folder = std::getenv("TMPDIR");
-  std::string name =
-      std::string(folder != nullptr && *folder != '\0' ? folder : "/var/tmp") + "/zirn-run-XXXXXX";
+  std::string name = folder != nullptr && *folder != '\0' ? folder : "/var/tmp";
+  name += "/zirn-run-XXXXXX";
   const int descriptor = mkostemp(name.data(), O_CLOEXEC);
-  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), name);
-  unlink(name.c_str());
+  if (descriptor >= 0) unlink(name.c_str());
   return descriptor;
 }
 
@@ -39,7 +39,9 @@ int write_all(int descriptor, const char* bytes, std::size_t count) {
 }  // namespace
 
 Stream::Stream(int descriptor, Wait wait)
-    : descriptor_(descriptor), wait_(std::move(wait)), kept_(file_without_a_name()), buffer_(kBufferBytes) {}
+    : descriptor_(descriptor), wait_(std::move(wait)), kept_(file_without_a_name()), buffer_(kBufferBytes) {
+  if (kept_ < 0) error_ = errno;
+}
 
 Stream::~Stream() {
   close(kept_);
@@ -106,8 +108,7 @@ void Stream::save(const std::string& name) const {
   }
   if (close(file) != 0 && error == 0) error = errno;
   if (error != 0) throw std::system_error(error, std::generic_category(), name);
-  if (error_ != 0)
-    throw std::system_error(error_, std::generic_category(), name + ": only the beginning was kept");
+  if (error_ != 0) throw std::system_error(error_, std::generic_category(), name + ": cut short");
 }
 
 }  // namespace terminal

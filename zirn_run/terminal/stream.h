@@ -20,7 +20,6 @@ class Stream : public std::streambuf {
   // Returns when the descriptor can be read; false: no more is wanted.
   using Wait = std::function<bool(int descriptor)>;
 
-  // Throws std::system_error where there is no room for what comes.
   Stream(int descriptor, Wait wait);
   ~Stream() override;
   Stream(const Stream&) = delete;

@@ -300,11 +300,11 @@ void Watch::draw() {
 Heading Watch::heading() const {
   Heading heading;
   heading.title = "zirn-run watch  " + name();
-  heading.state = has_ended_       ? "ended"
-                  : is_paused_     ? "PAUSED"
-                  : is_live()      ? "live"
-                  : options_.speed ? pace_in_words(*options_.speed)
-                                   : "reading";
+  heading.state = has_ended_           ? "ended"
+                  : is_paused_         ? "PAUSED"
+                  : stream_ != nullptr ? "live"
+                  : options_.speed     ? pace_in_words(*options_.speed)
+                                       : "reading";
   heading.how_far = judgement_.how_far();
   picture::add_words(&heading.how_far, under_way(story_.reading()));
   heading.how_far_style = judgement_.style_of_how_far();
