@@ -408,7 +408,7 @@ def measure_program(cpus):
 
 def measure_recorder(settings):
     if not SETTINGS["zirn_run"]:
-        say("skipped: the recorder (zirn-run is not built: libpcap-dev, libcli11-dev, zlib1g-dev)")
+        say("skipped: the recorder (zirn-run is not built: libpcap-dev, libcli11-dev, libncurses-dev, zlib1g-dev)")
         return []
     return recorder.measure(SETTINGS, SERVED, settings, ROUNDS)
 

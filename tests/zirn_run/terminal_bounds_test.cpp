@@ -4,6 +4,7 @@
 
 #include <ctime>
 
+#include "support/sanitized.h"
 #include "terminal/judgement.h"
 #include "terminal/view.h"
 #include "zirn_run/made_run.h"
@@ -86,9 +87,9 @@ TEST(TerminalBounds, AnHourOfImagesTakesThirtyMebibytesAndATwentiethOfAProcessor
   EXPECT_EQ(hour.run.reading().transfers.back().end, story::Transfer::End::kFinished);
   EXPECT_EQ(hour.run.reading().left_out, 0U);
   EXPECT_LE(seconds, 0.05 * 3600) << "for an hour at 1,000 frames a second";
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  EXPECT_LE(mebibytes, 30) << "with this test in it";
-#endif
+  if (!kSanitized) {
+    EXPECT_LE(mebibytes, 30) << "with this test in it";
+  }
   RecordProperty("processor_seconds", std::to_string(seconds));
   RecordProperty("mebibytes", std::to_string(mebibytes));
   std::printf("%.1f s of a processor, %.1f MiB\n", seconds, mebibytes);
