@@ -128,6 +128,17 @@ std::string_view name_of(Outcome outcome) {
   return outcome == Outcome::kPassed ? "passed" : outcome == Outcome::kFailed ? "failed" : "none";
 }
 
+std::string in_utc(Nanoseconds at) {
+  const auto seconds = static_cast<std::time_t>(at / 1000000000);
+  std::tm parts = {};
+  gmtime_r(&seconds, &parts);
+  char text[40];
+  const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  char fraction[20];
+  std::snprintf(fraction, sizeof fraction, ".%03dZ", static_cast<int>(at / 1000000 % 1000));
+  return std::string(text, size) + fraction;
+}
+
 std::string text_of(const Explanation& explanation, const std::string& name) {
   const Cause& cause = *explanation.fault.cause;
   std::string text = explanation.name.empty() ? frames::printable(name) : explanation.name;

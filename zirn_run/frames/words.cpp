@@ -48,7 +48,19 @@ void add_escaped(std::string_view bytes, std::string* text) {
   }
 }
 
-bool add_named(char letter, std::string* text) {
+// Adds some letters in words of its own, and says whether this is one.
+using Named = bool (*)(char letter, std::string* text);
+
+bool add_nothing(char, std::string*) {
+  return false;
+}
+
+bool add_backslash(char letter, std::string* text) {
+  if (letter == '\\') add_escaped("\\", text);
+  return letter == '\\';
+}
+
+bool add_controls(char letter, std::string* text) {
   switch (letter) {
     case '\0':
       *text += "\\0";
@@ -64,7 +76,7 @@ bool add_named(char letter, std::string* text) {
   }
 }
 
-std::string each(std::string_view bytes, bool names_controls, std::size_t most = kMaxBytes) {
+std::string each(std::string_view bytes, std::size_t most, const Named& add_named) {
   std::string text;
   std::size_t i = 0;
   while (i < bytes.size() && i < most) {
@@ -72,7 +84,7 @@ std::string each(std::string_view bytes, bool names_controls, std::size_t most =
     const std::size_t size = character.size == 0 ? 1 : character.size;
     const std::string_view part = bytes.substr(i, size);
     i += size;
-    if (names_controls && size == 1 && add_named(part[0], &text)) continue;
+    if (size == 1 && add_named(part[0], &text)) continue;
     if (character.size > 0 && is_shown(character.code)) {
       text += part;
     } else {
@@ -85,15 +97,19 @@ std::string each(std::string_view bytes, bool names_controls, std::size_t most =
 }  // namespace
 
 std::string printable(std::string_view bytes) {
-  return each(bytes, false);
+  return each(bytes, kMaxBytes, add_nothing);
+}
+
+std::string escaped(std::string_view bytes) {
+  return each(bytes, bytes.size(), add_backslash);
 }
 
 std::string printable_sentence(std::string_view bytes) {
-  return each(bytes, false, bytes.size());
+  return each(bytes, bytes.size(), add_nothing);
 }
 
 std::string quoted(std::string_view bytes) {
-  return "\"" + each(bytes, true) + "\"";
+  return "\"" + each(bytes, kMaxBytes, add_controls) + "\"";
 }
 
 std::string counted(std::uint64_t count, const std::string& thing) {

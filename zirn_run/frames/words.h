@@ -16,6 +16,9 @@ std::string printable(std::string_view bytes);
 // The same of a whole sentence, in which names may stand: nothing is left out.
 std::string printable_sentence(std::string_view bytes);
 
+// The same of any bytes, so that they can be told from it: a backslash is \x5c.
+std::string escaped(std::string_view bytes);
+
 // As printable, in quotation marks; NUL as \0, line ends as \r and \n.
 std::string quoted(std::string_view bytes);
 

@@ -20,6 +20,8 @@ Work draw_command(CLI::App& app);
 Work record_command(CLI::App& app);
 Work explain_command(CLI::App& app);
 Work watch_command(CLI::App& app);
+Work collect_command(CLI::App& app);
+Work report_command(CLI::App& app);
 
 inline constexpr Command kCommands[] = {
     {"check", "Say whether the station is ready for a run", check_command},
@@ -28,6 +30,8 @@ inline constexpr Command kCommands[] = {
     {"draw", "Draw a run as a picture (SVG)", draw_command},
     {"explain", "Say whether a run passed, whose fault it is if not, and what shows that", explain_command},
     {"watch", "Show a run in the terminal as it happens, or as it was", watch_command},
+    {"collect", "Put runs into a database", collect_command},
+    {"report", "Count the runs of a database", report_command},
 };
 
 #endif

@@ -18,17 +18,6 @@ struct Options {
   bool is_causes = false;
 };
 
-// "runs/lan0-17.pcapng" is "lan0-17".
-std::string name_in(const std::string& file) {
-  if (file == "-" || file.empty()) return "standard input";
-  std::string name = file.substr(file.rfind('/') + 1);
-  for (const std::string ending : {".gz", ".pcapng", ".pcap"}) {
-    const std::size_t rest = name.size() - std::min(name.size(), ending.size());
-    if (rest > 0 && name.compare(rest, ending.size(), ending) == 0) name.resize(rest);
-  }
-  return name;
-}
-
 // Whether the run passed. Throws NotPossible.
 bool answer(const run_files::Files& files, const Options& options) {
   story::Story story;

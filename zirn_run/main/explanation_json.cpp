@@ -1,7 +1,5 @@
 #include "main/explanation_json.h"
 
-#include <cstdio>
-#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "explanation/text.h"
@@ -13,18 +11,6 @@ using Json = nlohmann::ordered_json;
 using namespace explanation;
 
 constexpr int kSchemaVersion = 1;  // docs/explanation.md says when it grows
-
-// "2026-11-22T03:12:40.123Z"
-std::string in_utc(Nanoseconds at) {
-  const auto seconds = static_cast<std::time_t>(at / 1000000000);
-  std::tm parts = {};
-  gmtime_r(&seconds, &parts);
-  char text[40];
-  const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-  char fraction[20];
-  std::snprintf(fraction, sizeof fraction, ".%03dZ", static_cast<int>(at / 1000000 % 1000));
-  return std::string(text, size) + fraction;
-}
 
 template <typename Value>
 Json or_null(const std::optional<Value>& value) {

@@ -1,5 +1,6 @@
 #include "main/run_options.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 
@@ -38,4 +39,14 @@ void tell_run(const run_files::Files& files, story::Story* story) {
   } catch (const run_files::NotTogether& error) {
     throw CLI::ValidationError(files.journal ? "--journal" : "--log", error.what());
   }
+}
+
+std::string name_in(const std::string& file) {
+  if (file == "-" || file.empty()) return "standard input";
+  std::string name = file.substr(file.rfind('/') + 1);
+  for (const std::string ending : {".gz", ".pcapng", ".pcap"}) {
+    const std::size_t rest = name.size() - std::min(name.size(), ending.size());
+    if (rest > 0 && name.compare(rest, ending.size(), ending) == 0) name.resize(rest);
+  }
+  return name;
 }
