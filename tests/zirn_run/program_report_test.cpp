@@ -1,0 +1,192 @@
+// zirn-run report as it is called.
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+#include "support/sanitized.h"
+#include "zirn_run/collected_runs.h"
+#include "zirn_run/many_runs.h"
+
+namespace {
+
+class ProgramReport : public CollectedRuns {
+ protected:
+  // Runs 0 to 5, of which 4 fails, another without a final verdict, and a file that is none.
+  void collect_some() const {
+    make_runs("runs", 0, 6);
+    write_whole_file("runs/<&\"'>.pcapng", MadeCapture().verdict("F_l_m_01=A\",<b>_PASSED", 2002).contents());
+    write_whole_file("runs/text.pcapng", "This is no record.");
+    make_old("runs/text.pcapng");
+    ASSERT_EQ(collects({"runs"}).status, 0);
+  }
+  std::string host() const { return row("SELECT DISTINCT host FROM files"); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, ProgramReport, testing::Values(Kind::kSqlite, Kind::kPostgres), name_of_kind);
+
+// What python reads of it, a field of each run in a line.
+TEST_P(ProgramReport, GivesCsvThatOtherProgramsRead) {
+  NEEDS_PROGRAM("python3", "python3");
+  collect_some();
+  const Result result = calls({"report", "--csv", database_});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  write_whole_file("runs.csv", result.output);
+  Program python(
+      {"python3", "-c",
+       "import csv\n"
+       "for run in csv.DictReader(open('runs.csv', newline='', encoding='utf-8'), strict=True):\n"
+       "  assert None not in run and None not in run.values()\n"
+       "  print(run['started'], run['name'], run['verdict'], run['fault_cause'], run['duration'])\n"});
+  EXPECT_EQ(python.exit_status(kPatience), 0) << python.output();
+  EXPECT_EQ(python.output(),
+            "2023-11-14T22:13:20.001Z <&\"'> none record.no-end 0.002\n"
+            "2023-11-14T22:13:20.001Z run-0 passed passed 0.008\n"
+            "2023-11-14T22:13:21.001Z run-1 passed passed 0.008\n"
+            "2023-11-14T22:13:22.001Z run-2 passed passed 0.008\n"
+            "2023-11-14T22:13:23.001Z run-3 passed passed 0.008\n"
+            "2023-11-14T22:13:24.001Z run-4 failed unit.failed 0.008\n"
+            "2023-11-14T22:13:25.001Z run-5 passed passed 0.008\n");
+}
+
+TEST_P(ProgramReport, KeepsFormulasOutOfSpreadsheets) {
+  std::filesystem::create_directory("runs");
+  write_whole_file("runs/=1+1.pcapng", run(0));
+  ASSERT_EQ(collects({"runs"}).status, 0);
+  EXPECT_NE(calls({"report", "--csv", database_}).output.find(",'=1+1,"), std::string::npos);
+}
+
+TEST_P(ProgramReport, GivesJUnitsXml) {
+  collect_some();
+  const Result result = calls({"report", "--junit", database_});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  const std::string at = host();
+  const std::string counts = " tests=\"8\" failures=\"1\" errors=\"2\" time=\"0.050\">\n";
+  EXPECT_EQ(result.output.substr(0, result.output.find("    <testcase")),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites" + counts +
+                "  <testsuite name=\"zirn-run\"" + counts);
+  const auto expect_case = [&](const std::string& text) {
+    EXPECT_NE(result.output.find("    <testcase classname=\"" + at + "\" name=\"" + text), std::string::npos)
+        << text << "\n"
+        << result.output;
+  };
+  expect_case("run-3\" time=\"0.008\"/>\n");
+  expect_case("run-4\" time=\"0.008\"><failure type=\"unit.failed\" message=\"unit: ");
+  expect_case("&lt;&amp;&quot;'&gt;\" time=\"0.002\"><error type=\"record.no-end\" message=\"");
+  expect_case(
+      directory_.file("runs/text.pcapng\" time=\"0.000\"><error type=\"unreadable\" message=\"") +
+      directory_.file("runs/text.pcapng: expected a pcapng or pcap file, found text\"/></testcase>\n"));
+  if (!Program::exists("python3")) return;
+  write_whole_file("runs.xml", result.output);
+  Program python(
+      {"python3", "-c",
+       "import xml.etree.ElementTree as t; print(len(t.parse('runs.xml').findall('.//testcase')))"});
+  EXPECT_EQ(python.exit_status(kPatience), 0);
+  EXPECT_EQ(python.output(), "8\n");
+}
+
+TEST_P(ProgramReport, WritesSumsForNodeExporter) {
+  collect_some();
+  write_whole_file("runs.prom", "what was before\n");
+  const Result result = calls({"report", "--prometheus", "runs.prom", database_});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(result.output, "");
+  const std::string station = "{station=\"" + host() + "\"";
+  EXPECT_EQ(
+      whole_file("runs.prom"),
+      "# HELP zirn_runs Runs in the database.\n# TYPE zirn_runs gauge\n"
+      "zirn_runs" +
+          station +
+          ",verdict=\"failed\"} 1\n"
+          "zirn_runs" +
+          station +
+          ",verdict=\"none\"} 1\n"
+          "zirn_runs" +
+          station +
+          ",verdict=\"passed\"} 5\n"
+          "# HELP zirn_run_faults Runs by whose fault they are and by what cause.\n# TYPE zirn_run_faults "
+          "gauge\n"
+          "zirn_run_faults" +
+          station +
+          ",owner=\"none\",cause=\"passed\"} 5\n"
+          "zirn_run_faults" +
+          station +
+          ",owner=\"unit\",cause=\"unit.failed\"} 1\n"
+          "zirn_run_faults" +
+          station +
+          ",owner=\"unknown\",cause=\"record.no-end\"} 1\n"
+          "# HELP zirn_run_frames_lost Frames lost on the test network.\n# TYPE zirn_run_frames_lost gauge\n"
+          "zirn_run_frames_lost" +
+          station +
+          "} 0\n"
+          "# HELP zirn_run_blocks_repeated Blocks that were sent again.\n# TYPE zirn_run_blocks_repeated "
+          "gauge\n"
+          "zirn_run_blocks_repeated" +
+          station +
+          "} 0\n"
+          "# HELP zirn_run_duration_seconds How long the runs took together.\n"
+          "# TYPE zirn_run_duration_seconds gauge\n"
+          "zirn_run_duration_seconds" +
+          station +
+          "} 0.050\n"
+          "# HELP zirn_run_unreadable_files Files that are no readable run.\n"
+          "# TYPE zirn_run_unreadable_files gauge\n"
+          "zirn_run_unreadable_files 1\n");
+  EXPECT_FALSE(std::filesystem::exists("runs.prom.part"));
+}
+
+TEST_P(ProgramReport, CountsFoldersAsItCountsADatabase) {
+  collect_some();
+  const Result of_folder = calls({"report", "--junit", "runs"});
+  EXPECT_EQ(of_folder.status, 0);
+  EXPECT_EQ(of_folder.output, calls({"report", "--junit", database_}).output);
+  EXPECT_EQ(of_folder.errors,
+            "zirn-run: " + directory_.file("runs/text.pcapng: expected a pcapng or pcap file, found text\n"));
+}
+
+// All of the runs would take more than it may have.
+TEST_P(ProgramReport, HoldsNoMoreOfManyRunsThanOfFew) {
+  constexpr int kRuns = 100000;
+  const std::string limit = kSanitized ? "" : "ulimit -d 49152; ";  // KiB
+  {
+    database::Database made(database_, database::Database::Use::kWrite, {});
+    fill_with_runs(&made, kRuns);
+  }
+  Program report({"sh", "-c",
+                  limit + "'" ZIRN_RUN_PROGRAM "' report --csv --prometheus sums '" + database_ +
+                      "' > runs.csv && '" + ZIRN_RUN_PROGRAM "' report --junit '" + database_ +
+                      "' > runs.xml"});
+  EXPECT_EQ(report.exit_status(kPatience), 0) << report.output();
+  const auto lines = [](const std::string& file) {
+    std::ifstream text(file);
+    return std::count(std::istreambuf_iterator<char>(text), {}, '\n');
+  };
+  EXPECT_EQ(lines("runs.csv"), kRuns + 1);
+  EXPECT_EQ(lines("runs.xml"), kRuns + 5);
+}
+
+class ProgramReportCall : public CalledProgram {};
+
+TEST_F(ProgramReportCall, RefusesAWrongCall) {
+  expect_refused({"report"}, 2, "--csv, --junit or --prometheus is required");
+  expect_refused({"report", "--csv", "--junit"}, 2, "--csv excludes --junit");
+  expect_refused({"report", "--csv", "a", "b"}, 3,
+                 "zirn-run: expected one database, or folders, found 2 names");
+}
+
+TEST_F(ProgramReportCall, MakesNoDatabase) {
+  unsetenv("ZIRN_RUN_DATABASE");
+  expect_refused({"report", "--csv"}, 3, "zirn-run: runs.db: No such file or directory");
+  EXPECT_FALSE(std::filesystem::exists("runs.db"));
+  write_whole_file("runs.db", "");
+  expect_refused({"report", "--csv"}, 3,
+                 "zirn-run: runs.db: expected a database of runs, found no tables of one");
+}
+
+TEST_F(ProgramReportCall, LeavesAPipeWhereItIs) {
+  write_whole_file("run.pcapng", MadeCapture().verdict("F_l_m_02PPT_PASSED", 2002).contents());
+  ASSERT_EQ(calls({"collect", "--into", "runs.db", "run.pcapng"}).status, 0);
+  expect_refused({"report", "runs.db", "--prometheus", "/dev/null"}, 3,
+                 "zirn-run: /dev/null: expected a file, or none, found something else");
+}
+
+}  // namespace
