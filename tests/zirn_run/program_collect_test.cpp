@@ -182,11 +182,11 @@ TEST_P(ProgramCollect, RefusesANewerSchema) {
 
 // At whatever moment: what was put before is whole, and the next call puts the rest.
 TEST_P(ProgramCollect, MayBeKilled) {
-  constexpr int kRuns = 2000;
+  constexpr int kRuns = 800;
   make_runs("runs", 0, kRuns);
   ASSERT_EQ(collects({"runs/run-0.pcapng"}).status, 0);
   const auto runs_there = [this] { return std::stoi(count("runs")); };
-  for (int milliseconds = 0; milliseconds < 10; ++milliseconds) {
+  for (int milliseconds = 0; milliseconds < 8; ++milliseconds) {
     const int before = runs_there();
     Process collector({ZIRN_RUN_PROGRAM, "collect", "--into", database_, "runs"});
     collector.close_input();

@@ -177,8 +177,9 @@ class Collector {
     bool is_new = false;
     bool is_gone = false;
     database_->transact([&](soci::session& session) {
-      is_new = rows && put(session, *rows);
-      file->run = id_of(session, look.content);
+      file->run = rows ? put(session, *rows) : std::nullopt;
+      is_new = file->run.has_value();
+      if (!is_new) file->run = id_of(session, look.content);
       is_gone = !file->run;
       if (is_gone) return;
       if (!is_new) set_record(session, *file);

@@ -81,9 +81,10 @@ std::vector<Bound> bound_of(const Row& row) {
   return bound;
 }
 
-// How many rows it has added: those that are bound, which have the same columns.
-long long insert(soci::session& session, const std::string& table,
-                 const std::vector<std::vector<Bound>>& rows, const std::string& rest) {
+// Adds the rows that are bound, which have the same columns. The number that `rest` has it return; nothing where it
+// returns none.
+std::optional<long long> insert(soci::session& session, const std::string& table,
+                                const std::vector<std::vector<Bound>>& rows, const std::string& rest) {
   std::string names, values;
   std::vector<Bound> all;
   for (const std::vector<Bound>& row : rows) {
@@ -96,9 +97,12 @@ long long insert(soci::session& session, const std::string& table,
       all.push_back({name, one.value});
     }
   }
-  return Statement(session, "INSERT INTO " + table + " (" + names + ") VALUES " + values + ")" + rest,
-                   std::move(all))
-      .changed();
+  Statement statement(session, "INSERT INTO " + table + " (" + names + ") VALUES " + values + ")" + rest,
+                      std::move(all));
+  long long number = 0;
+  const bool returns = rest.find("RETURNING") != std::string::npos;
+  if (returns) statement.into(&number);
+  return statement.next() && returns ? std::optional(number) : std::nullopt;
 }
 
 template <typename Row>
@@ -149,16 +153,16 @@ RunRows rows_of(const Told& told, const std::string& content, const File& record
   return rows;
 }
 
-bool put(soci::session& session, const RunRows& rows) {
+std::optional<long long> put(soci::session& session, const RunRows& rows) {
   std::vector<Bound> bound = bound_of(rows.run);
   bound.push_back({"json", rows.json});
-  if (insert(session, Run::kTable, {std::move(bound)}, " ON CONFLICT (content) DO NOTHING") == 0)
-    return false;
-  const long long id = *id_of(session, rows.run.content);
-  insert_of_run(session, id, rows.reads);
-  insert_of_run(session, id, rows.steps);
-  insert_of_run(session, id, rows.findings);
-  return true;
+  const auto id =
+      insert(session, Run::kTable, {std::move(bound)}, " ON CONFLICT (content) DO NOTHING RETURNING id");
+  if (!id) return std::nullopt;
+  insert_of_run(session, *id, rows.reads);
+  insert_of_run(session, *id, rows.steps);
+  insert_of_run(session, *id, rows.findings);
+  return id;
 }
 
 std::optional<long long> id_of(soci::session& session, const std::string& content) {

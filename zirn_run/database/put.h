@@ -24,8 +24,8 @@ struct RunRows {
 // `record`: the file that tells it.
 RunRows rows_of(const Told& told, const std::string& content, const File& record);
 
-// Whether it is new; else nothing is changed.
-bool put(soci::session& session, const RunRows& rows);
+// The id of a run that is new; of another nothing is changed.
+std::optional<long long> put(soci::session& session, const RunRows& rows);
 // Of the run with this content.
 std::optional<long long> id_of(soci::session& session, const std::string& content);
 // From now on that file is where the run's record is.

@@ -51,34 +51,34 @@ void refuse_newer(long long found, std::size_t known) {
 
 const std::vector<Migration>& migrations() {
   static const std::vector<Migration> kMigrations = {{
-      "CREATE TABLE runs (id {id}, content {text} NOT NULL UNIQUE, station {text} NOT NULL, name {text} NOT "
-      "NULL, "
-      "started {text}, day {text}, duration DOUBLE PRECISION NOT NULL, verdict {text} NOT NULL, "
-      "exit_status BIGINT, exit_signal BIGINT, exit_meaning {text}, unit_address {text}, unit_mac {text}, "
-      "fault_owner {text} NOT NULL, fault_cause {text} NOT NULL, fault_sentence {text} NOT NULL, failed_step "
-      "{text}, "
-      "frames_lost BIGINT NOT NULL, blocks_repeated BIGINT NOT NULL, incomplete BIGINT NOT NULL, "
-      "record_host {text} NOT NULL, record {text} NOT NULL, explained_by {text} NOT NULL, collected {text} "
-      "NOT NULL, "
-      "json {text} NOT NULL)",
+      R"(CREATE TABLE runs (
+           id {id}, content {text} NOT NULL UNIQUE, station {text} NOT NULL, name {text} NOT NULL,
+           started {text}, day {text}, duration DOUBLE PRECISION NOT NULL, verdict {text} NOT NULL,
+           exit_status BIGINT, exit_signal BIGINT, exit_meaning {text},
+           unit_address {text}, unit_mac {text},
+           fault_owner {text} NOT NULL, fault_cause {text} NOT NULL, fault_sentence {text} NOT NULL,
+           failed_step {text}, frames_lost BIGINT NOT NULL, blocks_repeated BIGINT NOT NULL,
+           incomplete BIGINT NOT NULL, record_host {text} NOT NULL, record {text} NOT NULL,
+           explained_by {text} NOT NULL, collected {text} NOT NULL, json {text} NOT NULL))",
       "CREATE INDEX runs_in_order ON runs ((coalesce(started, '')), id)",
       "CREATE INDEX runs_of_station ON runs (station, started)",
       "CREATE INDEX runs_of_unit ON runs (unit_mac, started)",
-      "CREATE TABLE reads (run BIGINT NOT NULL REFERENCES runs (id) ON DELETE CASCADE, position BIGINT NOT "
-      "NULL, "
-      "file {text} NOT NULL, bytes BIGINT, block_size BIGINT, seconds DOUBLE PRECISION, blocks BIGINT, "
-      "repeated BIGINT, finished BIGINT, PRIMARY KEY (run, position))",
-      "CREATE TABLE steps (run BIGINT NOT NULL REFERENCES runs (id) ON DELETE CASCADE, position BIGINT NOT "
-      "NULL, "
-      "name {text} NOT NULL, result {text} NOT NULL, PRIMARY KEY (run, position))",
-      "CREATE TABLE findings (run BIGINT NOT NULL REFERENCES runs (id) ON DELETE CASCADE, position BIGINT "
-      "NOT NULL, "
-      "sentence_number BIGINT NOT NULL, role {text} NOT NULL, owner {text} NOT NULL, cause {text} NOT NULL, "
-      "sentence {text} NOT NULL, evidence {text} NOT NULL, first_frame BIGINT, last_frame BIGINT, "
-      "first_line BIGINT, last_line BIGINT, PRIMARY KEY (run, position, sentence_number))",
-      "CREATE TABLE files (host {text} NOT NULL, path {text} NOT NULL, size BIGINT NOT NULL, "
-      "modified BIGINT NOT NULL, run BIGINT REFERENCES runs (id) ON DELETE CASCADE, reason {text}, "
-      "collected {text} NOT NULL, PRIMARY KEY (host, path), CHECK ((run IS NULL) <> (reason IS NULL)))",
+      R"(CREATE TABLE reads (
+           run BIGINT NOT NULL REFERENCES runs (id) ON DELETE CASCADE, position BIGINT NOT NULL,
+           file {text} NOT NULL, bytes BIGINT, block_size BIGINT, seconds DOUBLE PRECISION, blocks BIGINT,
+           repeated BIGINT, finished BIGINT, PRIMARY KEY (run, position)))",
+      R"(CREATE TABLE steps (
+           run BIGINT NOT NULL REFERENCES runs (id) ON DELETE CASCADE, position BIGINT NOT NULL,
+           name {text} NOT NULL, result {text} NOT NULL, PRIMARY KEY (run, position)))",
+      R"(CREATE TABLE findings (
+           run BIGINT NOT NULL REFERENCES runs (id) ON DELETE CASCADE, position BIGINT NOT NULL,
+           sentence_number BIGINT NOT NULL, role {text} NOT NULL, owner {text} NOT NULL, cause {text} NOT NULL,
+           sentence {text} NOT NULL, evidence {text} NOT NULL, first_frame BIGINT, last_frame BIGINT,
+           first_line BIGINT, last_line BIGINT, PRIMARY KEY (run, position, sentence_number)))",
+      R"(CREATE TABLE files (
+           host {text} NOT NULL, path {text} NOT NULL, size BIGINT NOT NULL, modified BIGINT NOT NULL,
+           run BIGINT REFERENCES runs (id) ON DELETE CASCADE, reason {text}, collected {text} NOT NULL,
+           PRIMARY KEY (host, path), CHECK ((run IS NULL) <> (reason IS NULL))))",
       "CREATE INDEX files_of_run ON files (run)",
       "CREATE VIEW unreadable AS SELECT host, path, reason, collected FROM files WHERE reason IS NOT NULL",
   }};

@@ -72,11 +72,6 @@ class Statement {
     }
     return has_row;
   }
-  // How many rows it changed.
-  long long changed() {
-    execute();
-    return statement_.get_affected_rows();
-  }
 
  private:
   template <typename Type>
