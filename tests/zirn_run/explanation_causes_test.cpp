@@ -311,12 +311,45 @@ TEST_F(Silences, OfAStationThatIsKilled) {
   EXPECT_EQ(fault(), "unknown read.unanswered");
 }
 
-TEST_F(Silences, OfAUnitThatBeginsAnew) {
+TEST_F(Silences, OfAUnitThatGoesOnWithSomethingElse) {
   begins();
   falls_silent();
   asks_for("other.img");
   ends(15);
+  EXPECT_EQ(fault(), "unit read.left");
+  const std::string& sentence = told.fault.statements.at(0).sentence;
+  EXPECT_NE(
+      sentence.find("0 blocks acknowledged of 1 sent; it was silent for at least 45.0 s, and then asked for "
+                    "other.img at 62."),
+      std::string::npos)
+      << sentence;
+}
+
+TEST_F(Silences, OfAUnitThatReadsItsBootScriptAgain) {
+  begins();
+  reads("bootscript.txt");
+  falls_silent();
+  reads("bootscript.txt");
+  fails();
   EXPECT_EQ(fault(), "unit unit.restarted");
+}
+
+TEST_F(Silences, OfAUnitThatReportsItsBootAgain) {
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  falls_silent();
+  gives("F_l_m_t_Bootstrap_loading");
+  fails();
+  EXPECT_EQ(fault(), "unit unit.failed");
+  EXPECT_TRUE(has_also("unit.restarted"));
+}
+
+TEST_F(Silences, OfAUnitThatReadsItsBootScriptForTheFirstTime) {
+  begins();
+  falls_silent();
+  reads("bootscript.txt");
+  fails();
+  EXPECT_EQ(fault(), "unit read.left");
 }
 
 TEST_F(Silences, OfAUnitThatHadBegunAnewAndPassed) {
@@ -325,7 +358,7 @@ TEST_F(Silences, OfAUnitThatHadBegunAnewAndPassed) {
   reads("kernel.img");
   passes();
   EXPECT_EQ(fault(), "none passed");
-  EXPECT_TRUE(has_also("unit.restarted"));
+  EXPECT_TRUE(has_also("read.left"));
 }
 
 TEST_F(Silences, InWhichFramesAreLost) {

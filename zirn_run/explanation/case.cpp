@@ -65,8 +65,8 @@ Case::Case(const Reading& told) : reading(told) {
 }
 
 void Case::find(std::string_view id, Nanoseconds when, std::string sentence, Evidence evidence,
-                bool can_explain) {
-  findings.push_back({&cause(id), when, {std::move(sentence), evidence}, can_explain});
+                bool can_explain, std::string subject) {
+  findings.push_back({&cause(id), when, {std::move(sentence), evidence}, can_explain, std::move(subject)});
 }
 
 std::vector<const Case::Line*> Case::lines_with(std::string_view printed) const {
@@ -178,9 +178,7 @@ const Transfer& Case::served_by(const Transfer& transfer) const {
 }
 
 void Case::take_successes() {
-  const auto hear = [this](std::size_t party, Nanoseconds when) {
-    Nanoseconds& last = last_heard[party];
-    last = std::max(last, when);
+  const auto hear = [this](std::size_t party) {
     has_unit = has_unit || (party != kNone && reading.parties[party].role == story::Role::kUnit);
   };
   const auto succeed = [this](Nanoseconds when) { last_success = std::max(last_success, when); };
@@ -189,7 +187,7 @@ void Case::take_successes() {
       by_second_answer_[reading.transfers[i].second_answer_of] = i;
   }
   for (const Transfer& asked : reading.transfers) {
-    hear(asked.client, asked.from);
+    hear(asked.client);
     if (asked.server == kStation && asked.requests > 0) requested_.insert(asked.name);
     const Transfer& transfer = served_by(asked);
     if (!is_read_of_file(asked) || !has_come_to_its_end(transfer)) continue;
@@ -198,14 +196,14 @@ void Case::take_successes() {
     if (transfer.bytes > 0) succeed(transfer.answered.value_or(asked.from));
   }
   for (const story::Connection& connection : reading.connections) {
-    hear(connection.client, connection.from);
+    hear(connection.client);
     if (connection.server != kStation) continue;
     for (const story::Connection::Text& text : connection.texts) {
       if (!text.is_from_client) succeed(text.at);
     }
   }
   for (const story::Relayed& relayed : reading.relayed) {
-    hear(relayed.unit, relayed.from);
+    hear(relayed.unit);
     succeed(relayed.from);
   }
   for (const Verdict& verdict : verdicts) succeed(verdict.at);
@@ -310,6 +308,11 @@ std::string seconds(Nanoseconds time) {
     std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(time) / 1e9);
   }
   return text;
+}
+
+std::string cut_in_words(const Case& c, const story::Step& cut) {
+  return "the cable was out from " + moment(c, cut.from) +
+         (cut.until >= c.reading.last ? " on" : " to " + moment(c, cut.until));
 }
 
 std::string moment(const Case& c, Nanoseconds when) {

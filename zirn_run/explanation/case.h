@@ -21,6 +21,7 @@ struct Finding {
   Nanoseconds at = 0;
   Statement statement;
   bool can_explain = true;
+  std::string subject;  // the file, the tool or the verdict that it is about; empty: none
 };
 
 // What is known of a run, in the order that the causes look at it.
@@ -48,16 +49,15 @@ struct Case {
   std::vector<Verdict> verdicts;         // in the order of their times
   std::vector<const story::Step*> cuts;  // of the cable
   std::vector<Finding> findings;
-  bool is_a_run = false;                          // of a station
-  Nanoseconds last_read = 0;                      // that came to its end, also of an empty file
-  bool has_unit = false;                          // one was heard
-  Nanoseconds last_success = 0;                   // of the unit
-  std::map<std::size_t, Nanoseconds> last_heard;  // parties, when they last began something
+  bool is_a_run = false;         // of a station
+  Nanoseconds last_read = 0;     // that came to its end, also of an empty file
+  bool has_unit = false;         // one was heard
+  Nanoseconds last_success = 0;  // of the unit
   std::map<std::string, Nanoseconds, std::less<>>
       read_at;  // files, when the last read that came to its end began
 
   void find(std::string_view cause, Nanoseconds at, std::string sentence, Evidence evidence,
-            bool can_explain = true);
+            bool can_explain = true, std::string subject = "");
   // Where the line is one of these texts of docs/operations.md.
   std::vector<const Line*> lines_with(std::string_view printed) const;
   bool has_line(std::string_view printed) const { return !lines_with(printed).empty(); }
@@ -105,6 +105,8 @@ bool is_cut(std::string_view name);
 bool is_cut(const story::Said& said);
 
 std::string seconds(Nanoseconds time);
+// "the cable was out from 0.3 s on"
+std::string cut_in_words(const Case& c, const story::Step& cut);
 // "12.4 s", since the reading's first moment.
 std::string moment(const Case& c, Nanoseconds when);
 // " at 12.4 s"; empty where there are no times.
@@ -127,6 +129,12 @@ void find_ppt(Case* c);
 void find_commands(Case* c);
 void find_lines(Case* c);
 void find_end(Case* c);
+
+// The cause's meaning and advice, in the words of the run (advice.cpp).
+void tell_cause(const Case& c, Claim* claim);
+
+// How the station ended, and why as far as the record shows it (end.cpp). The reading has a station's end.
+std::string end_in_words(const Case& c);
 
 // What the record lacks (incomplete.cpp).
 std::vector<std::string> incomplete(const Case& c);

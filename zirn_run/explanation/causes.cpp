@@ -41,6 +41,22 @@ std::string_view words_for(Owner owner) {
   return of(owner).words;
 }
 
+std::string filled(std::string_view text, const Words& words) {
+  std::string told;
+  while (true) {
+    const std::size_t open = text.find('{');
+    told += text.substr(0, open);
+    if (open == std::string_view::npos) return told;
+    const std::size_t colon = text.find(':', open), close = text.find('}', open);
+    const auto known = words.find(text.substr(open + 1, colon - open - 1));
+    const std::string word =
+        known != words.end() ? known->second : std::string(text.substr(colon + 1, close - colon - 1));
+    told += word;
+    text.remove_prefix(close + 1);
+    if (word.empty() && text.substr(0, 1) == " ") text.remove_prefix(1);
+  }
+}
+
 std::string_view name_of(Weight weight) {
   switch (weight) {
     case Weight::kDecides:
@@ -64,8 +80,8 @@ const std::vector<Cause>& causes() {
       // The run could not begin, or was ended by what happened in it.
       {"start.port-in-use", O::kStation, W::kDecides,
        "Another program already has the station's TFTP port; usually it is a run that has not ended.",
-       "End that run (systemctl stop zirn-test-station), or the program that ss -ulpn shows on that port. "
-       "Then begin a new run."},
+       "End that run (systemctl stop zirn-test-station), or the program that has UDP port {tftp-port:69}: as "
+       "root, ss -ulpn shows it. Then begin a new run."},
       {"start.no-address", O::kStation, W::kDecides,
        "The station was told to serve on an address (-o) that none of its links has.",
        "Compare -o with what \"ip address\" shows: correct -o, or give the link the address. Then begin a "
@@ -87,14 +103,14 @@ const std::vector<Cause>& causes() {
        "Then begin a new run."},
       {"verdict.too-short", O::kUnit, W::kDecides,
        "The unit gave a verdict whose name is shorter than eight characters, which ends the station's "
-       "program at once (known behaviour 11).",
-       "Have the unit's test script corrected: at least two characters follow F_l_m_ in a verdict. Then "
-       "begin a new run."},
+       "program at once.",
+       "Ask whoever writes the unit's test script to correct it: at least two characters follow F_l_m_ in a "
+       "verdict. Then begin a new run."},
       {"command.left-early", O::kUnit, W::kDecides,
        "The unit closed its command connection before the station had answered, which ended the station's "
        "program.",
-       "Have the unit's test script wait for the answer; look at whether a tool of the board takes too long. "
-       "Then begin a new run."},
+       "Ask whoever writes the unit's test script to let it wait for the answer; see whether a tool of the "
+       "board takes too long. Then begin a new run."},
       // No boot script.
       {"boot.no-right", O::kStation, W::kExplains,
        "The unit gets no boot script: the station's program was started without the right to look at its "
@@ -112,11 +128,12 @@ const std::vector<Cause>& causes() {
        "On the station: ip link set lan0 up. Then begin a new run."},
       {"boot.port-in-use", O::kStation, W::kExplains,
        "The unit gets no boot script: another program already has the message port.",
-       "End the program that ss -ulpn shows on that port (12345, or what -m says). Then begin a new run."},
+       "End the program that has UDP port {port:12345}: as root, ss -ulpn shows it. Then begin a new run."},
       {"boot.no-broadcast", O::kStation, W::kExplains,
        "The unit gets no boot script: the station's lan0:0 has no broadcast address.",
        "Give it one: ip address change 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0. If it has "
-       "one, another program has the message port: end the one that ss -ulpn shows. Then begin a new run."},
+       "one, another program has UDP port {port:12345}: end the one that, as root, ss -ulpn shows. Then "
+       "begin a new run."},
       {"boot.not-sent", O::kStation, W::kExplains,
        "The station could not send its boot script; its line says why.",
        "Look at the cable of lan0, and set the link up: ip link set lan0 up. Then begin a new run."},
@@ -130,22 +147,24 @@ const std::vector<Cause>& causes() {
        "script; look at the cable. Then begin a new run."},
       // What the unit was told wrongly, or not given.
       {"board.tool-failed", O::kBoard, W::kExplains,
-       "The board's T1/E1 tool failed (it ended with 0, known behaviour 36), and the unit was told so.",
-       "Call /mnt/ramdisk/t1-e1 by hand on the board to see what it says, and look at its T1/E1 hardware. "
-       "Then begin a new run."},
+       "The board's T1/E1 tool failed (it ended with 0), and the unit was told so.",
+       "As root on the board, call {tool:/mnt/ramdisk/t1-e1}; show what it says to whoever looks after the "
+       "board's T1/E1 hardware. Then begin a new run."},
       {"board.tool-missing", O::kBoard, W::kExplains,
        "A tool of the station's board is missing, and so the unit was answered wrongly.",
-       "Install the tool that the line names. Then begin a new run."},
+       "Ask whoever looks after the board to install {tool:the tool that the line names}. Then begin a new "
+       "run."},
       {"board.tool-hangs", O::kBoard, W::kExplains,
        "A tool of the station's board was started for the unit, and did not come to its end.",
-       "End this run. Call the tool by hand on the board to see where it stops. Then begin a new run."},
+       "{end:End this run if it still goes on.} As root on the board, call {tool:the tool}; show where it "
+       "stops to whoever looks after the board. Then begin a new run."},
       {"command.unanswered", O::kUnknown, W::kExplains,
        "The unit sent a command and got no answer; the record does not show why.",
        "Begin a new run, and record both networks and the station's lines (zirn-run record), so that it "
        "shows."},
       {"command.port-in-use", O::kStation, W::kExplains,
        "Another program already has the station's command port, and so the unit's commands are not answered.",
-       "End the program that ss -tlpn shows on that port (12345, or what -m says). Then begin a new run."},
+       "End the program that has TCP port {port:12345}: as root, ss -tlpn shows it. Then begin a new run."},
       {"command.no-address", O::kStation, W::kExplains,
        "The station does not have the address 172.40.0.1, and so it takes no commands.",
        "On the station: ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0. Then "
@@ -155,12 +174,13 @@ const std::vector<Cause>& causes() {
        kDescriptors},
       {"command.too-early", O::kUnit, W::kExplains,
        "The unit sent a command before its first verdict; the station takes commands only after that.",
-       "Have the unit's test script corrected: first a verdict, then commands. Then begin a new run."},
+       "Ask whoever writes the unit's test script to correct it: first a verdict, then commands. Then begin "
+       "a new run."},
       {"command.second", O::kUnit, W::kExplains,
        "The unit sent a command on a second connection while its first one was open; the station serves one "
        "at a time.",
-       "Have the unit's test script corrected: it closes each command connection before it opens the next. "
-       "Then begin a new run."},
+       "Ask whoever writes the unit's test script to correct it: it closes each command connection before it "
+       "opens the next. Then begin a new run."},
       {"command.refused", O::kUnknown, W::kExplains,
        "The station refused the unit's connection for commands; the record does not show why.",
        "Read what the station printed at the first verdict, and run zirn-run check on the station. Then "
@@ -173,24 +193,29 @@ const std::vector<Cause>& causes() {
        "a new run."},
       {"file.missing", O::kStation, W::kExplains,
        "The unit asked for a file that the station does not have, or may not read.",
-       "Put the file into the station's directory (/var/lib/zirn-test-station), or correct its name or its "
-       "rights. Then begin a new run."},
+       "Put {file:the file} into the station's directory (/var/lib/zirn-test-station), or correct its name "
+       "or its rights. Then begin a new run."},
       {"file.wrong-mode", O::kUnit, W::kExplains,
        "The unit asked for a file in a transfer mode that the station does not serve; it serves octet alone.",
        "Set the unit's boot loader to the mode octet (binary). Then begin a new run."},
       {"file.no-name", O::kUnit, W::kExplains, "The unit asked for a file and gave no name.",
-       "Have the unit's boot script corrected: a line that loads a file lacks the name. Then begin a new "
-       "run."},
+       "Ask whoever writes the unit's boot script to correct it: a line that loads a file lacks the name. "
+       "Then begin a new run."},
       {"read.options-refused", O::kUnit, W::kExplains,
        "The unit's boot loader asked for transfer options, and gave up over what the station acknowledged.",
        "Set the boot loader to another block size, and to no options but blksize, timeout and tsize. Then "
        "begin a new run."},
       {"read.given-up", O::kUnit, W::kExplains, "The unit ended a read by itself, with an error message.",
-       "Read the message; look at whether the unit has room for the whole file. Then begin a new run."},
+       "Read the message; see whether the unit has room for the whole of {file:the file}. Then begin a new "
+       "run."},
       {"unit.restarted", O::kUnit, W::kExplains,
-       "The unit fell silent in the middle of a read and was heard again later: it seems to have started "
-       "over.",
-       "Look at the unit's power supply, and on its console for the reason. Then begin a new run."},
+       "The unit was restarted in the middle of a read: it has booted again since.",
+       "Look at the unit's power supply, and on its console for the reason of the restart. Then begin a new "
+       "run."},
+      {"read.left", O::kUnit, W::kExplains,
+       "The unit stopped in the middle of a read and went on later: it gave the read up, or was restarted.",
+       "Look on the unit's console for what it did after that: a restart points to its power supply, a "
+       "message to its boot loader. Then begin a new run."},
       {"file.refused", O::kUnknown, W::kExplains,
        "The station refused a read of the unit with an error that is not usual.",
        "Read the message, and see that nobody stops the station's process (a debugger). Then begin a new "
@@ -205,54 +230,57 @@ const std::vector<Cause>& causes() {
        "Look at the unit's power, its console and its cable. Then begin a new run."},
       {"unit.failed", O::kUnit, W::kExplains,
        "The unit itself reports the failure, and nothing before explains it better.",
-       "Put the unit aside as failed, with the name of the step for whoever repairs it. Begin a new run with "
-       "the next unit."},
+       "Put the unit aside as failed, with a note of {step:its verdict} for whoever repairs it. Begin a new "
+       "run with the next unit."},
       {"ppt.refused", O::kPptServer, W::kExplains,
        "The PPT server refused the connection to its message port; without it the station answers no "
-       "commands (known behaviour 39).",
-       "Start the PPT server's program. Then begin a new run."},
+       "commands.",
+       "Ask whoever looks after the PPT server to start its program. Then begin a new run."},
       {"ppt.dropped", O::kPptServer, W::kExplains,
        "The PPT server did not answer when the station connected to its message port.",
-       "See whether the PPT server is on, and whether a firewall drops the connection. Then begin a new "
+       "On the station: ping {ppt:the PPT server}. Without an answer, see whether it is on and its cable is "
+       "in; else a firewall drops the connection: ask whoever looks after the PPT server. Then begin a new "
        "run."},
       {"ppt.absent", O::kPptServer, W::kExplains, "No machine answers at the PPT server's address.",
-       "See whether the PPT server is on and its cable is in, and whether -s is its address. Then begin a "
-       "new run."},
+       "See whether the PPT server is on and its cable is in, and whether {ppt:-s} is its address. Then "
+       "begin a new run."},
       {"ppt.no-route", O::kStation, W::kExplains, "The station has no route to the PPT server's address.",
-       "Compare -s with the PPT server's address; if it is right, give the station the route (ip route add). "
-       "Then begin a new run."},
+       "Compare {ppt:-s} with the PPT server's address; if it is right, give the station the route (ip route "
+       "add). Then begin a new run."},
       {"ppt.not-connected", O::kUnknown, W::kExplains,
        "The station could not connect to the PPT server; its line says why.",
        "Mend what the line names: with Permission denied, a route or a firewall of the station's board. Then "
        "begin a new run."},
       {"ppt.closed", O::kPptServer, W::kExplains,
        "The PPT server's machine answers, but nothing listens for verdicts on its UDP port.",
-       "Start the PPT server's program; compare -p with its port. Then begin a new run."},
+       "Ask whoever looks after the PPT server to start its program; its UDP port is that of -p. Then begin "
+       "a new run."},
       {"ppt.silent", O::kPptServer, W::kExplains,
-       "The PPT server did not answer when the station passed a verdict on.",
-       "See whether the PPT server's program runs, and whether the station reaches it (ping). Then begin a "
-       "new run."},
+       "The PPT server did not answer when the station forwarded a verdict.",
+       "On the station: ping {ppt:the PPT server}. Without an answer, see whether it is on and its cable is "
+       "in; else ask whoever looks after the PPT server whether its program runs. Then begin a new run."},
       {"ppt.late", O::kPptServer, W::kExplains,
        "The PPT server answered a verdict when the station no longer waited.",
-       "Find what slows the PPT server down. Then begin a new run."},
+       "Ask whoever looks after the PPT server what slows it down. Then begin a new run."},
       {"board.mac-default", O::kBoard, W::kExplains,
-       "The unit was told the MAC address that every unit is told when envtool is missing on the board, or "
-       "knows no tempmac (known behaviour 37).",
-       "Install envtool on the board, and set tempmac. Then begin a new run."},
+       "The unit was told the MAC address that every unit is told: {no-mac:envtool is missing on the board, "
+       "or knows no tempmac}.",
+       "Ask whoever looks after the board to install envtool and to set tempmac. Then begin a new run."},
       {"board.mac-empty", O::kBoard, W::kExplains,
        "The unit was told a MAC address that is none, because tempmac is empty on the board.",
-       "Set tempmac on the board (envtool). Then begin a new run."},
+       "Ask whoever looks after the board to set tempmac (envtool). Then begin a new run."},
       {"file.empty", O::kStation, W::kExplains, "The unit read a file that is empty on the station.",
-       "Put the right file into the station's directory (/var/lib/zirn-test-station). Then begin a new run."},
+       "Put the right {file:file} into the station's directory (/var/lib/zirn-test-station). Then begin a "
+       "new run."},
       // Nothing hindered the verdict, and the run ended without it.
       {"end.sigint", O::kOperator, W::kEnds,
-       "Somebody ended the run (SIGINT, Ctrl-C) before the unit gave its final verdict.",
+       "The run was stopped from outside (SIGINT, Ctrl-C) before the unit gave its final verdict.",
        "Begin a new run, and let the unit come to its final verdict."},
       {"end.sigterm", O::kOperator, W::kEnds,
-       "Somebody stopped the run (SIGTERM) before the unit gave its final verdict.",
+       "The run was stopped from outside (SIGTERM) before the unit gave its final verdict.",
        "Begin a new run, and let the unit come to its final verdict."},
       {"end.sigkill", O::kOperator, W::kEnds,
-       "Somebody killed the station's program (SIGKILL) before the unit gave its final verdict.",
+       "The run was killed from outside (SIGKILL) before the unit gave its final verdict.",
        "Begin a new run. If nobody killed it, see whether the system ran out of memory (dmesg)."},
       {"end.abort", O::kUnknown, W::kEnds, "The station's program was aborted.",
        "Read what it wrote last; see whether a program uses up the system's sockets and files (lsof). Then "
@@ -263,22 +291,22 @@ const std::vector<Cause>& causes() {
       // What is worth to be known.
       {"ppt.error", O::kPptServer, W::kAlso,
        "The PPT server answered a verdict with an error; the run goes on all the same.",
-       "Ask at the PPT server why."},
+       "Ask whoever looks after the PPT server why."},
       {"ppt.odd-answer", O::kPptServer, W::kAlso,
        "The PPT server's answer to a verdict was empty, or could not be received; the run goes on all the "
        "same.",
-       "Ask at the PPT server why; look at the network towards it."},
+       "Ask whoever looks after the PPT server why; look at the network towards it."},
       {"verdict.repeated", O::kUnit, W::kAlso,
        "The unit repeated a verdict while the station was still busy with it.",
-       "Have the unit wait for more than five seconds before it repeats one: so long the station waits for "
-       "the PPT server."},
+       "Ask whoever writes the unit's test script to let it wait for more than five seconds before it "
+       "repeats a verdict: so long the station waits for the PPT server."},
       {"command.unknown", O::kUnit, W::kAlso,
        "The unit sent a command that the station does not know, and got it back unchanged.",
-       "Have the command corrected in the unit's test script."},
+       "Ask whoever writes the unit's test script to correct the command."},
       {"command.held-open", O::kUnit, W::kAlso,
-       "The unit kept its command connection open after the final verdict, and so held up the end of the run "
-       "(known behaviour 35).",
-       "Have the unit's test script close it before the final verdict."},
+       "The unit kept its command connection open after the final verdict, and so held up the end of the "
+       "run.",
+       "Ask whoever writes the unit's test script to close it before the final verdict."},
       {"command.broke", O::kUnit, W::kAlso, "A command connection of the unit broke off.",
        "See whether the unit started over; else look at the cable of the test network."},
       {"command.port-closed", O::kStation, W::kAlso,
@@ -297,17 +325,19 @@ const std::vector<Cause>& causes() {
        "Find its sender in the record (Wireshark), and take it off the test network."},
       {"file.written", O::kUnit, W::kAlso,
        "The unit asked to write a file, which the station does not take: it has made an empty one.",
-       "Remove the empty file from the station's directory, and have the unit's test script corrected."},
+       "Remove the empty file from the station's directory, and ask whoever writes the unit's test script to "
+       "correct it."},
       {"relay.none", O::kStation, W::kAlso,
        "The station passes no datagrams of the unit on in this run; its line says why.",
-       "If the unit's tests need them: give lan0 the address 172.40.0.1, and end the program that ss -ulpn "
-       "shows on port 12345. Then begin a new run."},
+       "If the unit's tests need them: give lan0 the address 172.40.0.1, and end the program that has UDP "
+       "port 12345 (as root, ss -ulpn shows it). Then begin a new run."},
       {"relay.no-route", O::kStation, W::kAlso,
        "A datagram of the unit could not be passed on to the PPT server.",
-       "Compare -s with the PPT server's address; if it is right, give the station the route."},
+       "Compare {ppt:-s} with the PPT server's address; if it is right, give the station the route (ip route "
+       "add)."},
       {"relay.ended", O::kStation, W::kAlso,
        "The station stopped passing datagrams of the unit on before the end of the run.",
-       "If the unit's tests need them, end this run and begin a new one."},
+       "If the unit's tests need them, begin a new run."},
       {"station.wait-failed", O::kStation, W::kAlso,
        "The station was interrupted several times while it waited, as when its process is stopped and "
        "continued.",

@@ -1,6 +1,8 @@
 #ifndef EXPLANATION_CAUSES_H
 #define EXPLANATION_CAUSES_H
 
+#include <map>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -29,9 +31,15 @@ struct Cause {
   std::string_view id;  // stays the same for good
   Owner owner;
   Weight weight;
-  std::string_view meaning;  // a sentence
-  std::string_view advice;   // the same, what to do; empty: nothing
+  // Sentences; {word:default} in them stands for what the run says (filled).
+  std::string_view meaning;
+  std::string_view advice;  // what to do; empty: nothing
 };
+
+// With the words of a run in their places, and the default of those that it does not know. A blank that follows an
+// empty word goes with it.
+using Words = std::map<std::string_view, std::string>;
+std::string filled(std::string_view text, const Words& words = {});
 
 // All of them. Of several with one weight that explain the same, the first one is the fault.
 const std::vector<Cause>& causes();

@@ -29,6 +29,16 @@ constexpr std::string_view kWhyNoPort[] = {"ppt.refused",        "ppt.dropped", 
 
 using Why = std::optional<Finding>;  // there is no command port
 
+// What the board is called with for a command; empty: the command does not say.
+std::string tool_of(const std::string& command) {
+  if (command.find(kAsksForMac) != std::string::npos) return "envtool show tempmac";
+  constexpr char kDigits[] = "0123456789";
+  const std::size_t mode = command.find(kInitializesPmc) + sizeof kInitializesPmc;  // behind its colon
+  if (mode >= command.size()) return "";
+  const std::string digits = command.substr(mode, command.find_first_not_of(kDigits, mode) - mode);
+  return digits.empty() ? "" : std::string(kTool) + " " + digits + " -1";
+}
+
 bool contains(const std::string& text, const char* part) {
   return text.find(part) != std::string::npos;
 }
@@ -60,7 +70,10 @@ void find_refused_at(Nanoseconds when, const Connection& connection, const Why& 
   const bool waits = c->waits_for_ppt(when);  // which has a cause of its own
   if (!is_early && !why && (waits || opens_after(when, *c))) return;
   const std::string_view id = is_early ? "command.too-early" : why ? why->cause->id : "command.refused";
-  c->find(id, when, "the unit's connection to the command port" + at(*c, when) + " was refused",
+  const std::string again = connection.attempts > 1 ? " and" + at(*c, connection.until) : "";
+  c->find(id, when,
+          "the unit's connection to the station's command port" + at(*c, connection.from) + again +
+              " was refused",
           seen(connection.frames));
 }
 
@@ -75,7 +88,7 @@ void find_reply(const Text& question, const Text& reply, Case* c) {
   const auto find = [&](std::string_view cause, const std::string& what) {
     Numbers frames = question.frames;
     frames.add(reply.frames);
-    c->find(cause, reply.at, what + at(*c, reply.at), seen(frames));
+    c->find(cause, reply.at, what + at(*c, reply.at), seen(frames), true, tool_of(question.said.text));
   };
   const std::string& asked = question.said.text;
   const std::string& told = reply.said.text;
@@ -127,7 +140,8 @@ void find_no_reply(const Connection& connection, const Text& question, const Why
     c->find("command.second", question.at, told + "; another connection of the unit was still open",
             seen(question.frames));
   } else if (is_command && connection.opened && until - question.at >= kHangs && are_commands_served(*c)) {
-    c->find("board.tool-hangs", question.at, told, inferred(question.frames));
+    c->find("board.tool-hangs", question.at, told, inferred(question.frames), true,
+            tool_of(question.said.text));
   } else if (is_command && (until - question.at >= kHangs || is_open_at_end)) {
     c->find("command.unanswered", question.at, told, inferred(question.frames));
   }
@@ -164,7 +178,7 @@ void find_calls(Case* c) {
     if (step.said.text.rfind(kTool, 0) != 0) continue;
     c->find("board.tool-failed", step.from,
             "the board ran " + frames::printable(step.said.text) + ", which ended with 0",
-            seen({}, step.lines), false);
+            seen({}, step.lines), false, frames::printable(step.said.text));
   }
 }
 

@@ -13,6 +13,25 @@ constexpr std::size_t kShortestVerdict = 8;  // characters
 constexpr int kKilled = 128;                 // plus the signal's number, as a shell says it
 constexpr int kFailure = 1, kInterrupted = 2, kTerminated = 15;
 
+constexpr char kStopped[] = "the run was stopped from outside (SIGTERM)";
+constexpr char kInterruptedRun[] = "the run was stopped from outside (SIGINT)";
+
+// Why the station ended so, where the cause shows it.
+struct Reason {
+  std::string_view cause;
+  std::string_view status;
+  std::string_view words;
+};
+constexpr Reason kReasons[] = {
+    {"verdict.too-short", "134", "abort: a verdict name of fewer than eight characters came"},
+    {"start.no-socket", "134", "abort: no socket could be made"},
+    {"end.abort", "134", "abort"},
+    {"start.no-server", "1", "-s was empty"},
+    {"start.port-in-use", "1", "the TFTP port could not be bound"},
+    {"start.no-address", "1", "the TFTP port could not be bound"},
+    {"start.no-right", "1", "the TFTP port could not be bound"},
+    {"start.no-port", "1", "the TFTP port could not be bound"}};
+
 Evidence evidence_of_end(const Case& c) {
   for (const story::Step& step : c.reading.steps) {
     if (step.kind == story::Step::Kind::kStationEnds) return seen({}, step.lines);
@@ -31,7 +50,7 @@ void find_short_verdict(Case* c) {
 
 void find_signal(int signal, Case* c) {
   const auto find = [c](std::string_view cause, const std::string& sentence) {
-    c->find(cause, c->reading.last, sentence, evidence_of_end(*c));
+    c->find(cause, c->reading.last, sentence + at(*c, c->reading.last), evidence_of_end(*c));
   };
   if (signal == SIGABRT) {
     if (!c->verdicts.empty() && c->verdicts.back().name.size() < kShortestVerdict) return;
@@ -39,24 +58,23 @@ void find_signal(int signal, Case* c) {
   } else if (signal == SIGPIPE) {
     find("command.left-early", "the station's program was ended by SIGPIPE");
   } else if (signal == SIGKILL) {
-    find("end.sigkill", "the station's program was killed");
+    find("end.sigkill", "the run was killed from outside (SIGKILL)");
   } else if (signal == SIGTERM || signal == SIGINT) {
-    find(signal == SIGTERM ? "end.sigterm" : "end.sigint", "the station's program was ended by a signal");
+    find(signal == SIGTERM ? "end.sigterm" : "end.sigint", signal == SIGTERM ? kStopped : kInterruptedRun);
   } else {
     find("end.signal", "the station's program was ended by signal " + std::to_string(signal));
   }
 }
 
 void find_status(int status, Case* c) {
-  const auto find = [&](std::string_view cause, const std::string& why) {
-    c->find(cause, c->reading.last, "the station's program ended with status " + std::to_string(status) + why,
-            evidence_of_end(*c));
+  const auto find = [&](std::string_view cause, const std::string& sentence) {
+    c->find(cause, c->reading.last, sentence + at(*c, c->reading.last), evidence_of_end(*c));
   };
   const bool has_begun = c->has_line("Starting TFTP server on <ADDRESS>:<PORT> PPT Server: <ADDRESS>");
-  if (status == kInterrupted) find("end.sigint", " without a final verdict");
-  if (status == kTerminated) find("end.sigterm", "");
+  if (status == kInterrupted) find("end.sigint", kInterruptedRun);
+  if (status == kTerminated) find("end.sigterm", kStopped);
   if (status == kFailure && !has_begun && c->has_line("Usage: TFTP [-h] [-p port] [-s server]"))
-    find("start.no-server", ", after its usage");
+    find("start.no-server", "the station's program ended with status 1, after its usage");
 }
 
 bool has_found(const Case& c, Weight weight) {
@@ -74,6 +92,23 @@ void find_unknown_end(Case* c) {
 }
 
 }  // namespace
+
+std::string end_in_words(const Case& c) {
+  const std::string general = story::in_words(*c.reading.station_end);
+  const std::string status = general.substr(0, general.find(' '));
+  const auto because = [&status](std::string_view words) { return status + " (" + std::string(words) + ")"; };
+  if (status == std::to_string(kInterrupted)) {
+    if (!c.verdicts.empty() && story::is_final(c.verdicts.back().says))
+      return because("the final verdict ended the run");
+    return c.sees_unit(c.last_success, c.reading.last) ? because("SIGINT ended the run") : general;
+  }
+  for (const Finding& finding : c.findings) {
+    for (const Reason& reason : kReasons) {
+      if (finding.cause->id == reason.cause && status == reason.status) return because(reason.words);
+    }
+  }
+  return general;
+}
 
 void find_end(Case* c) {
   find_short_verdict(c);

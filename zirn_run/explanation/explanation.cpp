@@ -34,12 +34,33 @@ Outcome outcome_of(const Case& c) {
 void find_failures(Case* c) {
   for (const Case::Verdict& verdict : c->verdicts) {
     if (!is_failure(verdict.says)) continue;
-    c->find(kUnitFailed, verdict.at, "the unit gave " + frames::printable(verdict.name) + at(*c, verdict.at),
-            verdict.evidence);
+    const std::string name = frames::printable(verdict.name);
+    c->find(kUnitFailed, verdict.at, "the unit gave " + name + at(*c, verdict.at), verdict.evidence, true,
+            name);
   }
 }
 
+bool is_part_of(const Statement& part, const Statement& whole) {
+  return part.evidence.is_inferred == whole.evidence.is_inferred &&
+         whole.sentence.find(part.sentence) != std::string::npos;
+}
+
+bool is_same(const Numbers& one, const Numbers& other) {
+  return one.first == other.first && one.last == other.last && one.count == other.count;
+}
+
+void join(const Evidence& more, Evidence* evidence) {
+  if (!is_same(more.frames, evidence->frames)) evidence->frames.add(more.frames);
+  if (!is_same(more.lines, evidence->lines)) evidence->lines.add(more.lines);
+}
+
+// What is said already is not said again.
 void add(const Statement& statement, Claim* claim) {
+  for (Statement& told : claim->statements) {
+    if (!is_part_of(statement, told) && !is_part_of(told, statement)) continue;
+    if (told.sentence.size() < statement.sentence.size()) told.sentence = statement.sentence;
+    return join(statement.evidence, &told.evidence);
+  }
   if (claim->statements.size() < Claim::kMostStatements) {
     claim->statements.push_back(statement);
   } else {
@@ -165,6 +186,33 @@ std::vector<Claim> others(const Case& c, const Claim& fault) {
   return claims;
 }
 
+// What shows the same as the fault does.
+void take_over_what_belongs_to(Claim* fault, std::vector<Claim>* also) {
+  const auto belongs = [fault](const Claim& claim) {
+    if (fault->cause->id == "ppt.refused") return claim.cause->id == "ppt.closed";
+    const auto is_of_envtool = [](const Statement& statement) {
+      return statement.sentence.find("envtool") != std::string::npos;
+    };
+    return fault->cause->id == "board.mac-default" && claim.cause->id == "board.tool-missing" &&
+           std::all_of(claim.statements.begin(), claim.statements.end(), is_of_envtool);
+  };
+  const auto claim = std::find_if(also->begin(), also->end(), belongs);
+  if (claim == also->end()) return;
+  for (const Statement& statement : claim->statements) add(statement, fault);
+  fault->left_out += claim->left_out;
+  also->erase(claim);
+}
+
+// The failure of a unit that another fault explains.
+void tell_what_follows(Explanation* told) {
+  for (Claim& claim : told->also) {
+    if (claim.cause->id != kUnitFailed) continue;
+    std::string& sentence = claim.statements.front().sentence;
+    sentence.insert(std::string_view("the unit ").size(), "then ");
+    sentence += ", which follows from this or comes again in a new run";
+  }
+}
+
 std::string mac_text(const frames::Mac& mac) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
@@ -232,12 +280,13 @@ std::vector<Step> steps_of(const Case& c) {
   return steps;
 }
 
-std::optional<Exit> exit_of(const Reading& reading) {
-  if (!reading.station_end) return std::nullopt;
+std::optional<Exit> exit_of(const Case& c) {
+  const auto& end = c.reading.station_end;
+  if (!end) return std::nullopt;
   Exit exit;
-  exit.status = reading.station_end->status;
-  if (reading.station_end->signal != 0) exit.signal = reading.station_end->signal;
-  exit.meaning = story::in_words(*reading.station_end);
+  exit.status = end->status;
+  if (end->signal != 0) exit.signal = end->signal;
+  exit.meaning = end_in_words(c);
   return exit;
 }
 
@@ -258,12 +307,18 @@ Explanation explain(const Reading& reading) {
   if (reading.first != 0) told.start = reading.first;
   told.duration = reading.last - reading.first;
   told.verdict = c.is_a_run ? outcome_of(c) : Outcome::kNone;
-  told.exit = exit_of(reading);
+  told.exit = exit_of(c);
   told.units = units_of(c);
   told.reads = reads_of(c);
   told.steps = steps_of(c);
   told.fault = fault_of(c, told.verdict);
   told.also = others(c, told.fault);
+  take_over_what_belongs_to(&told.fault, &told.also);
+  if (told.verdict == Outcome::kFailed) tell_what_follows(&told);
+  tell_cause(c, &told.fault);
+  for (Claim& claim : told.also) tell_cause(c, &claim);
+  const bool is_units_own = told.fault.cause->owner == Owner::kUnit;
+  if (told.verdict == Outcome::kFailed && !is_units_own) told.fault.advice += " This unit: test it again.";
   told.incomplete = incomplete(c);
   return told;
 }

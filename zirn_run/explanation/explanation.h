@@ -29,6 +29,7 @@ struct Statement {
 
 struct Claim {
   const Cause* cause = nullptr;
+  std::string meaning, advice;        // the cause's, in the words of the run
   std::vector<Statement> statements;  // the first kMostStatements
   std::uint64_t left_out = 0;         // statements beyond these
 

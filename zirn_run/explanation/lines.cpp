@@ -12,6 +12,8 @@ constexpr std::string_view kWaitFailed = "station.wait-failed";
 constexpr std::string_view kNoConnection[] = {"ppt.refused", "ppt.dropped", "ppt.absent", "ppt.no-route",
                                               "ppt.not-connected"};
 
+constexpr std::string_view kTools[] = {"/mnt/ramdisk/t1-e1", "/etc/init.d/voice", "envtool"};
+
 bool is_of(std::string_view family, std::string_view cause) {
   return cause.substr(0, family.size()) == family;
 }
@@ -35,11 +37,11 @@ bool is_message_port_taken(const Case& c) {
 
 // What the shell writes to standard error for a tool that is not there.
 void find_missing_tool(const Case::Line& line, Case* c) {
-  const bool is_tool =
-      contains(line.text, "envtool") || contains(line.text, "t1-e1") || contains(line.text, "init.d/voice");
-  if (!is_tool || !contains(line.text, "not found")) return;
+  const auto tool = std::find_if(std::begin(kTools), std::end(kTools),
+                                 [&line](std::string_view name) { return contains(line.text, name); });
+  if (tool == std::end(kTools) || !contains(line.text, "not found")) return;
   c->find("board.tool-missing", line.at, "the station's shell wrote " + frames::quoted(line.text),
-          seen({}, line.numbers), contains(line.text, "t1-e1"));
+          seen({}, line.numbers), *tool == kTools[0], std::string(*tool));
 }
 
 }  // namespace

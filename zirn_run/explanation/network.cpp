@@ -23,7 +23,14 @@ bool is_of_ppt(const story::Reading& reading, std::size_t party) {
   return party != story::kNone && reading.parties[party].role == story::Role::kPptServer;
 }
 
-Damage damage_seen(const story::Reading& reading) {
+Damage damage_seen(const Case& c) {
+  const story::Reading& reading = c.reading;
+  // The cable's fault, which is told as such.
+  const auto is_cut = [&c](const Step& step) {
+    return std::any_of(c.cuts.begin(), c.cuts.end(), [&step](const Step* cut) {
+      return step.from >= cut->from && step.until <= cut->until;
+    });
+  };
   Damage damage;
   const auto add = [](std::uint64_t count, const Numbers& frames, std::uint64_t* sum, Numbers* in) {
     *sum += count;
@@ -32,7 +39,7 @@ Damage damage_seen(const story::Reading& reading) {
   for (const Step& step : reading.steps) {
     if (step.frames.count == 0 || is_of_ppt(reading, step.source) || is_of_ppt(reading, step.target))
       continue;
-    add(step.lost, step.frames, &damage.lost, &damage.lost_in);
+    if (!is_cut(step)) add(step.lost, step.frames, &damage.lost, &damage.lost_in);
     add(step.duplicated, step.frames, &damage.duplicated, &damage.duplicated_in);
     add(step.swapped, step.frames, &damage.swapped, &damage.swapped_in);
   }
@@ -74,17 +81,14 @@ void find_inferred(Case* c) {
 void find_cuts(Case* c) {
   for (const Step* cut : c->cuts) {
     const bool came_no_further = std::max(c->last_success, c->last_read) <= cut->from;
-    c->find("net.cable-out", cut->from,
-            "the cable was out from " + moment(*c, cut->from) +
-                (cut->until >= c->reading.last ? " on" : " to " + moment(*c, cut->until)),
-            seen({}, cut->lines), came_no_further);
+    c->find("net.cable-out", cut->from, cut_in_words(*c, *cut), seen({}, cut->lines), came_no_further);
   }
 }
 
 }  // namespace
 
 void find_network(Case* c) {
-  const Damage damage = damage_seen(c->reading);
+  const Damage damage = damage_seen(*c);
   const auto tell = [c](std::string_view cause, std::uint64_t count, const std::string& what,
                         const Numbers& frames) {
     if (count > 0) c->find(cause, c->reading.first, frames::counted(count, "frame") + what, seen(frames));

@@ -1,5 +1,6 @@
 // Reads that came to no end, and what ended them.
 #include <algorithm>
+#include <optional>
 
 #include "explanation/case.h"
 #include "frames/words.h"
@@ -13,6 +14,8 @@ using End = Transfer::End;
 
 constexpr std::uint16_t kFileNotFound = 1;  // RFC 1350
 constexpr char kOctet[] = "octet";
+// What a unit asks for when it boots.
+constexpr std::string_view kBootNames[] = {"bootscript.txt", "F_l_m_t_Bootstrap_loading"};
 
 std::string of(const Transfer& transfer) {
   return frames::printable(transfer.name);
@@ -26,7 +29,8 @@ bool is_overcome(const Case& c, const Transfer& transfer) {
 
 void find(std::string_view cause, const Transfer& transfer, const std::string& sentence, bool is_inferred,
           Case* c) {
-  c->find(cause, transfer.from, sentence, {transfer.frames, {}, is_inferred}, !is_overcome(*c, transfer));
+  c->find(cause, transfer.from, sentence, {transfer.frames, {}, is_inferred}, !is_overcome(*c, transfer),
+          of(transfer));
 }
 
 std::string error_words(const Transfer& transfer) {
@@ -67,17 +71,78 @@ const story::Step* cut_during(const Transfer& transfer, const Case& c) {
   return cut == c.cuts.end() ? nullptr : *cut;
 }
 
+// What a unit did next, and when.
+struct Next {
+  Nanoseconds at = 0;
+  std::string words;
+  bool is_boot = false;  // another one than before the read
+};
+
+bool is_boot_again(const Transfer& next, const Transfer& broken, const Case& c) {
+  const bool is_boot =
+      std::find(std::begin(kBootNames), std::end(kBootNames), next.name) != std::end(kBootNames);
+  const auto& all = c.reading.transfers;
+  return is_boot && next.name != broken.name &&
+         std::any_of(all.begin(), all.end(), [&](const Transfer& before) {
+           return before.client == next.client && before.name == next.name && before.from < broken.from;
+         });
+}
+
+// Since when only the station has sent.
+Nanoseconds silent_since(const Transfer& transfer) {
+  Nanoseconds since = transfer.data_until;
+  for (auto silence = transfer.silences.rbegin(); silence != transfer.silences.rend(); ++silence) {
+    if (silence->ended_by != transfer.server) break;
+    since = silence->from;
+  }
+  return since;
+}
+
+std::string words_for(const Transfer& next, const Transfer& broken) {
+  const std::string again = next.name == broken.name ? " again" : "";
+  return (story::verdict_in(next.name) ? "gave " : "asked for ") + of(next) + again;
+}
+
+std::optional<Next> next_after(const Transfer& broken, Nanoseconds since, const Case& c) {
+  std::optional<Next> next;
+  const auto is_first = [&](std::size_t party, Nanoseconds when) {
+    return party == broken.client && when > since && (!next || when < next->at);
+  };
+  bool is_boot = false;
+  for (const Transfer& transfer : c.reading.transfers) {
+    if (is_first(transfer.client, transfer.from)) next = {transfer.from, words_for(transfer, broken), false};
+    const bool is_later = transfer.client == broken.client && transfer.from > since;
+    is_boot = is_boot || (is_later && is_boot_again(transfer, broken, c));
+  }
+  for (const auto& connection : c.reading.connections) {
+    if (is_first(connection.client, connection.from)) next = {connection.from, "opened a connection", false};
+  }
+  for (const auto& relayed : c.reading.relayed) {
+    if (is_first(relayed.unit, relayed.from)) next = {relayed.from, "sent a datagram", false};
+  }
+  if (next) next->is_boot = is_boot;
+  return next;
+}
+
+void find_unit_or_station(const Transfer& transfer, bool is_unit_silent, const std::string& told, Case* c) {
+  const Nanoseconds since = silent_since(transfer);
+  const auto next = is_unit_silent ? next_after(transfer, since, *c) : std::nullopt;
+  if (!next) return find(is_unit_silent ? "unit.gone" : "read.unanswered", transfer, told, false, c);
+  const bool may_lack_silences = transfer.silences.size() == Transfer::kMaxSilences;
+  find(next->is_boot ? "unit.restarted" : "read.left", transfer,
+       told + "; it was silent for " + (may_lack_silences ? "at least " : "") + seconds(next->at - since) +
+           ", and then " + next->words + " at " + moment(*c, next->at),
+       false, c);
+}
+
 // Where nothing more came from one side.
 void find_silence(const Transfer& transfer, bool is_unit_silent, const std::string& told, Case* c) {
   const std::uint64_t lost = transfer.data.lost + transfer.acks.lost + transfer.sent_in_vain_lost;
-  const auto heard = c->last_heard.find(transfer.client);
-  const bool is_heard_later = heard != c->last_heard.end() && heard->second > transfer.from;
   const bool has_left = is_unit_silent && transfer.closed_ports > 0;
   const story::Step* const cut = cut_during(transfer, *c);
   if (cut != nullptr && !has_left) {
     Evidence evidence = seen(transfer.frames, cut->lines);
-    c->find("net.cable-out", transfer.from,
-            told + "; the cable was out from " + moment(*c, cut->from) + " on", evidence,
+    c->find("net.cable-out", transfer.from, told + "; " + cut_in_words(*c, *cut), evidence,
             !is_overcome(*c, transfer));
   } else if (lost > 0 && !has_left) {
     find("net.read-broken", transfer, told + "; " + frames::counted(lost, "frame") + " of it were lost",
@@ -86,11 +151,8 @@ void find_silence(const Transfer& transfer, bool is_unit_silent, const std::stri
     find("net.read-broken", transfer,
          told + "; " + frames::counted(transfer.inferred_lost, "frame") + " of it were lost before, at least",
          true, c);
-  } else if (is_unit_silent && is_heard_later) {
-    find("unit.restarted", transfer,
-         told + "; the unit asked for something else later, last at " + moment(*c, heard->second), false, c);
   } else {
-    find(is_unit_silent ? "unit.gone" : "read.unanswered", transfer, told, false, c);
+    find_unit_or_station(transfer, is_unit_silent, told, c);
   }
 }
 
@@ -107,8 +169,9 @@ void find_silent_side(const Transfer& transfer, bool is_unit, Case* c) {
   if (had_everything && is_unit) return;
   find_silence(transfer, is_unit,
                std::string(is_unit ? "the unit" : "the station") + " fell silent in the read of " +
-                   of(transfer) + " that began" + at(*c, transfer.from) + ", after " +
-                   frames::counted(transfer.acknowledged_blocks, "block"),
+                   of(transfer) + " that began" + at(*c, transfer.from) + ", " +
+                   frames::counted(transfer.acknowledged_blocks, "block") + " acknowledged of " +
+                   std::to_string(transfer.blocks) + " sent",
                c);
 }
 
@@ -125,11 +188,12 @@ void find_of(const Transfer& transfer, Case* c) {
   } else if (transfer.end == End::kAbandoned || (is_stopped && transfer.answered)) {
     find_silent_side(transfer, is_stopped || transfer.ended_by == transfer.client, c);
   } else if ((transfer.end == End::kUnanswered || is_stopped) && !c->waits_for_ppt(transfer.from)) {
+    const bool is_lost = transfer.sent_in_vain > 0 && transfer.sent_in_vain_lost == transfer.sent_in_vain;
     find_silence(
         transfer, false,
         "the unit asked for " + name +
             (transfer.requests > 1 ? " " + frames::counted(transfer.requests, "time") + ", first" : "") +
-            at(*c, transfer.from) + ", and got no answer",
+            at(*c, transfer.from) + (is_lost ? ", and the station did not get it" : ", and got no answer"),
         c);
   }
 }

@@ -44,7 +44,8 @@ std::string in_capitals(Outcome outcome) {
 std::string numbers(const Numbers& numbers, const std::string& thing) {
   if (numbers.count == 0) return "";
   if (numbers.first == numbers.last) return thing + " " + std::to_string(numbers.first);
-  return thing + "s " + std::to_string(numbers.first) + " to " + std::to_string(numbers.last);
+  return thing + "s " + std::to_string(numbers.first) + (numbers.count == 2 ? " and " : " to ") +
+         std::to_string(numbers.last);
 }
 
 std::string in_words(const Evidence& evidence) {
@@ -68,11 +69,14 @@ std::string statements(const Claim& claim) {
 }
 
 std::string also(const Claim& claim) {
-  const Statement& first = claim.statements.front();
-  const std::uint64_t more = claim.statements.size() - 1 + claim.left_out;
-  return line("Also seen, " + std::string(words_for(claim.cause->owner)) + " (" +
-              std::string(claim.cause->id) + "): " + first.sentence + in_words(first.evidence) +
-              (more > 0 ? ", and " + std::to_string(more) + " more" : ""));
+  const std::uint64_t count = claim.statements.size() + claim.left_out;
+  std::string text = "Also seen, " + std::string(words_for(claim.cause->owner)) + " (" +
+                     std::string(claim.cause->id) + "): ";
+  for (std::size_t i = 0; i < (count == 2 ? 2 : 1); ++i) {
+    const Statement& statement = claim.statements[i];
+    text += (i > 0 ? "; " : "") + statement.sentence + in_words(statement.evidence);
+  }
+  return line(text + (count > 2 ? ", and " + std::to_string(count - 1) + " more" : ""));
 }
 
 std::string about(const Read& read) {
@@ -147,9 +151,9 @@ std::string text_of(const Explanation& explanation, const std::string& name) {
   text += "  " + in_capitals(explanation.verdict) + "\n";
   text += line("Fault: " + std::string(words_for(cause.owner)) +
                (cause.owner == Owner::kNone ? "" : " (" + std::string(cause.id) + ")"));
-  if (cause.owner != Owner::kNone) text += line(std::string(cause.meaning));
+  if (cause.owner != Owner::kNone) text += line(explanation.fault.meaning);
   text += statements(explanation.fault);
-  if (!cause.advice.empty()) text += line("What to do: " + std::string(cause.advice));
+  if (!explanation.fault.advice.empty()) text += line("What to do: " + explanation.fault.advice);
   for (const Claim& claim : explanation.also) text += also(claim);
   return text + facts(explanation);
 }
@@ -158,8 +162,8 @@ std::string text_of_causes() {
   std::string text;
   for (const Cause& cause : causes()) {
     text += std::string(cause.id) + "  " + std::string(words_for(cause.owner)) + "\n" +
-            line(std::string(cause.meaning));
-    if (!cause.advice.empty()) text += line(std::string(cause.advice));
+            line(filled(cause.meaning));
+    if (!cause.advice.empty()) text += line(filled(cause.advice));
   }
   return text;
 }

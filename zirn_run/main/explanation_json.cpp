@@ -28,8 +28,8 @@ Json json_of(const Evidence& evidence) {
 Json json_of(const Claim& claim) {
   Json json = {{"owner", name_of(claim.cause->owner)},
                {"cause", claim.cause->id},
-               {"meaning", claim.cause->meaning},
-               {"advice", claim.cause->advice},
+               {"meaning", claim.meaning},
+               {"advice", claim.advice},
                {"sentences", Json::array()},
                {"evidence", Json::array()},
                {"more", claim.left_out}};
@@ -101,8 +101,8 @@ std::string json_of_causes() {
     list.push_back({{"cause", cause.id},
                     {"owner", name_of(cause.owner)},
                     {"weight", name_of(cause.weight)},
-                    {"meaning", cause.meaning},
-                    {"advice", cause.advice}});
+                    {"meaning", filled(cause.meaning)},
+                    {"advice", filled(cause.advice)}});
   }
   return Json{{"schemaVersion", kSchemaVersion}, {"causes", list}}.dump();
 }
