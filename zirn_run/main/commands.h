@@ -22,6 +22,7 @@ Work explain_command(CLI::App& app);
 Work watch_command(CLI::App& app);
 Work collect_command(CLI::App& app);
 Work report_command(CLI::App& app);
+Work scenario_command(CLI::App& app);
 
 inline constexpr Command kCommands[] = {
     {"check", "Say whether the station is ready for a run", check_command},
@@ -32,6 +33,7 @@ inline constexpr Command kCommands[] = {
     {"watch", "Show a run in the terminal as it happens, or as it was", watch_command},
     {"collect", "Put runs into a database", collect_command},
     {"report", "Count the runs of a database", report_command},
+    {"scenario", "Write a run as a scenario that the virtual bench plays again", scenario_command},
 };
 
 #endif

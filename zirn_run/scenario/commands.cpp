@@ -1,0 +1,126 @@
+// What the unit asked on command connections, and what it sent.
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+#include <sstream>
+
+#include "scenario/writing.h"
+
+namespace scenario {
+
+namespace {
+
+using story::Connection;
+using story::kStation;
+using story::Step;
+using Text = Connection::Text;
+
+constexpr char kAsksForMac[] = "ZIRN_ASKS_FOR_HIS_MAC";  // also where nothing shows what it was about to ask
+constexpr std::string_view kUsesTool = "DO_PMC_INIT";
+constexpr std::uint64_t kUsualMac = 0x02000000172a;  // that the bench's board has
+constexpr Nanoseconds kVainTime = 3 * kSecond;       // that `in vain` takes
+constexpr std::uint64_t kMostRepetitions = 20;       // of a datagram
+
+// The board's, of the one that the unit was told; nothing for what is no address.
+std::optional<std::string> board_mac_in(const std::string& told) {
+  std::uint64_t mac = 0;
+  std::istringstream bytes(told);
+  int count = 0;
+  for (std::string byte; std::getline(bytes, byte, ':'); ++count) {
+    if (byte.size() != 2 || byte.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return {};
+    mac = mac << 8 | std::strtoul(byte.c_str(), nullptr, 16);
+  }
+  if (count != 6 || mac < 2 || mac - 2 == kUsualMac) return {};
+  char text[] = "00:00:00:00:00:00";
+  for (int place = 5; place >= 0; --place) {
+    const auto byte = static_cast<unsigned>((mac - 2) >> (8 * (5 - place)) & 0xffU);
+    text[3 * place] = "0123456789abcdef"[byte >> 4];
+    text[3 * place + 1] = "0123456789abcdef"[byte & 0xfU];
+  }
+  return text;
+}
+
+bool is_another_begun(const Connection& held, Nanoseconds from, const story::Reading& reading) {
+  return std::any_of(reading.connections.begin(), reading.connections.end(), [&](const Connection& other) {
+    return &other != &held && other.client == held.client && other.from > from && held.ended &&
+           other.from < *held.ended;
+  });
+}
+
+void write_answered(const Connection& one, const Text& question, const Text& reply, Writing* writing) {
+  Script& script = writing->script;
+  const bool holds = is_another_begun(one, reply.at, writing->reading);
+  script.acts(one.from, reply.at,
+              holds ? "unit asks TEXT expects REPLY and holds on" : "unit asks TEXT expects REPLY",
+              {question.said.text, reply.said.text}, one.frames);
+  if (holds) script.acts(*one.ended, *one.ended, "unit hangs up", {}, one.frames);
+  const bool is_board_known =
+      writing->has_cause("board.mac-default") || writing->has_cause("board.mac-empty");
+  if (question.said.text.find(kAsksForMac) == std::string::npos || is_board_known) return;
+  if (const auto mac = board_mac_in(reply.said.text)) script.sets("board has tempmac TEXT", {*mac});
+}
+
+// The tool hangs meanwhile, so that the unit is the faster one.
+void write_left(const Connection& one, const std::string& question, const char* form, Script* script) {
+  const bool uses_tool = question.compare(0, kUsesTool.size(), kUsesTool) == 0;
+  const Nanoseconds end = one.ended.value_or(one.until);
+  if (uses_tool) script->sets("board tool hangs");
+  script->acts(one.from, end, form, {question}, one.frames);
+  if (uses_tool) script->acts(end, end, "board tool goes on", {}, one.frames);
+}
+
+void write_connection(const Connection& one, Writing* writing) {
+  Script& script = writing->script;
+  const auto is_said_by = [](bool is_from_client) {
+    return [is_from_client](const Text& text) { return text.is_from_client == is_from_client; };
+  };
+  const auto question = std::find_if(one.texts.begin(), one.texts.end(), is_said_by(true));
+  const auto reply = std::find_if(question, one.texts.end(), is_said_by(false));
+  const std::string asked = question == one.texts.end() ? kAsksForMac : question->said.text;
+  const bool is_by_unit = one.ended_by == one.client;
+  if (reply != one.texts.end()) {
+    write_answered(one, *question, *reply, writing);
+  } else if (one.state == Connection::State::kBrokenOff && is_by_unit) {
+    write_left(one, asked, "unit asks TEXT and breaks off", &script);
+  } else if (one.resets > 0 && one.reset_by == one.client) {
+    write_left(one, asked, "unit asks TEXT and leaves", &script);
+  } else {
+    script.acts(one.from, one.from + kVainTime, "unit asks TEXT in vain", {asked}, one.frames);
+  }
+  if (one.text_count > 2) script.cannot_say(one.from, "more is said on one connection", one.frames);
+}
+
+void write_datagram(const Step& datagram, std::uint16_t relay, Script* script) {
+  const std::string form = "unit sends TEXT";
+  for (std::uint64_t i = 0; i < std::min(datagram.count, kMostRepetitions); ++i) {
+    script->acts(datagram.from, datagram.until,
+                 datagram.port == relay ? form : form + " to port " + std::to_string(datagram.port),
+                 {datagram.said.text}, datagram.frames);
+  }
+  if (datagram.count > kMostRepetitions)
+    script->cannot_say(datagram.until, "the same, many times more", datagram.frames);
+}
+
+}  // namespace
+
+void write_commands(Writing* writing) {
+  constexpr std::uint16_t kRelayPort = 12345;
+  const story::Reading& reading = writing->reading;
+  for (const Connection& one : reading.connections) {
+    if (one.client == kStation) continue;
+    if (one.client == writing->unit && one.server_port == reading.message_port)
+      write_connection(one, writing);
+    else
+      writing->script.cannot_say(one.from, "another connection than the unit's for commands", one.frames);
+  }
+  for (const Step& step : reading.steps) {
+    if (step.kind != Step::Kind::kDatagram) continue;
+    if (step.source == writing->unit && step.target == kStation && step.said.size == step.said.text.size())
+      write_datagram(step, kRelayPort, &writing->script);
+    else
+      writing->script.cannot_say(step.from, "a datagram that is too long, or not the unit's to the station",
+                                 step.frames);
+  }
+}
+
+}  // namespace scenario

@@ -1,0 +1,109 @@
+// What the PPT server did.
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+#include "scenario/writing.h"
+
+namespace scenario {
+
+namespace {
+
+using story::Transfer;
+
+constexpr char kAnswers[] = "ppt answers";
+// The first one that was found holds for the whole run.
+struct Setting {
+  const char* cause;
+  const char* step;
+};
+constexpr Setting kSettings[] = {
+    {"ppt.refused", "ppt refuses"},     {"ppt.closed", "ppt refuses verdicts"},
+    {"ppt.absent", "ppt is absent"},    {"ppt.dropped", "ppt is cut off"},
+    {"net.ppt-loss", "ppt is cut off"}, {"ppt.odd-answer", "ppt answers nothing"},
+};
+constexpr char kForbidden[] = "ppt is forbidden";
+
+struct State {
+  std::string form = kAnswers;
+  std::string text;  // of an ERROR
+
+  bool operator!=(const State& other) const { return form != other.form || text != other.text; }
+};
+
+State state_in(const Transfer& query) {
+  if (query.is_answered_late && query.answered) {
+    const double seconds = static_cast<double>(*query.answered - query.from) / kSecond;
+    return {"ppt answers after " + in_tenths(seconds) + " s", ""};
+  }
+  if (query.end == Transfer::End::kError)
+    return {"ppt answers ERROR " + std::to_string(query.error_code) + " TEXT", query.error.text};
+  const bool is_silent = query.end == Transfer::End::kUnanswered && !query.answered;
+  return {is_silent ? "ppt is silent" : kAnswers, ""};
+}
+
+// A verdict that is due and was not asked for shows that the station could not send.
+bool is_forbidden(const Writing& writing) {
+  const auto& verdicts = writing.reading.verdicts;
+  return !writing.has_cause("verdict.too-short") && !writing.has_cause("ppt.no-route") &&
+         writing.reading.has_frames && std::any_of(verdicts.begin(), verdicts.end(), [](const auto& one) {
+           return !story::is_final(one.says) && one.queries.empty();
+         });
+}
+
+// Nothing where it answers one so, and another so.
+std::string lasting_state(const Writing& writing) {
+  for (const auto& [cause, step] : kSettings) {
+    if (writing.has_cause(cause)) return step;
+  }
+  return is_forbidden(writing) ? kForbidden : "";
+}
+
+void write_state(const State& state, Nanoseconds before, bool is_first, const Numbers& frames,
+                 Script* script) {
+  if (is_first)
+    script->sets(state.form, {state.text}, frames);
+  else
+    script->acts(before - 1, before - 1, state.form, {state.text}, frames);
+}
+
+void write_queries(const std::string& lasting, Writing* writing) {
+  const bool hears = lasting.empty() || lasting == "ppt answers nothing";
+  State now;
+  bool is_first = true;
+  std::set<std::string> heard;
+  for (const story::Verdict& verdict : writing->reading.verdicts) {
+    for (const std::size_t place : verdict.queries) {
+      const Transfer& query = writing->reading.transfers[place];
+      const State state = lasting.empty() ? state_in(query) : now;
+      if (state != now) write_state(state, verdict.at, is_first, query.frames, &writing->script);
+      if (hears && heard.insert(query.name).second)
+        writing->script.waits(query.from, "ppt hears NAME", {query.name}, query.frames);
+      now = state;
+      is_first = false;
+    }
+  }
+}
+
+}  // namespace
+
+void write_ppt_server(Writing* writing) {
+  Script& script = writing->script;
+  const std::string lasting = lasting_state(*writing);
+  if (!lasting.empty()) script.sets(lasting);
+  write_queries(lasting, writing);
+  for (const story::Connection& connection : writing->reading.connections) {
+    if (connection.client != story::kStation || !connection.opened) continue;
+    if (writing->has_cause("net.ppt-loss") && connection.attempts > 1)
+      script.acts(connection.from + kSecond / 5, *connection.opened, "ppt is back", {}, connection.frames);
+    script.waits(*connection.opened, "ppt is connected", {}, connection.frames);
+  }
+  const bool is_there = lasting.empty() || lasting == "ppt answers nothing";
+  for (const story::Relayed& relayed : writing->reading.relayed) {
+    if (is_there && relayed.passed_on > 0)
+      script.waits(relayed.passed_on_at.value_or(relayed.until), "ppt receives TEXT", {relayed.said.text},
+                   relayed.frames);
+  }
+}
+
+}  // namespace scenario

@@ -1,0 +1,323 @@
+// What the unit read and wrote, the files that this needs, and what the wire did meanwhile.
+#include <signal.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <optional>
+
+#include "scenario/writing.h"
+#include "story/track.h"
+
+namespace scenario {
+
+namespace {
+
+using story::Transfer;
+using End = Transfer::End;
+
+constexpr Nanoseconds kPatience = 5 * kSecond;  // of the bench's unit, with an answer that does not come
+constexpr std::size_t kUsualBlockSize = 512;    // bytes, of the bench's unit
+constexpr std::size_t kUsualTimeout = 5;        // seconds, the same
+constexpr std::size_t kProgressBytes = 8192;    // its file grows by
+constexpr std::uint64_t kFileNotFound = 1;      // RFC 1350
+constexpr char kTriesUnderDamage[] = " tries 9";
+constexpr Nanoseconds kSlowBlock = kSecond / 100;
+constexpr std::uint64_t kFewBlocks = 10;  // that say nothing of the wire
+constexpr char kAnyText[] = "hello";      // where something came that is not in the story
+
+std::string size_in_words(std::uint64_t bytes) {
+  constexpr std::uint64_t kKib = 1024;
+  if (bytes > 0 && bytes % (kKib * kKib) == 0) return std::to_string(bytes / (kKib * kKib)) + " MiB";
+  if (bytes > 0 && bytes % kKib == 0) return std::to_string(bytes / kKib) + " KiB";
+  return std::to_string(bytes) + " bytes";
+}
+
+bool is_finished(const Transfer& one) {
+  return one.end == End::kFinished || (one.is_last_sent && one.end != End::kError);
+}
+
+bool is_read_in_vain(const Transfer& one, const Writing& writing) {
+  return one.end == End::kUnanswered || one.end == End::kStationEnds ||
+         (one.end == End::kError && one.ended_by != writing.unit) ||
+         (one.end == End::kAbandoned && one.ended_by != writing.unit);
+}
+
+// How large the file is at least; nothing where nothing shows that there is one.
+std::optional<std::uint64_t> size_of_file(const Transfer& one) {
+  if (story::verdict_in(one.name) || one.end == End::kUnanswered) return std::nullopt;
+  if (is_finished(one)) return one.bytes;
+  const std::size_t told = story::number_of(one.acknowledged, "tsize");
+  if (told > 0) return told;
+  if (one.end == End::kError && one.error_code == kFileNotFound) return std::nullopt;
+  if (one.server_port == 0) return std::nullopt;
+  return (one.acknowledged_blocks + 1) * std::max(one.block_size, kUsualBlockSize);
+}
+
+void write_files(const std::vector<const Transfer*>& reads, Script* script) {
+  std::map<std::string, std::uint64_t> sizes;
+  for (const Transfer* const one : reads) {
+    const auto size = one->kind == Transfer::Kind::kRead ? size_of_file(*one) : std::nullopt;
+    if (!size || one->name.empty()) continue;
+    if (one->name.find('/') != std::string::npos)
+      script->cannot_say(one->from, "a file in a folder", one->frames);
+    else
+      sizes[one->name] = std::max(sizes[one->name], *size);
+  }
+  for (const auto& [name, size] : sizes) script->sets("file NAME is " + size_in_words(size), {name});
+}
+
+// What the wire does, as steps.
+class Wire {
+ public:
+  Wire(const std::vector<const Transfer*>& reads, const Writing& writing) : writing_(writing) {
+    if (writing.has_cause("net.loss") || writing.has_cause("net.read-broken")) {
+      const Damage lost = damage(reads, [](const Transfer& one) {
+        const bool is_request_lost = one.end == End::kUnanswered || one.end == End::kStationEnds;
+        const std::uint64_t seen = one.data.lost + one.acks.lost;
+        return std::max(seen + (is_request_lost && seen == 0 ? one.requests : 0), one.inferred_lost);
+      });
+      add("loses", lost);
+    }
+    if (writing.has_cause("net.duplicates"))
+      add("duplicates",
+          damage(reads, [](const Transfer& one) { return one.data.duplicated + one.acks.duplicated; }));
+    if (writing.has_cause("net.swaps"))
+      add("swaps", damage(reads, [](const Transfer& one) { return one.data.swapped + one.acks.swapped; }));
+  }
+
+  // Before the read begins, which is the last one so far.
+  void write_before(const Transfer& read, Script* script) {
+    std::vector<std::string> wanted;
+    for (const Damage& one : damages_) {
+      if (read.from >= one.from && read.from <= one.until) wanted.push_back(one.step);
+    }
+    if (const Nanoseconds delay = delay_of(read); delay > 0 && wanted.empty())
+      wanted.push_back("wire delays " + std::to_string(delay * 1000 / kSecond) + " ms");
+    if (wanted == now_) return;
+    if (!now_.empty()) script->acts(read.from - 2, read.from - 2, "wire is whole", {}, {});
+    for (const std::string& step : wanted) script->acts(read.from - 1, read.from - 1, step, {}, {});
+    now_ = wanted;
+  }
+  bool is_damaged() const { return !now_.empty() && now_[0].find("delays") == std::string::npos; }
+
+ private:
+  struct Damage {
+    Nanoseconds from = 0;
+    Nanoseconds until = 0;
+    double percent = 0;
+    std::string step;
+  };
+
+  template <typename Count>
+  Damage damage(const std::vector<const Transfer*>& reads, Count count) const {
+    Damage result;
+    std::uint64_t damaged = 0, sent = 0, sent_since = 0;
+    for (const Transfer* const one : reads) {
+      if (is_disturbed(*one)) continue;
+      sent_since += one->requests + one->data.sent + one->acks.sent;
+      if (count(*one) == 0) {
+        if (damaged == 0) sent_since = 0;
+        continue;
+      }
+      if (damaged == 0) result.from = one->from;
+      result.until = one->from;
+      damaged += count(*one);
+      sent += std::exchange(sent_since, 0);
+    }
+    result.percent = sent == 0 ? 0 : 100.0 * static_cast<double>(damaged) / static_cast<double>(sent);
+    return result;
+  }
+
+  void add(const std::string& what, Damage damage) {
+    if (damage.percent == 0) return;
+    damage.percent = std::min(damage.percent, 100.0);
+    damage.step = "wire " + what + " " + in_tenths(std::max(damage.percent, 0.1)) + " %";
+    damages_.push_back(damage);
+  }
+
+  // By something else than chance.
+  bool is_disturbed(const Transfer& one) const {
+    return std::any_of(writing_.reading.steps.begin(), writing_.reading.steps.end(), [&](const auto& step) {
+      return (step.kind == story::Step::Kind::kCut || is_interruption(step)) && step.from <= one.until &&
+             step.until >= one.from;
+    });
+  }
+
+  // One way; 0: it is a quick one, or too short to tell.
+  Nanoseconds delay_of(const Transfer& read) const {
+    if (read.blocks < kFewBlocks) return is_disturbed(read) && read.answered ? *read.answered - read.from : 0;
+    Nanoseconds busy = read.data_until - read.data_from;
+    for (const story::Silence& silence : read.silences) busy -= silence.until - silence.from;
+    const Nanoseconds block = busy / static_cast<Nanoseconds>(read.blocks);
+    return block < kSlowBlock ? 0 : block / 2;
+  }
+
+  const Writing& writing_;
+  std::vector<Damage> damages_;
+  std::vector<std::string> now_;
+};
+
+std::string options_of(const Transfer& one, Script* script) {
+  std::string text;
+  const std::size_t block_size = story::number_of(one.asked, "blksize");
+  const std::size_t timeout = story::number_of(one.asked, "timeout");
+  if (block_size != 0 && block_size != kUsualBlockSize) text += " blksize " + std::to_string(block_size);
+  if (timeout != 0 && timeout != kUsualTimeout) text += " timeout " + std::to_string(timeout);
+  for (const auto& [name, value] : one.asked) {
+    if (name != "blksize" && name != "timeout" && name != "tsize")
+      script->cannot_say(one.from, "asks for the option " + name + " " + value, one.frames);
+  }
+  return text;
+}
+
+std::uint64_t blocks_until(const Transfer& read, Nanoseconds when) {
+  std::uint64_t blocks = 0;
+  for (const story::Mark& mark : read.marks) {
+    if (mark.at <= when) blocks = mark.blocks;
+  }
+  return blocks;
+}
+
+// Of a read that the client abandoned, whose server repeated its last block some times.
+Nanoseconds last_said_by_client(const Transfer& one) {
+  const std::uint64_t repeated = one.sent_in_vain == 0 ? 0 : one.sent_in_vain - 1;
+  if (repeated == 0 || one.silences.size() < repeated) return one.until;
+  return one.silences[one.silences.size() - repeated].from;
+}
+
+class Reads {
+ public:
+  explicit Reads(Writing* writing) : writing_(*writing), script_(writing->script) {
+    for (const Transfer& one : writing_.reading.transfers) {
+      if (one.server != story::kStation || one.second_answer_of != story::kNone) continue;
+      if (one.client == writing_.unit)
+        reads_.push_back(&one);
+      else
+        script_.cannot_say(one.from, "another unit reads or writes " + one.name, one.frames);
+    }
+  }
+
+  void write() {
+    write_files(reads_, &script_);
+    if (reads_.empty()) return;
+    const auto& boot = writing_.reading.boot_script;
+    if (boot && boot->first < reads_[0]->from)
+      script_.waits(reads_[0]->from - 3, "unit hears the boot script", {}, boot->frames);
+    Wire wire(reads_, writing_);
+    for (std::size_t i = 0; i < reads_.size(); ++i) {
+      wire.write_before(*reads_[i], &script_);
+      i = last_try(i, wire.is_damaged());
+      const Nanoseconds next = i + 1 < reads_.size() ? reads_[i + 1]->from : writing_.reading.last;
+      write_one(*reads_[i], next, wire.is_damaged() ? kTriesUnderDamage : "");
+    }
+  }
+
+ private:
+  // Of reads of one file that follow each other, all but the last are tries where the wire is damaged.
+  std::size_t last_try(std::size_t first, bool is_damaged) const {
+    std::size_t last = first;
+    while (is_damaged && last + 1 < reads_.size() && reads_[last + 1]->name == reads_[first]->name &&
+           !is_finished(*reads_[last]))
+      ++last;
+    return last;
+  }
+
+  void write_one(const Transfer& one, Nanoseconds next, const std::string& tries) {
+    const std::string asked = options_of(one, &script_);
+    if (one.kind == Transfer::Kind::kWrite) {
+      act(one, "unit writes NAME");
+    } else if (one.kind == Transfer::Kind::kOther) {
+      script_.acts(one.from, one.until,
+                   "unit sends TEXT to port " + std::to_string(writing_.reading.tftp_port), {kAnyText},
+                   one.frames);
+    } else if (one.kind != Transfer::Kind::kRead) {
+      script_.cannot_say(one.from, "a transfer whose request is not in the record", one.frames);
+    } else if (one.requests > 1 && one.asked.empty()) {
+      script_.acts(one.from, one.answered.value_or(one.until), "unit repeats NAME TIMES times",
+                   {one.name, std::to_string(one.requests)}, one.frames);
+    } else if (is_finished(one)) {
+      write_read(one, std::min(one.until, next), asked, tries, true);
+    } else if (one.end == End::kError && (one.name.empty() || one.mode != "octet")) {
+      script_.acts(one.from, one.until,
+                   one.mode == "octet" ? "unit is refused NAME" : "unit is refused NAME in mode MODE",
+                   {one.name, one.mode}, one.frames);
+    } else if (is_read_in_vain(one, writing_)) {
+      if (is_station_stopped(one)) return write_stopped(one, asked);
+      const bool is_told = one.end == End::kError;
+      write_read(one, is_told ? one.until : std::min(one.until + kPatience, next), asked, "", false);
+    } else {
+      write_broken_off(one, asked);
+    }
+  }
+
+  bool is_station_stopped(const Transfer& one) const {
+    return one.server_port == 0 && one.end != End::kError && writing_.has_cause("read.unanswered");
+  }
+
+  // What could be seen is that nothing came.
+  void write_stopped(const Transfer& one, const std::string& asked) {
+    const Nanoseconds until = one.from + kPatience;
+    script_.acts(one.from - 1, one.from - 1, "station gets SIGSTOP", {}, one.frames);
+    script_.acts(one.from, until, "unit cannot read NAME" + asked, {one.name}, one.frames);
+    const auto& end = writing_.reading.station_end;
+    if (!end || end->signal != SIGKILL || &one != reads_.back())
+      script_.waits(one.from + 1, "station gets SIGCONT", {}, one.frames);
+  }
+
+  // By the unit.
+  void write_broken_off(const Transfer& one, const std::string& asked) {
+    const std::string blocks = std::to_string(one.acknowledged_blocks);
+    const std::uint64_t whole = one.bytes - one.bytes % kProgressBytes;
+    if (one.end == End::kError)
+      act(one, "unit gives up NAME blksize " + std::to_string(std::max(one.block_size, kUsualBlockSize)) +
+                   (one.acknowledged_blocks == 0 ? "" : " after " + blocks + " blocks"));
+    else if (one.end == End::kAbandoned)
+      script_.acts(one.from, last_said_by_client(one),
+                   "unit reads NAME" + asked + " dies after " + size_in_words(whole), {one.name}, one.frames);
+    else
+      script_.cannot_say(one.from, "how the read of " + one.name + " ended", one.frames);
+  }
+
+  // In two steps where something else happens in its midst.
+  void write_read(const Transfer& one, Nanoseconds until, const std::string& asked, const std::string& tries,
+                  bool succeeds) {
+    const Nanoseconds margin = kSecond / 5;  // a lost answer's patience is not measured so well
+    if (!script_.has_act_between(one.from, succeeds ? until : until - margin)) {
+      const std::string form = (succeeds ? "unit reads NAME" : "unit cannot read NAME") + asked + tries;
+      return script_.acts(one.from, until, form, {one.name}, one.frames);
+    }
+    script_.acts(one.from, one.from, "unit begins reading NAME" + asked, {one.name}, one.frames);
+    write_progress(one);
+    script_.waits(until, succeeds ? "unit ends reading" : "unit ends reading in vain", {}, one.frames);
+  }
+
+  // How far it was when the cable was taken out, or the station was stopped or ended.
+  void write_progress(const Transfer& one) {
+    using Kind = story::Step::Kind;
+    for (const story::Step& step : writing_.reading.steps) {
+      if (step.kind != Kind::kCut && step.kind != Kind::kStationEnds && !is_interruption(step)) continue;
+      if (step.from <= one.from || step.from >= one.until) continue;
+      const std::uint64_t bytes = blocks_until(one, step.from) * one.block_size;
+      const std::uint64_t whole = bytes - bytes % kProgressBytes;
+      if (whole > 0 && whole < one.bytes)
+        script_.waits(step.from - 1, "unit has read " + size_in_words(whole), {}, one.frames);
+    }
+  }
+
+  void act(const Transfer& one, const std::string& form) {
+    script_.acts(one.from, one.until, form, {one.name}, one.frames);
+  }
+
+  const Writing& writing_;
+  Script& script_;
+  std::vector<const Transfer*> reads_;  // and writes, in order
+};
+
+}  // namespace
+
+void write_reads(Writing* writing) {
+  Reads(writing).write();
+}
+
+}  // namespace scenario

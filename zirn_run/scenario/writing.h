@@ -1,0 +1,35 @@
+#ifndef SCENARIO_WRITING_H
+#define SCENARIO_WRITING_H
+
+#include <string>
+#include <string_view>
+
+#include "explanation/explanation.h"
+#include "scenario/script.h"
+#include "story/reading.h"
+
+namespace scenario {
+
+// What all that write know, and what they write.
+struct Writing {
+  const story::Reading& reading;
+  const explanation::Explanation& told;
+  std::size_t unit = story::kNone;  // the one that the language has
+  Script script;
+
+  bool has_cause(std::string_view id) const;
+};
+
+// The station's wait broke off: its process was stopped and continued.
+bool is_interruption(const story::Step& step);
+
+void write_board(Writing* writing);  // and the station's start
+void write_ppt_server(Writing* writing);
+void write_commands(Writing* writing);  // and datagrams
+void write_end(Writing* writing);
+// The last one: what happens in the midst of a read splits it.
+void write_reads(Writing* writing);
+
+}  // namespace scenario
+
+#endif
