@@ -122,6 +122,15 @@ TEST_F(ScenarioSteps, SetTheBoardUpAsTheAnswersShow) {
   EXPECT_EQ(last_lines(), "station exits 2\nfault is board by board.tool-failed\n");
 }
 
+TEST_F(ScenarioSteps, KnowTheBoardsAddressAlsoWhereItsSuccessorWraps) {
+  run.begins();
+  run.gives("F_l_m_01MEMORY_PASSED");
+  run.asks("ZIRN_ASKS_FOR_HIS_MAC", "00:00:00:00:00:01");
+  run.ends(15);
+  told();
+  EXPECT_EQ(set(), "board has tempmac ff:ff:ff:ff:ff:ff\n");
+}
+
 TEST_F(ScenarioSteps, SplitAReadInWhoseMidstTheCableWasOut) {
   run.begins();
   run.asks_for("kernel.img");

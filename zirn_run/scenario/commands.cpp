@@ -18,10 +18,11 @@ using Text = Connection::Text;
 constexpr char kAsksForMac[] = "ZIRN_ASKS_FOR_HIS_MAC";  // also where nothing shows what it was about to ask
 constexpr std::string_view kUsesTool = "DO_PMC_INIT";
 constexpr std::uint64_t kUsualMac = 0x02000000172a;  // that the bench's board has
+constexpr std::uint64_t kAdded = 2;                  // what the unit is told more
 constexpr Nanoseconds kVainTime = 3 * kSecond;       // that `in vain` takes
 constexpr std::uint64_t kMostRepetitions = 20;       // of a datagram
 
-// The board's, of the one that the unit was told; nothing for what is no address.
+// The board's, of the one that the unit was told; nothing for what is no address, and for the usual one.
 std::optional<std::string> board_mac_in(const std::string& told) {
   std::uint64_t mac = 0;
   std::istringstream bytes(told);
@@ -30,10 +31,10 @@ std::optional<std::string> board_mac_in(const std::string& told) {
     if (byte.size() != 2 || byte.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return {};
     mac = mac << 8 | std::strtoul(byte.c_str(), nullptr, 16);
   }
-  if (count != 6 || mac < 2 || mac - 2 == kUsualMac) return {};
+  if (count != 6 || mac == kUsualMac + kAdded) return {};
   char text[] = "00:00:00:00:00:00";
   for (int place = 5; place >= 0; --place) {
-    const auto byte = static_cast<unsigned>((mac - 2) >> (8 * (5 - place)) & 0xffU);
+    const auto byte = static_cast<unsigned>((mac - kAdded) >> (8 * (5 - place)) & 0xffU);
     text[3 * place] = "0123456789abcdef"[byte >> 4];
     text[3 * place + 1] = "0123456789abcdef"[byte & 0xfU];
   }
