@@ -138,10 +138,11 @@ class Wire {
 
   // By something else than chance.
   bool is_disturbed(const Transfer& one) const {
-    return std::any_of(writing_.reading.steps.begin(), writing_.reading.steps.end(), [&](const auto& step) {
-      return (step.kind == story::Step::Kind::kCut || is_interruption(step)) && step.from <= one.until &&
-             step.until >= one.from;
-    });
+    return std::any_of(writing_.disturbances.begin(), writing_.disturbances.end(),
+                       [&one](const story::Step* step) {
+                         const bool is_end = step->kind == story::Step::Kind::kStationEnds;
+                         return !is_end && step->from <= one.until && step->until >= one.from;
+                       });
   }
 
   // One way; 0: it is a quick one, or too short to tell.
@@ -294,14 +295,12 @@ class Reads {
 
   // How far it was when the cable was taken out, or the station was stopped or ended.
   void write_progress(const Transfer& one) {
-    using Kind = story::Step::Kind;
-    for (const story::Step& step : writing_.reading.steps) {
-      if (step.kind != Kind::kCut && step.kind != Kind::kStationEnds && !is_interruption(step)) continue;
-      if (step.from <= one.from || step.from >= one.until) continue;
-      const std::uint64_t bytes = blocks_until(one, step.from) * one.block_size;
+    for (const story::Step* const step : writing_.disturbances) {
+      if (step->from <= one.from || step->from >= one.until) continue;
+      const std::uint64_t bytes = blocks_until(one, step->from) * one.block_size;
       const std::uint64_t whole = bytes - bytes % kProgressBytes;
       if (whole > 0 && whole < one.bytes)
-        script_.waits(step.from - 1, "unit has read " + size_in_words(whole), {}, one.frames);
+        script_.waits(step->from - 1, "unit has read " + size_in_words(whole), {}, one.frames);
     }
   }
 

@@ -35,6 +35,16 @@ Nanoseconds start_of(const Reading& reading) {
   return line == reading.steps.end() ? reading.first : line->from;
 }
 
+std::vector<const story::Step*> disturbances_in(const Reading& reading) {
+  using Kind = story::Step::Kind;
+  std::vector<const story::Step*> steps;
+  for (const story::Step& step : reading.steps) {
+    if (step.kind == Kind::kCut || step.kind == Kind::kStationEnds || is_interruption(step))
+      steps.push_back(&step);
+  }
+  return steps;
+}
+
 }  // namespace
 
 bool Writing::has_cause(std::string_view id) const {
@@ -44,12 +54,15 @@ bool Writing::has_cause(std::string_view id) const {
 
 Scenario scenario_of(const Reading& reading) {
   const explanation::Explanation told = explanation::explain(reading);
-  Writing writing = {reading, told, unit_of(reading), {}};
+  Writing writing = {reading, told, unit_of(reading), disturbances_in(reading), {}};
   write_ppt_server(&writing);
   write_board(&writing);
   write_commands(&writing);
   write_end(&writing);
   write_reads(&writing);
+  if (reading.left_out > 0)
+    writing.script.cannot_say(reading.last,
+                              "more than can be told: " + frames::counted(reading.left_out, "thing"), {});
   Scenario scenario = writing.script.written(title_of(reading), start_of(reading));
   const explanation::Cause& cause = *told.fault.cause;
   scenario.text += "fault is " + std::string(name_of(cause.owner)) + " by " + std::string(cause.id) + '\n';

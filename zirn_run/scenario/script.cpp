@@ -70,6 +70,7 @@ void Script::add(const Line& where, const std::string& form, Values values, cons
   if (!text) return cannot_say(where.at, "a text of the wire in: " + form, numbers);
   lines_.push_back(where);
   lines_.back().text = *text;
+  if (where.kind == Kind::kActs) acts_.insert(where.at);
 }
 
 void Script::sets(const std::string& form, Values values, const Numbers& numbers) {
@@ -95,9 +96,8 @@ void Script::cannot_say(Nanoseconds at, const std::string& what, const Numbers& 
 }
 
 bool Script::has_act_between(Nanoseconds from, Nanoseconds until) const {
-  return std::any_of(lines_.begin(), lines_.end(), [=](const Line& line) {
-    return line.kind == Kind::kActs && line.at > from && line.at < until;
-  });
+  const auto act = acts_.upper_bound(from);
+  return act != acts_.end() && *act < until;
 }
 
 Scenario Script::written(const std::string& title, Nanoseconds start) {

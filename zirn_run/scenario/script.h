@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,7 @@ class Script {
   void add(const Line& where, const std::string& form, Values values, const Numbers& numbers);
 
   std::vector<Line> lines_;
+  std::set<Nanoseconds> acts_;  // when
   std::size_t left_out_ = 0;
 };
 

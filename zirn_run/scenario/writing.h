@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "explanation/explanation.h"
 #include "scenario/script.h"
@@ -14,7 +15,8 @@ namespace scenario {
 struct Writing {
   const story::Reading& reading;
   const explanation::Explanation& told;
-  std::size_t unit = story::kNone;  // the one that the language has
+  std::size_t unit = story::kNone;               // the one that the language has
+  std::vector<const story::Step*> disturbances;  // a cable taken out, a station stopped, and its end
   Script script;
 
   bool has_cause(std::string_view id) const;
