@@ -167,6 +167,19 @@ TEST_F(ScenarioSteps, NameTheFramesOfWhatTheyCannotSay) {
   EXPECT_EQ(written.left_out, 2U);
 }
 
+TEST_F(ScenarioSteps, SayNoOptionThatTheLanguageDoesNotTake) {
+  run.begins();
+  Exchange read(&run.run, {kUnit, 3000}, kStation);
+  read.asks(std::string("\0\1a.img\0octet\0blksize\099999\0timeout\0001\0windowsize\0004\0", 51));
+  read.answers(tftp::data(1, "a"));
+  read.sends(tftp::ack(1));
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_NE(steps.find(": asks for blksize 99999\n"), std::string::npos) << steps;
+  EXPECT_NE(steps.find(": asks for the option windowsize 4\n"), std::string::npos) << steps;
+  EXPECT_NE(steps.find("\nunit reads a.img timeout 1\n"), std::string::npos) << steps;
+}
+
 TEST_F(ScenarioSteps, EndARunWhoseRecordHasNoEnd) {
   run.begins();
   run.reads("kernel.img");

@@ -46,7 +46,8 @@ void write_signal(int status, const story::Step& step, Writing* writing) {
 // A station that took long may take twice as long.
 std::string patience(Nanoseconds end, const story::Reading& reading) {
   const Nanoseconds last = reading.verdicts.empty() ? end : reading.verdicts.back().at;
-  return end - last <= kUsual ? "" : " within " + std::to_string(2 * (end - last) / kSecond) + " s";
+  return end - last <= kUsual ? ""
+                              : " within " + in_tenths(2 * static_cast<double>(end - last) / kSecond) + " s";
 }
 
 }  // namespace

@@ -19,9 +19,14 @@ using End = Transfer::End;
 constexpr Nanoseconds kPatience = 5 * kSecond;  // of the bench's unit, with an answer that does not come
 constexpr std::size_t kUsualBlockSize = 512;    // bytes, of the bench's unit
 constexpr std::size_t kUsualTimeout = 5;        // seconds, the same
+constexpr std::size_t kMostBlockSize = 65464;   // RFC 2348
+constexpr std::size_t kMostTimeout = 255;       // RFC 2349
+constexpr std::uint64_t kMostBlocks = 65535;    // that can be counted
+constexpr std::uint64_t kMostCount = 1000;      // of what is repeated
 constexpr std::size_t kProgressBytes = 8192;    // its file grows by
 constexpr std::uint64_t kFileNotFound = 1;      // RFC 1350
 constexpr char kTriesUnderDamage[] = " tries 9";
+constexpr Nanoseconds kMostDelay = 60000;  // milliseconds
 constexpr Nanoseconds kSlowBlock = kSecond / 100;
 constexpr std::uint64_t kFewBlocks = 10;  // that say nothing of the wire
 constexpr char kAnyText[] = "hello";      // where something came that is not in the story
@@ -48,7 +53,7 @@ std::optional<std::uint64_t> size_of_file(const Transfer& one) {
   if (story::verdict_in(one.name) || one.end == End::kUnanswered) return std::nullopt;
   if (is_finished(one)) return one.bytes;
   const std::size_t told = story::number_of(one.acknowledged, "tsize");
-  if (told > 0) return told;
+  if (told > 0) return std::min<std::uint64_t>(told, UINT32_MAX);
   if (one.end == End::kError && one.error_code == kFileNotFound) return std::nullopt;
   if (one.server_port == 0) return std::nullopt;
   return (one.acknowledged_blocks + 1) * std::max(one.block_size, kUsualBlockSize);
@@ -93,7 +98,8 @@ class Wire {
       if (read.from >= one.from && read.from <= one.until) wanted.push_back(one.step);
     }
     if (const Nanoseconds delay = delay_of(read); delay > 0 && wanted.empty())
-      wanted.push_back("wire delays " + std::to_string(delay * 1000 / kSecond) + " ms");
+      wanted.push_back("wire delays " +
+                       std::to_string(std::min<Nanoseconds>(delay * 1000 / kSecond, kMostDelay)) + " ms");
     if (wanted == now_) return;
     if (!now_.empty()) script->acts(read.from - 2, read.from - 2, "wire is whole", {}, {});
     for (const std::string& step : wanted) script->acts(read.from - 1, read.from - 1, step, {}, {});
@@ -163,8 +169,15 @@ std::string options_of(const Transfer& one, Script* script) {
   std::string text;
   const std::size_t block_size = story::number_of(one.asked, "blksize");
   const std::size_t timeout = story::number_of(one.asked, "timeout");
-  if (block_size != 0 && block_size != kUsualBlockSize) text += " blksize " + std::to_string(block_size);
-  if (timeout != 0 && timeout != kUsualTimeout) text += " timeout " + std::to_string(timeout);
+  const auto add = [&](const char* name, std::size_t number, std::size_t usual, std::size_t most) {
+    if (number > most)
+      script->cannot_say(one.from, "asks for " + std::string(name) + " " + std::to_string(number),
+                         one.frames);
+    if (number != 0 && number <= most && number != usual)
+      text += " " + std::string(name) + " " + std::to_string(number);
+  };
+  add("blksize", block_size, kUsualBlockSize, kMostBlockSize);
+  add("timeout", timeout, kUsualTimeout, kMostTimeout);
   for (const auto& [name, value] : one.asked) {
     if (name != "blksize" && name != "timeout" && name != "tsize")
       script->cannot_say(one.from, "asks for the option " + name + " " + value, one.frames);
@@ -236,7 +249,7 @@ class Reads {
       script_.cannot_say(one.from, "a transfer whose request is not in the record", one.frames);
     } else if (one.requests > 1 && one.asked.empty()) {
       script_.acts(one.from, one.answered.value_or(one.until), "unit repeats NAME TIMES times",
-                   {one.name, std::to_string(one.requests)}, one.frames);
+                   {one.name, std::to_string(std::min(one.requests, kMostCount))}, one.frames);
     } else if (is_finished(one)) {
       write_read(one, std::min(one.until, next), asked, tries, true);
     } else if (one.end == End::kError && (one.name.empty() || one.mode != "octet")) {
@@ -268,7 +281,7 @@ class Reads {
 
   // By the unit.
   void write_broken_off(const Transfer& one, const std::string& asked) {
-    const std::string blocks = std::to_string(one.acknowledged_blocks);
+    const std::string blocks = std::to_string(std::min<std::uint64_t>(one.acknowledged_blocks, kMostBlocks));
     const std::uint64_t whole = one.bytes - one.bytes % kProgressBytes;
     if (one.end == End::kError)
       act(one, "unit gives up NAME blksize " + std::to_string(std::max(one.block_size, kUsualBlockSize)) +

@@ -14,7 +14,8 @@ namespace {
 
 constexpr Nanoseconds kBeforeAll = std::numeric_limits<Nanoseconds>::min();
 constexpr Nanoseconds kShortestPause = 3 * kSecond / 10;
-constexpr Nanoseconds kLongestPause = 3600 * kSecond;  // that the language can say
+constexpr double kMostNumber = 3600;  // seconds that the language can say
+constexpr Nanoseconds kLongestPause = 3600 * kSecond;
 
 bool is_value(const std::string& word) {
   return word != "ERROR" &&
@@ -61,7 +62,7 @@ std::optional<std::string> filled(const std::string& form, const std::vector<std
 
 std::string in_tenths(double number) {
   std::ostringstream text;
-  text << std::round(number * 10) / 10;
+  text << std::round(std::min(number, kMostNumber) * 10) / 10;
   return text.str();
 }
 

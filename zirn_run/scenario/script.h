@@ -59,7 +59,7 @@ class Script {
   std::size_t left_out_ = 0;
 };
 
-// "1.5"; one digit after the point at the most.
+// "1.5"; one digit after the point at the most, and 3600 at the most.
 std::string in_tenths(double number);
 
 }  // namespace scenario
