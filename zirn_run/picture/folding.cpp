@@ -21,6 +21,8 @@ void add_counts(const Row& more, Row* row) {
   row->duplicated += more.duplicated;
   row->swapped += more.swapped;
   row->until = std::max(row->until, more.until);
+  row->frames.add(more.frames);
+  row->lines.add(more.lines);
 }
 
 // What the rows say, as numbers: equal ones are equal.

@@ -236,7 +236,9 @@ double add_head(const std::vector<Row>& rows, const Reading& reading, const Outc
   y = add_outcome(reading, outcome, y + 6, sheet) + 4;
   for (const std::string& warning : warnings_of(reading, choice))
     y = add_text(warning, Font::kWrong, kMargin, y, sheet);
-  return add_legend(rows, reading, y + kGap / 2, sheet) + kGap / 2;
+  const double bottom = add_legend(rows, reading, y + kGap / 2, sheet) + kGap / 2;
+  sheet->legend = {0, y, sheet->width, bottom - y};
+  return bottom;
 }
 
 double add_lane_heads(const Lanes& lanes, double y, Sheet* sheet) {
@@ -353,7 +355,9 @@ Sheet page_of(const std::vector<Row>& rows, const Reading& reading, const Outcom
   const Lanes lanes(reading, rows);
   Sheet sheet;
   sheet.width = lanes.width();
-  const double top = add_lane_heads(lanes, add_head(rows, reading, outcome, choice, &sheet), &sheet);
+  const double head = add_head(rows, reading, outcome, choice, &sheet);
+  const double top = add_lane_heads(lanes, head, &sheet);
+  sheet.lanes = {0, head, sheet.width, top - head};
   double y = add_rows(rows, reading, lanes, top + kGap, &sheet) + kGap;
   add_life_lines(rows, lanes, top, y, &sheet);
   if (y > kTallPage) y = add_lane_heads(lanes, y, &sheet);

@@ -48,10 +48,13 @@ struct Row {
   std::size_t source = kNone;  // parties
   std::size_t target = kNone;
   std::size_t thread = kNone;      // kBand, kBandEnd: the transfer
+  std::size_t transfer = kNone;    // that it tells of
   std::size_t turn = kNone;        // of a unit (outcome.h)
   std::string text;                // printable, not wrapped
   std::vector<std::string> facts;  // under or beside it
-  std::string key;                 // rows that say the same but for time and count have the same
+  frames::Numbers frames;
+  frames::Numbers lines;
+  std::string key;  // rows that say the same but for time and count have the same
 
   std::uint64_t times = 1;
   std::uint64_t lost = 0;
@@ -60,6 +63,7 @@ struct Row {
   Nanoseconds group_from = 0;
   bool is_inferred = false;
   bool is_whole = false;  // kBand: nothing else begins before it ends
+  bool is_short = false;  // it stands for all rows of its transfer, which follow
 
   Mark mark = Mark::kUnmarked;
   std::string mark_words;

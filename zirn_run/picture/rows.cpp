@@ -26,8 +26,9 @@ constexpr Nanoseconds kLongestRest = 2000000000;
 // Tells a run step by step.
 class Teller {
  public:
-  Teller(const Reading& reading, const Choice& choice, Detail detail, const Outcome& outcome)
-      : reading_(reading), choice_(choice), detail_(detail), outcome_(outcome) {
+  Teller(const Reading& reading, const Choice& choice, Detail detail, const Outcome& outcome,
+         bool adds_short = false)
+      : reading_(reading), choice_(choice), detail_(detail), outcome_(outcome), adds_short_(adds_short) {
     first_of_transfer_.assign(reading.transfers.size(), kNone);
     last_of_transfer_ = marked_of_transfer_ = first_of_transfer_;
     first_of_connection_.assign(reading.connections.size(), kNone);
@@ -79,6 +80,9 @@ class Teller {
     Row row;
     row.kind = kind;
     row.look = look;
+    if (is_of_transfer(step.kind)) row.transfer = step.thread;
+    row.frames = step.frames;
+    row.lines = step.lines;
     row.from = step.from;
     row.until = step.until;
     row.source = step.source;
@@ -103,6 +107,7 @@ class Teller {
     row.kind = Kind::kWords;
     row.from = row.until = gap.at;
     row.text = printable(gap.text);
+    row.lines = gap.lines;
     row.key = "gap " + row.text;
     return row;
   }
@@ -110,6 +115,7 @@ class Teller {
   void tell(const Step& step) {
     if (is_of_transfer(step.kind) && step.thread != kNone) {
       if (detail_ < Detail::kTransfersInARow) {
+        if (adds_short_) add_short(step);
         tell_of_transfer(step);
       } else if (first_of_transfer_[step.thread] == place_) {
         tell_transfer(step);
@@ -123,6 +129,13 @@ class Teller {
     } else {
       tell_else(step);
     }
+  }
+
+  // A transfer of one step is short already.
+  void add_short(const Step& step) {
+    if (first_of_transfer_[step.thread] != place_ || last_of_transfer_[step.thread] == place_) return;
+    tell_transfer(step);
+    rows_.back().is_short = true;
   }
 
   void tell_else(const Step& step) {
@@ -201,7 +214,8 @@ class Teller {
     end.from = end.until = step.until;
     end.source = step.source;
     end.target = step.target;
-    end.thread = step.thread;
+    end.thread = end.transfer = step.thread;
+    end.frames = step.frames;
     end.turn = row.turn;
     end.text = "end of " + row.text;
     const std::string client = name_of(reading_, transfer.client);
@@ -224,6 +238,7 @@ class Teller {
         add(is_long ? Kind::kBand : Kind::kArrow, step, in_short(reading_, transfer), look_of(transfer));
     row.until = std::max(row.until, transfer.until);
     row.thread = step.thread;
+    row.frames = transfer.frames;
     row.key = std::to_string(transfer.client) + request_in_words(transfer) + end_in_words(reading_, transfer);
     const bool to_client = is_long && transfer.kind != Transfer::Kind::kWrite;
     row.source = to_client ? transfer.server : transfer.client;
@@ -257,6 +272,7 @@ class Teller {
     Step step = first;
     step.source = connection.client;
     step.target = connection.server;
+    step.frames = connection.frames;
     if (first.kind != Step::Kind::kConnect) step.count = 1;
     std::string text = opening_in_words(connection, !is_exchange);
     const bool is_short = detail_ >= Detail::kTransfersInARow || connection.attempts > 1 ||
@@ -288,6 +304,7 @@ class Teller {
   const Choice& choice_;
   const Detail detail_;
   const Outcome& outcome_;
+  const bool adds_short_;
   std::vector<std::size_t> first_of_transfer_;  // steps
   std::vector<std::size_t> last_of_transfer_;
   std::vector<std::size_t> marked_of_transfer_;
@@ -367,6 +384,14 @@ std::vector<Row> rows_of(const Reading& reading, const Choice& choice, Detail de
   if (detail >= Detail::kRepetitionsFolded) rows = with_repetitions_folded(std::move(rows));
   leave_out_the_middle(&rows);
   return detail >= Detail::kUnitsInARow ? rows : with_pauses(std::move(rows));
+}
+
+std::vector<Row> rows_to_fold(const Reading& reading, const Outcome& outcome) {
+  std::vector<Row> rows = Teller(reading, {}, Detail::kEverything, outcome, true).told();
+  drop_ends_of_whole_bands(&rows);
+  if (rows.size() > kMaxRows) rows = with_repetitions_folded(std::move(rows));
+  leave_out_the_middle(&rows);
+  return with_pauses(std::move(rows));
 }
 
 }  // namespace picture

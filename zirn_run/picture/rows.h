@@ -28,6 +28,10 @@ constexpr std::size_t kMaxRows = 1000;
 std::vector<Row> rows_of(const story::Reading& reading, const Choice& choice, Detail detail,
                          const Outcome& outcome);
 
+// The same for a page that folds transfers: everything, and before the rows of each transfer that has several one that
+// stands for all of them (Row::is_short). Repetitions are folded only where there are more than kMaxRows.
+std::vector<Row> rows_to_fold(const story::Reading& reading, const Outcome& outcome);
+
 }  // namespace picture
 
 #endif

@@ -97,7 +97,9 @@ struct Sheet {
   double height = 0;
   std::string title;  // not drawn: the picture's name, and what it says in short
   std::string summary;
-  std::vector<Box> rows;  // not drawn: where each row stands
+  Box legend;             // not drawn: where it stands
+  Box lanes;              // the same: the heads of the lanes, at the top
+  std::vector<Box> rows;  // the same: each row
   std::vector<Area> areas;
   std::vector<Stroke> strokes;
   std::vector<Hop> hops;

@@ -1,5 +1,7 @@
 #include "picture/svg.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string_view>
 
 #include "picture/words.h"
@@ -80,12 +82,14 @@ constexpr char kShapes[] =
     ".tcp { stroke-dasharray: 10 4 }\n"
     ".board { stroke-dasharray: 12 3 2 3 }\n"
     ".closed, .harmless { stroke-dasharray: 5 4 }\n"
+    "path { stroke-dasharray: none !important }\n"
+    ".hatch { stroke-width: 3 }\n"
     "polygon { stroke: none !important }\n";
 
 constexpr char kHatch[] =
     "<defs><pattern id=\"hatch\" width=\"10\" height=\"10\" patternUnits=\"userSpaceOnUse\" "
-    "patternTransform=\"rotate(45)\"><line class=\"hatch\" x1=\"0\" y1=\"0\" x2=\"0\" y2=\"10\" "
-    "style=\"stroke-width: 3\"/></pattern></defs>\n";
+    "patternTransform=\"rotate(45)\"><line class=\"hatch\" x1=\"0\" y1=\"0\" x2=\"0\" y2=\"10\"/>"
+    "</pattern></defs>\n";
 
 // In the orders of the enumerations.
 constexpr const char* kPenNames[] = {"axis",       "life",    "paused",   "lost",     "again",
@@ -95,17 +99,6 @@ constexpr const char* kPaintNames[] = {"page",    "hatched",    "band",       "i
                                        "call",    "lane",       "passed",     "failed",   "wrong",
                                        "neither", "passed-row", "failed-row", "wrong-row"};
 constexpr const char* kFontClasses[] = {"", "bold", "output", "title", "sign", "passed", "failed", "wrong"};
-
-std::string style() {
-  std::string light;
-  std::string dark;
-  for (const Tone& tone : kTones) {
-    const std::string begin = std::string(tone.selector) + " { " + tone.property + ": ";
-    light += begin + tone.light + " }\n";
-    dark += begin + tone.dark + " }\n";
-  }
-  return "<style>\n" + (kShapes + light) + "@media (prefers-color-scheme: dark) {\n" + dark + "}\n</style>\n";
-}
 
 const char* name_of(Pen pen) {
   return kPenNames[static_cast<std::size_t>(pen)];
@@ -128,9 +121,9 @@ std::string line(const Stroke& stroke) {
 
 std::string half_circle(const Hop& hop) {
   const std::string radius = decimal(kHopRadius, 1);
-  return std::string("<path class=\"") + name_of(hop.pen) + "\" style=\"stroke-dasharray: none\" d=\"M " +
-         decimal(hop.x - kHopRadius, 1) + " " + decimal(hop.y, 1) + " A " + radius + " " + radius +
-         " 0 0 1 " + decimal(hop.x + kHopRadius, 1) + " " + decimal(hop.y, 1) + "\"/>\n";
+  return std::string("<path class=\"") + name_of(hop.pen) + "\" d=\"M " + decimal(hop.x - kHopRadius, 1) +
+         " " + decimal(hop.y, 1) + " A " + radius + " " + radius + " 0 0 1 " +
+         decimal(hop.x + kHopRadius, 1) + " " + decimal(hop.y, 1) + "\"/>\n";
 }
 
 std::string triangle(const Head& head) {
@@ -177,22 +170,76 @@ std::string written(const Text& text) {
          escaped(text.text) + "</text>\n";
 }
 
-}  // namespace
+// What of it stands between two heights. A line that goes on is cut there.
+Sheet part_of(const Sheet& whole, double top, double bottom) {
+  const auto keep = [top, bottom](const auto& all, auto above, auto below, auto* kept) {
+    std::copy_if(all.begin(), all.end(), std::back_inserter(*kept),
+                 [&](const auto& one) { return above(one) < bottom && below(one) > top; });
+  };
+  Sheet part;
+  const auto box_top = [](const auto& one) { return one.box.y; };
+  const auto box_bottom = [](const auto& one) { return one.box.bottom(); };
+  const auto at = [](const auto& one) { return one.y; };
+  keep(whole.areas, box_top, box_bottom, &part.areas);
+  keep(
+      whole.strokes, [](const Stroke& one) { return std::min(one.y1, one.y2); },
+      [](const Stroke& one) { return std::max(one.y1, one.y2) + 0.1; }, &part.strokes);
+  keep(whole.hops, at, at, &part.hops);
+  keep(whole.heads, at, at, &part.heads);
+  keep(whole.texts, box_top, box_bottom, &part.texts);
+  for (Stroke& stroke : part.strokes) {
+    if (stroke.x1 != stroke.x2) continue;
+    stroke.y1 = std::max(stroke.y1, top);
+    stroke.y2 = std::min(stroke.y2, bottom);
+  }
+  return part;
+}
 
-std::string svg_of(const Sheet& sheet) {
-  std::string svg = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"" +
-                    attribute("width", sheet.width) + attribute("height", sheet.height) + " viewBox=\"0 0 " +
-                    decimal(sheet.width, 1) + " " + decimal(sheet.height, 1) +
-                    "\" role=\"img\" aria-labelledby=\"title summary\">\n<title id=\"title\">" +
-                    escaped(sheet.title) + "</title>\n<desc id=\"summary\">" + escaped(sheet.summary) +
-                    "</desc>\n" + style() + kHatch + rectangle({0, 0, sheet.width, sheet.height}, "page");
+std::string drawn(const Sheet& sheet) {
+  std::string svg;
   for (const Area& area : sheet.areas)
     svg += rectangle(area.box, kPaintNames[static_cast<std::size_t>(area.paint)]);
   for (const Stroke& stroke : sheet.strokes) svg += line(stroke);
   for (const Hop& hop : sheet.hops) svg += half_circle(hop);
   for (const Head& head : sheet.heads) svg += triangle(head);
   for (const Text& text : sheet.texts) svg += written(text);
-  return svg + "</svg>\n";
+  return svg;
+}
+
+std::string size_of(const Box& box) {
+  return attribute("width", box.width) + attribute("height", box.height) + " viewBox=\"" + decimal(box.x, 1) +
+         " " + decimal(box.y, 1) + " " + decimal(box.width, 1) + " " + decimal(box.height, 1) + "\"";
+}
+
+}  // namespace
+
+std::string style_sheet() {
+  std::string light;
+  std::string dark;
+  for (const Tone& tone : kTones) {
+    const std::string begin = std::string(tone.selector) + " { " + tone.property + ": ";
+    light += begin + tone.light + " }\n";
+    dark += begin + tone.dark + " }\n";
+  }
+  return kShapes + light + "@media (prefers-color-scheme: dark) {\n" + dark + "}\n";
+}
+
+std::string svg_of(const Sheet& sheet) {
+  const Box whole{0, 0, sheet.width, sheet.height};
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"" +
+         size_of(whole) + " role=\"img\" aria-labelledby=\"title summary\">\n<title id=\"title\">" +
+         escaped(sheet.title) + "</title>\n<desc id=\"summary\">" + escaped(sheet.summary) +
+         "</desc>\n<style>\n" + style_sheet() + "</style>\n" + kHatch + rectangle(whole, "page") +
+         drawn(sheet) + "</svg>\n";
+}
+
+std::string strip_of(const Sheet& sheet, const Box& part) {
+  return "<svg" + size_of(part) + " aria-hidden=\"true\">\n" + drawn(part_of(sheet, part.y, part.bottom())) +
+         "</svg>";
+}
+
+std::string shared_by_strips() {
+  return std::string("<svg width=\"0\" height=\"0\" aria-hidden=\"true\">") + kHatch + "</svg>";
 }
 
 }  // namespace picture
