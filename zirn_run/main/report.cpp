@@ -10,6 +10,8 @@
 #include "main/collecting.h"
 #include "main/commands.h"
 #include "main/exit_status.h"
+#include "main/progress.h"
+#include "report/pages.h"
 
 namespace {
 
@@ -21,6 +23,7 @@ struct Options {
   bool is_csv = false;
   bool is_junit = false;
   std::string prometheus;
+  report::Pages pages;
   double patience = 30;  // seconds
 };
 
@@ -59,12 +62,23 @@ void write_beside(const std::string& name, const std::function<void(std::ostream
     throw NotPossible(frames::printable(name) + ": " + std::strerror(errno));
 }
 
+void make_pages(soci::session& session, report::Pages pages) {
+  ProgressLine line;
+  pages.on_progress = [&line](const std::string& text) { line.show(text); };
+  try {
+    report::write_pages(session, pages);
+  } catch (const report::NotWritten& error) {
+    throw NotPossible(error.what());
+  }
+}
+
 int write(const Options& options) {
   const std::unique_ptr<Database> database = database_of(options);
   try {
     database->read([&options](soci::session& session) {
       if (options.is_csv) report::write_csv(session, std::cout);
       if (options.is_junit) report::write_junit(session, std::cout);
+      if (!options.pages.folder.empty()) make_pages(session, options.pages);
       if (!options.prometheus.empty())
         write_beside(options.prometheus, [&](std::ostream& out) { report::write_prometheus(session, out); });
     });
@@ -90,8 +104,15 @@ Work report_command(CLI::App& app) {
   CLI::Option* const prometheus =
       app.add_option("--prometheus", options->prometheus, "Write sums as a text file for node_exporter")
           ->type_name("FILE");
+  CLI::Option* const pages =
+      app.add_option("-o,--output", options->pages.folder, "Write pages for a browser; begin with index.html")
+          ->type_name("FOLDER");
+  app.add_flag("--all-pages", options->pages.is_of_all,
+               "A page of every run, else of those that did not pass")
+      ->needs(pages);
   return [=] {
-    if (!*csv && !*junit && !*prometheus) throw CLI::RequiredError("--csv, --junit or --prometheus");
+    if (!*csv && !*junit && !*prometheus && !*pages)
+      throw CLI::RequiredError("--output, --csv, --junit or --prometheus");
     return write(*options);
   };
 }

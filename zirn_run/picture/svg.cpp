@@ -239,7 +239,8 @@ std::string strip_of(const Sheet& sheet, const Box& part) {
 }
 
 std::string shared_by_strips() {
-  return std::string("<svg width=\"0\" height=\"0\" aria-hidden=\"true\">") + kHatch + "</svg>";
+  return std::string("<svg class=\"shared\" width=\"0\" height=\"0\" aria-hidden=\"true\">") + kHatch +
+         "</svg>";
 }
 
 }  // namespace picture

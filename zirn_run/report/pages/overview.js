@@ -1,0 +1,148 @@
+// The table of runs: what is filtered, sorted and searched stands in the address, so that back, forward and a link work.
+'use strict';
+
+const kRowsAtOnce = 100;
+const data = JSON.parse(document.getElementById('data').textContent);
+const columns = ['start', 'name', 'station', 'unit', 'verdict', 'fault', 'step', 'duration', 'lost', 'repeated'];
+const runs = data.runs.map((run, place) => {
+  const [start, name, station, unit, verdict, cause, step, duration, lost, repeated, sentence, page] = run;
+  const [id, owner, owner_words] = data.causes[cause];
+  const one = {
+    place, start, name, station: data.stations[station], unit, verdict: data.verdicts[verdict], cause: id, owner,
+    fault: owner_words, step: data.steps[step], duration, lost, repeated, sentence, page,
+  };
+  one.text = [start, name, one.station, unit, one.verdict, id, one.fault, one.step, sentence].join('\n').toLowerCase();
+  return one;
+});
+
+const table = document.getElementById('runs');
+const body = table.tBodies[0];
+const form = document.getElementById('filter');
+const more = document.getElementById('more');
+let chosen = [];
+let drawn = 0;
+
+function state() {
+  return new URLSearchParams(decodable(location.hash.slice(1)));
+}
+
+// A broken link filters nothing.
+function decodable(text) {
+  try {
+    decodeURIComponent(text);
+    return text;
+  } catch {
+    return '';
+  }
+}
+
+function cell(row, text, name) {
+  const made = row.insertCell();
+  made.textContent = text;
+  if (name) made.className = name;
+  return made;
+}
+
+function isolated(text) {
+  const made = document.createElement('bdi');
+  made.textContent = text;
+  return made;
+}
+
+function draw_row(run) {
+  const row = body.insertRow();
+  row.ariaRowIndex = drawn + 2;
+  cell(row, run.start.slice(0, 19).replace('T', ' '));
+  const name = cell(row, '');
+  if (run.page) {
+    const link = name.appendChild(document.createElement('a'));
+    link.href = 'runs/' + encodeURIComponent(run.page) + '.html';
+    link.append(isolated(run.name));
+  } else {
+    name.append(isolated(run.name));
+  }
+  cell(row, '', 'less').append(isolated(run.station));
+  cell(row, run.unit || 'no identity', run.unit ? 'less' : 'less soft');
+  cell(row, run.verdict === 'none' ? 'no verdict' : run.verdict.toUpperCase(), run.verdict);
+  const fault = cell(row, '');
+  if (run.owner !== 'none') {
+    const owner = fault.appendChild(document.createElement('b'));
+    owner.className = run.owner;
+    owner.textContent = run.fault;
+    fault.append(' (' + run.cause + ') ', isolated(run.sentence));
+  }
+  cell(row, '', 'less').append(isolated(run.step));
+  cell(row, run.duration.toFixed(1), 'number');
+  cell(row, run.lost, 'number less');
+  cell(row, run.repeated, 'number less');
+  drawn += 1;
+}
+
+function draw_more() {
+  const end = Math.min(drawn + kRowsAtOnce, chosen.length);
+  while (drawn < end) draw_row(chosen[drawn]);
+  more.hidden = drawn >= chosen.length;
+  more.textContent = `Show more: ${drawn} of ${chosen.length} are drawn`;
+}
+
+function compare(one, other, key) {
+  const [a, b] = [one[key], other[key]];
+  return a < b ? -1 : a > b ? 1 : 0;
+}
+
+function show() {
+  const wanted = state();
+  const words = (wanted.get('search') || '').toLowerCase().split(/\s+/).filter(Boolean);
+  const exact = ['verdict', 'owner', 'station', 'cause', 'step'].filter(key => wanted.has(key));
+  chosen = runs.filter(run => exact.every(key => run[key] === wanted.get(key)) &&
+    words.every(word => run.text.includes(word)));
+  const sort = /^(-?)(\w+)$/.exec(wanted.get('sort') || '');
+  const key = sort && columns.includes(sort[2]) ? sort[2] : 'start';
+  const sign = !sort || sort[1] ? -1 : 1;
+  chosen.sort((one, other) => sign * compare(one, other, key) || one.place - other.place);
+  for (const head of table.tHead.querySelectorAll('th')) {
+    if (head.dataset.key === key) head.ariaSort = sign < 0 ? 'descending' : 'ascending';
+    else head.removeAttribute('aria-sort');
+  }
+  for (const control of form.elements)
+    if (control.name && control.value !== (wanted.get(control.name) || '')) control.value = wanted.get(control.name) || '';
+  const further = ['cause', 'step'].filter(one => wanted.has(one)).map(one => `, ${one} ${wanted.get(one)}`).join('');
+  document.getElementById('shown').textContent =
+    `${chosen.length.toLocaleString('en')} of ${runs.length.toLocaleString('en')} runs${further}`;
+  body.replaceChildren();
+  table.ariaRowCount = chosen.length + 1;
+  drawn = 0;
+  draw_more();
+}
+
+function change(key, value, is_step) {
+  const wanted = state();
+  if (value) wanted.set(key, value);
+  else wanted.delete(key);
+  const address = '#' + wanted;
+  if (is_step) history.pushState(null, '', address);
+  else history.replaceState(null, '', address);
+  show();
+}
+
+for (const select of form.querySelectorAll('select'))
+  select.addEventListener('change', () => change(select.name, select.value, true));
+form.elements.search.addEventListener('input', event => change('search', event.target.value, false));
+form.addEventListener('submit', event => event.preventDefault());
+form.addEventListener('reset', event => {
+  event.preventDefault();
+  history.pushState(null, '', '#');
+  show();
+});
+table.tHead.addEventListener('click', event => {
+  const head = event.target.closest('th');
+  if (!head || !head.dataset.key) return;
+  const falls = head.ariaSort ? head.ariaSort === 'ascending' : head.classList.contains('number');
+  change('sort', (falls ? '-' : '') + head.dataset.key, true);
+});
+more.addEventListener('click', draw_more);
+new IntersectionObserver(seen => seen.some(one => one.isIntersecting) && draw_more(), {rootMargin: '800px'}).observe(more);
+addEventListener('hashchange', show);
+addEventListener('popstate', show);
+document.getElementById('table').hidden = false;
+show();
