@@ -668,7 +668,7 @@ TEST_F(Bench, RefusesACallThatItDoesNotUnderstand) {
   EXPECT_EQ(calls("a.run").status, 2);
   EXPECT_EQ(result_.output,
             "bench: expected: STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
-            "STATION_PROGRAM RESULTS_FOLDER, or --make SEED, or --steps\n");
+            "STATION_PROGRAM RESULTS_FOLDER [RECORDS_FOLDER], or --make SEED, or --steps\n");
   EXPECT_EQ(calls("--many 0 1 " TFTP_PROGRAM " " + results()).status, 2);
   EXPECT_EQ(calls("--many 1x 1 " TFTP_PROGRAM " " + results()).status, 2);
 }

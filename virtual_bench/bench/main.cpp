@@ -1,11 +1,11 @@
 // bench STATION_PROGRAM SCENARIO RESULTS_FOLDER
-// bench --many COUNT SEED STATION_PROGRAM RESULTS_FOLDER
+// bench --many COUNT SEED STATION_PROGRAM RESULTS_FOLDER [RECORDS_FOLDER]
 // bench --make SEED
 // bench --steps
 //
 // Plays one scenario with the unmodified daemon on a private network of this machine, records and draws it.
 // Leaves NAME.pcapng and NAME.svg in the results folder. --many plays so many made by chance, of the seeds from
-// SEED on, and leaves only those that went otherwise (many_runs.h). --make prints the scenario of one seed,
+// SEED on, and leaves only those that went otherwise, and in RECORDS_FOLDER the records of all (many_runs.h). --make prints the scenario of one seed,
 // --steps what a scenario can say. Exit status: 0 the run went as the scenario says, 1 it did not, 2 the call or
 // the scenario cannot be understood, 77 this machine does not allow it.
 #include <unistd.h>
@@ -55,10 +55,11 @@ struct Call {
 
 bool understood(const std::vector<std::string>& arguments, Call* call) {
   ManyRuns& runs = call->runs;
-  const bool many = arguments.size() == 5 && arguments[0] == "--many";
+  const bool many = (arguments.size() == 5 || arguments.size() == 6) && arguments[0] == "--many";
   if (!many && arguments.size() != 3) return false;
-  runs.results = fs::absolute(arguments.back());
-  runs.station = fs::absolute(*(arguments.end() - (many ? 2 : 3)));
+  runs.results = fs::absolute(arguments[many ? 4 : 2]);
+  runs.station = fs::absolute(arguments[many ? 3 : 0]);
+  if (arguments.size() == 6) runs.records = fs::absolute(arguments[5]);
   if (!many) {
     call->scenario = arguments[1];
     return true;
@@ -196,7 +197,7 @@ int main(int argc, char** argv) {
   Call call;
   if (!understood(arguments, &call)) {
     std::cerr << "bench: expected: STATION_PROGRAM SCENARIO RESULTS_FOLDER, or --many COUNT SEED "
-                 "STATION_PROGRAM RESULTS_FOLDER, or --make SEED, or --steps\n";
+                 "STATION_PROGRAM RESULTS_FOLDER [RECORDS_FOLDER], or --make SEED, or --steps\n";
     return kNotUnderstood;
   }
   const int status = reported([&] { return call.runs.count > 1 ? play_many(call.runs) : play_one(call); });

@@ -87,6 +87,7 @@ int Player::play() {
   const sigset_t signals = ending_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   fs::create_directories(runs_.results);
+  if (!runs_.records.empty()) fs::create_directories(runs_.records);
   const std::size_t most_at_once = std::size_t{kRunsPerCore} * std::thread::hardware_concurrency();
   while (ended() < runs_.count) {
     while (playing_.size() < most_at_once && begun() < runs_.count) begin_next();
@@ -128,6 +129,8 @@ bool Player::has_ended(Playing& one) {
 }
 
 void Player::judge(const Playing& one, const ProcessEnd& end) {
+  const fs::path record = file(one, ".pcapng");
+  if (!runs_.records.empty() && fs::exists(record)) fs::copy_file(record, runs_.records / record.filename());
   switch (end.shell_status()) {
     case kAsExpected:
       ++as_expected_;

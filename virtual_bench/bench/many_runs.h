@@ -11,6 +11,7 @@ struct ManyRuns {
   std::uint32_t seed = 0;  // of the first one; each next one has the next seed
   std::filesystem::path station;
   std::filesystem::path results;
+  std::filesystem::path records;  // a folder where the record of each is left; empty: there is none
 };
 
 // Plays them, and prints each that went otherwise than it must, with the seed that plays it again, and the

@@ -1,6 +1,7 @@
 #include "report/html.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "explanation/causes.h"
 #include "frames/words.h"
@@ -13,6 +14,12 @@ namespace {
 // No script but the page's own file, nothing from a network, and nothing that a name could begin.
 constexpr char kPolicy[] =
     "default-src 'none'; script-src 'self'; style-src 'self'; base-uri 'none'; form-action 'none'";
+
+std::optional<explanation::Owner> known_owner(const std::string& name) {
+  for (const explanation::Cause& cause : explanation::causes())
+    if (name_of(cause.owner) == name) return cause.owner;
+  return std::nullopt;
+}
 
 }  // namespace
 
@@ -63,9 +70,12 @@ std::string share_in_words(std::uint64_t part, std::uint64_t whole) {
 }
 
 std::string owner_in_words(const std::string& owner) {
-  for (const explanation::Cause& cause : explanation::causes())
-    if (name_of(cause.owner) == owner) return std::string(words_for(cause.owner));
-  return owner;
+  const std::optional<explanation::Owner> known = known_owner(owner);
+  return known ? std::string(words_for(*known)) : owner;
+}
+
+std::string color_of(const std::string& owner) {
+  return std::string(name_of(known_owner(owner).value_or(explanation::Owner::kUnknown)));
 }
 
 std::string bar(double percent) {

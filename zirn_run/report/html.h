@@ -27,6 +27,9 @@ std::string share_in_words(std::uint64_t part, std::uint64_t whole);
 // "PPT server" for "ppt-server"; as it is where it is not known.
 std::string owner_in_words(const std::string& owner);
 
+// The class of an owner's colour.
+std::string color_of(const std::string& owner);
+
 // A bar of so many percent, to stand beside its number.
 std::string bar(double percent);
 

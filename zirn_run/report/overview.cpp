@@ -134,10 +134,10 @@ std::string causes_of(const Overview& overview) {
       head_of({"owner", "cause", "#runs", "#share", "#up to here", "@bar"});
   for (std::size_t i = 0; i < std::min(causes.size(), kMostBars); ++i) {
     const auto& [owner, cause, runs] = causes[i];
-    const std::string color = escaped(owner);
+    const std::string color = color_of(owner);
     html += "<tr><td class=\"owner " + color + "\">" +
-            filter_link("owner", owner, escaped(owner_in_words(owner))) + "</b></td><th scope=\"row\">" +
-            filter_link("cause", cause, escaped(cause)) + "<br><span class=\"soft\">" +
+            filter_link("owner", owner, isolated(owner_in_words(owner))) + "</b></td><th scope=\"row\">" +
+            filter_link("cause", cause, isolated(cause)) + "<br><span class=\"soft\">" +
             escaped(meaning_of(cause)) + "</span></th>" + pareto.cells(runs, color) + "</tr>\n";
   }
   return html + "</tbody>\n</table></div>\n" +
@@ -235,7 +235,7 @@ Json data_of(const std::vector<TableRun>& table) {
     const std::size_t cause = causes.number_of(run.fault_owner + "\n" + run.fault_cause);
     if (cause == named_causes.size())
       named_causes.push_back({printable(run.fault_cause), printable(run.fault_owner),
-                              printable(owner_in_words(run.fault_owner))});
+                              printable(owner_in_words(run.fault_owner)), color_of(run.fault_owner)});
     runs.push_back({run.started.value_or(""), printable(run.name), stations.number_of(run.station),
                     printable(run.unit_mac.value_or("")), verdicts.number_of(run.verdict), cause,
                     steps.number_of(run.failed_step.value_or("")), run.duration, run.frames_lost,
@@ -291,7 +291,7 @@ std::string table_of(const Overview& overview) {
          column("start", "start (UTC)", "") + column("name", "run", "") +
          column("station", "station", "less") + column("unit", "unit", "less") +
          column("verdict", "verdict", "") + column("fault", "fault", "") +
-         column("step", "failed step", "less") + column("duration", "seconds", "number") +
+         column("step", "failed step", "less") + column("duration", "seconds", "number less") +
          column("lost", "lost", "number less") + column("repeated", "again", "number less") +
          "</tr></thead>\n<tbody></tbody>\n</table></div>\n<button type=\"button\" id=\"more\" "
          "hidden></button>\n</div>\n"

@@ -75,7 +75,7 @@ class Plot {
     };
     for (const double percent : {100.0, (100 + least_) / 2, least_})
       rule(y(percent), decimal(percent, 0) + " %");
-    rule(kCountTop, frames::counted(most_runs_, "run"));
+    rule(kCountTop, in_thousands(most_runs_) + (most_runs_ == 1 ? " run" : " runs"));
     const auto label = [&](std::size_t place, const char* align) {
       const double left = align[0] == 'e' ? 100 : align[0] == 'm' ? x(place) : 0;
       svg += std::string("<text class=\"") + align + "\"" + at("x", left) + at("y", 99) + ">" +
@@ -91,6 +91,7 @@ class Plot {
     std::string svg;
     const double width = std::min(70 / static_cast<double>(periods_.size()), 10.0);
     for (std::size_t i = 0; i < periods_.size(); ++i) {
+      if (periods_[i].tally.runs == 0) continue;
       const double height = static_cast<double>(periods_[i].tally.runs) / static_cast<double>(most_runs_) *
                             (kCountBottom - kCountTop);
       svg += "<rect class=\"count\"" + at("x", x(i) - width / 2) + at("y", kCountBottom - height) +

@@ -31,7 +31,8 @@ const Json& list_in(const Json& object, const char* key) {
 
 std::string number_in(const Json& object, const char* key) {
   const auto found = object.find(key);
-  return found != object.end() && found->is_number() ? found->dump() : "";
+  if (found == object.end() || !found->is_number()) return "";
+  return found->is_number_float() ? picture::decimal(found->get<double>(), 3) : found->dump();
 }
 
 std::string sign_of(const std::string& verdict) {
@@ -56,7 +57,7 @@ std::string facts_of(const database::Run& run) {
       run.unit_mac.value_or("no identity") + (run.unit_address ? ", " + *run.unit_address : std::string());
   return "<dl class=\"facts\">\n" + fact("start", escaped(start_of(run))) +
          fact("duration", picture::decimal(run.duration, 1) + " s") + fact("station", isolated(run.station)) +
-         fact("unit", isolated(unit)) + fact("exit", escaped(run.exit_meaning.value_or("not known"))) +
+         fact("unit", isolated(unit)) + fact("exit", isolated(run.exit_meaning.value_or("not known"))) +
          fact("record", isolated(run.record) + " on " + isolated(run.record_host)) + "</dl>\n";
 }
 
@@ -81,8 +82,8 @@ std::string evidence_of(const Json& evidence) {
 
 std::string claim_of(const Json& claim) {
   const std::string owner = text_in(claim, "owner");
-  std::string html = "<p><b class=\"" + escaped(owner) + "\">" + escaped(owner_in_words(owner)) + "</b> (" +
-                     escaped(text_in(claim, "cause")) + "): " + isolated(text_in(claim, "meaning")) +
+  std::string html = "<p><b class=\"" + color_of(owner) + "\">" + isolated(owner_in_words(owner)) + "</b> (" +
+                     isolated(text_in(claim, "cause")) + "): " + isolated(text_in(claim, "meaning")) +
                      "</p>\n<ul>\n";
   const Json& sentences = list_in(claim, "sentences");
   const Json& evidence = list_in(claim, "evidence");

@@ -6,10 +6,10 @@ const data = JSON.parse(document.getElementById('data').textContent);
 const columns = ['start', 'name', 'station', 'unit', 'verdict', 'fault', 'step', 'duration', 'lost', 'repeated'];
 const runs = data.runs.map((run, place) => {
   const [start, name, station, unit, verdict, cause, step, duration, lost, repeated, sentence, page] = run;
-  const [id, owner, owner_words] = data.causes[cause];
+  const [id, owner, owner_words, color] = data.causes[cause];
   const one = {
-    place, start, name, station: data.stations[station], unit, verdict: data.verdicts[verdict], cause: id, owner,
-    fault: owner_words, step: data.steps[step], duration, lost, repeated, sentence, page,
+    place, start, name, station: data.stations[station], unit, verdict: data.verdicts[verdict], cause: id, owner, color,
+    fault: owner === 'none' ? '' : owner_words, step: data.steps[step], duration, lost, repeated, sentence, page,
   };
   one.text = [start, name, one.station, unit, one.verdict, id, one.fault, one.step, sentence].join('\n').toLowerCase();
   return one;
@@ -67,12 +67,12 @@ function draw_row(run) {
   const fault = cell(row, '');
   if (run.owner !== 'none') {
     const owner = fault.appendChild(document.createElement('b'));
-    owner.className = run.owner;
+    owner.className = run.color;
     owner.textContent = run.fault;
     fault.append(' (' + run.cause + ') ', isolated(run.sentence));
   }
   cell(row, '', 'less').append(isolated(run.step));
-  cell(row, run.duration.toFixed(1), 'number');
+  cell(row, run.duration.toFixed(1), 'number less');
   cell(row, run.lost, 'number less');
   cell(row, run.repeated, 'number less');
   drawn += 1;

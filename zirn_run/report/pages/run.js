@@ -87,12 +87,22 @@ function begin() {
     bytes.textContent = in_hexadecimal(content);
   }
 
+  // The transfer whose frames these are; or the rows whose frames all are among them; or the row that they are among.
+  function rows_of(first, last) {
+    const same = rows.find(one => one.is_short && one.first === first && one.last === last);
+    if (same) return rows.filter(one => one.transfer === same.transfer);
+    const among = rows.filter(one => one.first >= first && one.last <= last);
+    if (among.length) return among;
+    const around = rows.filter(one => one.first <= last && one.last >= first && !one.is_short);
+    const least = Math.min(...around.map(one => one.last - one.first));
+    return around.filter(one => one.last - one.first === least);
+  }
+
   // Lights up what comes from these frames, and brings it into view.
   function light(first, last) {
-    const within = rows.filter(one => one.first && one.first <= last && one.last >= first);
-    const least = Math.min(...within.map(one => one.last - one.first));
-    const lit = within.filter(one => one.first >= first && one.last <= last || one.last - one.first === least);
-    for (const one of lit) if (!one.is_short && shortened.includes(one.transfer)) fold(one.transfer, false);
+    const lit = rows_of(first, last);
+    const short = lit.filter(one => one.is_short).map(one => one.transfer);
+    for (const {transfer} of lit) if (shortened.includes(transfer) && !short.includes(transfer)) fold(transfer, false);
     for (const one of rows) one.row.classList.toggle('lit', lit.includes(one));
     for (const claim of document.querySelectorAll('a.evidence'))
       claim.classList.toggle('lit', claim.hash === location.hash);
@@ -101,7 +111,7 @@ function begin() {
     const box = seen.row.getBoundingClientRect();
     const around = pane.getBoundingClientRect();
     pane.scrollTop += box.top - around.top - pane.clientHeight / 3;
-    pane.scrollIntoView({block: 'nearest'});
+    document.querySelector('.viewer').scrollIntoView({block: 'nearest'});
     fixed = {number: first, of_row: seen};
     show_frame(first, seen);
   }
