@@ -14,8 +14,8 @@ constexpr std::int64_t kMinute = 60;
 constexpr std::int64_t kDay = 86400;
 constexpr std::int64_t kWeek = 7 * kDay;
 constexpr std::int64_t kFirstMonday = 4 * kDay;  // of 1970
-constexpr std::int64_t kPeriods[] = {kMinute, 10 * kMinute, 60 * kMinute, 360 * kMinute, kDay,
-                                     kWeek,   4 * kWeek,    13 * kWeek,   52 * kWeek};
+constexpr std::int64_t kPeriods[] = {1,    10,    kMinute,   10 * kMinute, 60 * kMinute, 360 * kMinute,
+                                     kDay, kWeek, 4 * kWeek, 13 * kWeek,   52 * kWeek};
 
 // Where the period begins that a moment is in.
 std::int64_t begin_of(std::int64_t at, std::int64_t period) {

@@ -77,23 +77,23 @@ std::string filter_link(const std::string& key, const std::string& value, const 
   return "<a href=\"" + address + "\">" + words + "</a>";
 }
 
-std::string head_of(const std::vector<const char*>& names) {
+struct Column {
+  const char* name;  // empty: of bars
+  const char* look = "";
+};
+
+std::string head_of(const std::vector<Column>& columns) {
   std::string html = "<thead><tr>";
-  for (const std::string name : names) {
-    const bool is_number = name[0] == '#';
-    if (name == "@bar") {
-      html += "<td class=\"bar\"></td>";
-      continue;
-    }
-    html += std::string("<th scope=\"col\"") +
-            (is_number ? " class=\"number\">" + name.substr(1) : ">" + name) + "</th>";
+  for (const Column& column : columns) {
+    const std::string look = std::string(" class=\"") + column.look + "\">";
+    html +=
+        *column.name == '\0' ? "<td" + look + "</td>" : "<th scope=\"col\"" + look + column.name + "</th>";
   }
   return html + "</tr></thead>\n<tbody>\n";
 }
 
-std::string number_cell(const std::string& text, bool stands_out = false) {
-  return std::string("<td class=\"number") + (stands_out ? " out\">" + text + " (high)" : "\">" + text) +
-         "</td>";
+std::string number_cell(const std::string& text, const char* look = "") {
+  return std::string("<td class=\"number ") + look + "\">" + text + "</td>";
 }
 
 // One line of a Pareto: its count, its share, the share of all up to it, and a bar.
@@ -105,8 +105,8 @@ class Pareto {
     so_far_ += count;
     const double percent = 100.0 * static_cast<double>(count) / static_cast<double>(most_);
     return number_cell(in_thousands(count)) + number_cell(share_in_words(count, total_)) +
-           number_cell(share_in_words(so_far_, total_)) + "<td class=\"bar " + color + "\">" + bar(percent) +
-           "</td>";
+           number_cell(share_in_words(so_far_, total_), "less") + "<td class=\"bar " + color + "\">" +
+           bar(percent) + "</td>";
   }
 
  private:
@@ -131,7 +131,12 @@ std::string causes_of(const Overview& overview) {
   html +=
       "<div class=\"wide\"><table>\n<caption>Runs by the cause of their fault, the most frequent "
       "first</caption>\n" +
-      head_of({"owner", "cause", "#runs", "#share", "#up to here", "@bar"});
+      head_of({{"owner"},
+               {"cause"},
+               {"runs", "number"},
+               {"share", "number"},
+               {"up to here", "number less"},
+               {"", "bar"}});
   for (std::size_t i = 0; i < std::min(causes.size(), kMostBars); ++i) {
     const auto& [owner, cause, runs] = causes[i];
     const std::string color = color_of(owner);
@@ -151,8 +156,10 @@ std::string steps_of(const Overview& overview) {
   std::uint64_t total = 0;
   for (const auto& [step, runs] : steps) total += runs;
   Pareto pareto(steps.front().second, total);
-  html += "<div class=\"wide\"><table>\n<caption>Runs by the first step that failed</caption>\n" +
-          head_of({"step", "#runs", "#share", "#up to here", "@bar"});
+  html +=
+      "<div class=\"wide\"><table>\n<caption>Runs by the first step that failed</caption>\n" +
+      head_of(
+          {{"step"}, {"runs", "number"}, {"share", "number"}, {"up to here", "number less"}, {"", "bar"}});
   for (std::size_t i = 0; i < std::min(steps.size(), kMostBars); ++i)
     html += "<tr><th scope=\"row\">" + filter_link("step", steps[i].first, isolated(steps[i].first)) +
             "</th>" + pareto.cells(steps[i].second, "unit") + "</tr>\n";
@@ -181,13 +188,22 @@ std::string stations_of(const Overview& overview) {
       "class=\"wide\"><table>\n"
       "<caption>What is more than three times the middle station's, and more than one per run, is marked "
       "<b class=\"failed\">high</b></caption>\n" +
-      head_of({"station", "#runs", "#units", "#first-pass yield", "@bar", "#lost frames per run",
-               "#repeated blocks per run", "#median", "#95 of 100 within"});
+      head_of({{"station"},
+               {"runs", "number"},
+               {"units", "number"},
+               {"first-pass yield", "number"},
+               {"", "bar"},
+               {"lost frames per run", "number"},
+               {"repeated blocks per run", "number"},
+               {"median", "number"},
+               {"95 of 100 within", "number"}});
   for (std::size_t i = 0; i < std::min(stations.size(), kMostStations); ++i) {
     const auto& [name, tally] = stations[i];
     const bool has_many = stations.size() > 2;
     const auto damage = [&, &one = tally](std::uint64_t count, double limit) {
-      return number_cell(picture::decimal(per_run(count, one), 1), has_many && per_run(count, one) > limit);
+      const bool stands_out = has_many && per_run(count, one) > limit;
+      return number_cell(picture::decimal(per_run(count, one), 1) + (stands_out ? " (high)" : ""),
+                         stands_out ? "out" : "");
     };
     const double yield =
         tally.units == 0 ? 0
@@ -306,7 +322,7 @@ std::string unreadable_of(const Overview& overview) {
       "<p>" +
       counted(overview.unreadable_count, "file") + " in no figure above" +
       (overview.unreadable_count > overview.unreadable.size() ? ", of which the first are" : "") +
-      ":</p>\n<div class=\"wide\"><table>\n" + head_of({"host", "file", "reason"});
+      ":</p>\n<div class=\"wide\"><table>\n" + head_of({{"host"}, {"file"}, {"reason"}});
   for (const NotRead& one : overview.unreadable)
     html += "<tr><td>" + isolated(one.host) + "</td><th scope=\"row\">" + isolated(one.path) + "</th><td>" +
             isolated(one.reason) + "</td></tr>\n";

@@ -43,8 +43,8 @@ double least_of_scale(const std::vector<Period>& periods) {
 
 class Plot {
  public:
-  Plot(const std::vector<Period>& periods, bool with_time)
-      : periods_(periods), with_time_(with_time), least_(least_of_scale(periods)) {
+  Plot(const std::vector<Period>& periods, std::int64_t length)
+      : periods_(periods), length_(length), least_(least_of_scale(periods)) {
     for (const Period& period : periods) most_runs_ = std::max(most_runs_, period.tally.runs);
   }
 
@@ -61,7 +61,7 @@ class Plot {
   }
   double y(double percent) const { return kBottom - (percent - least_) / (100 - least_) * (kBottom - kTop); }
   std::string told(const Period& period) const {
-    return moment_in_words(period.from, with_time_) + ": " +
+    return moment_in_words(period.from, length_) + ": " +
            share_in_words(period.tally.units_passed, period.tally.units) + " of " +
            frames::counted(period.tally.units, "unit") + " passed at once; " +
            frames::counted(period.tally.runs, "run");
@@ -79,7 +79,7 @@ class Plot {
     const auto label = [&](std::size_t place, const char* align) {
       const double left = align[0] == 'e' ? 100 : align[0] == 'm' ? x(place) : 0;
       svg += std::string("<text class=\"") + align + "\"" + at("x", left) + at("y", 99) + ">" +
-             moment_in_words(periods_[place].from, with_time_) + "</text>\n";
+             moment_in_words(periods_[place].from, length_) + "</text>\n";
     };
     label(0, "start");
     if (periods_.size() > 4) label(periods_.size() / 2, "middle");
@@ -120,7 +120,7 @@ class Plot {
   }
 
   const std::vector<Period>& periods_;
-  const bool with_time_;
+  const std::int64_t length_;  // seconds of a period
   const double least_;
   std::uint64_t most_runs_ = 1;
 };
@@ -129,10 +129,11 @@ std::string length_in_words(std::int64_t seconds) {
   if (seconds % kWeek == 0) return frames::counted(static_cast<std::uint64_t>(seconds / kWeek), "week");
   if (seconds % kDay == 0) return frames::counted(static_cast<std::uint64_t>(seconds / kDay), "day");
   if (seconds % 3600 == 0) return frames::counted(static_cast<std::uint64_t>(seconds / 3600), "hour");
-  return frames::counted(static_cast<std::uint64_t>(seconds / 60), "minute");
+  if (seconds % 60 == 0) return frames::counted(static_cast<std::uint64_t>(seconds / 60), "minute");
+  return frames::counted(static_cast<std::uint64_t>(seconds), "second");
 }
 
-std::string as_table(const std::vector<Period>& periods, bool with_time) {
+std::string as_table(const std::vector<Period>& periods, std::int64_t length) {
   std::string html =
       "<details><summary>The same as a table</summary>\n<table>\n<thead><tr><th scope=\"col\">from (UTC)</th>"
       "<th scope=\"col\" class=\"number\">units</th><th scope=\"col\" class=\"number\">passed at once</th>"
@@ -140,7 +141,7 @@ std::string as_table(const std::vector<Period>& periods, bool with_time) {
       "class=\"number\">runs</th></tr></thead>\n<tbody>\n";
   for (const Period& period : periods) {
     if (period.tally.runs == 0) continue;
-    html += "<tr><th scope=\"row\">" + moment_in_words(period.from, with_time) + "</th>";
+    html += "<tr><th scope=\"row\">" + moment_in_words(period.from, length) + "</th>";
     for (const std::string& figure :
          {in_thousands(period.tally.units), in_thousands(period.tally.units_passed),
           share_in_words(period.tally.units_passed, period.tally.units), in_thousands(period.tally.runs)})
@@ -152,22 +153,22 @@ std::string as_table(const std::vector<Period>& periods, bool with_time) {
 
 }  // namespace
 
-std::string moment_in_words(std::int64_t seconds, bool with_time_of_day) {
+std::string moment_in_words(std::int64_t seconds, std::int64_t length) {
   const std::time_t moment = seconds;
   std::tm calendar = {};
   std::array<char, 40> text = {};
   if (gmtime_r(&moment, &calendar) == nullptr) return "";
-  const std::size_t length =
-      std::strftime(text.data(), text.size(), with_time_of_day ? "%Y-%m-%d %H:%M" : "%Y-%m-%d", &calendar);
-  return std::string(text.data(), length);
+  const char* const format = length % kDay == 0 ? "%Y-%m-%d"
+                             : length % 60 == 0 ? "%Y-%m-%d %H:%M"
+                                                : "%Y-%m-%d %H:%M:%S";
+  return std::string(text.data(), std::strftime(text.data(), text.size(), format, &calendar));
 }
 
-std::string yield_plot(const std::vector<Period>& periods, std::int64_t seconds_of_a_period) {
+std::string yield_plot(const std::vector<Period>& periods, std::int64_t length) {
   if (periods.empty()) return "<p>No run says when it began.</p>\n";
-  const bool with_time = seconds_of_a_period < kDay;
-  return "<p class=\"soft\">Each point: " + length_in_words(seconds_of_a_period) +
-         ", by when a unit had its first run (UTC).</p>\n" + Plot(periods, with_time).drawn() +
-         as_table(periods, with_time);
+  return "<p class=\"soft\">Each point: " + length_in_words(length) +
+         ", by when a unit had its first run (UTC).</p>\n" + Plot(periods, length).drawn() +
+         as_table(periods, length);
 }
 
 }  // namespace report

@@ -8,11 +8,12 @@
 
 namespace report {
 
-// The first-pass yield over time, above how many runs there were: a drawing, and the same as a table.
-std::string yield_plot(const std::vector<Period>& periods, std::int64_t seconds_of_a_period);
+// The first-pass yield over time, above how many runs there were: a drawing, and the same as a table. `length`: of a
+// period, in seconds.
+std::string yield_plot(const std::vector<Period>& periods, std::int64_t length);
 
-// "2026-11-22", or "2026-11-22 14:30" where days are divided. UTC.
-std::string moment_in_words(std::int64_t seconds, bool with_time_of_day);
+// When a period of such a length begins, in UTC: "2026-11-22", or with the time of day where days are divided.
+std::string moment_in_words(std::int64_t seconds, std::int64_t length);
 
 }  // namespace report
 

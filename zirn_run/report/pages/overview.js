@@ -49,11 +49,18 @@ function isolated(text) {
   return made;
 }
 
+function whole(text) {
+  const made = document.createElement('span');
+  made.className = 'whole';
+  made.textContent = text;
+  return made;
+}
+
 function draw_row(run) {
   const row = body.insertRow();
   row.ariaRowIndex = drawn + 2;
-  cell(row, run.start.slice(0, 19).replace('T', ' '));
-  const name = cell(row, '');
+  cell(row, '').append(whole(run.start.slice(0, 10)), ' ', whole(run.start.slice(11, 19)));
+  const name = cell(row, '', 'name');
   if (run.page) {
     const link = name.appendChild(document.createElement('a'));
     link.href = 'runs/' + encodeURIComponent(run.page) + '.html';
@@ -62,16 +69,16 @@ function draw_row(run) {
     name.append(isolated(run.name));
   }
   cell(row, '', 'less').append(isolated(run.station));
-  cell(row, run.unit || 'no identity', run.unit ? 'less' : 'less soft');
+  cell(row, '', run.unit ? 'less' : 'less soft').append(run.unit ? isolated(run.unit) : 'no identity');
   cell(row, run.verdict === 'none' ? 'no verdict' : run.verdict.toUpperCase(), run.verdict);
-  const fault = cell(row, '');
+  const fault = cell(row, '', run.owner === 'none' ? '' : 'words');
   if (run.owner !== 'none') {
     const owner = fault.appendChild(document.createElement('b'));
     owner.className = run.color;
     owner.textContent = run.fault;
     fault.append(' (' + run.cause + ') ', isolated(run.sentence));
   }
-  cell(row, '', 'less').append(isolated(run.step));
+  cell(row, '', run.step ? 'less name' : 'less').append(isolated(run.step));
   cell(row, run.duration.toFixed(1), 'number less');
   cell(row, run.lost, 'number less');
   cell(row, run.repeated, 'number less');
@@ -141,7 +148,15 @@ table.tHead.addEventListener('click', event => {
   change('sort', (falls ? '-' : '') + head.dataset.key, true);
 });
 more.addEventListener('click', draw_more);
-new IntersectionObserver(seen => seen.some(one => one.isIntersecting) && draw_more(), {rootMargin: '800px'}).observe(more);
+
+// Looks again each time: whoever scrolls fast is at the new end before it was out of view.
+const observer = new IntersectionObserver(seen => {
+  if (!seen.some(one => one.isIntersecting)) return;
+  draw_more();
+  observer.unobserve(more);
+  observer.observe(more);
+}, {rootMargin: '800px'});
+observer.observe(more);
 addEventListener('hashchange', show);
 addEventListener('popstate', show);
 document.getElementById('table').hidden = false;
