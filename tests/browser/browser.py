@@ -136,7 +136,7 @@ class Browser:
     def point_at(self, selector):
         """Moves the mouse to the middle of an element that is in view. Returns where that is."""
         self.run('document.querySelector(%s).scrollIntoView({block: "center"})' % json.dumps(selector))
-        x, y = self.run('(() => { const box = document.querySelector(%s).getBoundingClientRect();'
+        x, y = self.run('(() => { const box = document.querySelector(%s).getClientRects()[0];'
                         'return [box.x + Math.min(box.width / 2, 300), box.y + box.height / 2] })()' % json.dumps(selector))
         self.call('Input.dispatchMouseEvent', type='mouseMoved', x=x, y=y)
         return x, y
