@@ -167,7 +167,7 @@ TEST_P(ProgramReport, HoldsNoMoreOfManyRunsThanOfFew) {
 class ProgramReportCall : public CalledProgram {};
 
 TEST_F(ProgramReportCall, RefusesAWrongCall) {
-  expect_refused({"report"}, 2, "--csv, --junit or --prometheus is required");
+  expect_refused({"report"}, 2, "--output, --csv, --junit or --prometheus is required");
   expect_refused({"report", "--csv", "--junit"}, 2, "--csv excludes --junit");
   expect_refused({"report", "--csv", "a", "b"}, 3,
                  "zirn-run: expected one database, or folders, found 2 names");

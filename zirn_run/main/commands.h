@@ -32,7 +32,7 @@ inline constexpr Command kCommands[] = {
     {"explain", "Say whether a run passed, whose fault it is if not, and what shows that", explain_command},
     {"watch", "Show a run in the terminal as it happens, or as it was", watch_command},
     {"collect", "Put runs into a database", collect_command},
-    {"report", "Count the runs of a database", report_command},
+    {"report", "Write pages or tables about the runs of a database", report_command},
     {"scenario", "Write a run as a scenario that the virtual bench plays again", scenario_command},
 };
 

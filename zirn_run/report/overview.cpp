@@ -276,14 +276,13 @@ std::string choice(const char* name, const char* words,
 std::string filter_of(const Json& data) {
   std::map<std::string, std::string> owners;
   for (const Json& cause : data["causes"]) owners.emplace(cause[1], cause[2]);
-  std::vector<std::string> stations = data["stations"];
-  std::sort(stations.begin(), stations.end());
-  std::vector<std::pair<std::string, std::string>> named;
-  for (const std::string& station : stations) named.emplace_back(station, station);
+  std::map<std::string, std::string> stations;
+  for (const Json& station : data["stations"]) stations.emplace(station, station);
   return "<form class=\"filter\" id=\"filter\" role=\"search\" aria-label=\"Runs\">\n"
          "<label>search <input type=\"search\" name=\"search\" autocomplete=\"off\"></label>\n" +
          choice("verdict", "verdict", {{"passed", "passed"}, {"failed", "failed"}, {"none", "no verdict"}}) +
-         choice("owner", "fault", {owners.begin(), owners.end()}) + choice("station", "station", named) +
+         choice("owner", "fault", {owners.begin(), owners.end()}) +
+         choice("station", "station", {stations.begin(), stations.end()}) +
          "<button type=\"reset\">Show all</button>\n</form>\n";
 }
 
