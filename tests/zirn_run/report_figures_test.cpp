@@ -77,6 +77,15 @@ TEST(ReportFigures, ChooseThePeriodByTheTimeThatTheRunsSpan) {
   }
 }
 
+TEST(ReportFigures, StayFewWhereAClockWasWrongByCenturies) {
+  report::Figures figures;
+  figures.take(run({"1700-01-01T00:00:00.000Z"}));
+  figures.take(run({"1969-01-01T00:00:00.000Z", kOther}));
+  EXPECT_LE(figures.periods().size(), 50U);
+  EXPECT_EQ(figures.periods().front().tally.runs, 1U);
+  EXPECT_EQ(figures.periods().back().tally.runs, 1U);
+}
+
 TEST(ReportFigures, BeginWeeksOnMondays) {
   report::Figures figures;
   figures.take(run({"2026-11-22T00:00:00.000Z"}));  // a Sunday

@@ -72,8 +72,8 @@ void Figures::take(const database::Run& run) {
   Kept kept;
   if (run.started) kept.at = seconds_in(*run.started);
   if (kept.at) {
+    last_ = first_ ? std::max(last_, *kept.at) : *kept.at;
     first_ = std::min(first_.value_or(*kept.at), *kept.at);
-    last_ = std::max(last_, *kept.at);
   } else {
     ++without_time_;
   }
@@ -112,7 +112,7 @@ std::int64_t Figures::seconds_of_a_period() const {
     if (begin_of(last_, period) - begin_of(first_.value_or(last_), period) < kMostPeriods * period)
       return period;
   }
-  return std::max<std::int64_t>(last_ / kMostPeriods, 1);
+  return (last_ - first_.value_or(last_)) / kMostPeriods + 1;  // a clock was wrong by decades
 }
 
 std::vector<Period> Figures::periods() const {
@@ -124,6 +124,7 @@ std::vector<Period> Figures::periods() const {
     if (run.at) sums[static_cast<std::size_t>((*run.at - begin) / length)].add(run);
   }
   std::vector<Period> result;
+  result.reserve(sums.size());
   for (Sum& sum : sums)
     result.push_back({begin + static_cast<std::int64_t>(result.size()) * length, sum.tally()});
   return result;
