@@ -301,7 +301,10 @@ TEST_F(ProgramLine, IsCalledByAnotherProgram) {
   ASSERT_TRUE(hears_boot_script());
   fails_a_step();
   EXPECT_EQ(ends(), 0);
-  EXPECT_EQ(output, "False|unit|Take the unit for failed, and see the step.\n");
+  EXPECT_EQ(
+      output,
+      "False|unit|Put the unit aside as failed, with a note of F_l_m_01TEST_FAILED for whoever repairs it. "
+      "Begin a new run with the next unit.\n");
 }
 
 TEST_F(ProgramLine, IsAStrategyOfLabgrid) {
@@ -323,7 +326,8 @@ TEST_F(ProgramLine, IsAStrategyOfLabgrid) {
   ASSERT_TRUE(hears_boot_script());
   fails_a_step();
   EXPECT_EQ(ends(), 1);
-  EXPECT_NE(output.find("failed: unit (unit.failed): Take the unit for failed"), std::string::npos) << output;
+  EXPECT_NE(output.find("failed: unit (unit.failed): Put the unit aside as failed"), std::string::npos)
+      << output;
 }
 
 // The page for OpenHTF is not run; it is Python.
