@@ -40,9 +40,7 @@ std::vector<Item> items() {
       frame_of(0, kAt + 1, whole, 20),
       frame_of(0, kAt + 999, cut, 0x12345678, {record::kLostByChance, record::kDuplicated}),
       frame_of(1, record::Nanoseconds{1} << 62U, whole, 70000),
-      frame_of(1, 0, "", 0),
-      record::Statistics{0, kAt + 5, 0x123456789abcdef0, 7},
-      record::Statistics{1, kAt + 6, {}, std::uint64_t{1} << 40U}};
+      frame_of(1, 0, "", 0)};
   const record::RunEntry said[] = {record::RunBegins{"name", "title", "TFTP -o 172.40.0.1"},
                                    record::Line{std::string("control \x1b and zero \0.", 21)},
                                    record::Line{"\xc3\xbc \xff"},
@@ -53,6 +51,8 @@ std::vector<Item> items() {
                                    record::StationEnds{{}, 11},
                                    record::RunEnds{"2", record::kAsTheScenarioSays}};
   for (const record::RunEntry& entry : said) all.emplace_back(entry_of(entry, kAt + 2000));
+  all.emplace_back(record::Statistics{0, kAt + 2001, 0x123456789abcdef0, 7});
+  all.emplace_back(record::Statistics{1, kAt + 2002, {}, std::uint64_t{1} << 40U});
   return all;
 }
 
