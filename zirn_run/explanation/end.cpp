@@ -94,7 +94,7 @@ void find_unknown_end(Case* c) {
 }  // namespace
 
 std::string end_in_words(const Case& c) {
-  const std::string general = story::in_words(*c.reading.station_end);
+  std::string general = story::in_words(*c.reading.station_end);
   const std::string status = general.substr(0, general.find(' '));
   const auto because = [&status](std::string_view words) { return status + " (" + std::string(words) + ")"; };
   if (status == std::to_string(kInterrupted)) {

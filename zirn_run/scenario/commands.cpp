@@ -33,7 +33,7 @@ std::optional<std::string> board_mac_in(const std::string& told) {
   }
   if (count != 6 || mac == kUsualMac + kAdded) return {};
   char text[] = "00:00:00:00:00:00";
-  for (int place = 5; place >= 0; --place) {
+  for (std::size_t place = 0; place <= 5; ++place) {
     const auto byte = static_cast<unsigned>((mac - kAdded) >> (8 * (5 - place)) & 0xffU);
     text[3 * place] = "0123456789abcdef"[byte >> 4];
     text[3 * place + 1] = "0123456789abcdef"[byte & 0xfU];

@@ -179,8 +179,10 @@ std::string options_of(const Transfer& one, Script* script) {
   add("blksize", block_size, kUsualBlockSize, kMostBlockSize);
   add("timeout", timeout, kUsualTimeout, kMostTimeout);
   for (const auto& [name, value] : one.asked) {
-    if (name != "blksize" && name != "timeout" && name != "tsize")
-      script->cannot_say(one.from, "asks for the option " + name + " " + value, one.frames);
+    if (name == "blksize" || name == "timeout" || name == "tsize") continue;
+    std::string asks = "asks for the option ";
+    asks.append(name).append(" ").append(value);
+    script->cannot_say(one.from, asks, one.frames);
   }
   return text;
 }

@@ -347,14 +347,12 @@ void Track::resolve_silence() {
   const bool lacks_data =
       transfer.data.sent == 0 && transfer.acks.sent > 0 && transfer.acknowledged_blocks > 0;
   const bool lacks_acks = transfer.acks.sent == 0 && transfer.blocks > 1;
-  if (has_cut_) {
-    end(End::kUnknown, kNone);
-  } else if (lacks_data || lacks_acks) {
+  if (!has_cut_ && (lacks_data || lacks_acks)) {
     const bool is_finished =
         lacks_data ? is_all_acknowledged() : transfer.is_last_sent && transfer.sent_in_vain == 1;
     end(is_finished ? End::kFinished : End::kUnknown, kNone);
     transfer.is_end_inferred = is_finished;
-  } else if (transfer.kind == Transfer::Kind::kMidway && transfer.sent_in_vain < 2) {
+  } else if (has_cut_ || (transfer.kind == Transfer::Kind::kMidway && transfer.sent_in_vain < 2)) {
     end(End::kUnknown, kNone);
   } else if (transfer.answered || transfer.kind == Transfer::Kind::kMidway) {
     end(End::kAbandoned, last_from_client_ ? transfer.server : transfer.client);
