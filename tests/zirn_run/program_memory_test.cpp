@@ -19,7 +19,8 @@ constexpr int kVerdicts = 20;                  // that each gives, each passed o
 // The record of an hour, written frame by frame, of which it keeps as much as the recorder does.
 class Hour {
  public:
-  explicit Hour(const std::string& name, int blocks) : file_(name, std::ios::binary), blocks_(blocks) {
+  Hour(const std::string& name, int blocks) : file_(name, std::ios::binary), blocks_(blocks) {}
+  void is_written() {
     file_ << made_.section() << made_.interface(1, 0);
     for (int unit = 0; unit < kUnits; ++unit) plays_unit(unit);
   }
@@ -106,8 +107,8 @@ class ProgramMemory : public CalledProgram {
 
 TEST_F(ProgramMemory, OfAnHourOfProductionIsBounded) {
   if (kSanitized) GTEST_SKIP() << "a sanitizer takes memory of its own";
-  Hour("small-files", 4);
-  Hour("hour", 100);
+  Hour("small-files", 4).is_written();
+  Hour("hour", 100).is_written();
   std::vector<long> taken;
   for (const char* const file : {"small-files", "hour"}) {
     const Result picture = calls({"draw", file});
