@@ -296,7 +296,7 @@ TEST_F(ProgramLine, IsCalledByAnotherProgram) {
   ASSERT_TRUE(hears_boot_script());
   passes();
   EXPECT_EQ(ends(), 0);
-  EXPECT_EQ(output, "True|none|\n");
+  EXPECT_EQ(output, "True|none|Nothing: the next unit can be tested.\n");
   begins_with_tools({kPython, "factory.py"});
   ASSERT_TRUE(hears_boot_script());
   fails_a_step();
