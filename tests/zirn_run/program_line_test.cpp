@@ -88,7 +88,7 @@ class ProgramLine : public TestedUnit {
   }
   bool hears_boot_script() {
     while (radio_->receives(std::chrono::milliseconds(0))) continue;
-    return radio_->receives(std::chrono::seconds(20)).has_value();
+    return radio_->receives(std::chrono::seconds(60)).has_value();
   }
   void passes() {
     boots();
