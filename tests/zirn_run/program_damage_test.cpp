@@ -3,13 +3,14 @@
 #include <random>
 
 #include "record/reader.h"
+#include "support/sanitized.h"
 #include "zirn_run/called_program.h"
 #include "zirn_run/made_record.h"
 
 namespace {
 
 constexpr int kNotAllowed = 77;
-constexpr int kDamaged = 1000;  // of each kind of file
+constexpr int kDamaged = kSanitized ? 250 : 1000;  // of each kind of file
 constexpr char kScenario[] =
     "file bootscript.txt holds \"setenv bootdelay 1\\r\\n\"\nfile kernel.img is 60 KiB\nstation starts\n"
     "unit hears the boot script\nunit obeys the boot script\nwire loses 3 %\n"

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <thread>
 
+#include "support/sanitized.h"
 #include "support/tcp_peer.h"
 #include "zirn_run/tested_unit.h"
 
@@ -219,7 +220,7 @@ void ProgramLine::tests_units(int count) {
   std::string loop = shown("while read");
   const std::string seconds = "--timeout 600";
   ASSERT_NE(loop.find(seconds), std::string::npos);
-  loop.replace(loop.find(seconds), seconds.size(), "--timeout 4");
+  loop.replace(loop.find(seconds), seconds.size(), kSanitized ? "--timeout 30" : "--timeout 4");
   begins_with_tools({"sh", "-c", loop});
   for (int i = 0; i < count; ++i) program->write_line("unit" + std::to_string(i));
   program->close_input();

@@ -145,7 +145,7 @@ TEST_P(ProgramReport, CountsFoldersAsItCountsADatabase) {
 
 // All of the runs would take more than it may have.
 TEST_P(ProgramReport, HoldsNoMoreOfManyRunsThanOfFew) {
-  constexpr int kRuns = 100000;
+  constexpr int kRuns = kSanitized ? 10000 : 100000;
   const std::string limit = kSanitized ? "" : "ulimit -d 49152; ";  // KiB
   {
     database::Database made(database_, database::Database::Use::kWrite, {});
