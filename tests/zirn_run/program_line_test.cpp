@@ -220,7 +220,8 @@ void ProgramLine::tests_units(int count) {
   std::string loop = shown("while read");
   const std::string seconds = "--timeout 600";
   ASSERT_NE(loop.find(seconds), std::string::npos);
-  loop.replace(loop.find(seconds), seconds.size(), kSanitized ? "--timeout 30" : "--timeout 4");
+  // Six of the ways to fail wait for it; few of them come among few units, whose machine may then be busy.
+  loop.replace(loop.find(seconds), seconds.size(), count <= 20 ? "--timeout 30" : "--timeout 4");
   begins_with_tools({"sh", "-c", loop});
   for (int i = 0; i < count; ++i) program->write_line("unit" + std::to_string(i));
   program->close_input();
@@ -257,7 +258,9 @@ void ProgramLine::tests_units(int count) {
   EXPECT_EQ(std::distance(fs::directory_iterator("."), fs::directory_iterator()), count + others);
   rusage used = {};
   getrusage(RUSAGE_CHILDREN, &used);
-  EXPECT_LE(used.ru_maxrss, 64 * 1024) << "KiB";
+  if (!kSanitized) {
+    EXPECT_LE(used.ru_maxrss, 64 * 1024) << "KiB";
+  }
   EXPECT_EQ(calls({"check", "--", "-o", "172.40.0.1"}).output.find("is held by"), std::string::npos);
 }
 
