@@ -343,7 +343,7 @@ TEST_F(ProgramLine, IsShownForOpenHtf) {
 }
 
 TEST_F(ProgramLine, TestsTwentyUnits) {
-  tests_units(20);
+  tests_units(kSanitized ? 10 : 20);
 }
 
 TEST_F(ProgramLine, IsKilledTenTimes) {
