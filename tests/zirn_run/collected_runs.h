@@ -61,9 +61,12 @@ class CollectedRuns : public CalledProgram, public testing::WithParamInterface<K
   }
   // The rows that a question brings, each a text.
   std::vector<std::string> rows(const std::string& question) const {
-    std::vector<std::string> all;
     database::Database opened(database_, database::Database::Use::kRead, {});
-    opened.read([&](soci::session& session) {
+    return rows_of(&opened, question);
+  }
+  static std::vector<std::string> rows_of(database::Database* opened, const std::string& question) {
+    std::vector<std::string> all;
+    opened->read([&](soci::session& session) {
       std::string row;
       database::Statement statement(session, question);
       statement.into(&row);

@@ -26,15 +26,8 @@ class Schema : public CollectedRuns {
     return text;
   }
   std::vector<std::string> later_rows(const std::string& question) const {
-    std::vector<std::string> all;
     Database opened(database_, Database::Use::kRead, {}, later_);
-    opened.read([&](soci::session& session) {
-      std::string row;
-      database::Statement statement(session, question);
-      statement.into(&row);
-      while (statement.next()) all.push_back(row);
-    });
-    return all;
+    return rows_of(&opened, question);
   }
 
   const std::vector<Migration> later_ =

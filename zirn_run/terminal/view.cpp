@@ -196,16 +196,8 @@ void View::type(Key key) {
   }
 }
 
-View::Wish View::press(Key key) {
-  message_.clear();
-  if (is_typing_) {
-    type(key);
-    return Wish::kNothing;
-  }
-  if (shows_help_) {
-    shows_help_ = false;
-    return key == 'q' ? Wish::kQuit : Wish::kNothing;
-  }
+// Whether the key is one that goes through the rows.
+bool View::goes(Key key) {
   const int page = static_cast<int>(body_lines());
   switch (key) {
     case kUp:
@@ -241,6 +233,24 @@ View::Wish View::press(Key key) {
     case kEnter:
       fold_or_unfold();
       break;
+    default:
+      return false;
+  }
+  return true;
+}
+
+View::Wish View::press(Key key) {
+  message_.clear();
+  if (is_typing_) {
+    type(key);
+    return Wish::kNothing;
+  }
+  if (shows_help_) {
+    shows_help_ = false;
+    return key == 'q' ? Wish::kQuit : Wish::kNothing;
+  }
+  if (goes(key)) return Wish::kNothing;
+  switch (key) {
     case '/':
       is_typing_ = true;
       needle_.clear();

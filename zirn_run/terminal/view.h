@@ -83,6 +83,7 @@ class View {
   void follow();
   void keep_in_sight();
   void fold_or_unfold();
+  bool goes(Key key);
   void type(Key key);
   void search(int direction);
   bool has_needle(std::size_t row, bool* is_below) const;
