@@ -150,7 +150,9 @@ void read_texts(const std::string& contents) {
   record::LogReader log(log_file);
   std::string lines;
   while (const auto line = log.next()) lines += line->text + "\n";
-  require(lines == contents || lines == contents + "\n", "no line is lost");
+  const bool is_text = contents.find('\0') == std::string::npos;
+  require(log.problem().empty() == is_text, "what is no text is told, and nothing else");
+  require(lines == (is_text ? contents : "") || lines == contents + "\n", "no line is lost");
 }
 
 }  // namespace
