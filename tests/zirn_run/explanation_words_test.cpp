@@ -51,10 +51,10 @@ TEST_F(Words, NameTheMissingFile) {
   begins_with_a_verdict();
   is_refused("kernel.img", 1, "");
   fails();
-  expect_told("What to do: Put kernel.img into the station's directory");
+  expect_told("is kernel.img there, under this very name");
   expect_told("Then begin a new run. This unit: test it again.\n");
   expect_told("Also seen, unit (unit.failed): the unit then gave F_l_m_09PPT_FAILED at ");
-  expect_told(", which follows from this or comes again in a new run (");
+  expect_told("; it may be because of this fault (");
 }
 
 TEST_F(Words, DoNotSendAFailedUnitToAnotherTest) {
@@ -63,6 +63,15 @@ TEST_F(Words, DoNotSendAFailedUnitToAnotherTest) {
   expect_told("with a note of F_l_m_09PPT_FAILED for");
   EXPECT_EQ(times_told("test it again"), 0U);
   EXPECT_EQ(times_told("F_l_m_09PPT_FAILED at "), 1U);
+}
+
+// Its loader's fault may be the unit's own, or its script's.
+TEST_F(Words, PutAUnitAsideThatFailsTwiceByItself) {
+  begins_with_a_verdict();
+  is_refused("kernel.img", 0, "Mode not supported", "netascii");
+  fails();
+  expect_told("This unit: test it again; if the same comes again, put it aside as failed.\n");
+  expect_told("Read: kernel.img; nothing of it came\n");
 }
 
 TEST_F(Words, DoNotSendAUnitThatHasNotFailedToAnotherTest) {
@@ -85,7 +94,8 @@ TEST_F(Words, NameTheToolThatHangsAndEndWhatHasNotEnded) {
   asks("DO_PMC_INIT:7", "", 20000);
   line("Mode detected: 7");
   expect_told(
-      "What to do: End this run if it still goes on. As root on the board, call /mnt/ramdisk/t1-e1 7 -1;");
+      "What to do: End this run if it still goes on. On the station's board, as root, run "
+      "\"/mnt/ramdisk/t1-e1 7 -1\" by");
 }
 
 TEST_F(Words, DoNotEndWhatHasEnded) {
@@ -93,7 +103,8 @@ TEST_F(Words, DoNotEndWhatHasEnded) {
   line("Mode detected: 7");
   asks("ZIRN_ASKS_FOR_HIS_MAC", "", 20000);
   is_killed(SIGKILL);
-  expect_told("What to do: As root on the board, call envtool show tempmac;");
+  expect_told("What to do: On the station's board, as root, run \"envtool show tempmac\" by hand.");
+  expect_told(" until the record ends (");
   expect_told("operator (end.sigkill): the run was killed from outside (SIGKILL) at ");
 }
 
@@ -129,7 +140,7 @@ TEST_F(Words, SayBothTimesOfOneConnection) {
     tcp(server, client, made::kRst | made::kAck, 0);
   }
   fails();
-  EXPECT_EQ(times_told("connection to the station's command port at 3.0 s and at 4.0 s was refused"), 1U);
+  EXPECT_EQ(times_told("station's command port refused the unit's connection at 3.0 s and at 4.0 s"), 1U);
   EXPECT_EQ(times_told("command port"), 1U);
 }
 
@@ -155,7 +166,7 @@ TEST_F(Words, SayOnceThatTheCableIsOut) {
   EXPECT_EQ(fault(), "test-network net.cable-out");
   EXPECT_EQ(told.fault.statements.size(), 1U);
   EXPECT_FALSE(has_also("net.loss"));
-  expect_told("the station did not get it; the cable was out from ");
+  expect_told("the request did not reach the station; the cable was out from ");
 }
 
 TEST_F(Words, SayThatEnvtoolIsMissing) {
@@ -166,7 +177,7 @@ TEST_F(Words, SayThatEnvtoolIsMissing) {
   fails();
   EXPECT_EQ(fault(), "board board.mac-default");
   EXPECT_FALSE(has_also("board.tool-missing"));
-  expect_told("that every unit is told: envtool is missing on the board.\n");
+  expect_told("and none of its own: envtool is missing on the station's board.\n");
   EXPECT_EQ(times_told("envtool: not found"), 1U);
 }
 
@@ -174,7 +185,7 @@ TEST_F(Words, DoNotSayWhatTheBoardLacksWhereNothingShowsIt) {
   begins_with_a_verdict();
   asks("ZIRN_ASKS_FOR_HIS_MAC", "02:00:00:00:00:03");
   fails();
-  expect_told("envtool is missing on the board, or knows no tempmac.\n");
+  expect_told("envtool is missing on the station's board, or knows no tempmac.\n");
 }
 
 TEST_F(Words, TellTwoOfAKindAndCountMore) {

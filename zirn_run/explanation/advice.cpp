@@ -42,7 +42,7 @@ Words words_of(const Cause& cause, const Case& c) {
     words["file"] = words["tool"] = words["step"] = subject;
   if (const std::string address = ppt_server(c); !address.empty()) words["ppt"] = address;
   if (c.reading.station_end) words["end"] = "";
-  if (lacks_envtool(c)) words["no-mac"] = "envtool is missing on the board";
+  if (lacks_envtool(c)) words["no-mac"] = "envtool is missing on the station's board";
   return words;
 }
 

@@ -80,8 +80,9 @@ const std::vector<Cause>& causes() {
       // The run could not begin, or was ended by what happened in it.
       {"start.port-in-use", O::kStation, W::kDecides,
        "Another program already has the station's TFTP port; usually it is a run that has not ended.",
-       "End that run (systemctl stop zirn-test-station), or the program that has UDP port {tftp-port:69}: as "
-       "root, ss -ulpn shows it. Then begin a new run."},
+       "On the station, as root: ss -ulpn shows which program has UDP port {tftp-port:69}. End it if it is a "
+       "run of the station (systemctl stop zirn-test-station); else ask whoever looks after the station "
+       "before you do. Then begin a new run."},
       {"start.no-address", O::kStation, W::kDecides,
        "The station was told to serve on an address (-o) that none of its links has.",
        "Compare -o with what \"ip address\" shows: correct -o, or give the link the address. Then begin a "
@@ -104,8 +105,8 @@ const std::vector<Cause>& causes() {
       {"verdict.too-short", O::kUnit, W::kDecides,
        "The unit gave a verdict whose name is shorter than eight characters, which ends the station's "
        "program at once.",
-       "Ask whoever writes the unit's test script to correct it: at least two characters follow F_l_m_ in a "
-       "verdict. Then begin a new run."},
+       "Ask whoever writes the unit's test script to correct it: at least two characters must follow F_l_m_ "
+       "in a verdict. Then begin a new run."},
       {"command.left-early", O::kUnit, W::kDecides,
        "The unit closed its command connection before the station had answered, which ended the station's "
        "program.",
@@ -117,18 +118,19 @@ const std::vector<Cause>& causes() {
        "link.",
        "Start it as root, or with the right CAP_NET_RAW. Then begin a new run."},
       {"boot.no-link", O::kStation, W::kExplains,
-       "The unit gets no boot script: the station has no link with the label lan0:0 and an address.",
-       "On the station: ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0. Then "
-       "begin a new run."},
+       "The unit gets no boot script: no link of the station has an address with the label lan0:0.",
+       "On the station, as root: ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0. "
+       "If it has no lan0, ask whoever looks after the station. Then begin a new run."},
       {"boot.no-protocols", O::kStation, W::kExplains,
        "The unit gets no boot script: /etc/protocols on the station has no udp.",
        "Install the package netbase on the station. Then begin a new run."},
       {"boot.link-down", O::kStation, W::kExplains,
        "The unit gets no boot script: the station's link lan0 is down.",
-       "On the station: ip link set lan0 up. Then begin a new run."},
+       "On the station, as root: ip link set lan0 up. Then begin a new run."},
       {"boot.port-in-use", O::kStation, W::kExplains,
        "The unit gets no boot script: another program already has the message port.",
-       "End the program that has UDP port {port:12345}: as root, ss -ulpn shows it. Then begin a new run."},
+       "On the station, as root: ss -ulpn shows which program has UDP port {port:12345}. End it if it is a "
+       "run of the station; else ask whoever looks after the station before you do. Then begin a new run."},
       {"boot.no-broadcast", O::kStation, W::kExplains,
        "The unit gets no boot script: the station's lan0:0 has no broadcast address.",
        "Give it one: ip address change 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0. If it has "
@@ -148,27 +150,30 @@ const std::vector<Cause>& causes() {
       // What the unit was told wrongly, or not given.
       {"board.tool-failed", O::kBoard, W::kExplains,
        "The board's T1/E1 tool failed (it ended with 0), and the unit was told so.",
-       "As root on the board, call {tool:/mnt/ramdisk/t1-e1}; show what it says to whoever looks after the "
-       "board's T1/E1 hardware. Then begin a new run."},
+       "On the station's board, as root, run \"{tool:/mnt/ramdisk/t1-e1}\" by hand; show what it prints to "
+       "whoever looks after the board's T1/E1 hardware. Then begin a new run."},
       {"board.tool-missing", O::kBoard, W::kExplains,
        "A tool of the station's board is missing, and so the unit was answered wrongly.",
        "Ask whoever looks after the board to install {tool:the tool that the line names}. Then begin a new "
        "run."},
       {"board.tool-hangs", O::kBoard, W::kExplains,
        "A tool of the station's board was started for the unit, and did not come to its end.",
-       "{end:End this run if it still goes on.} As root on the board, call {tool:the tool}; show where it "
-       "stops to whoever looks after the board. Then begin a new run."},
+       "{end:End this run if it still goes on.} On the station's board, as root, run \"{tool:the tool}\" by "
+       "hand. If it does not end, stop it with Ctrl-C, and show what it printed last to whoever looks after "
+       "the board. Then begin a new run."},
       {"command.unanswered", O::kUnknown, W::kExplains,
        "The unit sent a command and got no answer; the record does not show why.",
        "Begin a new run, and record both networks and the station's lines (zirn-run record), so that it "
        "shows."},
       {"command.port-in-use", O::kStation, W::kExplains,
-       "Another program already has the station's command port, and so the unit's commands are not answered.",
-       "End the program that has TCP port {port:12345}: as root, ss -tlpn shows it. Then begin a new run."},
+       "Another program already has the station's command port (TCP {port:12345}), and so the unit's "
+       "commands are not answered.",
+       "On the station, as root: ss -tlpn shows which program has TCP port {port:12345}. End it if it is a "
+       "run of the station; else ask whoever looks after the station before you do. Then begin a new run."},
       {"command.no-address", O::kStation, W::kExplains,
        "The station does not have the address 172.40.0.1, and so it takes no commands.",
-       "On the station: ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0. Then "
-       "begin a new run."},
+       "On the station, as root: ip address add 172.40.0.1/24 broadcast 172.40.0.255 label lan0:0 dev lan0. "
+       "If it has no lan0, ask whoever looks after the station. Then begin a new run."},
       {"command.no-port", O::kStation, W::kExplains,
        "The station could not open its command port, and so it takes no commands; its line says why.",
        kDescriptors},
@@ -186,15 +191,16 @@ const std::vector<Cause>& causes() {
        "Read what the station printed at the first verdict, and run zirn-run check on the station. Then "
        "begin a new run."},
       {"net.cable-out", O::kTestNetwork, W::kExplains, "The cable of the test network was out.",
-       "Plug it in at both ends; change it if a plug is loose. Then begin a new run."},
+       "Push the cable in at the station and at the unit; take another one if a plug does not hold. Then "
+       "begin a new run."},
       {"net.read-broken", O::kTestNetwork, W::kExplains,
        "The unit could not finish a read, because frames were lost on the test network.",
        "Change the cable between unit and station; if that does not help, the port of the switch. Then begin "
        "a new run."},
       {"file.missing", O::kStation, W::kExplains,
        "The unit asked for a file that the station does not have, or may not read.",
-       "Put {file:the file} into the station's directory (/var/lib/zirn-test-station), or correct its name "
-       "or its rights. Then begin a new run."},
+       "Look into the station's directory (/var/lib/zirn-test-station): is {file:the file} there, under this "
+       "very name, and may the station's program read it? If not, put it there. Then begin a new run."},
       {"file.wrong-mode", O::kUnit, W::kExplains,
        "The unit asked for a file in a transfer mode that the station does not serve; it serves octet alone.",
        "Set the unit's boot loader to the mode octet (binary). Then begin a new run."},
@@ -209,13 +215,13 @@ const std::vector<Cause>& causes() {
        "Read the message; see whether the unit has room for the whole of {file:the file}. Then begin a new "
        "run."},
       {"unit.restarted", O::kUnit, W::kExplains,
-       "The unit was restarted in the middle of a read: it has booted again since.",
-       "Look at the unit's power supply, and on its console for the reason of the restart. Then begin a new "
-       "run."},
+       "The unit restarted in the middle of a read: later it read its boot script again.",
+       "See on the unit's console why it restarted, and look at its power supply. Then begin a new run."},
       {"read.left", O::kUnit, W::kExplains,
-       "The unit stopped in the middle of a read and went on later: it gave the read up, or was restarted.",
-       "Look on the unit's console for what it did after that: a restart points to its power supply, a "
-       "message to its boot loader. Then begin a new run."},
+       "The unit stopped in the middle of a read, and did something else later: it gave the read up, or it "
+       "restarted.",
+       "See on the unit's console what happened then. If it restarted, look at its power supply; if it "
+       "printed an error, show that to whoever writes its boot script. Then begin a new run."},
       {"file.refused", O::kUnknown, W::kExplains,
        "The station refused a read of the unit with an error that is not usual.",
        "Read the message, and see that nobody stops the station's process (a debugger). Then begin a new "
@@ -233,8 +239,8 @@ const std::vector<Cause>& causes() {
        "Put the unit aside as failed, with a note of {step:its verdict} for whoever repairs it. Begin a new "
        "run with the next unit."},
       {"ppt.refused", O::kPptServer, W::kExplains,
-       "The PPT server refused the connection to its message port; without it the station answers no "
-       "commands.",
+       "The PPT server refused the station's connection (TCP port {port:12345}); without it the station "
+       "answers no commands of the unit.",
        "Ask whoever looks after the PPT server to start its program. Then begin a new run."},
       {"ppt.dropped", O::kPptServer, W::kExplains,
        "The PPT server did not answer when the station connected to its message port.",
@@ -263,9 +269,10 @@ const std::vector<Cause>& causes() {
        "The PPT server answered a verdict when the station no longer waited.",
        "Ask whoever looks after the PPT server what slows it down. Then begin a new run."},
       {"board.mac-default", O::kBoard, W::kExplains,
-       "The unit was told the MAC address that every unit is told: {no-mac:envtool is missing on the board, "
-       "or knows no tempmac}.",
-       "Ask whoever looks after the board to install envtool and to set tempmac. Then begin a new run."},
+       "The unit was told the default MAC address, and none of its own: {no-mac:envtool is missing on the "
+       "station's board, or knows no tempmac}.",
+       "Ask whoever looks after the station's board to install envtool and to set its variable tempmac; "
+       "until then every unit is told the same. Then begin a new run."},
       {"board.mac-empty", O::kBoard, W::kExplains,
        "The unit was told a MAC address that is none, because tempmac is empty on the board.",
        "Ask whoever looks after the board to set tempmac (envtool). Then begin a new run."},

@@ -72,8 +72,7 @@ void find_refused_at(Nanoseconds when, const Connection& connection, const Why& 
   const std::string_view id = is_early ? "command.too-early" : why ? why->cause->id : "command.refused";
   const std::string again = connection.attempts > 1 ? " and" + at(*c, connection.until) : "";
   c->find(id, when,
-          "the unit's connection to the station's command port" + at(*c, connection.from) + again +
-              " was refused",
+          "the station's command port refused the unit's connection" + at(*c, connection.from) + again,
           seen(connection.frames));
 }
 
@@ -133,7 +132,8 @@ void find_no_reply(const Connection& connection, const Text& question, const Why
   const bool is_command =
       contains(question.said.text, kAsksForMac) || contains(question.said.text, kInitializesPmc);
   const std::string told = "the unit asked " + frames::quoted(question.said.text) + at(*c, question.at) +
-                           " and had no answer for " + seconds(until - question.at);
+                           (is_over ? " and had no answer for " : " and had no answer in the ") +
+                           seconds(until - question.at) + (is_over ? "" : " until the record ends");
   if (why && why->at <= until) {
     c->find(why->cause->id, question.at, told, seen(question.frames));
   } else if (was_another_open(connection, question, *c)) {

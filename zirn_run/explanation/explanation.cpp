@@ -209,8 +209,15 @@ void tell_what_follows(Explanation* told) {
     if (claim.cause->id != kUnitFailed) continue;
     std::string& sentence = claim.statements.front().sentence;
     sentence.insert(std::string_view("the unit ").size(), "then ");
-    sentence += ", which follows from this or comes again in a new run";
+    sentence += "; it may be because of this fault";
   }
+}
+
+// Of one that failed.
+std::string advice_for_unit(const Cause& cause) {
+  if (cause.id == kUnitFailed) return "";  // says so itself
+  const std::string again = " This unit: test it again";
+  return again + (cause.owner == Owner::kUnit ? "; if the same comes again, put it aside as failed." : ".");
 }
 
 std::string mac_text(const frames::Mac& mac) {
@@ -317,8 +324,7 @@ Explanation explain(const Reading& reading) {
   if (told.verdict == Outcome::kFailed) tell_what_follows(&told);
   tell_cause(c, &told.fault);
   for (Claim& claim : told.also) tell_cause(c, &claim);
-  const bool is_units_own = told.fault.cause->owner == Owner::kUnit;
-  if (told.verdict == Outcome::kFailed && !is_units_own) told.fault.advice += " This unit: test it again.";
+  if (told.verdict == Outcome::kFailed) told.fault.advice += advice_for_unit(*told.fault.cause);
   told.incomplete = incomplete(c);
   return told;
 }

@@ -193,7 +193,8 @@ void find_of(const Transfer& transfer, Case* c) {
         transfer, false,
         "the unit asked for " + name +
             (transfer.requests > 1 ? " " + frames::counted(transfer.requests, "time") + ", first" : "") +
-            at(*c, transfer.from) + (is_lost ? ", and the station did not get it" : ", and got no answer"),
+            at(*c, transfer.from) +
+            (is_lost ? ", and the request did not reach the station" : ", and got no answer"),
         c);
   }
 }

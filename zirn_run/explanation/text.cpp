@@ -88,7 +88,8 @@ std::string about(const Read& read) {
             " of " + std::to_string(*read.block_size) + rate;
     if (*read.repeated > 0) text += ", " + frames::counted(*read.repeated, "block") + " sent again";
   }
-  return line(text + (read.finished && !*read.finished ? "; it was not finished" : ""));
+  if (read.finished && !*read.finished) text += read.bytes ? "; it was not finished" : "; nothing of it came";
+  return line(text);
 }
 
 std::string steps(const Explanation& explanation) {
