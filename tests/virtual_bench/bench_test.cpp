@@ -64,6 +64,39 @@ class Bench : public testing::Test {
     return text + reader.problem();
   }
 
+  // Whether some frame holds these bytes.
+  bool has_sent(const std::string& bytes) const {
+    std::ifstream file(results() + "/a.pcapng", std::ios::binary);
+    record::Reader reader(file);
+    while (const auto item = reader.next()) {
+      const auto* const frame = std::get_if<record::Frame>(&*item);
+      if (frame != nullptr && frame->bytes.size() >= bytes.size() &&
+          frame->bytes.substr(frame->bytes.size() - bytes.size()) == bytes)
+        return true;
+    }
+    return false;
+  }
+
+  // What the unit's system said for it once it was gone itself.
+  std::string last_words_of_unit() const {
+    constexpr char kUnit[] = "\xac\x28\x00\x02";
+    constexpr std::size_t kProtocolAt = 23, kSourceAt = 26,
+                          kFlagsAt = 47;            // of an Ethernet frame without options
+    constexpr char kIcmp = 1, kTcp = 6, kEnds = 5;  // RST or FIN
+    std::ifstream file(results() + "/a.pcapng", std::ios::binary);
+    record::Reader reader(file);
+    while (const auto item = reader.next()) {
+      const auto* const frame = std::get_if<record::Frame>(&*item);
+      if (frame == nullptr || frame->bytes.size() <= kFlagsAt ||
+          frame->bytes.substr(kSourceAt, 4) != std::string_view(kUnit, 4))
+        continue;
+      if (frame->bytes[kProtocolAt] == kIcmp) return "unreachable";
+      if (frame->bytes[kProtocolAt] == kTcp && (frame->bytes[kFlagsAt] & kEnds) != 0)
+        return "the connection ends";
+    }
+    return "none";
+  }
+
   std::string file_with(const std::string& scenario) const {
     const std::string file = directory_.file("a.run");
     write_whole_file(file, scenario);
@@ -327,6 +360,107 @@ TEST_F(Bench, HasAPptServerThatIsSilent) {
   EXPECT_EQ(result.status, 0) << result.output;
   const std::size_t asked = result.output.find("unit     reads a\n");
   EXPECT_NE(result.output.find("unit     has 0 of 0 KiB of a\n", asked), std::string::npos) << result.output;
+}
+
+TEST_F(Bench, HasSeveralUnits) {
+  const Result& result = plays(
+      "file a is 30 KiB\nfile b holds c\nstation starts\nunit begins reading a\nunit d begins reading b\n"
+      "unit b hears the boot script\nunit ends reading\nunit d ends reading\n"
+      "unit c reads F_l_m_01PPT_PASSED\nstation exits 2\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_NE(result.output.find("unit d   has b, 1 bytes as served"), std::string::npos) << result.output;
+  const std::string picture = whole_file(results() + "/a.svg");
+  for (const char* address : {">172.40.0.2", ">172.40.0.4", ">172.40.0.5"})
+    EXPECT_NE(picture.find(address), std::string::npos) << address << picture;
+  EXPECT_EQ(goes_wrong("station starts\nunit b ends reading\n"),
+            "WRONG: line 2, unit b ends reading: nothing is read; expected \"unit begins reading\" before");
+  EXPECT_EQ(goes_wrong("station starts\nunit c begins reading a\nstation gets SIGKILL\nstation exits 137\n"),
+            "WRONG: a is still being read; expected \"unit c ends reading\"");
+}
+
+struct Loader {
+  const char* habit;
+  const char* read;     // and what the read says besides
+  const char* request;  // as the wire carried it: its options
+};
+void PrintTo(const Loader& loader, std::ostream* out) {
+  *out << loader.habit << loader.read;
+}
+class BenchLoader : public Bench, public testing::WithParamInterface<Loader> {};
+
+TEST_P(BenchLoader, AsksInItsOrderAndReadsWholeFiles) {
+  const Result& result =
+      plays("file a is 3000 bytes\nfile b is 1468 bytes\nfile c is 0 bytes\nstation starts\nunit is like " +
+            std::string(GetParam().habit) + "\nunit reads a" + GetParam().read + "\nunit reads b\nunit " +
+            (GetParam().habit == std::string("curl") ? "cannot read" : "reads") +
+            " c\nunit reads F_l_m_01PPT_PASSED\nstation exits 2\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  std::string request("\0\1a\0octet\0", 10);
+  for (std::istringstream words(GetParam().request); words;) {
+    std::string word;
+    if (words >> word) request += word + '\0';
+  }
+  EXPECT_TRUE(has_sent(request)) << GetParam().request;
+}
+
+INSTANTIATE_TEST_SUITE_P(Bench, BenchLoader,
+                         testing::Values(Loader{"zirn", "", "timeout 5 blksize 512 tsize 0"},
+                                         Loader{"curl", "", "tsize 0 blksize 512 timeout 6"},
+                                         Loader{"curl", " blksize 1428", "tsize 0 blksize 1428 timeout 6"},
+                                         Loader{"tftp-hpa", "", ""},
+                                         Loader{"atftp", " blksize 1428 timeout 7", "timeout 7 blksize 1428"},
+                                         Loader{"busybox", "", "tsize 0"},
+                                         Loader{"busybox", " blksize 1428", "blksize 1428 tsize 0"},
+                                         Loader{"u-boot", "", "timeout 5 blksize 1468"},
+                                         Loader{"ipxe", "", "blksize 1432 tsize 0"}));
+
+// All that is heard of it is its requests.
+TEST_F(Bench, RepeatsAsItsHabitIs) {
+  const Result& result = plays(
+      "file a is 3000 bytes\nstation starts\nunit is like busybox\nwire is cut for 0.9 s\nunit reads a\n"
+      "wire loses 100 %\nunit cannot read a repeats 3 times after 0.1 s\nstation gets SIGKILL\nstation exits "
+      "137\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  const std::string record = recorded();
+  EXPECT_NE(record.find(", lost: the cable was out\n"), std::string::npos) << record;
+  EXPECT_NE(result.output.find("could not read a: no answer came from the station"), std::string::npos)
+      << result.output;
+}
+
+// Neither an RST comes for its connection nor "port unreachable" for its transfer; it is as if it had never been.
+TEST_F(Bench, HasAUnitThatCrashes) {
+  const std::string crash =
+      "file a is 16 MiB\nstation starts\nunit reads F_l_m_01STEP\nunit asks A expects A and holds on\n"
+      "unit asks on B expects B\nunit begins reading a blksize 1428\nunit has read 1 MiB\nunit crashes\n"
+      "station says \"Client timeout\"\n";
+  const std::string end = "station gets SIGKILL\nstation exits 137\n";
+  EXPECT_EQ(plays(crash + end).status, 0) << result_.output;
+  EXPECT_EQ(last_words_of_unit(), "none");
+  EXPECT_EQ(plays(crash + "unit boots again\nbench waits 6 s\n" + end).status, 0) << result_.output;
+  EXPECT_EQ(last_words_of_unit(), "unreachable");
+  EXPECT_EQ(goes_wrong("station starts\nunit boots again\n"),
+            "WRONG: line 2, unit boots again: it has not crashed");
+  EXPECT_EQ(goes_wrong("station starts\nunit crashes\nunit reads a\n"),
+            "WRONG: line 3, unit reads a: it has crashed; expected \"unit boots again\" before");
+}
+
+// A text beyond what the station takes at once is two to it.
+TEST_F(Bench, IsToldTwiceForOneText) {
+  const std::string begin(254, 'x'), rest(254, 'y');
+  const Result& result = plays("station starts\nunit reads F_l_m_01STEP\nunit asks " + begin + rest +
+                               " expects " + begin + " and holds on\nunit is told " + rest +
+                               "\nunit hangs up\nunit reads F_l_m_02PPT_PASSED\nstation exits 2\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST_F(Bench, SendsBytes) {
+  const Result& result = plays(
+      "file a is 16 MiB\nstation starts\nunit is like u-boot\nunit sends bytes 00ff to port 69\nstation says "
+      "\"Unexpected packet\"\n"
+      "unit begins reading a\nunit has read 8 KiB\nunit sends bytes 000500004e6f00 to port 33233\n"
+      "unit ends reading in vain\nstation gets SIGKILL\nstation exits 137\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_NE(result.output.find("could not read a: ERROR 4, "), std::string::npos) << result.output;
 }
 
 TEST_F(Bench, TriesAsOftenAsItIsTold) {

@@ -47,6 +47,10 @@ TEST(Scenario, KeepsTheStepsInTheirOrderWithTheirLines) {
   EXPECT_EQ(scenario.steps[1].line, 4);
 }
 
+constexpr char kReads[] =
+    "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE s] [tries TRIES] "
+    "[within SECONDS s] [dies after SIZE UNIT]";
+
 struct Line {
   const char* text;
   const char* form;
@@ -55,6 +59,13 @@ void PrintTo(const Line& line, std::ostream* out) {
   *out << line.text;
 }
 class EveryForm : public testing::TestWithParam<Line> {};
+
+TEST(Scenario, TellsUnitsApart) {
+  EXPECT_EQ(step("unit reads b").unit, 0U);
+  EXPECT_EQ(step("unit b reads b").unit, 1U);
+  EXPECT_EQ(step("unit d crashes").unit, 3U);
+  EXPECT_EQ(step("unit sends bytes 00fF").bytes_of("HEX"), std::string("\0\xff", 2));
+}
 
 TEST_P(EveryForm, IsUnderstood) {
   EXPECT_STREQ(step(GetParam().text).command->form, GetParam().form);
@@ -118,30 +129,29 @@ INSTANTIATE_TEST_SUITE_P(
         Line{"station exits 2 within 30 s", "station exits STATUS [within SECONDS s]"},
         Line{"unit hears the boot script", "unit hears the boot script"},
         Line{"unit hears nothing for 3 s", "unit hears nothing for SECONDS s"},
-        Line{"unit reads a within 60 s",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
-             "SIZE UNIT]"},
+        Line{"unit reads a within 60 s", kReads},
         Line{"unit obeys the boot script",
              "unit obeys the boot script [timeout TIMEOUT] [tries TRIES] [within SECONDS s]"},
         Line{"unit obeys the boot script timeout 1 tries 3",
              "unit obeys the boot script [timeout TIMEOUT] [tries TRIES] [within SECONDS s]"},
-        Line{"unit reads a.txt",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
-             "SIZE UNIT]"},
-        Line{"unit reads a.txt blksize 1428 timeout 1 tries 3",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
-             "SIZE UNIT]"},
-        Line{"unit reads a.txt tries 3",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
-             "SIZE UNIT]"},
-        Line{"unit reads a.txt dies after 1 MiB",
-             "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after "
-             "SIZE UNIT]"},
+        Line{"unit reads a.txt", kReads}, Line{"unit reads a.txt blksize 1428 timeout 1 tries 3", kReads},
+        Line{"unit reads a.txt tries 3", kReads}, Line{"unit reads a.txt dies after 1 MiB", kReads},
         Line{"unit begins reading a.txt blksize 1428",
-             "unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]"},
+             "unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE "
+             "s]"},
+        Line{"unit d reads a.txt repeats 3 times after 0.5 s within 9 s", kReads},
+        Line{"unit is like tftp-hpa", "unit is like HABIT"}, Line{"unit c crashes", "unit crashes"},
+        Line{"unit b boots again", "unit boots again"},
+        Line{"unit asks on expects on", "unit asks TEXT expects REPLY"},
+        Line{"unit asks on A expects B", "unit asks on TEXT expects REPLY"},
+        Line{"unit is told A", "unit is told REPLY"},
+        Line{"unit sends bytes", "unit sends TEXT [to port PORT]"},
+        Line{"unit sends bytes 00fF to port 69", "unit sends bytes HEX [to port PORT]"},
         Line{"unit has read 8 KiB", "unit has read SIZE UNIT"},
         Line{"unit ends reading", "unit ends reading"},
-        Line{"unit cannot read a.txt timeout 1", "unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT]"},
+        Line{
+            "unit cannot read a.txt timeout 1",
+            "unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE s]"},
         Line{"unit asks X expects Y", "unit asks TEXT expects REPLY"},
         Line{"unit asks X in vain", "unit asks TEXT in vain"},
         Line{"unit sends \"a text\"", "unit sends TEXT [to port PORT]"},
@@ -195,6 +205,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "\"fault\", "
                 "\"file\", "
                 "\"ppt\", \"station\", \"unit\", \"wire\""},
+        Refused{"unit is like grub",
+                "a.run:1: \"grub\" is not understood here; expected: zirn, curl, tftp-hpa, atftp, busybox, "
+                "u-boot or ipxe"},
+        Refused{"unit sends bytes 0a1 to port 9",
+                "a.run:1: \"0a1\" is not understood here; expected: \"to\", bytes of two hexadecimal digits "
+                "each, the end of the line"},
         Refused{"wire looses 5 %",
                 "a.run:1: \"looses\" is not understood here; expected: \"damages\", \"delays\", "
                 "\"duplicates\", \"is\", \"loses\", \"swaps\""},
@@ -248,7 +264,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refused{"unit reads", "a.run:1: the line ends too early; expected: NAME"},
         Refused{"unit reads a blocksize 5",
                 "a.run:1: \"blocksize\" is not understood here; expected: \"blksize\", "
-                "\"dies\", \"timeout\", \"tries\", \"within\", the end of the line"},
+                "\"dies\", \"repeats\", \"timeout\", \"tries\", \"within\", the end of the line"},
         Refused{"unit reads a tries 3 blksize 512",
                 "a.run:1: \"blksize\" is not understood here; expected: \"dies\", \"within\", the end of the "
                 "line"},

@@ -146,10 +146,39 @@ class Bench {
   NetworkNamespace right_place;
   WireProcess wire{"record",
                    1,
-                   {{{{left_place_, "test0"}, {right_place, "test0"}}},
+                   {{{left_place_, "test0"}, {right_place, "test0"}},
                     {{{left_place_, "plain0"}, {right_place, "plain0"}}}}};
   std::optional<Station> left, right, plain_left, plain_right;
 };
+
+// Two machines at the far end of a link: both get what the first end sends, and it gets what either sends.
+TEST(Wire, JoinsSeveralEndsWithTheFirst) {
+  NEEDS_WIRE();
+  const ScratchDirectory directory;
+  const NetworkNamespace here = NetworkNamespace::current();
+  const NetworkNamespace one, other;
+  const WireProcess wire("record", 1, {{{here, "first0"}, {one, "far0"}, {other, "far0"}}});
+  const Station first("first0");
+  std::optional<Station> one_station, other_station;
+  {
+    const ScopedNamespace inside(one);
+    one_station.emplace("far0");
+  }
+  {
+    const ScopedNamespace inside(other);
+    other_station.emplace("far0");
+  }
+  first.sends("to all");
+  EXPECT_EQ(one_station->receives(), "to all");
+  EXPECT_EQ(other_station->receives(), "to all");
+  one_station->sends("from one");
+  EXPECT_EQ(first.receives(), "from one");
+  other_station->sends("from the other");
+  EXPECT_EQ(first.receives(), "from the other");
+  wire.order(What::kDelay, 0);
+  EXPECT_EQ(recorded_fates(), "");
+  EXPECT_EQ(recorded_frames().size(), 3U);
+}
 
 double seconds_since_epoch() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -388,7 +417,7 @@ void expect_refused(const std::string& record, const std::string& device, const 
   const NetworkNamespace here = NetworkNamespace::current();
   const NetworkNamespace there;
   try {
-    const WireProcess wire(record, 1, {{{{here, "taken0"}, {there, device}}}});
+    const WireProcess wire(record, 1, {{{here, "taken0"}, {there, device}}});
     FAIL() << "was made instead of: " << expected;
   } catch (const std::runtime_error& error) {
     EXPECT_EQ(error.what(), expected);

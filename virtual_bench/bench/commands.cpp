@@ -9,10 +9,16 @@ namespace {
 using What = Order::What;
 using Event = PptServer::Event;
 
+std::optional<int> whole_number(const Step& step, const char* word) {
+  return step.has(word) ? std::optional(static_cast<int>(step.number_of(word))) : std::nullopt;
+}
+
 ReadOptions read_options(const Step& step) {
   ReadOptions options;
-  options.block_size = static_cast<int>(step.number_of("BLOCK", options.block_size));
-  options.timeout_seconds = static_cast<int>(step.number_of("TIMEOUT", options.timeout_seconds));
+  options.block_size = whole_number(step, "BLOCK");
+  options.timeout_seconds = whole_number(step, "TIMEOUT");
+  if (step.has("PATIENCE"))
+    options.patience = {static_cast<int>(step.number_of("TIMES")), step.number_of("PATIENCE")};
   options.tries = static_cast<int>(step.number_of("TRIES", options.tries));
   options.longest_seconds = step.number_of("SECONDS", options.longest_seconds);
   return options;
@@ -120,21 +126,24 @@ const std::vector<Command>& commands() {
          run.expect_exit(static_cast<int>(step.number_of("STATUS")),
                          step.number_of("SECONDS", Run::kExitSeconds));
        }},
+      {"unit is like HABIT", [](Run& run, const Step& step) { run.take_habit(step.text_of("HABIT")); }},
+      {"unit crashes", [](Run& run, const Step&) { run.crash(); }},
+      {"unit boots again", [](Run& run, const Step&) { run.boot_again(); }},
       {"unit hears the boot script", [](Run& run, const Step&) { run.hear_script(); }},
       {"unit hears nothing for SECONDS s",
        [](Run& run, const Step& step) { run.hear_nothing(step.number_of("SECONDS")); }},
       {"unit obeys the boot script [timeout TIMEOUT] [tries TRIES] [within SECONDS s]",
        [](Run& run, const Step& step) { run.obey_heard_script(read_options(step)); }},
-      {"unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within SECONDS s] [dies after SIZE "
-       "UNIT]",
+      {"unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE s] [tries TRIES] "
+       "[within SECONDS s] [dies after SIZE UNIT]",
        [](Run& run, const Step& step) {
          if (step.has("SIZE"))
            return run.read_until_death(step.text_of("NAME"), read_options(step), step.bytes());
          run.read(step.text_of("NAME"), read_options(step));
        }},
-      {"unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT]",
+      {"unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE s]",
        [](Run& run, const Step& step) { run.fail_to_read(step.text_of("NAME"), read_options(step)); }},
-      {"unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT]",
+      {"unit begins reading NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE s]",
        [](Run& run, const Step& step) { run.begin_reading(step.text_of("NAME"), read_options(step)); }},
       {"unit has read SIZE UNIT", [](Run& run, const Step& step) { run.expect_read(step.bytes()); }},
       {"unit ends reading in vain", [](Run& run, const Step&) { run.fail_to_end_reading(); }},
@@ -162,9 +171,16 @@ const std::vector<Command>& commands() {
        [](Run& run, const Step& step) { run.ask_and_leave(step.text_of("TEXT"), Unit::Leaves::kAtOnce); }},
       {"unit asks TEXT expects REPLY and holds on",
        [](Run& run, const Step& step) { run.ask(step.text_of("TEXT"), step.text_of("REPLY"), true); }},
+      {"unit asks on TEXT expects REPLY",
+       [](Run& run, const Step& step) { run.ask_on(step.text_of("TEXT"), step.text_of("REPLY")); }},
+      {"unit is told REPLY", [](Run& run, const Step& step) { run.ask_on("", step.text_of("REPLY")); }},
       {"unit hangs up", [](Run& run, const Step&) { run.hang_up(); }},
       {"unit asks TEXT expects REPLY",
        [](Run& run, const Step& step) { run.ask(step.text_of("TEXT"), step.text_of("REPLY")); }},
+      {"unit sends bytes HEX [to port PORT]",
+       [](Run& run, const Step& step) {
+         run.send(step.bytes_of("HEX"), static_cast<int>(step.number_of("PORT", PptServer::kRelayPort)));
+       }},
       {"unit sends TEXT [to port PORT]",
        [](Run& run, const Step& step) {
          run.send(step.text_of("TEXT"), static_cast<int>(step.number_of("PORT", PptServer::kRelayPort)));

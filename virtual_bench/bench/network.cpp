@@ -18,10 +18,21 @@ constexpr in_addr_t kPptNetwork = 0xac1e0000;  // 172.30.0.0/24
 constexpr in_addr_t kNetworkMask = 0xffffff00;
 constexpr in_addr_t kStationHost = 1;
 constexpr in_addr_t kBroadcastHost = 255;
+constexpr std::size_t kFirstUnitHost = 2;
 
 void set_up(const NetworkNamespace& place, const std::string& device, const std::string& address) {
   ip(place, "address add " + address + " dev " + device);
   ip(place, "link set " + device + " up");
+}
+
+std::string address_of(std::size_t unit) {
+  return "172.40.0." + std::to_string(kFirstUnitHost + unit) + "/24 broadcast 172.40.0.255";
+}
+
+Wire::Ends ends_of_test_network(const Wire::End& station, const std::list<NetworkNamespace>& units) {
+  Wire::Ends ends = {station};
+  for (const NetworkNamespace& unit : units) ends.push_back({unit, "lan0"});
+  return ends;
 }
 
 bool is_for_ppt_server(const std::string& text) {
@@ -34,17 +45,30 @@ bool is_for_ppt_server(const std::string& text) {
 
 }  // namespace
 
-Network::Network(const std::string& record, std::uint64_t seed, const Link& link)
+Network::Network(const std::string& record, std::uint64_t seed, const Link& link, std::size_t count)
     : station(NetworkNamespace::current()),
+      units(count),
       wire_(record, seed,
-            {{{{station, link.name}, {unit, "lan0"}}}, {{{station, "ppt0"}, {ppt_server, "ppt0"}}}}),
+            {ends_of_test_network({station, link.name}, units), {{station, "ppt0"}, {ppt_server, "ppt0"}}}),
       ppt_server_address_(kPptServerIp) {
   const std::string broadcast = link.has_broadcast_address ? "172.40.0.255" : "0.0.0.0";
   set_up(station, link.name, link.address + "/24 broadcast " + broadcast + " label " + link.name + ":0");
   set_up(station, "ppt0", "172.30.0.1/24");
-  set_up(unit, "lan0", "172.40.0.2/24 broadcast 172.40.0.255");
+  for (std::size_t unit = 0; unit < units.size(); ++unit) set_up(place_of(unit), "lan0", address_of(unit));
   ip(ppt_server, std::string("link set ppt0 address ") + kPptServerMac);
   set_up(ppt_server, "ppt0", ppt_server_address_ + "/24");
+}
+
+const NetworkNamespace& Network::place_of(std::size_t unit) const {
+  return *std::next(units.begin(), static_cast<std::ptrdiff_t>(unit));
+}
+
+void Network::remove_unit(std::size_t unit) const {
+  ip(place_of(unit), "address flush dev lan0");
+}
+
+void Network::restore_unit(std::size_t unit) const {
+  set_up(place_of(unit), "lan0", address_of(unit));
 }
 
 void Network::move_ppt_server(const std::string& address) {

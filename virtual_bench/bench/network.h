@@ -1,7 +1,9 @@
 #ifndef BENCH_NETWORK_H
 #define BENCH_NETWORK_H
 
+#include <cstddef>
 #include <cstdint>
+#include <list>
 #include <string>
 
 #include "stage/network_namespace.h"
@@ -10,6 +12,7 @@
 // The machines of the bench, each a network namespace of its own, joined by the wire:
 //
 //   unit 172.40.0.2 ---- test network, damaged on order ---- lan0 172.40.0.1 station
+//   unit b 172.40.0.3 ---------+ and so on
 //   PPT server 172.30.0.254 ---- PPT network --------------- ppt0 172.30.0.1 station
 class Network {
  public:
@@ -21,10 +24,13 @@ class Network {
   };
 
   // The station is where the caller is. record: the file that the wire writes. seed: of the chances of damage.
-  // Throws std::runtime_error.
-  Network(const std::string& record, std::uint64_t seed, const Link& link);
+  // units: how many there are, at least 1. Throws std::runtime_error.
+  Network(const std::string& record, std::uint64_t seed, const Link& link, std::size_t units);
 
   void order_wire(Order::What what, double amount) const { wire_.order(what, amount); }
+  // From now on nobody answers at this unit's address, not even to ARP; and again.
+  void remove_unit(std::size_t unit) const;
+  void restore_unit(std::size_t unit) const;
   // From now on the PPT server has this address, if it is one for it in its network; else the one it had.
   void move_ppt_server(const std::string& address);
   // From now on nobody answers at its address, not even to ARP.
@@ -37,10 +43,12 @@ class Network {
   void forbid_ppt_server() const;
 
   const NetworkNamespace station;
-  const NetworkNamespace unit;
+  const std::list<NetworkNamespace> units;
   const NetworkNamespace ppt_server;
 
  private:
+  const NetworkNamespace& place_of(std::size_t unit) const;
+
   const WireProcess wire_;
   std::string ppt_server_address_;
 };

@@ -28,6 +28,12 @@ record::StationEnds recorded(const ProcessEnd& end) {
   return {end.signal == 0 ? std::optional(end.status) : std::nullopt, end.signal};
 }
 
+std::size_t units_in(const Scenario& scenario) {
+  std::size_t count = 1;
+  for (const Step& step : scenario.steps) count = std::max(count, step.unit + 1);
+  return count;
+}
+
 }  // namespace
 
 Run::Run(const Scenario& scenario, const std::string& station, const std::string& folder)
@@ -39,14 +45,19 @@ Run::Run(const Scenario& scenario, const std::string& station, const std::string
   board_.sets_variable("tempmac", kTemporaryMac);
   set_tool_status(kToolStatus);
   fs::create_directory(folder_ + "/served");
-  fs::create_directory(folder_ + "/unit");
+  for (std::size_t unit = 0; unit < units_in(scenario_); ++unit)
+    fs::create_directory(folder_ + '/' + name_of_unit(unit));
 }
 
 std::optional<std::string> Run::play() {
   std::optional<std::string> wrong;
   try {
     for (const Step& step : scenario_.steps) play_step(step);
-    if (reading_) throw StepFailed(reading_name_ + " is still being read; expected \"unit ends reading\"");
+    for (unit_ = 0; unit_ < unit_states_.size(); ++unit_) {
+      if (state().reading)
+        throw StepFailed(state().reading_name + " is still being read; expected \"" + who() +
+                         " ends reading\"");
+    }
     if (station_ && !station_end_) throw StepFailed("the station still runs; expected a step that ends it");
   } catch (const NotAllowed&) {
     throw;
@@ -56,7 +67,7 @@ std::optional<std::string> Run::play() {
   }
   wait(kLastFramesSeconds);
   end_ = microseconds_since_epoch();
-  reading_.reset();
+  for (UnitState& unit : unit_states_) unit.reading.reset();
   station_.reset();
   neighbours_.reset();
   live_.look();
@@ -65,6 +76,7 @@ std::optional<std::string> Run::play() {
 
 void Run::play_step(const Step& step) {
   look();
+  unit_ = step.unit;
   try {
     step.command->play(*this, step);
   } catch (const NotAllowed&) {
@@ -128,11 +140,13 @@ void Run::wait(double seconds) {
 }
 
 Run::Neighbours::Neighbours(Run& run)
-    : network(run.wire_record(), run.wire_seed_, run.station_link_),
-      ppt_server(network.ppt_server, run.station_options_.ppt_port, run.station_options_.message_port),
-      unit(network.unit, [&run](double seconds, const std::function<bool()>& condition) {
-        return run.until(seconds, condition);
-      }) {}
+    : network(run.wire_record(), run.wire_seed_, run.station_link_, units_in(run.scenario_)),
+      ppt_server(network.ppt_server, run.station_options_.ppt_port, run.station_options_.message_port) {
+  for (const NetworkNamespace& place : network.units)
+    units.emplace_back(place, [&run](double seconds, const std::function<bool()>& condition) {
+      return run.until(seconds, condition);
+    });
+}
 
 Run::Neighbours& Run::neighbours() {
   if (!neighbours_) neighbours_ = std::make_unique<Neighbours>(*this);

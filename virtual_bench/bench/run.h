@@ -1,8 +1,11 @@
 #ifndef BENCH_RUN_H
 #define BENCH_RUN_H
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -27,8 +30,9 @@ struct StepFailed : std::runtime_error {
 };
 
 struct ReadOptions {
-  int block_size = 512;     // bytes
-  int timeout_seconds = 5;  // of the option
+  std::optional<int> block_size;       // bytes
+  std::optional<int> timeout_seconds;  // of the option
+  std::optional<ReadRequest::Patience> patience;
   int tries = 1;
   double longest_seconds = 150;  // that one try may take
 };
@@ -105,7 +109,11 @@ class Run {
   void ask(const std::string& question, const std::string& reply, bool holds = false);
   void ask_in_vain(const std::string& question);
   void ask_and_leave(const std::string& question, Unit::Leaves leaves);
+  void ask_on(const std::string& question, const std::string& reply);
   void hang_up();
+  void take_habit(const std::string& name);
+  void crash();
+  void boot_again();
   // blocks: how many it takes before.
   void give_up(const std::string& name, int block_size, int blocks);
   void expect_refusal(const std::string& name, const std::string& mode);
@@ -127,9 +135,23 @@ class Run {
     explicit Neighbours(Run& run);
     Network network;
     PptServer ppt_server;
-    Unit unit;
+    std::list<Unit> units;
+  };
+  // What a unit has in hand.
+  struct UnitState {
+    const scenario::Habit* habit = std::begin(scenario::kHabits);
+    bool has_crashed = false;
+    std::string script;                // as it heard it
+    std::unique_ptr<Reading> reading;  // that goes on
+    std::string reading_name;          // of the last one
+    std::int64_t reading_since = 0;    // in microseconds since the epoch
   };
   Neighbours& neighbours();
+  // Of the present step.
+  std::string who() const { return name_of_unit(unit_); }
+  Unit& unit();
+  UnitState& state() { return unit_states_[unit_]; }
+  const UnitState& state() const { return unit_states_[unit_]; }
 
   void play_step(const Step& step);
   std::string said_wrong(const std::string& wrong) const;
@@ -143,7 +165,7 @@ class Run {
   void expect_no_network_yet() const;
   // depth: 0 for the script that was heard, 1 for the ones that it obeys, and so on.
   void obey_script(const std::string& script, const ReadOptions& options, int depth);
-  Unit::Answer answer_to(const std::string& question, double seconds, bool holds = false);
+  Unit::Answer answer_to(const std::string& question, double seconds, std::size_t longest, bool holds);
   // Why the file has not arrived; nothing when it has. Throws StepFailed when that takes longer.
   std::optional<std::string> failure_of_reading(double seconds = ReadOptions().longest_seconds);
   void report_progress(std::int64_t* next_report) const;
@@ -182,13 +204,11 @@ class Run {
   std::int64_t end_ = 0;            // of the run, in microseconds since the epoch
   std::vector<PptServer::Event> ppt_events_;
   std::size_t board_calls_shown_ = 0;
-  std::string script_;                     // as the unit heard it
-  std::unique_ptr<Reading> reading_;       // that goes on
+  std::size_t unit_ = 0;  // that the present step is about
+  std::array<UnitState, 1 + kFurtherUnits.size()> unit_states_;
   std::string fault_owner_, fault_cause_;  // that are expected; empty: any
   std::vector<std::string> also_;          // causes that are expected besides
   std::unique_ptr<TakenPort> taken_port_;
-  std::string reading_name_;        // of the last one
-  std::int64_t reading_since_ = 0;  // in microseconds since the epoch
 };
 
 #endif

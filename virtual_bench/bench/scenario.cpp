@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "explanation/causes.h"
+#include "scenario/habits.h"
 
 namespace {
 
@@ -28,9 +29,10 @@ const std::map<std::string, Range> kRanges = {
     {"TIMEOUT", {1, 255, true}},  // in seconds, RFC 2349
     {"BLOCK", {1, 65464, true}},  // bytes, RFC 2348; sizes below its 8 are there to be tried
     {"TRIES", {1, 1000, true}},          {"TIMES", {1, 1000, true}},
-    {"SIZE", {0, 4294967296, false}},  // and in bytes no more than this either
-    {"CODE", {0, 65535, true}},        // RFC 1350
-    {"STATUS", {0, 255, true}},        // of a process
+    {"SIZE", {0, 4294967296, false}},   // and in bytes no more than this either
+    {"PATIENCE", {0.05, 3600, false}},  // seconds
+    {"CODE", {0, 65535, true}},         // RFC 1350
+    {"STATUS", {0, 255, true}},         // of a process
     {"PORT", {1, 65535, true}},          {"COUNT", {1, 65535, true}},
 };
 const std::set<std::string> kOwners = {"none",  "unit",    "test-network", "ppt-server",
@@ -68,12 +70,23 @@ bool is_cause(const std::string& word) {
   return std::any_of(causes.begin(), causes.end(), [&word](const auto& cause) { return cause.id == word; });
 }
 
+bool is_habit(const std::string& word) {
+  return std::any_of(std::begin(scenario::kHabits), std::end(scenario::kHabits),
+                     [&word](const scenario::Habit& habit) { return habit.name == word; });
+}
+
+bool is_hex(const std::string& word) {
+  return word.size() % 2 == 0 && word.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
 bool fits(const std::string& wanted, const std::string& word) {
   if (!is_value(wanted)) return word == wanted;
   if (kFreeWords.count(wanted) != 0) return true;
   if (wanted == "UNIT") return kUnits.count(word) != 0;
   if (wanted == "SIGNAL") return kSignals.count(word) != 0;
   if (wanted == "RIGHT") return kRights.count(word) != 0;
+  if (wanted == "HABIT") return is_habit(word);
+  if (wanted == "HEX") return is_hex(word);
   if (wanted == "OWNER") return kOwners.count(word) != 0;
   if (wanted == "CAUSE") return is_cause(word);
   return is_number(word, kRanges.at(wanted));
@@ -84,6 +97,8 @@ std::string described(const std::string& wanted) {
   if (wanted == "UNIT") return "bytes, KiB or MiB";
   if (wanted == "SIGNAL") return "SIGINT, SIGTERM, SIGKILL, SIGABRT, SIGSEGV, SIGSTOP or SIGCONT";
   if (wanted == "RIGHT") return "CAP_NET_BIND_SERVICE or CAP_NET_RAW";
+  if (wanted == "HABIT") return "zirn, curl, tftp-hpa, atftp, busybox, u-boot or ipxe";
+  if (wanted == "HEX") return "bytes of two hexadecimal digits each";
   if (wanted == "OWNER") return "none, unit, test-network, ppt-server, board, station, operator or unknown";
   if (wanted == "CAUSE") return "a cause out of docs/causes.md";
   return kFreeWords.count(wanted) != 0 ? wanted : described(kRanges.at(wanted)) + " (" + wanted + ")";
@@ -201,14 +216,24 @@ std::string complaint(const std::vector<std::string>& words) {
   return found + "; expected: " + joined(expected);
 }
 
+// Which unit a line is about; its letter is taken away.
+std::size_t take_unit(std::vector<std::string>* words) {
+  if (words->size() < 2 || (*words)[0] != "unit" || (*words)[1].size() != 1) return 0;
+  const std::size_t place = kFurtherUnits.find((*words)[1]);
+  if (place == std::string::npos) return 0;
+  words->erase(words->begin() + 1);
+  return place + 1;
+}
+
 Step parse_step(const std::string& line, int number, const std::string& where) {
   if (line.find('\0') != std::string::npos) throw ScenarioError(where + "a byte is 0; expected: text");
-  const std::vector<std::string> words = words_of(line);
+  std::vector<std::string> words = words_of(line);
+  const std::size_t unit = take_unit(&words);
   if (words.empty()) throw ScenarioError(where + "a quote is opened and not closed; expected: \"");
   for (const Command& command : commands()) {
     const Attempt attempt = Matcher(command, words).match();
     if (!attempt.whole) continue;
-    Step step = {number, line, &command, attempt.values};
+    Step step = {number, line, &command, unit, attempt.values};
     if (step.has("SIZE") && step.bytes() > kRanges.at("SIZE").most)
       throw ScenarioError(where + "the file is too large; expected: at most 4096 MiB");
     return step;
@@ -224,8 +249,20 @@ std::string trimmed(const std::string& line) {
 
 }  // namespace
 
+std::string name_of_unit(std::size_t unit) {
+  return unit == 0 ? "unit" : std::string("unit ") + kFurtherUnits[unit - 1];
+}
+
 double Step::number_of(const std::string& word, double otherwise) const {
   return has(word) ? std::strtod(text_of(word).c_str(), nullptr) : otherwise;
+}
+
+std::string Step::bytes_of(const std::string& word) const {
+  const std::string& digits = text_of(word);
+  std::string bytes;
+  for (std::size_t place = 0; place < digits.size(); place += 2)
+    bytes += static_cast<char>(std::stoi(digits.substr(place, 2), nullptr, 16));
+  return bytes;
 }
 
 double Step::bytes() const {

@@ -4,6 +4,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // A run as a text: one step a line, readable aloud; commands() lists every step that there is.
@@ -13,9 +14,9 @@
 class Run;
 struct Step;
 
-// What a step can be. In its form, capital words stand for values: NAME, TEXT, REPLY, ADDRESS, MODE for any word; UNIT, SIGNAL and
-// RIGHT for those that scenario.cpp lists; every other one for a number in a range that stands there. What
-// stands in brackets may be omitted. Of two forms that both fit a line, the one that is listed first counts.
+// What a step can be. In its form, capital words stand for values: NAME, TEXT, REPLY, ADDRESS, MODE for any word; UNIT, SIGNAL, RIGHT and
+// HABIT for those that scenario.cpp lists; every other one for a number in a range that stands there. What
+// stands in brackets may be omitted. After the word "unit" a line may name one of the further units by its letter. Of two forms that both fit a line, the one that is listed first counts.
 struct Command {
   // Throws StepFailed, or another std::runtime_error, when what the step says does not happen.
   using Play = void (*)(Run& run, const Step& step);
@@ -27,16 +28,24 @@ struct Command {
 
 const std::vector<Command>& commands();
 
+// The letters of the units beside the first.
+inline constexpr std::string_view kFurtherUnits = "bcd";
+// "unit" for 0, "unit b" for 1, ...
+std::string name_of_unit(std::size_t unit);
+
 struct Step {
   int line;          // from 1
   std::string text;  // as it stands in the file
   const Command* command;
+  std::size_t unit;                           // that it says after the word "unit": 0, or 1 for b and so on
   std::map<std::string, std::string> values;  // by the capital word of the form: values["NAME"]
 
   const std::string& text_of(const std::string& word) const { return values.at(word); }
   // What the step says, in its range, or otherwise when its optional part is omitted.
   double number_of(const std::string& word, double otherwise = 0) const;
   bool has(const std::string& word) const { return values.count(word) != 0; }
+  // Of a word of hexadecimal digits.
+  std::string bytes_of(const std::string& word) const;
   // The product of SIZE and UNIT, in bytes.
   double bytes() const;
   // The number of SIGNAL, or of RIGHT.

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -20,7 +21,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kLongestText = 65536;  // bytes
 constexpr double kBetweenConnectionsSeconds = 0.1;
 constexpr int kRequestBytes = 1024;
 constexpr int kOptionsRefused = 8;         // RFC 2347
@@ -32,19 +32,15 @@ sockaddr_in address_of(const std::string& ip, int port) {
   return ipv4_address(inet_addr(ip.c_str()), port);
 }
 
-// What the reading process tells.
-struct Outcome {
-  bool arrived;
-  bool was_answered;
-  int error_code;  // of an ERROR packet; -1: none came
-  char error_text[256];
-};
+constexpr int kUsualBlock = 512;  // bytes, of the station's own client
+constexpr int kUsualTimeout = 5;  // seconds, the same
 
-Outcome outcome_of(const Reading::Request& request) {
+// By the station's own client.
+ReadOutcome read_by_client(const ReadRequest& request) {
   TFTPClient client(request.server, request.port);
-  client.block_size = request.block_size;
-  client.timeout = request.timeout_seconds;
-  Outcome outcome = {};
+  client.block_size = request.block_size.value_or(kUsualBlock);
+  client.timeout = request.timeout_seconds.value_or(kUsualTimeout);
+  ReadOutcome outcome = {};
   outcome.arrived = client.getFile(request.name, request.local_file) == 1;
   const TFTP_Packet& last = client.received_packet;
   outcome.was_answered = last.size > 0;
@@ -53,21 +49,27 @@ Outcome outcome_of(const Reading::Request& request) {
   return outcome;
 }
 
-int read_file(const NetworkNamespace& place, const Reading::Request& request) {
+int read_file(const NetworkNamespace& place, const ReadRequest& request) {
   place.enter();
   std::cout.setstate(std::ios::failbit);  // what the client prints is not for the bench
-  const Outcome outcome = outcome_of(request);
+  const bool is_like_client = request.habit == std::begin(scenario::kHabits) && !request.patience;
+  const ReadOutcome outcome = is_like_client ? read_by_client(request) : load(request);
   return write(STDOUT_FILENO, &outcome, sizeof outcome) == sizeof outcome ? 0 : 1;
+}
+
+void reset_at_close(int connection) {
+  const linger at_once = {1, 0};
+  setsockopt(connection, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
 }
 
 }  // namespace
 
-Reading::Reading(const NetworkNamespace& place, const Request& request)
+Reading::Reading(const NetworkNamespace& place, const ReadRequest& request)
     : process_([&] { return read_file(place, request); }) {}
 
 std::optional<std::string> Reading::failure() {
   const std::string told = process_.read_text();
-  Outcome outcome;
+  ReadOutcome outcome;
   if (told.size() != sizeof outcome) return "its client failed";
   std::memcpy(&outcome, told.data(), sizeof outcome);
   if (outcome.arrived) return std::nullopt;
@@ -95,11 +97,11 @@ class Unit::Socket {
   int descriptor_;
 };
 
-std::optional<std::string> Unit::next_text(const Socket& socket, double seconds) const {
-  std::array<char, kLongestText> text;
+std::optional<std::string> Unit::next_text(const Socket& socket, double seconds, std::size_t most) const {
+  std::array<char, kAnyLength> text;
   ssize_t count = -1;
   const auto has_come = [&] {
-    count = recv(socket.descriptor(), text.data(), text.size(), 0);
+    count = recv(socket.descriptor(), text.data(), std::min(most, text.size()), 0);
     return count >= 0 || errno != EAGAIN;
   };
   if (!wait_until_(seconds, has_come) || count < 0) return std::nullopt;
@@ -111,7 +113,7 @@ std::optional<std::string> Unit::hear(int port, double seconds) const {
   sockaddr_in here = ipv4_address(INADDR_ANY, port);
   if (bind(socket.descriptor(), as_sockaddr(&here), sizeof here) != 0)
     throw std::runtime_error("the unit's port " + std::to_string(port) + ": " + std::strerror(errno));
-  return next_text(socket, seconds);
+  return next_text(socket, seconds, kAnyLength);
 }
 
 bool Unit::send(const std::string& server, int port, const std::string& text) const {
@@ -133,7 +135,7 @@ bool Unit::gives_up(const std::string& server, int port, const std::string& name
   packet.reSize(kRequestBytes);
   packet.createRRQ(name, {TFTP_Packet::kBlockSizeOption}, {std::to_string(block_size)});
   send_packet();
-  std::array<char, kLongestText> answer;
+  std::array<char, Unit::kAnyLength> answer;
   socklen_t size = sizeof there;
   const auto has_come = [&] {
     return recvfrom(socket.descriptor(), answer.data(), answer.size(), 0, as_sockaddr(&there), &size) >= 0;
@@ -155,7 +157,7 @@ std::optional<int> Unit::send_request(const std::string& server, int port, const
   const Socket socket(place_, SOCK_DGRAM);
   sockaddr_in there = address_of(server, port);
   sendto(socket.descriptor(), request.data(), request.size(), 0, as_sockaddr(&there), sizeof there);
-  const std::optional<std::string> answer = next_text(socket, seconds);
+  const std::optional<std::string> answer = next_text(socket, seconds, kAnyLength);
   if (!answer) return std::nullopt;
   constexpr std::size_t kCodeAt = 2;
   const bool is_error = answer->size() >= 2 * kCodeAt && answer->compare(0, kCodeAt, kError) == 0;
@@ -176,7 +178,7 @@ bool Unit::repeats(const std::string& server, int port, const std::string& name,
     sendto(socket.descriptor(), request.data(), request.size(), 0, as_sockaddr(&there), sizeof there);
     if (time < times) wait_until_(1, [] { return false; });
   }
-  return next_text(socket, seconds).has_value();
+  return next_text(socket, seconds, kAnyLength).has_value();
 }
 
 std::optional<int> Unit::writes(const std::string& server, int port, const std::string& name,
@@ -206,17 +208,36 @@ Unit::Connected Unit::connect_to(const std::string& server, int port, double sec
 }
 
 Unit::Answer Unit::ask(const std::string& server, int port, const std::string& question, double seconds,
-                       bool holds) {
+                       std::size_t longest, bool holds) {
   const auto end = Clock::now() + std::chrono::duration<double>(seconds);
   const Connected connection = connect_to(server, port, seconds);
   if (connection.socket == nullptr) return {false, connection.why_not};
   ::send(connection.socket->descriptor(), question.data(), question.size(), MSG_NOSIGNAL);
   if (holds) held_ = connection.socket;
   const std::optional<std::string> answer =
-      next_text(*connection.socket, std::chrono::duration<double>(end - Clock::now()).count());
+      next_text(*connection.socket, std::chrono::duration<double>(end - Clock::now()).count(), longest);
   if (!answer) return {false, "the connection was taken, and no answer came"};
   if (answer->empty()) return {false, "the connection was taken, and closed without an answer"};
   return {true, *answer};
+}
+
+Unit::Answer Unit::ask_on(const std::string& question, double seconds, std::size_t longest) const {
+  if (held_ == nullptr) return {false, "it holds no connection"};
+  ::send(held_->descriptor(), question.data(), question.size(), MSG_NOSIGNAL);
+  const std::optional<std::string> answer = next_text(*held_, seconds, longest);
+  if (!answer || answer->empty()) return {false, answer ? "the connection was closed" : "no answer came"};
+  return {true, *answer};
+}
+
+std::string Unit::hang_up() {
+  const std::string left = held_ == nullptr ? "" : next_text(*held_, 0, kAnyLength).value_or("");
+  held_.reset();
+  return left;
+}
+
+void Unit::drop_connection() {
+  if (held_ != nullptr) reset_at_close(held_->descriptor());
+  held_.reset();
 }
 
 std::optional<std::string> Unit::ask_and_leave(const std::string& server, int port,
@@ -228,8 +249,7 @@ std::optional<std::string> Unit::ask_and_leave(const std::string& server, int po
   ::send(descriptor, question.data(), question.size(), MSG_NOSIGNAL);
   wait_until_(kUntilReadSeconds, [] { return false; });
   if (leaves == Leaves::kAfterItsTexts) shutdown(descriptor, SHUT_WR);
-  const linger at_once = {1, 0};
-  setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  reset_at_close(descriptor);
   connection.socket.reset();
   wait_until_(kUntilReadSeconds, [] { return false; });
   return std::nullopt;

@@ -8,20 +8,13 @@
 
 #include "stage/network_namespace.h"
 #include "stage/process.h"
+#include "unit/loader.h"
 
-// A read that goes on in a process of its own, until the object is destroyed.
+// A read that goes on in a process of its own, until the object is destroyed. A unit that is like the station's own
+// client, with its patience, reads by that client.
 class Reading {
  public:
-  struct Request {
-    std::string server;  // an IPv4 address
-    int port;
-    std::string name;
-    std::string local_file;  // takes what arrives; a read that fails removes it
-    int block_size;          // bytes
-    int timeout_seconds;
-  };
-
-  Reading(const NetworkNamespace& place, const Request& request);
+  Reading(const NetworkNamespace& place, const ReadRequest& request);
   bool has_ended() { return process_.end().has_value(); }
   // Of a read that has ended: nothing when the file arrived, else why not: "ERROR 1, File not found".
   std::optional<std::string> failure();
@@ -38,6 +31,8 @@ class Unit {
 
   Unit(const NetworkNamespace& place, WaitUntil wait_until)
       : place_(place), wait_until_(std::move(wait_until)) {}
+
+  const NetworkNamespace& place() const { return place_; }
 
   // The first datagram that comes to the port within the time.
   std::optional<std::string> hear(int port, double seconds) const;
@@ -62,12 +57,18 @@ class Unit {
     bool came;
     std::string text;  // the answer, or why none came
   };
+  static constexpr std::size_t kAnyLength = 65536;
   // Sends the question on a new connection, and takes the first piece of an answer. The command port opens
-  // only after a verdict: until then a connection is refused and tried again. holds: keeps the connection open,
-  // in the place of the one that it kept before.
-  Answer ask(const std::string& server, int port, const std::string& question, double seconds, bool holds);
-  // Closes the connection that it keeps.
-  void hang_up() { held_.reset(); }
+  // only after a verdict: until then a connection is refused and tried again. longest: how much of the answer is
+  // taken; the rest is the next one. holds: keeps the connection open, in the place of the one that it kept before.
+  Answer ask(const std::string& server, int port, const std::string& question, double seconds,
+             std::size_t longest, bool holds);
+  // Asks on the connection that it keeps, or only waits for one more answer where the question is empty.
+  Answer ask_on(const std::string& question, double seconds, std::size_t longest) const;
+  // Closes the connection that it keeps. What had come on it and was not taken.
+  std::string hang_up();
+  // The same, and at once, without waiting for anybody.
+  void drop_connection();
   // How it goes from a connection on which it has asked, before the answer: it resets the connection, and says before
   // that it has nothing more to say, or does not.
   enum class Leaves { kAfterItsTexts, kAtOnce };
@@ -81,7 +82,8 @@ class Unit {
     std::shared_ptr<Socket> socket;  // null where there is none
     std::string why_not;
   };
-  std::optional<std::string> next_text(const Socket& socket, double seconds) const;
+  // At most so many bytes of it.
+  std::optional<std::string> next_text(const Socket& socket, double seconds, std::size_t most) const;
   Connected connect_to(const std::string& server, int port, double seconds) const;
   std::optional<int> send_request(const std::string& server, int port, const std::string& request,
                                   double seconds) const;

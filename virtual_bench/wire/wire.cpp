@@ -59,8 +59,10 @@ timespec as_timespec(Damage::Duration time) {
 
 Wire::Wire(const std::string& record, std::uint64_t seed, const std::vector<Ends>& links)
     : record_(record, names_of(links)), damage_(seed, *this) {
-  for (const Ends& ends : links)
-    links_.push_back({TapDevice(ends[0].place, ends[0].device), TapDevice(ends[1].place, ends[1].device)});
+  for (const Ends& ends : links) {
+    Link& link = links_.emplace_back();
+    for (const End& end : ends) link.emplace_back(end.place, end.device);
+  }
 }
 
 void Wire::run(int orders, int answers) {
@@ -87,15 +89,16 @@ void Wire::run(int orders, int answers) {
 bool Wire::take_frames(Time now) {
   bool came = false;
   for (std::size_t link = 0; link < links_.size(); ++link) {
-    for (int end : {0, 1}) {
+    for (std::size_t end = 0; end < links_[link].size(); ++end) {
       if (take_frames_of(link, end, now)) came = true;
     }
   }
   return came;
 }
 
-bool Wire::take_frames_of(std::size_t link, int end, Time now) {
-  TapDevice& device = links_[link][static_cast<std::size_t>(end)];
+bool Wire::take_frames_of(std::size_t link, std::size_t end, Time now) {
+  TapDevice& device = links_[link][end];
+  const int direction = end == 0 ? 0 : 1;
   for (int i = 0; i < kFramesPerTurn; ++i) {
     const std::size_t length = device.take(frame_.data(), frame_.size());
     if (length == 0) return i > 0;
@@ -103,9 +106,9 @@ bool Wire::take_frames_of(std::size_t link, int end, Time now) {
     const std::uint64_t number = record_.add_frame(link, frame, time_of_day());
     if (!flush_due_) flush_due_ = now + kFlushInterval;
     if (link == kDamagedLink) {
-      damage_.enter(end, number, frame, now);
+      damage_.enter(direction, number, frame, now);
     } else {
-      deliver(link, end, number, frame, 1);
+      deliver(link, direction, number, frame, 1);
     }
   }
   return true;
@@ -115,13 +118,16 @@ void Wire::leave(int direction, std::uint64_t number, std::string_view frame, in
   deliver(kDamagedLink, direction, number, frame, copies);
 }
 
-// A direction has the number of the end that it comes from.
+// The first end's direction is 0, all others' 1.
 void Wire::deliver(std::size_t link, int direction, std::uint64_t number, std::string_view frame,
                    int copies) {
-  TapDevice& far_end = links_[link][static_cast<std::size_t>(1 - direction)];
+  Link& ends = links_[link];
+  const auto first = ends.begin() + (direction == 0 ? 1 : 0);
   bool arrived = false;
-  for (int i = 0; i < copies; ++i) {
-    if (far_end.deliver(frame)) arrived = true;
+  for (auto end = first; end != (direction == 0 ? ends.end() : first + 1); ++end) {
+    for (int i = 0; i < copies; ++i) {
+      if (end->deliver(frame)) arrived = true;
+    }
   }
   if (!arrived) note(number, Fate::kLostAtTheEnd);
 }

@@ -23,12 +23,13 @@
 // its core to others between the attempts, so that on a machine with one core they lose nothing.
 class Wire : private FrameSink {
  public:
-  // A link's two ends: the device with that name in that namespace.
+  // A link's ends, at least two: the device with that name in that namespace. What the first one sends comes to all the
+  // others, and what one of these sends, to the first.
   struct End {
     const NetworkNamespace& place;
     std::string device;
   };
-  using Ends = std::array<End, 2>;
+  using Ends = std::vector<End>;
 
   // Makes the devices, and the file record (wire_record.h), in which a link has the name of its first device. The
   // seed is that of all chances. Throws std::runtime_error with one line that says what was expected, as does
@@ -42,13 +43,13 @@ class Wire : private FrameSink {
 
  private:
   using Time = Damage::Time;
-  using Link = std::array<TapDevice, 2>;
+  using Link = std::vector<TapDevice>;
 
   void leave(int direction, std::uint64_t number, std::string_view frame, int copies) override;
   void note(std::uint64_t number, Fate fate) override;
 
   bool take_frames(Time now);
-  bool take_frames_of(std::size_t link, int end, Time now);
+  bool take_frames_of(std::size_t link, std::size_t end, Time now);
   void deliver(std::size_t link, int direction, std::uint64_t number, std::string_view frame, int copies);
   enum class Wake { kTimeOrFrame, kOrder, kSignal };
   Wake sleep(int orders, int signals, Time until) const;
