@@ -28,6 +28,10 @@ class ScenarioSteps : public testing::Test {
     const std::size_t title = written.text.find('\n') + 1;
     return written.text.substr(title, written.text.find("station starts") - title);
   }
+  std::string set_after_start() const {
+    const std::size_t start = written.text.find("station starts");
+    return written.text.substr(start, written.text.find("unit hears the boot script") - start);
+  }
   std::string last_lines() const { return written.text.substr(written.text.find("station exits")); }
 
   ExplainedRun run;
@@ -153,7 +157,8 @@ TEST_F(ScenarioSteps, SplitAReadInWhoseMidstTheCableWasOut) {
 TEST_F(ScenarioSteps, NameTheFramesOfWhatTheyCannotSay) {
   run.begins();
   run.reads("kernel.img");
-  run.run.udp({kUnitB, 3000}, {kStation, 69}, std::string("\0\1other.img\0octet\0", 18));
+  for (const std::uint32_t unit : {kUnitB, kUnitB + 1, kUnitB + 2, kUnitB + 3})
+    run.run.udp({unit, 3000}, {kStation, 69}, std::string("\0\1other.img\0octet\0", 18));
   const std::uint64_t other = run.run.number;
   run.asks(std::string("tool\x1b[2J", 8), "no");
   run.gives("F_l_m_01PPT_PASSED");
@@ -167,6 +172,117 @@ TEST_F(ScenarioSteps, NameTheFramesOfWhatTheyCannotSay) {
   EXPECT_EQ(written.left_out, 2U);
 }
 
+TEST_F(ScenarioSteps, TellUnitsApart) {
+  run.begins();
+  run.reads("kernel.img");
+  Exchange read(&run.run, {kUnitB, 3000}, kStation, 34000);
+  read.asks(tftp::rrq("other.img"));
+  read.answers(tftp::error(1, ""));
+  run.gives("F_l_m_01PPT_PASSED");
+  run.ends(2);
+  EXPECT_EQ(told(), "unit reads kernel.img\nunit b cannot read other.img\nunit reads F_l_m_01PPT_PASSED\n");
+  EXPECT_NE(set_after_start().find("unit b is like tftp-hpa\n"), std::string::npos);
+  EXPECT_EQ(written.left_out, 0U);
+}
+
+// Each asks as a loader does, and the last one in a way of its own.
+TEST_F(ScenarioSteps, KnowLoadersByWhatTheyAskFor) {
+  run.begins();
+  const std::pair<const char*, tftp::Options> kReads[] = {
+      {"a", {{"timeout", "5"}, {"blksize", "1468"}}},
+      {"b", {{"timeout", "7"}, {"blksize", "1468"}}},
+      {"c", {{"tsize", "0"}, {"blksize", "512"}, {"timeout", "6"}}},
+      {"d", {{"blksize", "1432"}, {"tsize", "0"}}},
+      {"e", {{"blksize", "1428"}, {"tsize", "0"}}},
+      {"f", {{"timeout", "5"}, {"blksize", "1428"}, {"tsize", "0"}}},
+      {"g", {}},
+      {"h", {{"tsize", "0"}, {"timeout", "6"}}}};
+  std::uint16_t port = 3000;
+  for (const auto& [name, options] : kReads) {
+    Exchange read(&run.run, {kUnit, ++port}, kStation, static_cast<std::uint16_t>(port + 30000));
+    read.asks(tftp::rrq(name, options));
+    read.blocks(1, 1, 100);
+  }
+  run.ends(15);
+  EXPECT_EQ(
+      told(),
+      "unit reads a\nunit reads b timeout 7\nunit is like curl\nunit reads c\nunit is like ipxe\nunit reads "
+      "d\n"
+      "unit is like busybox\nunit reads e blksize 1428\nunit is like zirn\nunit reads f blksize 1428\n"
+      "unit is like tftp-hpa\nunit reads g\nunit is like zirn\n"
+      "# frames 27 to 29: asks for its options in an order of its own\nunit reads h\nstation gets SIGTERM\n");
+  EXPECT_NE(set_after_start().find("unit is like u-boot\n"), std::string::npos);
+}
+
+// By how long they wait until they repeat: as one does, and as none does.
+TEST_F(ScenarioSteps, KnowLoadersByTheirPatience) {
+  run.begins();
+  std::uint16_t port = 3000;
+  for (const auto& [name, milliseconds] : {std::pair("a", 100), std::pair("b", 300), std::pair("c", 2000)}) {
+    Exchange read(&run.run, {kUnit, ++port}, kStation, static_cast<std::uint16_t>(port + 30000));
+    const std::string request = tftp::rrq(name, {{"blksize", "1432"}, {"tsize", "0"}});
+    read.asks(request);
+    run.run.rests(milliseconds);
+    read.asks(request);
+    read.blocks(1, 1, 100);
+  }
+  run.ends(15);
+  EXPECT_EQ(
+      told(),
+      "unit reads a blksize 1432\nunit is like ipxe\nunit reads b\nunit reads c repeats 10 times after 2 s\n"
+      "station gets SIGTERM\n");
+}
+
+// The station repeats a block, and its port is closed, or nobody says anything at all.
+TEST_F(ScenarioSteps, TellACrashFromADeath) {
+  run.begins();
+  for (const bool is_crash : {false, true}) {
+    run.asks_for("kernel.img");
+    Exchange(&run.run, run.unit, kStation, run.answering).blocks(1, 40, 512);
+    run.station_sends(run.answering, tftp::data(41, std::string(512, 'x')));
+    if (!is_crash) run.run.closed({kStation, run.answering}, run.unit);
+    run.run.rests(5000);
+    if (is_crash) run.station_sends(run.answering, tftp::data(41, std::string(512, 'x')));
+    run.run.rests(15000);
+  }
+  run.gives("F_l_m_01PPT_PASSED");
+  run.ends(2);
+  EXPECT_EQ(told(),
+            "unit reads kernel.img dies after 16 KiB\nbench waits 20 s\n"
+            "unit begins reading kernel.img\nunit has read 16 KiB\nunit crashes\nbench waits 20 s\nunit "
+            "boots again\n"
+            "unit reads F_l_m_01PPT_PASSED\n");
+}
+
+TEST_F(ScenarioSteps, SayMoreThanOneQuestionOnAConnection) {
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  const made::Endpoint client{kUnit, 4000}, server{kStation, 12345};
+  run.tcp(client, server, made::kSyn, 100);
+  run.tcp(server, client, made::kSyn | made::kAck, 200);
+  run.tcp(client, server, made::kAck, 101, "A");
+  run.tcp(server, client, made::kAck, 201, "one");
+  run.tcp(server, client, made::kAck, 204, "two");
+  run.tcp(client, server, made::kAck, 102, "B");
+  run.tcp(server, client, made::kAck, 207, "three");
+  run.tcp(client, server, made::kFin | made::kAck, 103);
+  run.tcp(server, client, made::kFin | made::kAck, 212);
+  run.ends(15);
+  EXPECT_EQ(told(),
+            "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\nunit asks A expects one and holds "
+            "on\nunit is told two\n"
+            "unit asks on B expects three\nunit hangs up\nstation gets SIGTERM\n");
+}
+
+TEST_F(ScenarioSteps, SayBytesThatAreNoText) {
+  run.begins();
+  run.reads("kernel.img");
+  run.run.udp(run.unit, {kStation, 12345}, std::string("\0\xff", 2));
+  run.run.udp(run.unit, {kStation, 12345}, "text");
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads kernel.img\nunit sends bytes 00ff\nunit sends text\nstation gets SIGTERM\n");
+}
+
 TEST_F(ScenarioSteps, SayNoOptionThatTheLanguageDoesNotTake) {
   run.begins();
   Exchange read(&run.run, {kUnit, 3000}, kStation);
@@ -175,7 +291,7 @@ TEST_F(ScenarioSteps, SayNoOptionThatTheLanguageDoesNotTake) {
   read.sends(tftp::ack(1));
   run.ends(15);
   const std::string steps = told();
-  EXPECT_NE(steps.find(": asks for blksize 99999\n"), std::string::npos) << steps;
+  EXPECT_NE(steps.find(": asks for the option blksize 99999\n"), std::string::npos) << steps;
   EXPECT_NE(steps.find(": asks for the option windowsize 4\n"), std::string::npos) << steps;
   EXPECT_NE(steps.find("\nunit reads a.img timeout 1\n"), std::string::npos) << steps;
 }

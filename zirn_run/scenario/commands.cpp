@@ -48,13 +48,37 @@ bool is_another_begun(const Connection& held, Nanoseconds from, const story::Rea
   });
 }
 
+// Whether more is said on it than one question and its answer, or another one is begun meanwhile, or the unit never
+// closes it.
+bool is_held(const Connection& one, Nanoseconds answered, const story::Reading& reading) {
+  return one.texts.size() > 2 || one.ended_by == kStation || is_another_begun(one, answered, reading);
+}
+
 void write_answered(const Connection& one, const Text& question, const Text& reply, Writing* writing) {
   Script& script = writing->script;
-  const bool holds = is_another_begun(one, reply.at, writing->reading);
+  const bool holds = is_held(one, reply.at, writing->reading);
   script.acts(one.from, reply.at,
-              holds ? "unit asks TEXT expects REPLY and holds on" : "unit asks TEXT expects REPLY",
+              writing->of_unit(one.client, holds ? "unit asks TEXT expects REPLY and holds on"
+                                                 : "unit asks TEXT expects REPLY"),
               {question.said.text, reply.said.text}, one.frames);
-  if (holds) script.acts(*one.ended, *one.ended, "unit hangs up", {}, one.frames);
+  const Text* asked = nullptr;
+  for (const Text& text : one.texts) {
+    if (text.at <= reply.at) continue;
+    if (text.is_from_client) {
+      if (asked != nullptr)
+        script.cannot_say(asked->at, "a question without an answer of its own", asked->frames);
+      asked = &text;
+    } else if (asked != nullptr) {
+      script.acts(asked->at, text.at, writing->of_unit(one.client, "unit asks on TEXT expects REPLY"),
+                  {asked->said.text, text.said.text}, one.frames);
+      asked = nullptr;
+    } else {
+      script.acts(text.at, text.at, writing->of_unit(one.client, "unit is told REPLY"), {text.said.text},
+                  text.frames);
+    }
+  }
+  if (holds && one.ended_by == one.client)
+    script.acts(*one.ended, *one.ended, writing->of_unit(one.client, "unit hangs up"), {}, one.frames);
   const bool is_board_known =
       writing->has_cause("board.mac-default") || writing->has_cause("board.mac-empty");
   if (question.said.text.find(kAsksForMac) == std::string::npos || is_board_known) return;
@@ -62,7 +86,7 @@ void write_answered(const Connection& one, const Text& question, const Text& rep
 }
 
 // The tool hangs meanwhile, so that the unit is the faster one.
-void write_left(const Connection& one, const std::string& question, const char* form, Script* script) {
+void write_left(const Connection& one, const std::string& question, const std::string& form, Script* script) {
   const bool uses_tool = question.compare(0, kUsesTool.size(), kUsesTool) == 0;
   const Nanoseconds end = one.ended.value_or(one.until);
   if (uses_tool) script->sets("board tool hangs");
@@ -82,24 +106,37 @@ void write_connection(const Connection& one, Writing* writing) {
   if (reply != one.texts.end()) {
     write_answered(one, *question, *reply, writing);
   } else if (one.state == Connection::State::kBrokenOff && is_by_unit) {
-    write_left(one, asked, "unit asks TEXT and breaks off", &script);
+    write_left(one, asked, writing->of_unit(one.client, "unit asks TEXT and breaks off"), &script);
   } else if (one.resets > 0 && one.reset_by == one.client) {
-    write_left(one, asked, "unit asks TEXT and leaves", &script);
+    write_left(one, asked, writing->of_unit(one.client, "unit asks TEXT and leaves"), &script);
   } else {
-    script.acts(one.from, one.from + kVainTime, "unit asks TEXT in vain", {asked}, one.frames);
+    script.acts(one.from, one.from + kVainTime, writing->of_unit(one.client, "unit asks TEXT in vain"),
+                {asked}, one.frames);
   }
-  if (one.text_count > 2) script.cannot_say(one.from, "more is said on one connection", one.frames);
+  if (one.text_count > one.texts.size())
+    script.cannot_say(one.from, "more is said on one connection", one.frames);
 }
 
-void write_datagram(const Step& datagram, std::uint16_t relay, Script* script) {
-  const std::string form = "unit sends TEXT";
-  for (std::uint64_t i = 0; i < std::min(datagram.count, kMostRepetitions); ++i) {
-    script->acts(datagram.from, datagram.until,
-                 datagram.port == relay ? form : form + " to port " + std::to_string(datagram.port),
-                 {datagram.said.text}, datagram.frames);
+std::string in_hex(const std::string& bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const char byte : bytes) {
+    text += kDigits[static_cast<unsigned char>(byte) >> 4];
+    text += kDigits[static_cast<unsigned char>(byte) & 0xf];
   }
+  return text;
+}
+
+void write_datagram(const Step& datagram, std::uint16_t relay, Writing* writing) {
+  const std::string& text = datagram.said.text;
+  const bool is_text = can_be_written(text);
+  std::string form = writing->of_unit(datagram.source, is_text ? "unit sends TEXT" : "unit sends bytes HEX");
+  if (datagram.port != relay) form += " to port " + std::to_string(datagram.port);
+  for (std::uint64_t i = 0; i < std::min(datagram.count, kMostRepetitions); ++i)
+    writing->script.acts(datagram.from, datagram.until, form, {is_text ? text : in_hex(text)},
+                         datagram.frames);
   if (datagram.count > kMostRepetitions)
-    script->cannot_say(datagram.until, "the same, many times more", datagram.frames);
+    writing->script.cannot_say(datagram.until, "the same, many times more", datagram.frames);
 }
 
 }  // namespace
@@ -109,15 +146,15 @@ void write_commands(Writing* writing) {
   const story::Reading& reading = writing->reading;
   for (const Connection& one : reading.connections) {
     if (one.client == kStation) continue;
-    if (one.client == writing->unit && one.server_port == reading.message_port)
+    if (writing->has_unit(one.client) && one.server_port == reading.message_port)
       write_connection(one, writing);
     else
       writing->script.cannot_say(one.from, "another connection than the unit's for commands", one.frames);
   }
   for (const Step& step : reading.steps) {
     if (step.kind != Step::Kind::kDatagram) continue;
-    if (step.source == writing->unit && step.target == kStation && step.said.size == step.said.text.size())
-      write_datagram(step, kRelayPort, &writing->script);
+    if (writing->has_unit(step.source) && step.target == kStation && step.said.size == step.said.text.size())
+      write_datagram(step, kRelayPort, writing);
     else
       writing->script.cannot_say(step.from, "a datagram that is too long, or not the unit's to the station",
                                  step.frames);

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 
+#include "scenario/manner.h"
 #include "scenario/wire.h"
 #include "scenario/writing.h"
 #include "story/track.h"
@@ -19,11 +20,9 @@ using End = Transfer::End;
 
 constexpr Nanoseconds kPatience = 5 * kSecond;  // of the bench's unit, with an answer that does not come
 constexpr std::size_t kUsualBlockSize = 512;    // bytes, of the bench's unit
-constexpr std::size_t kUsualTimeout = 5;        // seconds, the same
-constexpr std::size_t kMostBlockSize = 65464;   // RFC 2348
-constexpr std::size_t kMostTimeout = 255;       // RFC 2349
 constexpr std::uint64_t kMostBlocks = 65535;    // that can be counted
 constexpr std::uint64_t kMostCount = 1000;      // of what is repeated
+constexpr std::uint64_t kMuchMore = 16 << 20;   // bytes, so that a read is not over before it is stopped
 constexpr std::size_t kProgressBytes = 8192;    // its file grows by
 constexpr std::uint64_t kFileNotFound = 1;      // RFC 1350
 constexpr char kTriesUnderDamage[] = " tries 9";
@@ -40,10 +39,19 @@ bool is_finished(const Transfer& one) {
   return one.end == End::kFinished || (one.is_last_sent && one.end != End::kError);
 }
 
-bool is_read_in_vain(const Transfer& one, const Writing& writing) {
+bool is_read_in_vain(const Transfer& one) {
   return one.end == End::kUnanswered || one.end == End::kStationEnds ||
-         (one.end == End::kError && one.ended_by != writing.unit) ||
-         (one.end == End::kAbandoned && one.ended_by != writing.unit);
+         (one.end == End::kError && one.ended_by != one.client) ||
+         (one.end == End::kAbandoned && one.ended_by != one.client);
+}
+
+// Whether the client was gone without a word: nobody told the server, which repeated what it had sent.
+bool is_crash(const Transfer& one) {
+  const bool is_repeated = one.sent_in_vain >= 2 && one.sent_in_vain_lost == 0 && !one.silences.empty() &&
+                           one.silences.back().ended_by == one.server;
+  return one.closed_ports == 0 && !is_finished(one) &&
+         ((one.end == End::kAbandoned && one.ended_by == one.client) ||
+          (one.end == End::kStationEnds && is_repeated));
 }
 
 // How large the file is at least; nothing where nothing shows that there is one.
@@ -54,7 +62,9 @@ std::optional<std::uint64_t> size_of_file(const Transfer& one) {
   if (told > 0) return std::min<std::uint64_t>(told, UINT32_MAX);
   if (one.end == End::kError && one.error_code == kFileNotFound) return std::nullopt;
   if (one.server_port == 0) return std::nullopt;
-  return (one.acknowledged_blocks + 1) * std::max(one.block_size, kUsualBlockSize);
+  const bool is_stopped = one.end == End::kError && one.acknowledged_blocks > 0;
+  return (one.acknowledged_blocks + 1) * std::max(one.block_size, kUsualBlockSize) +
+         (is_stopped ? kMuchMore : 0);
 }
 
 void write_files(const std::vector<const Transfer*>& reads, Script* script) {
@@ -68,28 +78,6 @@ void write_files(const std::vector<const Transfer*>& reads, Script* script) {
       sizes[one->name] = std::max(sizes[one->name], *size);
   }
   for (const auto& [name, size] : sizes) script->sets("file NAME is " + size_in_words(size), {name});
-}
-
-std::string options_of(const Transfer& one, Script* script) {
-  std::string text;
-  const std::size_t block_size = story::number_of(one.asked, "blksize");
-  const std::size_t timeout = story::number_of(one.asked, "timeout");
-  const auto add = [&](const char* name, std::size_t number, std::size_t usual, std::size_t most) {
-    if (number > most)
-      script->cannot_say(one.from, "asks for " + std::string(name) + " " + std::to_string(number),
-                         one.frames);
-    if (number != 0 && number <= most && number != usual)
-      text += " " + std::string(name) + " " + std::to_string(number);
-  };
-  add("blksize", block_size, kUsualBlockSize, kMostBlockSize);
-  add("timeout", timeout, kUsualTimeout, kMostTimeout);
-  for (const auto& [name, value] : one.asked) {
-    if (name == "blksize" || name == "timeout" || name == "tsize") continue;
-    std::string asks = "asks for the option ";
-    asks.append(name).append(" ").append(value);
-    script->cannot_say(one.from, asks, one.frames);
-  }
-  return text;
 }
 
 std::uint64_t blocks_until(const Transfer& read, Nanoseconds when) {
@@ -112,7 +100,7 @@ class Reads {
   explicit Reads(Writing* writing) : writing_(*writing), script_(writing->script) {
     for (const Transfer& one : writing_.reading.transfers) {
       if (one.server != story::kStation || one.second_answer_of != story::kNone) continue;
-      if (one.client == writing_.unit)
+      if (writing_.has_unit(one.client))
         reads_.push_back(&one);
       else
         script_.cannot_say(one.from, "another unit reads or writes " + one.name, one.frames);
@@ -124,52 +112,114 @@ class Reads {
     if (reads_.empty()) return;
     const auto& boot = writing_.reading.boot_script;
     if (boot && boot->first < reads_[0]->from)
-      script_.waits(reads_[0]->from - 3, "unit hears the boot script", {}, boot->frames);
+      script_.waits(reads_[0]->from - 3, of(*reads_[0], "unit hears the boot script"), {}, boot->frames);
     Wire wire(reads_, writing_);
     for (std::size_t i = 0; i < reads_.size(); ++i) {
       wire.write_before(*reads_[i], &script_);
       i = last_try(i, wire.is_damaged());
-      const Nanoseconds next = i + 1 < reads_.size() ? reads_[i + 1]->from : writing_.reading.last;
-      write_one(*reads_[i], next, wire.is_damaged() ? kTriesUnderDamage : "");
+      write_one(*reads_[i], next_of(i), wire.is_damaged() ? kTriesUnderDamage : "");
     }
   }
 
  private:
+  std::string of(const Transfer& one, const std::string& form) const {
+    return writing_.of_unit(one.client, form);
+  }
+
+  // When the same unit begins its next one.
+  Nanoseconds next_of(std::size_t place) const {
+    const auto next = std::find_if(reads_.begin() + static_cast<std::ptrdiff_t>(place) + 1, reads_.end(),
+                                   [&](const Transfer* one) { return one->client == reads_[place]->client; });
+    return next == reads_.end() ? writing_.reading.last : (*next)->from;
+  }
+
   // Of reads of one file that follow each other, all but the last are tries where the wire is damaged.
   std::size_t last_try(std::size_t first, bool is_damaged) const {
     std::size_t last = first;
     while (is_damaged && last + 1 < reads_.size() && reads_[last + 1]->name == reads_[first]->name &&
-           !is_finished(*reads_[last]))
+           reads_[last + 1]->client == reads_[first]->client && !is_finished(*reads_[last]))
       ++last;
     return last;
   }
 
+  // What the read says besides its name, once the unit is like a loader that reads so.
+  std::string options_of(const Transfer& one) {
+    const Manner manner = manner_of(one, &script_);
+    const auto before = habits_.find(one.client);
+    const bool is_first = before == habits_.end();
+    if (manner.habit != (is_first ? std::begin(kHabits) : before->second)) {
+      const std::string step = of(one, "unit is like " + std::string(manner.habit->name));
+      is_first ? script_.starts(step) : script_.waits(one.from - 1, step, {}, one.frames);
+    }
+    habits_[one.client] = manner.habit;
+    return manner.options;
+  }
+
   void write_one(const Transfer& one, Nanoseconds next, const std::string& tries) {
-    const std::string asked = options_of(one, &script_);
     if (one.kind == Transfer::Kind::kWrite) {
       act(one, "unit writes NAME");
     } else if (one.kind == Transfer::Kind::kOther) {
       script_.acts(one.from, one.until,
-                   "unit sends TEXT to port " + std::to_string(writing_.reading.tftp_port), {kAnyText},
-                   one.frames);
+                   of(one, "unit sends TEXT to port " + std::to_string(writing_.reading.tftp_port)),
+                   {kAnyText}, one.frames);
     } else if (one.kind != Transfer::Kind::kRead) {
       script_.cannot_say(one.from, "a transfer whose request is not in the record", one.frames);
-    } else if (one.requests > 1 && one.asked.empty()) {
-      script_.acts(one.from, one.answered.value_or(one.until), "unit repeats NAME TIMES times",
+    } else if (one.requests > 1 && one.answered && one.asked.empty() && one.acks.sent == 0) {
+      script_.acts(one.from, one.answered.value_or(one.until), of(one, "unit repeats NAME TIMES times"),
                    {one.name, std::to_string(std::min(one.requests, kMostCount))}, one.frames);
-    } else if (is_finished(one)) {
+    } else if (!is_finished(one) && one.end == End::kError && (one.name.empty() || one.mode != "octet")) {
+      script_.acts(
+          one.from, one.until,
+          of(one, one.mode == "octet" ? "unit is refused NAME" : "unit is refused NAME in mode MODE"),
+          {one.name, one.mode}, one.frames);
+    } else {
+      write_octet_read(one, next, tries);
+    }
+  }
+
+  void write_octet_read(const Transfer& one, Nanoseconds next, const std::string& tries) {
+    if (one.end == End::kError && one.ended_by == one.client) return write_given_up(one);
+    const std::string asked = options_of(one);
+    if (is_finished(one)) {
       write_read(one, std::min(one.until, next), asked, tries, true);
-    } else if (one.end == End::kError && (one.name.empty() || one.mode != "octet")) {
-      script_.acts(one.from, one.until,
-                   one.mode == "octet" ? "unit is refused NAME" : "unit is refused NAME in mode MODE",
-                   {one.name, one.mode}, one.frames);
-    } else if (is_read_in_vain(one, writing_)) {
+    } else if (is_crash(one)) {
+      write_crash(one, asked);
+    } else if (is_read_in_vain(one)) {
       if (is_station_stopped(one)) return write_stopped(one, asked);
       const bool is_told = one.end == End::kError;
       write_read(one, is_told ? one.until : std::min(one.until + kPatience, next), asked, "", false);
+    } else if (one.end == End::kAbandoned) {
+      script_.acts(one.from, last_said_by_client(one),
+                   of(one, "unit reads NAME" + asked + " dies after " + size_in_words(whole(one.bytes))),
+                   {one.name}, one.frames);
     } else {
-      write_broken_off(one, asked);
+      script_.cannot_say(one.from, "how the read of " + one.name + " ended", one.frames);
     }
+  }
+
+  void write_given_up(const Transfer& one) {
+    const std::string blocks = std::to_string(std::min<std::uint64_t>(one.acknowledged_blocks, kMostBlocks));
+    act(one, "unit gives up NAME blksize " + std::to_string(std::max(one.block_size, kUsualBlockSize)) +
+                 (one.acknowledged_blocks == 0 ? "" : " after " + blocks + " blocks"));
+  }
+
+  void write_crash(const Transfer& one, const std::string& asked) {
+    const Nanoseconds crash = last_said_by_client(one);
+    script_.acts(one.from, one.from, of(one, "unit begins reading NAME" + asked), {one.name}, one.frames);
+    if (const std::uint64_t bytes = whole(one.bytes))
+      script_.waits(crash - 1, of(one, "unit has read " + size_in_words(bytes)), {}, one.frames);
+    script_.acts(crash, crash, of(one, "unit crashes"), {}, one.frames);
+    if (const auto next = next_word_of(one.client, crash + 1))
+      script_.acts(*next - 4, *next - 4, of(one, "unit boots again"), {}, one.frames);
+  }
+
+  // When the unit is heard again.
+  std::optional<Nanoseconds> next_word_of(std::size_t unit, Nanoseconds since) const {
+    for (const std::size_t place : writing_.reading.order) {
+      const story::Step& step = writing_.reading.steps[place];
+      if (step.source == unit && step.from >= since) return step.from;
+    }
+    return std::nullopt;
   }
 
   bool is_station_stopped(const Transfer& one) const {
@@ -180,57 +230,59 @@ class Reads {
   void write_stopped(const Transfer& one, const std::string& asked) {
     const Nanoseconds until = one.from + kPatience;
     script_.acts(one.from - 1, one.from - 1, "station gets SIGSTOP", {}, one.frames);
-    script_.acts(one.from, until, "unit cannot read NAME" + asked, {one.name}, one.frames);
+    script_.acts(one.from, until, of(one, "unit cannot read NAME" + asked), {one.name}, one.frames);
     const auto& end = writing_.reading.station_end;
     if (!end || end->signal != SIGKILL || &one != reads_.back())
       script_.waits(one.from + 1, "station gets SIGCONT", {}, one.frames);
-  }
-
-  // By the unit.
-  void write_broken_off(const Transfer& one, const std::string& asked) {
-    const std::string blocks = std::to_string(std::min<std::uint64_t>(one.acknowledged_blocks, kMostBlocks));
-    const std::uint64_t whole = one.bytes - one.bytes % kProgressBytes;
-    if (one.end == End::kError)
-      act(one, "unit gives up NAME blksize " + std::to_string(std::max(one.block_size, kUsualBlockSize)) +
-                   (one.acknowledged_blocks == 0 ? "" : " after " + blocks + " blocks"));
-    else if (one.end == End::kAbandoned)
-      script_.acts(one.from, last_said_by_client(one),
-                   "unit reads NAME" + asked + " dies after " + size_in_words(whole), {one.name}, one.frames);
-    else
-      script_.cannot_say(one.from, "how the read of " + one.name + " ended", one.frames);
   }
 
   // In two steps where something else happens in its midst.
   void write_read(const Transfer& one, Nanoseconds until, const std::string& asked, const std::string& tries,
                   bool succeeds) {
     const Nanoseconds margin = kSecond / 5;  // a lost answer's patience is not measured so well
-    if (!script_.has_act_between(one.from, succeeds ? until : until - margin)) {
+    const Nanoseconds latest = succeeds || one.end == End::kError ? until : until - margin;
+    if (!script_.has_act_between(one.from, latest) && !is_another_begun(one, latest)) {
       const std::string form = (succeeds ? "unit reads NAME" : "unit cannot read NAME") + asked + tries;
-      return script_.acts(one.from, until, form, {one.name}, one.frames);
+      return script_.acts(one.from, until, of(one, form), {one.name}, one.frames);
     }
-    script_.acts(one.from, one.from, "unit begins reading NAME" + asked, {one.name}, one.frames);
+    script_.acts(one.from, one.from, of(one, "unit begins reading NAME" + asked), {one.name}, one.frames);
     write_progress(one);
-    script_.waits(until, succeeds ? "unit ends reading" : "unit ends reading in vain", {}, one.frames);
+    script_.waits(until, of(one, succeeds ? "unit ends reading" : "unit ends reading in vain"), {},
+                  one.frames);
   }
 
-  // How far it was when the cable was taken out, or the station was stopped or ended.
+  bool is_another_begun(const Transfer& one, Nanoseconds until) const {
+    return std::any_of(reads_.begin(), reads_.end(), [&](const Transfer* other) {
+      return other->client != one.client && other->from > one.from && other->from < until;
+    });
+  }
+
+  // How far it was when the cable was taken out, or the station was stopped or ended, or a stray datagram came.
   void write_progress(const Transfer& one) {
-    for (const story::Step* const step : writing_.disturbances) {
+    std::vector<const story::Step*> disturbances = writing_.disturbances;
+    for (const story::Step& step : writing_.reading.steps) {
+      if (step.kind == story::Step::Kind::kDatagram && one.server_port != 0 && step.port == one.server_port)
+        disturbances.push_back(&step);
+    }
+    for (const story::Step* const step : disturbances) {
       if (step->from <= one.from || step->from >= one.until) continue;
-      const std::uint64_t bytes = blocks_until(one, step->from) * one.block_size;
-      const std::uint64_t whole = bytes - bytes % kProgressBytes;
-      if (whole > 0 && whole < one.bytes)
-        script_.waits(step->from - 1, "unit has read " + size_in_words(whole), {}, one.frames);
+      const std::uint64_t bytes = whole(blocks_until(one, step->from) * one.block_size);
+      if (bytes > 0 && bytes < one.bytes)
+        script_.waits(step->from - 1, of(one, "unit has read " + size_in_words(bytes)), {}, one.frames);
     }
   }
+
+  // What its file has shown of so many bytes.
+  static std::uint64_t whole(std::uint64_t bytes) { return bytes - bytes % kProgressBytes; }
 
   void act(const Transfer& one, const std::string& form) {
-    script_.acts(one.from, one.until, form, {one.name}, one.frames);
+    script_.acts(one.from, one.until, of(one, form), {one.name}, one.frames);
   }
 
   const Writing& writing_;
   Script& script_;
-  std::vector<const Transfer*> reads_;  // and writes, in order
+  std::vector<const Transfer*> reads_;          // and writes, of all units, in order
+  std::map<std::size_t, const Habit*> habits_;  // of the units, by now
 };
 
 }  // namespace

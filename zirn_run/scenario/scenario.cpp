@@ -12,13 +12,17 @@ namespace {
 using story::Reading;
 using story::Role;
 
-// The one that gave verdicts, or else the first that asked for something.
-std::size_t unit_of(const Reading& reading) {
-  if (!reading.verdicts.empty()) return reading.verdicts[0].unit;
-  const auto unit = std::find_if(reading.parties.begin(), reading.parties.end(),
-                                 [](const story::Party& party) { return party.role == Role::kUnit; });
-  return unit == reading.parties.end() ? story::kNone
-                                       : static_cast<std::size_t>(unit - reading.parties.begin());
+constexpr std::size_t kMostUnits = 4;  // that a scenario can name
+
+// The one that gave verdicts first, and then all that asked for something.
+std::vector<std::size_t> units_of(const Reading& reading) {
+  std::vector<std::size_t> units;
+  if (!reading.verdicts.empty()) units.push_back(reading.verdicts[0].unit);
+  for (std::size_t party = 0; party < reading.parties.size() && units.size() < kMostUnits; ++party) {
+    const bool is_first = !units.empty() && units[0] == party;
+    if (reading.parties[party].role == Role::kUnit && !is_first) units.push_back(party);
+  }
+  return units;
 }
 
 std::string title_of(const Reading& reading) {
@@ -52,9 +56,20 @@ bool Writing::has_cause(std::string_view id) const {
                                                    [id](const auto& claim) { return claim.cause->id == id; });
 }
 
+bool Writing::has_unit(std::size_t party) const {
+  return std::find(units.begin(), units.end(), party) != units.end();
+}
+
+std::string Writing::of_unit(std::size_t party, const std::string& form) const {
+  constexpr std::size_t kWord = std::char_traits<char>::length("unit");
+  const auto place = std::find(units.begin(), units.end(), party) - units.begin();
+  return place == 0 ? form
+                    : form.substr(0, kWord) + ' ' + static_cast<char>('a' + place) + form.substr(kWord);
+}
+
 Scenario scenario_of(const Reading& reading) {
   const explanation::Explanation told = explanation::explain(reading);
-  Writing writing = {reading, told, unit_of(reading), disturbances_in(reading), {}};
+  Writing writing = {reading, told, units_of(reading), disturbances_in(reading), {}};
   write_ppt_server(&writing);
   write_board(&writing);
   write_commands(&writing);

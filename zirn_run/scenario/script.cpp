@@ -60,6 +60,10 @@ std::optional<std::string> filled(const std::string& form, const std::vector<std
 
 }  // namespace
 
+bool can_be_written(const std::string& word) {
+  return written_word(word).has_value();
+}
+
 std::string in_tenths(double number) {
   std::ostringstream text;
   text << std::round(std::min(number, kMostNumber) * 10) / 10;

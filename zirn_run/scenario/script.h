@@ -59,6 +59,9 @@ class Script {
   std::size_t left_out_ = 0;
 };
 
+// Whether a step can hold the word as it is.
+bool can_be_written(const std::string& word);
+
 // "1.5"; one digit after the point at the most, and 3600 at the most.
 std::string in_tenths(double number);
 

@@ -15,11 +15,14 @@ namespace scenario {
 struct Writing {
   const story::Reading& reading;
   const explanation::Explanation& told;
-  std::size_t unit = story::kNone;               // the one that the language has
+  std::vector<std::size_t> units;  // as many as the language has; the first one gave the first verdict
   std::vector<const story::Step*> disturbances;  // a cable taken out, a station stopped, and its end
   Script script;
 
   bool has_cause(std::string_view id) const;
+  bool has_unit(std::size_t party) const;
+  // A step's form, which begins with "unit", as one of this unit's: "unit b reads NAME".
+  std::string of_unit(std::size_t party, const std::string& form) const;
 };
 
 // The station's wait broke off: its process was stopped and continued.

@@ -164,6 +164,7 @@ struct Transfer {
   Options acknowledged;
   std::size_t block_size = 0;            // bytes; 0: not known
   std::uint64_t requests = 0;            // how often the request was sent
+  Nanoseconds request_patience = 0;      // the shortest time until it was sent again
   std::size_t second_answer_of = kNone;  // the transfer whose request was answered twice
   std::size_t verdict = kNone;           // that this is about: the unit's, or the station's query for it
   Nanoseconds from = 0;

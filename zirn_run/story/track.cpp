@@ -38,7 +38,10 @@ std::size_t number_of(const Transfer::Options& options, const char* name) {
 
 void Track::request(const Packet& packet, std::size_t source, std::size_t target) {
   Transfer& transfer = mine();
-  ++transfer.requests;
+  if (++transfer.requests > 1) {
+    const Nanoseconds patience = packet.at - last_at_;
+    if (transfer.requests == 2 || patience < transfer.request_patience) transfer.request_patience = patience;
+  }
   note_repetition(packet, {}, true);
   note(packet);
   tell(Step::Kind::kRequest, &request_step_, packet, source, target);
