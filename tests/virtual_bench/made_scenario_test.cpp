@@ -47,7 +47,10 @@ TEST(MadeScenario, HasEveryStepSometimes) {
                                               "ppt is cut off",
                                               "ppt is forbidden",
                                               "station has COUNT descriptors",
+                                              "unit boots again",
+                                              "unit crashes",
                                               "unit ends reading in vain",
+                                              "unit is told REPLY",
                                               "unit repeats NAME TIMES times"};
   std::set<std::string> missing;
   for (const Command& command : commands()) missing.insert(command.form);

@@ -32,6 +32,7 @@ const std::vector<Maker::Act> Maker::kActs = {
     {3, "a read is refused", &Maker::loses_nothing, &Maker::read_wrongly},
     {2, "the unit writes", &Maker::unit_is_known, &Maker::write_file},
     {2, "a stray datagram", &Maker::unit_is_known, &Maker::send_stray},
+    {2, "the unit is like another loader", &Maker::loses_nothing, &Maker::be_like_a_loader},
     {4, "a file is missing", &Maker::always, &Maker::read_missing_file},
     {6, "a read beside commands", &Maker::loses_nothing, &Maker::read_beside_commands},
     {5, "the unit dies and comes back", &Maker::loses_nothing, &Maker::die_and_come_back},

@@ -89,6 +89,7 @@ class Maker {
   void read_wrongly();
   void write_file();
   void send_stray();
+  void be_like_a_loader();
   void begin_reading(const File& file);
   void begin_long_reading();
   void read_beside_commands();

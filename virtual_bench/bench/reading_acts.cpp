@@ -110,8 +110,15 @@ void Maker::write_file() {
 }
 
 void Maker::send_stray() {
-  say("unit sends hello to port " + number(tftp_port_));
+  say("unit sends " + std::string(chance_.one_in(2) ? "hello" : "bytes 00ff") + " to port " +
+      number(tftp_port_));
   say_of_station("Unexpected packet");
+}
+
+// One that is as patient as the station's own client while a verdict is passed on, and that reads empty files.
+void Maker::be_like_a_loader() {
+  constexpr const char* kPatient[] = {"zirn", "tftp-hpa", "atftp", "u-boot"};
+  say("unit is like " + std::string(chance_.one_of(kPatient)));
 }
 
 void Maker::begin_reading(const File& file) {

@@ -203,6 +203,7 @@ void Maker::break_off() {
 
 void Maker::hold_on() {
   say("unit asks hello expects hello and holds on");
+  if (chance_.one_in(2)) say("unit asks on \"hello again\" expects \"hello again\"");
   succeed();
   say("unit hangs up");
 }
