@@ -95,9 +95,7 @@ TEST(MadeScenario, MarksTheBoardExactlyWhenSomethingFailed) {
     for (const Step& step : made(seed).steps) {
       const std::string name = step.has("NAME") ? step.text_of("NAME") : "";
       has_envtool = has_envtool && step.text != "board lacks envtool";
-      const bool is_read = is(step,
-                              "unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [tries TRIES] [within "
-                              "SECONDS s] [dies after SIZE UNIT]");
+      const bool is_read = step.text.rfind("unit reads ", 0) == 0;
       const bool passes = name.find("PPT_PASSED") != std::string::npos;
       has_failed = has_failed || (is_read && (name.find("PPT_FAILED") != std::string::npos ||
                                               (name.find("TEST_FAILED") != std::string::npos && !passes)));
