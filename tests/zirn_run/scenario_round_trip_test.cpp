@@ -5,11 +5,10 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "explanation/explanation.h"
+#include "comparison/comparison.h"
 #include "record/reader.h"
 #include "scenario/scenario.h"
 #include "stage/process.h"
@@ -22,8 +21,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using story::Reading;
-using story::Transfer;
 
 constexpr std::chrono::seconds kPatience{90};
 constexpr int kNotAllowed = 77;
@@ -48,65 +45,6 @@ struct Played {
   }
 };
 
-// Whether the file arrived, in words.
-std::string outcome_of(const Transfer& one) {
-  if (one.end == Transfer::End::kFinished || (one.is_last_sent && one.end != Transfer::End::kError))
-    return "arrives";
-  if (one.end != Transfer::End::kError) return "does not arrive";
-  return "ERROR " + std::to_string(one.error_code) +
-         (one.ended_by == story::kStation ? " by station" : " by unit");
-}
-
-// Tries of one file, the last of which counts, are one read.
-std::vector<std::string> reads_in(const Reading& reading) {
-  std::vector<std::string> reads;
-  std::string last;
-  for (const Transfer& one : reading.transfers) {
-    if (one.server != story::kStation || one.second_answer_of != story::kNone) continue;
-    std::string what = std::to_string(static_cast<int>(one.kind)) + " " + one.name + " in mode " + one.mode;
-    for (const auto& [name, value] : one.asked) what += " " + name + "=" + value;
-    if (what == last && reads.back().find("does not arrive") != std::string::npos) reads.pop_back();
-    last = what;
-    reads.push_back(what + ": " + outcome_of(one));
-  }
-  return reads;
-}
-
-std::vector<std::string> verdicts_in(const Reading& reading) {
-  std::vector<std::string> verdicts;
-  for (const story::Verdict& one : reading.verdicts) {
-    std::string text =
-        one.name + " is passed on: " + std::to_string(static_cast<int>(passed_on(reading, one)));
-    if (verdicts.empty() || verdicts.back() != text) verdicts.push_back(std::move(text));
-  }
-  return verdicts;
-}
-
-std::vector<std::string> commands_in(const Reading& reading) {
-  std::vector<std::string> commands;
-  for (const story::Connection& one : reading.connections) {
-    if (one.client == story::kStation) continue;  // the written scenario waits for it where there was one
-    std::string text = one.opened ? "unit asks" : "unit asks in vain";
-    for (const auto& said : one.texts) text += (said.is_from_client ? " > " : " < ") + said.said.text;
-    commands.push_back(std::move(text));
-  }
-  for (const story::Relayed& one : reading.relayed)
-    commands.push_back(one.said.text + (one.passed_on > 0 ? " is passed on" : " is not passed on"));
-  for (const story::Step& step : reading.steps) {
-    if (step.kind == story::Step::Kind::kBoardCall) commands.push_back("board runs " + step.said.text);
-  }
-  return commands;
-}
-
-std::string end_of(const Reading& reading) {
-  return reading.station_end ? story::in_words(*reading.station_end) : "no end";
-}
-
-std::string fault_in(const Reading& reading) {
-  const explanation::Explanation told = explanation::explain(reading);
-  return std::string(told.fault.cause->id);
-}
-
 class ScenarioRoundTrip : public testing::TestWithParam<std::string> {
  protected:
   // The exit status and, when that is not 0, what it said.
@@ -116,19 +54,6 @@ class ScenarioRoundTrip : public testing::TestWithParam<std::string> {
     is_not_allowed_ = status == kNotAllowed;
     return status == 0 ? "" : bench.output();
   }
-  static bool is_same(const Reading& first, const Reading& again) {
-    return reads_in(first) == reads_in(again) && verdicts_in(first) == verdicts_in(again) &&
-           commands_in(first) == commands_in(again) && end_of(first) == end_of(again) &&
-           fault_in(first) == fault_in(again);
-  }
-  static void expect_same(const Reading& first, const Reading& again) {
-    EXPECT_EQ(reads_in(first), reads_in(again));
-    EXPECT_EQ(verdicts_in(first), verdicts_in(again));
-    EXPECT_EQ(commands_in(first), commands_in(again));
-    EXPECT_EQ(end_of(first), end_of(again));
-    EXPECT_EQ(fault_in(first), fault_in(again));
-  }
-
   const ScratchDirectory directory_;
   static bool is_not_allowed_;
 };
@@ -146,17 +71,18 @@ TEST_P(ScenarioRoundTrip, HappensAgain) {
   write_whole_file("again.run", written.text);
   const std::string second_play = play("again.run");
   const Played again("again.pcapng");
+  const auto difference = comparison::first_difference(first.story.reading(), again.story.reading());
   const auto lost = kLost.find(GetParam());
   if (lost != kLost.end()) {
-    const bool survives =
-        written.left_out == 0 && second_play.empty() && is_same(first.story.reading(), again.story.reading());
+    const bool survives = written.left_out == 0 && second_play.empty() && !difference;
     EXPECT_FALSE(survives) << "it survives now: take it out of the table, where it stands for "
                            << lost->second;
     return;
   }
   EXPECT_EQ(written.left_out, 0U) << written.text;
   EXPECT_EQ(second_play, "") << written.text;
-  expect_same(first.story.reading(), again.story.reading());
+  EXPECT_FALSE(difference) << "first: " << in_words(difference->first)
+                           << "\nagain: " << in_words(difference->other);
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, ScenarioRoundTrip, testing::ValuesIn(scenarios()), [](const auto& named) {

@@ -9,6 +9,7 @@
 #include "main/commands.h"
 #include "main/exit_status.h"
 #include "main/explanation_json.h"
+#include "main/programs.h"
 #include "main/voice.h"
 #include "recorder/clock.h"
 #include "recorder/runs.h"
@@ -20,8 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kUnit[] = "zirn-test-station";
-constexpr char kProgram[] = "TFTP";
-constexpr char kInstalled[] = "/usr/sbin/TFTP";
 constexpr char kFolder[] = "/var/lib/zirn-runs";
 constexpr std::size_t kRunsKept = 200;
 constexpr std::uint64_t kMostBytes = std::uint64_t{2} << 30;
@@ -49,31 +48,9 @@ bool is_ready(const check::Setup& setup, Voice* voice) {
   return stopping.empty();
 }
 
-bool can_be_executed(const fs::path& file) {
-  std::error_code ignored;
-  return fs::is_regular_file(file, ignored) && access(file.c_str(), X_OK) == 0;
-}
-
-// Beside this program, in PATH, or where the package has it.
-std::string found_program(const std::string& path) {
-  std::error_code ignored;
-  const fs::path beside = fs::read_symlink("/proc/self/exe", ignored).replace_filename(kProgram);
-  if (can_be_executed(beside)) return beside;
-  for (std::size_t begin = 0; begin < path.size();) {
-    const std::size_t end = std::min(path.find(':', begin), path.size());
-    const fs::path file = fs::path(path.substr(begin, end - begin)) / kProgram;
-    if (can_be_executed(file)) return fs::absolute(file);
-    begin = end + 1;
-  }
-  if (can_be_executed(kInstalled)) return kInstalled;
-  throw NotPossible(
-      "expected the station's program beside this one, in PATH or as /usr/sbin/TFTP, found none: --program "
-      "FILE");
-}
-
 std::unique_ptr<trial::Station> station_of(const Options& options, const check::Setup& setup) {
   if (setup.is_unit && options.program.empty()) return trial::service(kUnit);
-  station::Words words = {options.program.empty() ? found_program(setup.path)
+  station::Words words = {options.program.empty() ? found_station_program(setup.path)
                                                   : fs::absolute(options.program).string()};
   words.insert(words.end(), setup.options.begin(), setup.options.end());
   return trial::program(words, setup.folder, setup.path);
