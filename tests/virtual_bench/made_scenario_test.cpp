@@ -42,6 +42,7 @@ TEST(MadeScenario, HasEveryStepSometimes) {
                                               "board has TCP port PORT taken",
                                               "board link has no broadcast address",
                                               "board link is down",
+                                              "file NAME comes from FILE",
                                               "ppt is absent",
                                               "ppt is back",
                                               "ppt is cut off",

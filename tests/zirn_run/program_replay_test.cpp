@@ -7,9 +7,11 @@ namespace {
 constexpr char kScenario[] =
     "# A short run\n"
     "file kernel.img is 3 KiB\n"
+    "file notes.txt holds \"as it was\"\n"
     "station starts\n"
     "unit hears the boot script\n"
     "unit reads kernel.img blksize 1428\n"
+    "unit reads notes.txt\n"
     "unit reads F_l_m_01MEMORY_PASSED\n"
     "ppt hears F_l_m_01CPU_2_MEMORY_PASSED\n"
     "unit reads F_l_m_02PPT_PASSED\n"
@@ -40,6 +42,16 @@ TEST_F(ProgramReplay, SaysThatTheSameHappens) {
   EXPECT_EQ(calls({"explain", "--result", "short.again.pcapng"}).output, "passed\n");
 }
 
+TEST_F(ProgramReplay, ServesTheFilesOfTheRecord) {
+  EXPECT_EQ(calls({"scenario", "--check", "short.pcapng", "--files", "files"}).status, 0);
+  EXPECT_EQ(whole_file("files/notes.txt"), "as it was");
+  const Result again = calls({"scenario", "short.again.pcapng", "--files", "again"});
+  EXPECT_NE(again.output.find("\nfile notes.txt comes from again/notes.txt\n"), std::string::npos)
+      << again.output;
+  EXPECT_EQ(whole_file("again/notes.txt"), "as it was");
+  EXPECT_EQ(whole_file("again/kernel.img").size(), 3072U);
+}
+
 TEST_F(ProgramReplay, NamesTheFirstDifferenceOfAScenarioThatWasChanged) {
   std::string changed = kScenario;
   changed.replace(changed.find("blksize 1428"), 12, "blksize 1024");
@@ -62,7 +74,7 @@ TEST_F(ProgramReplay, SaysWhatTheBenchFoundWrong) {
   write_whole_file("changed.run", changed);
   const Result result = calls({"scenario", "--check", "short.pcapng", "changed.run"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.output.rfind("the records show no difference\nthe bench: line 9, station exits 3: ", 0),
+  EXPECT_EQ(result.output.rfind("the records show no difference\nthe bench: line 11, station exits 3: ", 0),
             0U)
       << result.output;
 }

@@ -30,6 +30,8 @@ const std::vector<Command>& commands() {
   static const std::vector<Command> kCommands = {
       {"file NAME holds TEXT",
        [](Run& run, const Step& step) { run.serve_text(step.text_of("NAME"), step.text_of("TEXT")); }},
+      {"file NAME comes from FILE",
+       [](Run& run, const Step& step) { run.serve_file(step.text_of("NAME"), step.text_of("FILE")); }},
       {"file NAME is SIZE UNIT",
        [](Run& run, const Step& step) { run.serve_random_bytes(step.text_of("NAME"), step.bytes()); }},
       {"wire damages by seed SEED",

@@ -66,6 +66,8 @@ class Run {
 
   // What the steps do: each throws StepFailed when what it waits for does not happen.
   void serve_text(const std::string& name, const std::string& text) const;
+  // from: a file, seen from the scenario's folder.
+  void serve_file(const std::string& name, const std::string& from) const;
   void serve_random_bytes(const std::string& name, double size) const;
   // Follows all the orders; the step is printed.
   void order_wire(const Step& step, const std::vector<Order>& orders);

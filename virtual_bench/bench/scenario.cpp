@@ -17,7 +17,7 @@
 namespace {
 
 const std::string kByteOrderMark = "\xEF\xBB\xBF";  // of UTF-8; some editors write it
-const std::set<std::string> kFreeWords = {"NAME", "TEXT", "REPLY", "ADDRESS", "MODE"};
+const std::set<std::string> kFreeWords = {"NAME", "FILE", "TEXT", "REPLY", "ADDRESS", "MODE"};
 struct Range {
   double least;
   double most;
@@ -308,5 +308,7 @@ Scenario read_scenario(const std::string& file_name) {
     throw ScenarioError(file_name + ": there is no such file; expected: a scenario (*.run)");
   std::ostringstream text;
   text << file.rdbuf();
-  return parse_scenario(text.str(), file_name);
+  Scenario scenario = parse_scenario(text.str(), file_name);
+  scenario.folder = std::filesystem::absolute(file_name).parent_path();
+  return scenario;
 }

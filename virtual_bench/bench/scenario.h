@@ -14,9 +14,10 @@
 class Run;
 struct Step;
 
-// What a step can be. In its form, capital words stand for values: NAME, TEXT, REPLY, ADDRESS, MODE for any word; UNIT, SIGNAL, RIGHT and
-// HABIT for those that scenario.cpp lists; every other one for a number in a range that stands there. What
-// stands in brackets may be omitted. After the word "unit" a line may name one of the further units by its letter. Of two forms that both fit a line, the one that is listed first counts.
+// What a step can be. In its form, capital words stand for values: NAME, FILE, TEXT, REPLY, ADDRESS, MODE for any word; UNIT,
+// SIGNAL, RIGHT and HABIT for those that scenario.cpp lists; every other one for a number in a range that stands there.
+// What stands in brackets may be omitted. After the word "unit" a line may name one of the further units by its letter.
+// Of two forms that both fit a line, the one that is listed first counts.
 struct Command {
   // Throws StepFailed, or another std::runtime_error, when what the step says does not happen.
   using Play = void (*)(Run& run, const Step& step);
@@ -56,6 +57,7 @@ struct Step {
 struct Scenario {
   std::string title;
   std::vector<Step> steps;
+  std::string folder;  // that it is in, an absolute path; empty: in none
 };
 
 // FILE:LINE: what is wrong and what was expected; a line for each mistake.

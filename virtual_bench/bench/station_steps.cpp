@@ -90,6 +90,14 @@ void Run::serve_text(const std::string& name, const std::string& text) const {
   opened(name, served(name)) << text;
 }
 
+void Run::serve_file(const std::string& name, const std::string& from) const {
+  const fs::path path = fs::path(scenario_.folder) / from;
+  std::ifstream in(path, std::ios::binary);
+  if (!in || !fs::is_regular_file(path)) throw StepFailed("there is no file " + path.string());
+  std::ofstream out = opened(name, served(name));
+  if (in.peek() != std::ifstream::traits_type::eof()) out << in.rdbuf();
+}
+
 void Run::serve_random_bytes(const std::string& name, double size) const {
   std::ofstream out = opened(name, served(name));
   std::mt19937 random(kSeed);

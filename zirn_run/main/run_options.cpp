@@ -24,14 +24,15 @@ std::shared_ptr<run_files::Files> add_run_options(CLI::App& app) {
   return files;
 }
 
-void tell_run(const run_files::Files& files, story::Story* story) {
+void tell_run(const run_files::Files& files, story::Story* story, const run_files::Watch& watch) {
   if (files.log && files.record == "-")
     throw NotPossible("--log: expected a file, found standard input, which cannot be read twice");
   ProgressLine line;
   try {
-    const auto remarks = run_files::tell(files, story, [&](std::uint64_t count) {
+    const auto show = [&](std::uint64_t count) {
       line.show("reading " + files.record + ": " + std::to_string(count) + " frames and entries");
-    });
+    };
+    const auto remarks = run_files::tell(files, story, show, watch);
     line.erase();
     for (const std::string& remark : remarks) std::cerr << "zirn-run: " << remark << std::endl;
   } catch (const run_files::NotReadable& error) {

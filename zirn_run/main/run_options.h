@@ -17,7 +17,7 @@ void add_line_options(CLI::App& app, std::optional<std::string>* journal, std::o
 
 // Tells the run's story, with a line of progress on a terminal, and says on standard error what is to be known of its
 // files. Throws NotPossible, and CLI::ValidationError where the files do not go together.
-void tell_run(const run_files::Files& files, story::Story* story);
+void tell_run(const run_files::Files& files, story::Story* story, const run_files::Watch& watch = {});
 
 // The name of a run whose record has none: that of "runs/lan0-17.pcapng" is "lan0-17".
 std::string name_in(const std::string& file);

@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <optional>
+#include <system_error>
 
 #include "comparison/comparison.h"
 #include "frames/words.h"
@@ -13,6 +15,7 @@
 #include "main/exit_status.h"
 #include "main/replay.h"
 #include "main/run_options.h"
+#include "scenario/contents.h"
 
 namespace {
 
@@ -21,6 +24,7 @@ using frames::printable;
 
 struct Options {
   std::shared_ptr<run_files::Files> files;
+  std::string folder;  // for the record's files; empty: they are random ones
   bool checks = false;
   std::string scenario;  // that is checked; empty: the one that is written
   std::string bench;
@@ -92,13 +96,13 @@ bool tell_comparison(const story::Reading& first, const story::Reading& again, c
   return !difference && wrong.empty();
 }
 
-int check(const Options& options, const story::Reading& reading) {
+int check(const Options& options, const story::Reading& reading, const scenario::Contents* contents) {
   const std::string record = record_of(options);
   Replay replay(options.bench, options.program);
   std::string played = options.scenario;
   int status = kDone;
   if (played.empty()) {
-    const scenario::Scenario written = scenario::scenario_of(reading);
+    const scenario::Scenario written = scenario::scenario_of(reading, contents);
     status = status_of(written);
     played = replay.folder() / (name_of_run(options) + ".run");
     std::ofstream(played) << written.text;
@@ -109,11 +113,26 @@ int check(const Options& options, const story::Reading& reading) {
   return tell_comparison(reading, again.reading(), options.files->record, record) ? status : kNotPassed;
 }
 
+// The record's files, while its frames are told. The bench looks for them from the scenario's folder.
+std::unique_ptr<scenario::Contents> contents_of(const Options& options) {
+  if (options.folder.empty()) return nullptr;
+  try {
+    return std::make_unique<scenario::Contents>(options.checks ? fs::absolute(options.folder).string()
+                                                               : options.folder);
+  } catch (const std::system_error& error) {
+    throw NotPossible(std::string("--files: expected a new folder, or an empty one: ") + error.what());
+  }
+}
+
 int write_scenario(const Options& options) {
+  const auto contents = contents_of(options);
   story::Story story;
-  tell_run(*options.files, &story);
-  if (options.checks) return check(options, story.reading());
-  const scenario::Scenario written = scenario::scenario_of(story.reading());
+  tell_run(*options.files, &story, [&](const record::Item& item) {
+    if (contents) contents->take(item);
+  });
+  if (contents) contents->finish();
+  if (options.checks) return check(options, story.reading(), contents.get());
+  const scenario::Scenario written = scenario::scenario_of(story.reading(), contents.get());
   print(written.text);
   return status_of(written);
 }
@@ -123,6 +142,11 @@ int write_scenario(const Options& options) {
 Work scenario_command(CLI::App& app) {
   const auto options = std::make_shared<Options>();
   options->files = add_run_options(app);
+  CLI::Option* const folder =
+      app.add_option("--files", options->folder,
+                     "Write the files that a record has whole into this folder, a new or empty one; the "
+                     "scenario serves them")
+          ->type_name("FOLDER");
   CLI::Option* const check =
       app.add_flag("--check", options->checks,
                    "Play it on the virtual bench, and say whether the same happens as in the record");
@@ -131,7 +155,8 @@ Work scenario_command(CLI::App& app) {
   };
   add("SCENARIO", &options->scenario, "With --check: play this one instead of the one that would be written")
       ->type_name("")
-      ->check(CLI::ExistingFile.description(""));
+      ->check(CLI::ExistingFile.description(""))
+      ->excludes(folder);
   add("--bench", &options->bench, "The bench's program; without it, virtual_bench/bench beside this program")
       ->type_name("FILE");
   add("--program", &options->program, "The station's program; without it, the one that is found")

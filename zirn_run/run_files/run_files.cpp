@@ -144,10 +144,11 @@ struct Counted {
 
 class Teller {
  public:
-  Teller(const std::string& record, const Progress& progress)
+  Teller(const std::string& record, const Progress& progress, const Watch& watch)
       : file_(record),
         is_part_(record.size() > kPart.size() && record.substr(record.size() - kPart.size()) == kPart),
-        progress_(progress) {}
+        progress_(progress),
+        watch_(watch) {}
 
   // Returns what is to be known of the record. Throws NotReadable.
   std::vector<std::string> tell(Beside* beside, story::Story* story);
@@ -160,6 +161,7 @@ class Teller {
   OpenFile file_;
   const bool is_part_;
   const Progress& progress_;
+  const Watch& watch_;
   Counted counted_;
   record::Nanoseconds last_ = 0;
 };
@@ -204,6 +206,7 @@ void Teller::take(const record::Item& item, Beside* beside, story::Story* story)
     const std::uint64_t read = counted_.frames + counted_.entries;
     if (progress_ && read % kProgressEvery == 0) progress_(read);
   }
+  if (watch_) watch_(item);
   story->take(item);
 }
 
@@ -230,7 +233,7 @@ std::unique_ptr<Beside> beside(const Files& files, const Progress& progress) {
   if (files.journal) return std::make_unique<Journal>(*files.journal);
   if (!files.log) return nullptr;
   story::Story without;
-  Teller(files.record, progress).tell(nullptr, &without);
+  Teller(files.record, progress, {}).tell(nullptr, &without);
   return std::make_unique<Log>(*files.log, without.reading());
 }
 
@@ -267,10 +270,11 @@ std::vector<std::string> tell_lines(const Files& files, story::Story* story) {
 
 }  // namespace
 
-std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress) {
+std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress,
+                              const Watch& watch) {
   if (files.record.empty()) return tell_lines(files, story);
   const std::unique_ptr<Beside> more = beside(files, progress);
-  std::vector<std::string> remarks = Teller(files.record, progress).tell(more.get(), story);
+  std::vector<std::string> remarks = Teller(files.record, progress, watch).tell(more.get(), story);
   const std::string of_more = more ? more->remark() : "";
   if (!of_more.empty()) remarks.push_back(of_more);
   return remarks;

@@ -36,6 +36,9 @@ struct NotTogether : std::runtime_error {
 // Called every now and then, with how many frames and entries were read.
 using Progress = std::function<void(std::uint64_t)>;
 
+// Called with each frame and entry of the record, before the story is told of it.
+using Watch = std::function<void(const record::Item&)>;
+
 // Entries of a journal that are further away from the record's frames than this belong to other runs.
 inline constexpr record::Nanoseconds kMostDistance = 10'000'000'000;
 
@@ -45,7 +48,8 @@ inline constexpr record::Nanoseconds kMostDistance = 10'000'000'000;
 // not looked into, packets that are not whole, and a journal or log that has nothing of the run. Throws NotReadable,
 // also where a record, or a journal or log by itself, holds nothing of a run, and where a journal or log is none.
 // Throws NotTogether.
-std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress = {});
+std::vector<std::string> tell(const Files& files, story::Story* story, const Progress& progress = {},
+                              const Watch& watch = {});
 
 }  // namespace run_files
 

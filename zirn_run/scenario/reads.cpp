@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 
+#include "scenario/contents.h"
 #include "scenario/manner.h"
 #include "scenario/wire.h"
 #include "scenario/writing.h"
@@ -67,17 +68,33 @@ std::optional<std::uint64_t> size_of_file(const Transfer& one) {
          (is_stopped ? kMuchMore : 0);
 }
 
-void write_files(const std::vector<const Transfer*>& reads, Script* script) {
-  std::map<std::string, std::uint64_t> sizes;
+// The bytes of the record, or as many random ones.
+void write_file(const std::string& name, std::uint64_t size, const Transfer& read, Writing* writing) {
+  const std::string file = writing->contents == nullptr ? "" : writing->contents->file(name);
+  if (!file.empty()) return writing->script.sets("file NAME comes from FILE", {name, file});
+  if (writing->contents != nullptr && size > 0)
+    writing->script.cannot_say(read.from, "not all bytes of " + name, read.frames);
+  writing->script.sets("file NAME is " + size_in_words(size), {name});
+}
+
+void write_files(const std::vector<const Transfer*>& reads, Writing* writing) {
+  struct Size {
+    std::uint64_t bytes = 0;
+    const Transfer* read = nullptr;  // the first one
+  };
+  std::map<std::string, Size> sizes;
   for (const Transfer* const one : reads) {
-    const auto size = one->kind == Transfer::Kind::kRead ? size_of_file(*one) : std::nullopt;
-    if (!size || one->name.empty()) continue;
-    if (one->name.find('/') != std::string::npos)
-      script->cannot_say(one->from, "a file in a folder", one->frames);
-    else
-      sizes[one->name] = std::max(sizes[one->name], *size);
+    const auto bytes = one->kind == Transfer::Kind::kRead ? size_of_file(*one) : std::nullopt;
+    if (!bytes || one->name.empty()) continue;
+    if (one->name.find('/') != std::string::npos) {
+      writing->script.cannot_say(one->from, "a file in a folder", one->frames);
+      continue;
+    }
+    Size& size = sizes[one->name];
+    size.bytes = std::max(size.bytes, *bytes);
+    if (size.read == nullptr) size.read = one;
   }
-  for (const auto& [name, size] : sizes) script->sets("file NAME is " + size_in_words(size), {name});
+  for (const auto& [name, size] : sizes) write_file(name, size.bytes, *size.read, writing);
 }
 
 std::uint64_t blocks_until(const Transfer& read, Nanoseconds when) {
@@ -108,7 +125,7 @@ class Reads {
   }
 
   void write() {
-    write_files(reads_, &script_);
+    write_files(reads_, &writing_);
     if (reads_.empty()) return;
     const auto& boot = writing_.reading.boot_script;
     if (boot && boot->first < reads_[0]->from)
@@ -279,7 +296,7 @@ class Reads {
     script_.acts(one.from, one.until, of(one, form), {one.name}, one.frames);
   }
 
-  const Writing& writing_;
+  Writing& writing_;
   Script& script_;
   std::vector<const Transfer*> reads_;          // and writes, of all units, in order
   std::map<std::size_t, const Habit*> habits_;  // of the units, by now

@@ -67,9 +67,9 @@ std::string Writing::of_unit(std::size_t party, const std::string& form) const {
                     : form.substr(0, kWord) + ' ' + static_cast<char>('a' + place) + form.substr(kWord);
 }
 
-Scenario scenario_of(const Reading& reading) {
+Scenario scenario_of(const Reading& reading, const Contents* contents) {
   const explanation::Explanation told = explanation::explain(reading);
-  Writing writing = {reading, told, units_of(reading), disturbances_in(reading), {}};
+  Writing writing = {reading, told, units_of(reading), disturbances_in(reading), contents, {}};
   write_ppt_server(&writing);
   write_board(&writing);
   write_commands(&writing);

@@ -17,6 +17,7 @@ struct Writing {
   const explanation::Explanation& told;
   std::vector<std::size_t> units;  // as many as the language has; the first one gave the first verdict
   std::vector<const story::Step*> disturbances;  // a cable taken out, a station stopped, and its end
+  const Contents* contents;                      // null: files are random ones
   Script script;
 
   bool has_cause(std::string_view id) const;
