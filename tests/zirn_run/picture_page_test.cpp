@@ -119,6 +119,22 @@ TEST(PicturePage, FindsWhatOverlaps) {
   EXPECT_NE(wrong_in_layout(drawing), "");
 }
 
+TEST(PicturePage, HasItsOwnPlaceForEverythingInTwoRunsBesideEachOther) {
+  MadeRun run, short_run;
+  play_busy_run(&run);
+  short_run.line("one");
+  const Drawn full = drawn(run.ends(true));
+  const Drawn little = drawn(short_run.ends());
+  for (const auto& [left, right] : {std::pair(full, little), std::pair(little, full)}) {
+    Drawn both = left;
+    put_beside(right.sheet, &both.sheet);
+    EXPECT_EQ(wrong_in_layout(both), "");
+    EXPECT_EQ(wrong_in_xml(picture::svg_of(both.sheet)), "");
+    EXPECT_EQ(both.sheet.width, left.sheet.width + right.sheet.width);
+    EXPECT_EQ(both.sheet.texts.size(), left.sheet.texts.size() + right.sheet.texts.size());
+  }
+}
+
 TEST(PicturePage, GivesThreeUnitsALaneEachAndAllOthersOne) {
   MadeRun run;
   run.says(record::RunBegins{"", "", "TFTP -o 172.40.0.1"});

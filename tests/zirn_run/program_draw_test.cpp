@@ -53,4 +53,24 @@ TEST_F(ProgramDraw, DrawsAPartOfTheRun) {
   EXPECT_EQ(calls({"draw", "run", "--unit", "172.40.0.3"}).output.find("first"), std::string::npos);
 }
 
+TEST_F(ProgramDraw, DrawsTwoRunsAndMarksTheFirstDifferenceInBoth) {
+  write_whole_file("run", MadeCapture().read("kernel.img").read("rootfs.img", 2001).contents());
+  write_whole_file("other", MadeCapture().read("kernel.img").read("last.img", 2001).contents());
+  const std::string picture = calls({"draw", "run", "--beside", "other"}).output;
+  for (const char* const part : {">run: A recorded run<", ">other: A recorded run<",
+                                 ">the first difference: ... rootfs.img: arrives, ",
+                                 ">the first difference: ... last.img: arrives, 8 "})
+    EXPECT_NE(picture.find(part), std::string::npos) << part;
+  expect_refused({"draw", "run", "--beside", "other", "-o", "./other"}, 3,
+                 "zirn-run: ./other: expected a file for the picture, found what is to be drawn");
+}
+
+TEST_F(ProgramDraw, MarksWhereOneRunHasNothing) {
+  write_whole_file("run", MadeCapture().read("kernel.img").contents());
+  write_whole_file("other", MadeCapture().read("kernel.img").read("last.img", 2001).contents());
+  const std::string picture = calls({"draw", "run", "--beside", "other"}).output;
+  EXPECT_NE(picture.find(">the first difference: nothing of the kind"), std::string::npos) << picture;
+  EXPECT_EQ(calls({"draw", "run", "--beside", "run"}).output.find("the first difference"), std::string::npos);
+}
+
 }  // namespace

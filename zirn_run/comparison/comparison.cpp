@@ -1,7 +1,6 @@
 #include "comparison/comparison.h"
 
 #include <algorithm>
-#include <set>
 
 #include "comparison/strands.h"
 
@@ -16,51 +15,77 @@ struct Found {
   Difference difference;
 };
 
-std::optional<Event> event_at(const Strand& strand, std::size_t place) {
-  if (place >= strand.items.size()) return std::nullopt;
-  return strand.items[place].event;
+using Item = Strand::Item;
+
+const Item* item_at(const Strand& strand, std::size_t place) {
+  return place < strand.items.size() ? &strand.items[place] : nullptr;
 }
 
-// What the first one has alone is at its own time, what the other has alone at that of the last common thing.
-std::optional<Found> in_order(const Strand& one, const Strand& other, Nanoseconds begin) {
-  std::size_t place = 0;
-  Nanoseconds common = begin;
-  for (; place < std::min(one.items.size(), other.items.size()); ++place) {
-    if (one.items[place].words != other.items[place].words) break;
-    common = one.items[place].event.at;
+// At least one of the two is there. Before it they have in common what may be missing, too.
+struct Pair {
+  const Item* first = nullptr;
+  const Item* other = nullptr;
+};
+
+std::optional<Event> event_of(const Item* item) {
+  return item == nullptr ? std::nullopt : std::optional(item->event);
+}
+
+std::size_t step_of(const Item* item, const Item* common, const Reading& reading) {
+  if (item == nullptr) return common == nullptr ? story::kNone : common->event.step;
+  return item->event.step == story::kNone && !reading.order.empty() ? reading.order.back() : item->event.step;
+}
+
+// What holds two strands against each other.
+class Comparing {
+ public:
+  Comparing(const Reading& first, const Reading& other) : first_(first), other_(other) {}
+
+  std::optional<Found> in_order(const Strand& one, const Strand& other) const {
+    std::size_t place = 0;
+    Pair common;
+    for (; place < std::min(one.items.size(), other.items.size()); ++place) {
+      if (one.items[place].words != other.items[place].words) break;
+      common = {&one.items[place], &other.items[place]};
+    }
+    if (place == one.items.size() && place == other.items.size()) return std::nullopt;
+    return found({item_at(one, place), item_at(other, place)}, common);
   }
-  if (place == one.items.size() && place == other.items.size()) return std::nullopt;
-  const std::optional<Event> event = event_at(one, place);
-  return Found{event ? event->at : common, {event, event_at(other, place)}};
-}
 
-std::set<std::string> words_of(const Strand& strand) {
-  std::set<std::string> words;
-  for (const Strand::Item& item : strand.items) words.insert(item.words);
-  return words;
-}
-
-const Strand::Item* first_beyond(const std::set<std::string>& words, const Strand& strand) {
-  const auto item = std::find_if(strand.items.begin(), strand.items.end(),
-                                 [&words](const Strand::Item& one) { return words.count(one.words) == 0; });
-  return item == strand.items.end() ? nullptr : &*item;
-}
-
-std::optional<Found> in_any_order(const Strand& one, const Strand& other, Nanoseconds begin) {
-  const std::set<std::string> words = words_of(one);
-  if (const Strand::Item* const alone = first_beyond(words_of(other), one))
-    return Found{alone->event.at, {alone->event, std::nullopt}};
-  const Strand::Item* const more = first_beyond(words, other);
-  if (more == nullptr) return std::nullopt;
-  Nanoseconds common = begin;
-  for (const Strand::Item& item : other.items) {
-    if (&item == more) break;
-    const auto same = std::find_if(one.items.begin(), one.items.end(),
-                                   [&item](const Strand::Item& mine) { return mine.words == item.words; });
-    common = same->event.at;
+  std::optional<Found> in_any_order(const Strand& one, const Strand& other) const {
+    Pair common;
+    for (const Item& item : one.items) {
+      const Item* const same = same_in(other, item);
+      if (same == nullptr) return found({&item, nullptr}, common);
+      common = {&item, same};
+    }
+    common = {};
+    for (const Item& item : other.items) {
+      const Item* const same = same_in(one, item);
+      if (same == nullptr) return found({nullptr, &item}, common);
+      common = {same, &item};
+    }
+    return std::nullopt;
   }
-  return Found{common, {std::nullopt, more->event}};
-}
+
+ private:
+  static const Item* same_in(const Strand& strand, const Item& item) {
+    const auto same = std::find_if(strand.items.begin(), strand.items.end(),
+                                   [&item](const Item& one) { return one.words == item.words; });
+    return same == strand.items.end() ? nullptr : &*same;
+  }
+
+  // What the first one has is at its own time, what the other has alone at that of the last common thing.
+  Found found(const Pair& pair, const Pair& common) const {
+    const Item* const timed = pair.first != nullptr ? pair.first : common.first;
+    return {timed == nullptr ? first_.first : timed->event.at,
+            {event_of(pair.first), event_of(pair.other), step_of(pair.first, common.first, first_),
+             step_of(pair.other, common.other, other_)}};
+  }
+
+  const Reading& first_;
+  const Reading& other_;
+};
 
 Known known_of_both(const Reading& first, const Reading& other) {
   Known known = known_of(first);
@@ -84,11 +109,12 @@ std::optional<Difference> first_difference(const Reading& first, const Reading& 
   auto strands = strands_of(first, known);
   auto others = strands_of(other, known);
   for (const auto& [name, strand] : others) strands[name].is_ordered = strand.is_ordered;
+  const Comparing comparing(first, other);
   std::optional<Found> earliest;
   for (const auto& [name, strand] : strands) {
     const Strand& its = others[name];
     const auto found =
-        strand.is_ordered ? in_order(strand, its, first.first) : in_any_order(strand, its, first.first);
+        strand.is_ordered ? comparing.in_order(strand, its) : comparing.in_any_order(strand, its);
     if (found && (!earliest || found->at < earliest->at)) earliest = found;
   }
   if (!earliest) return std::nullopt;

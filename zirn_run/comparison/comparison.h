@@ -22,7 +22,7 @@ struct Event {
   std::string sentence;  // "unit reads kernel.img: arrives, 612 bytes"; safe in a terminal
   Numbers frames;
   Numbers lines;
-  std::size_t step = story::kNone;  // of the story; kNone: no step of it
+  std::size_t step = story::kNone;  // of the story; kNone: no step tells of it
   Nanoseconds at = 0;
 };
 
@@ -30,6 +30,10 @@ struct Event {
 struct Difference {
   std::optional<Event> first;
   std::optional<Event> other;
+  // Where each story comes to it. Of one that has nothing there: the last step that it has in common with the other.
+  // kNone: before the first step.
+  std::size_t first_step = story::kNone;
+  std::size_t other_step = story::kNone;
 };
 
 // The earliest one; nothing where the same things happened. Of readings that have ended.

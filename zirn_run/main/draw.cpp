@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -5,6 +6,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "comparison/comparison.h"
 #include "frames/packet.h"
 #include "frames/words.h"
 #include "main/commands.h"
@@ -16,6 +18,7 @@ namespace {
 
 struct Options {
   std::shared_ptr<run_files::Files> files;
+  std::string beside;  // another run's record; empty: none
   std::string output = "-";
   std::optional<double> from;   // seconds
   std::optional<double> until;  // the same
@@ -42,7 +45,8 @@ picture::Choice choice_of(const Options& options) {
 // Throws NotPossible where the picture would take the place of what it is made of.
 void check_output(const Options& options) {
   const run_files::Files& files = *options.files;
-  for (const std::string& input : {files.record, files.journal.value_or("-"), files.log.value_or("-")}) {
+  for (const std::string& input :
+       {files.record, files.journal.value_or("-"), files.log.value_or("-"), options.beside}) {
     std::error_code none;
     if (std::filesystem::equivalent(input, options.output, none) &&
         std::filesystem::is_regular_file(input, none))
@@ -60,11 +64,52 @@ void write(const std::string& text, const std::string& name) {
                       std::strerror(errno));
 }
 
+picture::Side side_of(const story::Reading& reading, const Options& options, const std::string& file) {
+  picture::Side side = {reading, choice_of(options)};
+  side.choice.heading = file == "-" ? "standard input" : frames::printable(file);
+  return side;
+}
+
+// Where the two sentences begin to differ: the word.
+std::size_t common_words(const comparison::Difference& found) {
+  if (!found.first || !found.other) return 0;
+  const std::string &one = found.first->sentence, &other = found.other->sentence;
+  const std::size_t most = std::min(one.size(), other.size());
+  const auto end = std::mismatch(one.begin(), one.begin() + static_cast<std::ptrdiff_t>(most), other.begin());
+  const std::size_t blank = one.rfind(' ', static_cast<std::size_t>(end.first - one.begin()));
+  return blank == std::string::npos ? 0 : std::min(blank + 1, most);
+}
+
+// event: nothing: the run has not what the other one has. The row itself says the common words.
+void mark(const std::optional<comparison::Event>& event, std::size_t step, std::size_t common,
+          picture::Side* side) {
+  const auto& order = side->reading.order;
+  if (step == story::kNone && order.empty()) return;
+  const std::string words =
+      event ? (common > 0 ? "... " : "") + event->sentence.substr(common) : "nothing of the kind here";
+  side->choice.remark = {step == story::kNone ? order.front() : step, "the first difference: " + words};
+}
+
+std::string both_drawn(const story::Reading& reading, const Options& options) {
+  story::Story story;
+  tell_run({options.beside, std::nullopt, std::nullopt}, &story);
+  picture::Side left = side_of(reading, options, options.files->record);
+  picture::Side right = side_of(story.reading(), options, options.beside);
+  if (const auto found = comparison::first_difference(left.reading, right.reading)) {
+    const std::size_t common = common_words(*found);
+    mark(found->first, found->first_step, common, &left);
+    mark(found->other, found->other_step, common, &right);
+  }
+  return picture_of(left, right);
+}
+
 int draw(const Options& options) {
   check_output(options);
   story::Story story;
   tell_run(*options.files, &story);
-  write(picture::picture_of(story.reading(), choice_of(options)), options.output);
+  write(options.beside.empty() ? picture::picture_of(story.reading(), choice_of(options))
+                               : both_drawn(story.reading(), options),
+        options.output);
   return kDone;
 }
 
@@ -80,6 +125,9 @@ Work draw_command(CLI::App& app) {
   options->files = add_run_options(app);
   app.add_option("-o,--output", options->output, "The picture; without it, standard output")
       ->type_name("SVG");
+  app.add_option("--beside", options->beside,
+                 "Another run's record, to be drawn on the right; the first difference is marked in both")
+      ->type_name("FILE");
   const char* const kSeconds = "SECONDS";
   app.add_option("--from", options->from, "Only what is later than so long after the run's first moment")
       ->type_name(kSeconds)

@@ -232,6 +232,7 @@ double add_head(const std::vector<Row>& rows, const Reading& reading, const Outc
                 const Choice& choice, Sheet* sheet) {
   sheet->title =
       !reading.run || reading.run->title.empty() ? "A recorded run" : printable(reading.run->title);
+  if (!choice.heading.empty()) sheet->title = choice.heading + ": " + sheet->title;
   double y = add_text(sheet->title, Font::kTitle, kMargin, kMargin - 8, sheet);
   y = add_outcome(reading, outcome, y + 6, sheet) + 4;
   for (const std::string& warning : warnings_of(reading, choice))

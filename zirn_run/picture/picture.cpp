@@ -11,21 +11,40 @@ namespace {
 
 constexpr double kThreeScreens = 3000;  // pixels
 
-}  // namespace
+Outcome remarked(const story::Reading& reading, const Choice& choice) {
+  Outcome outcome = outcome_of(reading, choice.unit);
+  if (!choice.remark) return outcome;
+  auto& [mark, words] = outcome.marks[choice.remark->step];
+  words = choice.remark->words + (words.empty() ? "" : "; " + words);
+  mark = Mark::kWrong;
+  return outcome;
+}
 
-std::string picture_of(const story::Reading& reading, const Choice& choice) {
-  const Outcome outcome = outcome_of(reading, choice.unit);
+Sheet sheet_of(const story::Reading& reading, const Choice& choice) {
+  const Outcome outcome = remarked(reading, choice);
   const auto page = [&](Detail detail) {
     return page_of(rows_of(reading, choice, detail, outcome), reading, outcome, choice);
   };
-  if (choice.folding == Choice::Folding::kUnfold) return svg_of(page(Detail::kEverything));
-  if (choice.folding == Choice::Folding::kFold) return svg_of(page(Detail::kUnitsTogether));
+  if (choice.folding == Choice::Folding::kUnfold) return page(Detail::kEverything);
+  if (choice.folding == Choice::Folding::kFold) return page(Detail::kUnitsTogether);
   Sheet sheet = page(Detail::kRepetitionsFolded);
   for (const Detail less : {Detail::kTransfersInARow, Detail::kUnitsInARow, Detail::kUnitsTogether}) {
-    const bool is_enough = less >= Detail::kUnitsInARow && outcome.passed < 2;
+    const bool is_enough = less >= Detail::kUnitsInARow && (outcome.passed < 2 || choice.remark);
     if (sheet.height <= kThreeScreens || is_enough) break;
     sheet = page(less);
   }
+  return sheet;
+}
+
+}  // namespace
+
+std::string picture_of(const story::Reading& reading, const Choice& choice) {
+  return svg_of(sheet_of(reading, choice));
+}
+
+std::string picture_of(const Side& left, const Side& right) {
+  Sheet sheet = sheet_of(left.reading, left.choice);
+  put_beside(sheet_of(right.reading, right.choice), &sheet);
   return svg_of(sheet);
 }
 

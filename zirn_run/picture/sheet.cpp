@@ -1,5 +1,7 @@
 #include "picture/sheet.h"
 
+#include <algorithm>
+
 #include "picture/words.h"
 
 namespace picture {
@@ -39,6 +41,32 @@ void add_cross(double x, double y, Sheet* sheet) {
   constexpr double kR = kCrossRadius;
   sheet->strokes.push_back({x - kR, y - kR, x + kR, y + kR, Pen::kLost});
   sheet->strokes.push_back({x - kR, y + kR, x + kR, y - kR, Pen::kLost});
+}
+
+void put_beside(const Sheet& more, Sheet* sheet) {
+  const double x = sheet->width;
+  const auto moved = [x](const auto& all, auto move, auto* to) {
+    for (auto one : all) {
+      move(&one, x);
+      to->push_back(one);
+    }
+  };
+  const auto move_box = [](auto* one, double by) { one->box.x += by; };
+  const auto move_point = [](auto* one, double by) { one->x += by; };
+  const auto move_line = [](Stroke* one, double by) {
+    one->x1 += by;
+    one->x2 += by;
+  };
+  moved(more.areas, move_box, &sheet->areas);
+  moved(more.strokes, move_line, &sheet->strokes);
+  moved(more.hops, move_point, &sheet->hops);
+  moved(more.heads, move_point, &sheet->heads);
+  moved(more.texts, move_box, &sheet->texts);
+  sheet->width += more.width;
+  sheet->height = std::max(sheet->height, more.height);
+  sheet->strokes.push_back({x, 0, x, sheet->height, Pen::kAxis});
+  sheet->title += ", beside " + more.title;
+  sheet->summary += "; on the right: " + more.summary;
 }
 
 }  // namespace picture

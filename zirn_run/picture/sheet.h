@@ -115,6 +115,9 @@ double width_in(Font font, const std::string& text);
 // The cross of what was lost, around (x, y).
 void add_cross(double x, double y, Sheet* sheet);
 
+// Puts the sheet on the right of what is there, and a line between them.
+void put_beside(const Sheet& more, Sheet* sheet);
+
 constexpr double kTextHeight = 16;  // of a line at 13 px
 constexpr double kRowMargin = 3;    // above and below what is in a row
 constexpr double kSideGap = 12;     // of a band, to the life lines
