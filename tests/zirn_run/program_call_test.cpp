@@ -24,6 +24,12 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
   expect_refused({"draw", "a", "--unit", "5"}, 2, "--unit: expected an address as 172.40.0.2, found 5");
   EXPECT_EQ(calls({"draw", "a", "--from", "-1"}).status, 2);
   EXPECT_EQ(calls({"draw", "a", "--until", "soon"}).status, 2);
+  for (const char* const command : {"draw", "explain", "scenario"}) {
+    expect_refused({command, "-", "--log", "a"}, 2,
+                   "--log: expected a FILE beside it, found standard input, which cannot be read twice");
+    expect_refused({command, "-", "--journal", "-"}, 2,
+                   "--journal: expected a FILE beside it, found standard input, which is both");
+  }
   expect_refused({"record", "-o", "a"}, 2, "--interface is required");
   expect_refused({"record", "-i", "lo,lo", "-o", "a"}, 2,
                  "zirn-run: expected each link once (-i), found lo twice: its frames would be, too");
@@ -82,8 +88,6 @@ TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
         {command, "run", "--journal", "run"}, 3,
         "zirn-run: run: expected the journal as `journalctl -o export` writes it, found a pcapng file");
   }
-  expect_refused({"draw", "-", "--log", "run"}, 3,
-                 "zirn-run: --log: expected a file, found standard input, which cannot be read twice");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "support/sanitized.h"
 #include "zirn_run/called_program.h"
+#include "zirn_run/made_capture.h"
 #include "zirn_run/made_record.h"
 #include "zirn_run/made_run.h"
 
@@ -120,6 +121,19 @@ TEST_F(ProgramMemory, OfAnHourOfProductionIsBounded) {
   EXPECT_LT(taken[1] - taken[0], kMoreForLargeFiles);
   EXPECT_LT(most(), kMost);
   EXPECT_GT(most(), 1024);
+}
+
+TEST_F(ProgramMemory, OfALargeLogIsBounded) {
+  if (kSanitized) GTEST_SKIP() << "a sanitizer takes memory of its own";
+  std::ofstream log("log", std::ios::binary);
+  for (int i = 0; i < 1'000'000; ++i) log << "a line that the board's tools print, number " << i << '\n';
+  log << "Cmd received: F_l_m_02PPT_PASSED\n" << std::flush;
+  write_whole_file("run", MadeCapture().verdict("F_l_m_02PPT_PASSED", 2000).contents());
+  for (const Result& told : {calls({"explain", "--result", "--log", "log"}),
+                             calls({"explain", "--result", "run", "--log", "log"})}) {
+    EXPECT_NE(told.errors.find("which are left out"), std::string::npos) << told.errors;
+  }
+  EXPECT_LT(most(), kMost);
 }
 
 }  // namespace

@@ -232,6 +232,57 @@ TEST_F(RunFiles, TellsALogsLinesWhereTheyBelongAndTheOthersAtTheSide) {
   EXPECT_EQ(story.reading().untimed_lines[0].lines.first, 1U);
 }
 
+// More than is held.
+constexpr int kMany = story::UntimedLine::kMost + 5000;
+
+std::string numbered_lines(int count) {
+  std::string lines;
+  for (int i = 0; i < count; ++i) lines += "line " + std::to_string(i) + "\n";
+  return lines;
+}
+
+TEST_F(RunFiles, CountsTheLinesOfALogThatItHasNoRoomFor) {
+  write_whole_file("run", MadeCapture().read("a").contents());
+  write_whole_file("log", numbered_lines(kMany) + "RRQ a\n");
+  for (const std::string& record : {std::string("run"), std::string()}) {
+    Story story;
+    const bool is_alone = record.empty();
+    EXPECT_EQ(run_files::tell({record, {}, "log"}, &story),
+              Strings{"log: expected at most 10000 lines without a time, found " +
+                      std::string(is_alone ? "5001" : "5000") + " more, which are left out"});
+    EXPECT_EQ(story.reading().untimed_lines.size(), 10000U);
+    EXPECT_EQ(story.reading().untimed_lines.back().text, "line 9999");
+    EXPECT_EQ(story.reading().left_out, is_alone ? 5001U : 5000U);
+    EXPECT_EQ(lines_in(story.reading()), is_alone ? Strings() : Strings{"0 RRQ a"});
+    EXPECT_FALSE(story.reading().is_cut_short);
+  }
+}
+
+TEST_F(RunFiles, TakesTheLastRunOfALogHoweverLongTheOthersAre) {
+  write_whole_file("log", "Starting TFTP server on a\n" + numbered_lines(kMany) +
+                              "Starting TFTP server on b\nCmd received: F_l_m_02PPT_PASSED\n");
+  Story story;
+  EXPECT_EQ(run_files::tell({"", {}, "log"}, &story), Strings());
+  ASSERT_EQ(story.reading().untimed_lines.size(), 2U);
+  EXPECT_EQ(story.reading().untimed_lines[1].text, "Cmd received: F_l_m_02PPT_PASSED");
+  EXPECT_EQ(story.reading().untimed_lines[1].lines.first, static_cast<std::uint64_t>(kMany) + 3);
+}
+
+TEST_F(RunFiles, CountsTheEntriesOfAJournalThatItHasNoRoomFor) {
+  std::string entries;
+  const std::string text(std::size_t{1} << 19, 'x');
+  for (int i = 0; i < 70; ++i) entries += entry(i, text);
+  write_whole_file("journal", entries);
+  Story story;
+  EXPECT_EQ(run_files::tell({"", "journal", {}}, &story),
+            Strings{"journal: expected at most 32 MiB of a run, found 7 things more, which are left out"});
+  EXPECT_EQ(story.reading().left_out, 7U);
+  write_whole_file("journal", entries + entry(71, "Starting TFTP server on a"));
+  Story of_last;
+  EXPECT_EQ(run_files::tell({"", "journal", {}}, &of_last), Strings());
+  EXPECT_EQ(lines_in(of_last.reading()), Strings{"71 Starting TFTP server on a"});
+}
+
 TEST_F(RunFiles, ReportsHowFarItIs) {
   MadeCapture capture;
   for (int i = 0; i < 12000; ++i) capture.read("a");
@@ -250,7 +301,9 @@ class PlacedLines : public testing::Test {
     Story story;
     run_files::tell({"run", {}, {}}, &story);
     Strings times;
-    for (const run_files::PlacedLine& line : run_files::placed(lines, story.reading())) {
+    run_files::LinePlacer placer(story.reading());
+    for (const std::string& line : lines) placer.add(line);
+    for (const run_files::PlacedLine& line : placer.placed()) {
       const auto first = static_cast<record::Nanoseconds>(MadeCapture::kFirstMillisecond + 1) * kMillisecond;
       times.push_back(line.at == 0 ? "-" : std::to_string((line.at - first) / kMillisecond));
     }

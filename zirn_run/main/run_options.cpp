@@ -26,7 +26,10 @@ std::shared_ptr<run_files::Files> add_run_options(CLI::App& app) {
 
 void tell_run(const run_files::Files& files, story::Story* story, const run_files::Watch& watch) {
   if (files.log && files.record == "-")
-    throw NotPossible("--log: expected a file, found standard input, which cannot be read twice");
+    throw CLI::ValidationError("--log",
+                               "expected a FILE beside it, found standard input, which cannot be read twice");
+  if (files.journal.value_or("") == "-" && files.record == "-")
+    throw CLI::ValidationError("--journal", "expected a FILE beside it, found standard input, which is both");
   ProgressLine line;
   try {
     const auto show = [&](std::uint64_t count) {

@@ -1,9 +1,8 @@
 #include "run_files/placed_lines.h"
 
 #include <algorithm>
-#include <cstddef>
-#include <map>
-#include <string_view>
+#include <iterator>
+#include <utility>
 
 namespace run_files {
 
@@ -18,22 +17,6 @@ std::string_view requested_in(std::string_view line) {
     if (line.substr(0, beginning.size()) == beginning) return line.substr(beginning.size());
   }
   return {};
-}
-
-struct Requests {
-  std::vector<record::Nanoseconds> at;
-  bool are_single = true;  // none was sent again
-};
-
-std::map<std::string_view, Requests> requests_in(const story::Reading& reading) {
-  std::map<std::string_view, Requests> requests;
-  for (const story::Transfer& transfer : reading.transfers) {
-    if (transfer.kind != story::Transfer::Kind::kRead || transfer.server != story::kStation) continue;
-    Requests& same = requests[transfer.name];
-    same.at.push_back(transfer.from);
-    same.are_single = same.are_single && transfer.requests == 1;
-  }
-  return requests;
 }
 
 // Where times would run backwards it is not known which of the lines is wrong: none keeps its time.
@@ -51,20 +34,54 @@ void forget_unless_in_order(std::vector<PlacedLine>* lines) {
 
 }  // namespace
 
-std::vector<PlacedLine> placed(const std::vector<std::string>& lines, const story::Reading& reading) {
-  std::map<std::string_view, Requests> requests = requests_in(reading);
-  std::map<std::string_view, std::size_t> spoken_of;
-  for (const std::string& line : lines) ++spoken_of[requested_in(line)];
-  std::map<std::string_view, std::size_t> placed_of;
-  std::vector<PlacedLine> placed_lines;
-  for (const std::string& line : lines) {
-    const std::string_view name = requested_in(line);
-    const Requests& same = requests[name];
-    const bool is_certain = !name.empty() && same.are_single && same.at.size() == spoken_of[name];
-    placed_lines.push_back({is_certain ? same.at[placed_of[name]++] : 0, line});
+void UntimedLines::add(std::uint64_t number, std::string_view text) {
+  if (lines.size() < story::UntimedLine::kMost) {
+    lines.push_back({0, number, std::string(text.substr(0, story::kMaxText))});
+  } else {
+    ++left_out;
   }
-  forget_unless_in_order(&placed_lines);
-  return placed_lines;
+}
+
+LinePlacer::LinePlacer(const story::Reading& reading) {
+  for (const story::Transfer& transfer : reading.transfers) {
+    if (transfer.kind != story::Transfer::Kind::kRead || transfer.server != story::kStation) continue;
+    Requests& same = requests_[transfer.name];
+    same.at.push_back(transfer.from);
+    same.are_single = same.are_single && transfer.requests == 1;
+  }
+}
+
+void LinePlacer::add(const std::string& line) {
+  ++number_;
+  const std::string_view name = requested_in(line);
+  const auto found = name.empty() ? requests_.end() : requests_.find(name);
+  if (found == requests_.end() || !found->second.are_single) return untimed_.add(number_, line);
+  Requests& same = found->second;
+  if (++same.spoken_of <= same.at.size()) {
+    same.lines.push_back({0, number_, line});
+  } else {
+    give_up(&same, &untimed_);
+    untimed_.add(number_, line);
+  }
+}
+
+// The lines that are held already come before any that is left out.
+void LinePlacer::give_up(Requests* same, UntimedLines* untimed) {
+  std::move(same->lines.begin(), same->lines.end(), std::back_inserter(untimed->lines));
+  same->lines.clear();
+}
+
+std::vector<PlacedLine> LinePlacer::placed() {
+  for (auto& [name, same] : requests_) {
+    const bool is_certain = same.spoken_of == same.at.size();
+    for (std::size_t i = 0; is_certain && i < same.lines.size(); ++i) same.lines[i].at = same.at[i];
+    give_up(&same, &untimed_);
+  }
+  std::vector<PlacedLine> lines = std::move(untimed_.lines);
+  std::sort(lines.begin(), lines.end(),
+            [](const PlacedLine& one, const PlacedLine& other) { return one.number < other.number; });
+  forget_unless_in_order(&lines);
+  return lines;
 }
 
 }  // namespace run_files

@@ -24,6 +24,8 @@ namespace {
 constexpr std::string_view kBegins = "Starting TFTP server on ";
 constexpr std::string_view kPart = ".part";      // the ending of a record's name until it is whole
 constexpr std::uint64_t kProgressEvery = 16384;  // frames and entries
+constexpr std::size_t kMostBytesOfJournal = std::size_t{32}
+                                            << 20;  // that are held of a run, without its frames
 
 // A file, opened and unpacked.
 class OpenFile {
@@ -96,42 +98,54 @@ class Journal : public Beside {
   std::optional<record::Entry> entry_;
 };
 
-std::vector<std::string> lines_of(const std::string& name) {
+// Hands over the lines of a log.
+template <typename Take>
+void read_lines(const std::string& name, const Take& take) {
   OpenFile file(name);
   record::LogReader reader(file.stream());
-  std::vector<std::string> lines;
-  while (const auto line = reader.next()) lines.push_back(line->text);
+  while (const auto line = reader.next()) take(line->text);
   if (!reader.problem().empty()) throw NotReadable(file.named(reader.problem()));
-  return lines;
+}
+
+std::string remark_of_left_out(const std::string& name, std::uint64_t left_out) {
+  return frames::printable(name) + ": expected at most " + std::to_string(story::UntimedLine::kMost) +
+         " lines without a time, found " + std::to_string(left_out) + " more, which are left out";
 }
 
 class Log : public Beside {
  public:
-  Log(const std::string& name, const story::Reading& reading)
-      : name_(name), lines_(placed(lines_of(name), reading)) {}
+  Log(const std::string& name, const story::Reading& reading) : name_(name) {
+    LinePlacer placer(reading);
+    read_lines(name, [&](const std::string& line) { placer.add(line); });
+    lines_ = placer.placed();
+    left_out_ = placer.left_out();
+  }
   void tell_until(record::Nanoseconds at, story::Story* story) override {
     if (!has_told_untimed_) tell_untimed(story);
     for (; next_ < lines_.size() && lines_[next_].at <= at; ++next_) {
-      if (lines_[next_].at != 0) tell(next_, story);
+      if (lines_[next_].at != 0) tell(lines_[next_], story);
     }
   }
   std::string remark() const override {
-    return lines_.empty() ? frames::printable(name_) + ": expected the station's lines, found none" : "";
+    if (lines_.empty()) return frames::printable(name_) + ": expected the station's lines, found none";
+    return left_out_ > 0 ? remark_of_left_out(name_, left_out_) : "";
   }
 
  private:
-  void tell(std::size_t index, story::Story* story) const {
-    story->take(record::Line{lines_[index].text}, lines_[index].at, index + 1);
+  static void tell(const PlacedLine& line, story::Story* story) {
+    story->take(record::Line{line.text}, line.at, line.number);
   }
   void tell_untimed(story::Story* story) {
     has_told_untimed_ = true;
-    for (std::size_t i = 0; i < lines_.size(); ++i) {
-      if (lines_[i].at == 0) tell(i, story);
+    for (const PlacedLine& line : lines_) {
+      if (line.at == 0) tell(line, story);
     }
+    story->leave_out(left_out_);
   }
 
   const std::string name_;
-  const std::vector<PlacedLine> lines_;
+  std::vector<PlacedLine> lines_;
+  std::uint64_t left_out_ = 0;
   bool has_told_untimed_ = false;
   std::size_t next_ = 0;
 };
@@ -237,30 +251,66 @@ std::unique_ptr<Beside> beside(const Files& files, const Progress& progress) {
   return std::make_unique<Log>(*files.log, without.reading());
 }
 
+bool begins(std::string_view line) {
+  return line.substr(0, kBegins.size()) == kBegins;
+}
+
+void tell_log(const std::string& name, story::Story* story, std::vector<std::string>* remarks) {
+  UntimedLines of_run;
+  std::uint64_t number = 0;
+  read_lines(name, [&](const std::string& line) {
+    if (begins(line)) of_run = {};
+    of_run.add(++number, line);
+  });
+  for (const PlacedLine& line : of_run.lines) story->take(record::Line{line.text}, 0, line.number);
+  story->leave_out(of_run.left_out);
+  if (of_run.left_out > 0) remarks->push_back(remark_of_left_out(name, of_run.left_out));
+}
+
+std::size_t bytes_of(const record::Entry& entry) {
+  std::size_t bytes = sizeof entry;
+  for (const auto& field : entry.fields) bytes += sizeof field + field.first.size() + field.second.size();
+  return bytes;
+}
+
+// False: it ends before its end.
+bool tell_journal(const std::string& name, story::Story* story, std::vector<std::string>* remarks) {
+  OpenFile file(name);
+  record::JournalReader reader(file.stream());
+  std::vector<record::Entry> of_run;
+  std::size_t bytes = 0;
+  std::uint64_t left_out = 0;
+  for (std::uint64_t number = 1; auto entry = reader.next(); ++number) {
+    if (!record::said_by(*entry)) continue;
+    if (begins(entry->value("MESSAGE"))) {
+      of_run.clear();
+      bytes = left_out = 0;
+    }
+    entry->number = number;
+    bytes += bytes_of(*entry);
+    bytes <= kMostBytesOfJournal ? of_run.push_back(std::move(*entry)) : static_cast<void>(++left_out);
+  }
+  for (const record::Entry& entry : of_run) story->take(entry);
+  story->leave_out(left_out);
+  if (!reader.problem().empty()) remarks->push_back(file.named(reader.problem()));
+  if (!remarks->empty() && of_run.empty()) throw NotReadable(remarks->front());
+  if (left_out > 0)
+    remarks->push_back(file.named("expected at most " + std::to_string(kMostBytesOfJournal >> 20) +
+                                  " MiB of a run, found " + frames::counted(left_out, "thing") +
+                                  " more, which are left out"));
+  return reader.problem().empty();
+}
+
 // Lines by themselves. Each start of the station begins a run.
 std::vector<std::string> tell_lines(const Files& files, story::Story* story) {
-  const auto begins = [](std::string_view line) { return line.substr(0, kBegins.size()) == kBegins; };
   std::vector<std::string> remarks;
+  bool is_whole = true;
   if (files.journal) {
-    OpenFile file(*files.journal);
-    record::JournalReader reader(file.stream());
-    std::vector<record::Entry> entries;
-    for (std::uint64_t number = 1; auto entry = reader.next(); ++number) {
-      if (begins(entry->value("MESSAGE"))) entries.clear();
-      entry->number = number;
-      entries.push_back(std::move(*entry));
-    }
-    for (const record::Entry& entry : entries) story->take(entry);
-    if (!reader.problem().empty()) remarks.push_back(file.named(reader.problem()));
-    if (!remarks.empty() && entries.empty()) throw NotReadable(remarks.front());
+    is_whole = tell_journal(*files.journal, story, &remarks);
   } else {
-    const std::vector<std::string> lines = lines_of(*files.log);
-    const auto last = std::find_if(lines.rbegin(), lines.rend(), begins);
-    const auto first = last == lines.rend() ? lines.begin() : std::prev(last.base());
-    for (auto line = first; line != lines.end(); ++line)
-      story->take(record::Line{*line}, 0, static_cast<std::uint64_t>(line - lines.begin()) + 1);
+    tell_log(*files.log, story, &remarks);
   }
-  story->finish(!remarks.empty());
+  story->finish(!is_whole);
   if (story->reading().steps.empty() && story->reading().untimed_lines.empty()) {
     throw NotReadable(frames::printable(files.journal ? *files.journal : *files.log) +
                       ": expected the station's lines, found none");

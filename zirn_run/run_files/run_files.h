@@ -21,6 +21,8 @@ struct Files {
   std::string record;
   std::optional<std::string> journal;  // `journalctl -o export`
   std::optional<std::string> log;      // the station's lines without times; not beside a journal
+  // Of a log, only so many lines are held as LinePlacer says (placed_lines.h); of a journal without a record, 32 MiB of
+  // a run. What is beyond is counted.
 };
 
 // One sentence that begins with the file's name: "a.pcapng: No such file or directory".

@@ -291,6 +291,8 @@ struct Network {
 
 // A line that came without a time.
 struct UntimedLine {
+  static constexpr std::size_t kMost = 10000;  // of a run
+
   std::string text;
   Numbers lines;
 };

@@ -14,7 +14,6 @@ using frames::Packet;
 constexpr Nanoseconds kLatest = INT64_MAX / 2;  // so that lengths of time can be reckoned
 constexpr Nanoseconds kFoldLines = 15000000000;
 constexpr std::size_t kMaxNetworks = 64;
-constexpr std::size_t kMaxUntimedLines = 10000;
 constexpr std::size_t kMaxGaps = 1000;
 
 Nanoseconds in_bounds(Nanoseconds at) {
@@ -134,7 +133,7 @@ void Story::take(const record::RunEntry& entry, Nanoseconds at, std::uint64_t nu
   if (line != nullptr && at == 0) {
     roles_.read_line(line->text);
     book_.add_unmarked(&book_.reading.untimed_lines, {line->text.substr(0, kMaxText), lines},
-                       kMaxUntimedLines);
+                       UntimedLine::kMost);
     ++book_.reading.revision;
     return;
   }

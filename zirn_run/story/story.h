@@ -40,6 +40,9 @@ class Story {
   // What the journal entry with this number says. A line without a time, which is 0, is kept at the side.
   void take(const record::RunEntry& entry, Nanoseconds at, std::uint64_t number);
 
+  // So many more things were not told, because there was no room to hold them.
+  void leave_out(std::uint64_t count) { book_.reading.left_out += count; }
+
   // Nothing was told until then: whoever has been silent for long is.
   void pass_time(Nanoseconds now);
 
