@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "explanation/case.h"
 #include "zirn_run/explained_run.h"
 
 namespace {
@@ -199,6 +200,57 @@ TEST_F(Degraded, DroppedFrames) {
   EXPECT_EQ(fault(), "unknown verdict.unexplained");
   EXPECT_EQ(told.verdict, Outcome::kFailed);
   EXPECT_EQ(told.incomplete, std::vector<std::string>{"3 frames that the kernel dropped on lan0"});
+}
+
+// So may those that came while the link was not recorded.
+TEST_F(Degraded, ALinkThatIsGoneForATime) {
+  begins();
+  gives("F_l_m_01MEMORY_PASSED");
+  says(record::gap(record::kFramesMissing, "lan0 is gone or down"));
+  run.rests(2000);
+  says(record::gap(record::kFramesBack, "lan0 is back"));
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+  ASSERT_EQ(told.incomplete.size(), 1U);
+  EXPECT_EQ(told.incomplete[0].rfind("frames from ", 0), 0U) << told.incomplete[0];
+  EXPECT_NE(told.incomplete[0].find(": lan0 is gone or down"), std::string::npos) << told.incomplete[0];
+}
+
+TEST_F(Degraded, ALinkThatWasGoneBeforeTheStepThatFailed) {
+  begins();
+  says(record::gap(record::kFramesMissing, "lan0 is gone or down"));
+  run.rests(1000);
+  says(record::gap(record::kFramesBack, "lan0 is back"));
+  run.rests(1000);
+  gives("F_l_m_01MEMORY_PASSED");
+  run.rests(1000);
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unit unit.failed");
+  EXPECT_EQ(told.incomplete.size(), 1U);
+}
+
+TEST_F(Degraded, GapsOfEachKindAreSaid) {
+  begins();
+  const auto expect_last = [&](std::string_view what, const std::string& why, const std::string& expected) {
+    says(record::gap(what, why));
+    fault();
+    const auto end = std::find(told.incomplete.rbegin(), told.incomplete.rend(), expected);
+    EXPECT_NE(end, told.incomplete.rend()) << expected << "; the last: " << told.incomplete.back();
+  };
+  const std::string now = explanation::seconds(run.now - run.reading().first);
+  expect_last(record::kFramesNeverCame, "lan7: no such link",
+              "frames from " + now + " on: lan7: no such link");
+  expect_last(record::kLinesMayMiss, "journalctl ended", "lines, perhaps, at " + now + ": journalctl ended");
+  expect_last("something ", "odd\a", "something odd\\x07 at " + now);
+  expect_last(record::kAllMissing, "the recorder was cut off",
+              "all from " + now + " on: the recorder was cut off");
+  for (int i = 0; i < 5; ++i) says(record::gap(record::kFramesMissing, "lan0 is gone or down"));
+  fault();
+  EXPECT_EQ(std::count(told.incomplete.begin(), told.incomplete.end(),
+                       "more, as the recorder says 5 further times"),
+            1);
 }
 
 // Of which the capture keeps only so many bytes after the headers.

@@ -276,8 +276,8 @@ bool Case::sees_unit(Nanoseconds from, Nanoseconds until) const {
   });
   const bool is_read =
       std::none_of(unread_.begin(), unread_.end(), [&](Nanoseconds at) { return at >= from && at <= until; });
-  return sees_test_network() && reading.left_out == 0 && !has_dropped && !lacks_a_side() && is_asked &&
-         is_read;
+  return sees_test_network() && reading.left_out == 0 && !has_dropped && !has_gap(from, until) &&
+         !lacks_a_side() && is_asked && is_read;
 }
 
 bool Case::sees_tools(Nanoseconds from, Nanoseconds until) const {

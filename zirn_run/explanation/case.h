@@ -73,6 +73,8 @@ struct Case {
   // Whether what the unit said to the station, or the other way, is not in the record.
   bool lacks_a_side() const;
   bool sees_test_network() const;
+  // Whether the recorder had no frames of a link for a part of that time, or nothing at all.
+  bool has_gap(Nanoseconds from, Nanoseconds until) const;
   // Whether all that the unit and the station said to each other from then until then is in the record.
   bool sees_unit(Nanoseconds from, Nanoseconds until) const;
   // Whether the record tells what became of the verdicts of that time.
@@ -135,6 +137,15 @@ void tell_cause(const Case& c, Claim* claim);
 
 // How the station ended, and why as far as the record shows it (end.cpp). The reading has a station's end.
 std::string end_in_words(const Case& c);
+
+// What the recorder says that it lacks from then until then.
+struct Gap {
+  Nanoseconds from = 0;
+  std::optional<Nanoseconds> until;  // nothing: the end
+  std::string_view what;             // how its text begins (record/run_entry.h); empty: otherwise
+  std::string_view why;
+};
+std::vector<Gap> gaps_in(const story::Reading& reading);
 
 // What the record lacks (incomplete.cpp).
 std::vector<std::string> incomplete(const Case& c);

@@ -18,7 +18,65 @@ bool lacks_ppt_network(const Case& c) {
                                 [](const auto& transfer) { return transfer.client == story::kStation; });
 }
 
+constexpr std::size_t kMostGaps = 4;  // that are told one by one
+
+std::string_view link_in(std::string_view why) {
+  return why.substr(0, why.find_first_of(": "));
+}
+
+// Those without the link's frames have come to their end.
+void close_gaps(std::string_view link, Nanoseconds at, std::vector<Gap>* gaps) {
+  for (Gap& gap : *gaps) {
+    const bool is_of_frames = gap.what == record::kFramesMissing || gap.what == record::kFramesNeverCame;
+    if (is_of_frames && !gap.until && link_in(gap.why) == link) gap.until = at;
+  }
+}
+
+// "frames from 3.1 s to 5.2 s: lan0 is gone or down"
+std::string in_words(const Case& c, const Gap& gap) {
+  const std::string time =
+      " from " + moment(c, gap.from) + (gap.until ? " to " + moment(c, *gap.until) : " on") + ": ";
+  const std::string why = frames::printable_sentence(gap.why);
+  if (gap.what == record::kAllMissing) return "all" + time + why;
+  if (gap.what == record::kLinesMayMiss) return "lines, perhaps," + at(c, gap.from) + ": " + why;
+  return gap.what.empty() ? why + at(c, gap.from) : "frames" + time + why;
+}
+
+void tell_gaps(const Case& c, std::vector<std::string>* lacking) {
+  const std::vector<Gap> gaps = gaps_in(c.reading);
+  const std::size_t told = std::min(gaps.size(), kMostGaps);
+  for (std::size_t i = 0; i < told; ++i) lacking->push_back(in_words(c, gaps[i]));
+  if (gaps.size() > told)
+    lacking->push_back("more, as the recorder says " + frames::counted(gaps.size() - told, "further time"));
+}
+
 }  // namespace
+
+std::vector<Gap> gaps_in(const story::Reading& reading) {
+  std::vector<Gap> gaps;
+  for (const story::Gap& told : reading.gaps) {
+    Gap gap = {told.at, std::nullopt, "", told.text};
+    for (const std::string_view what : {record::kFramesNeverCame, record::kFramesMissing, record::kFramesBack,
+                                        record::kLinesMayMiss, record::kAllMissing}) {
+      if (gap.why.substr(0, what.size()) == what) gap.what = what;
+    }
+    gap.why.remove_prefix(gap.what.size());
+    if (gap.what == record::kFramesBack) {
+      close_gaps(link_in(gap.why), told.at, &gaps);
+    } else {
+      gaps.push_back(gap);
+    }
+  }
+  return gaps;
+}
+
+bool Case::has_gap(Nanoseconds from, Nanoseconds until) const {
+  const std::vector<Gap> gaps = gaps_in(reading);
+  return std::any_of(gaps.begin(), gaps.end(), [from, until](const Gap& gap) {
+    const bool hides = gap.what == record::kFramesMissing || gap.what == record::kAllMissing;
+    return hides && gap.from <= until && gap.until.value_or(until) >= from;
+  });
+}
 
 std::vector<std::string> incomplete(const Case& c) {
   const story::Reading& reading = c.reading;
@@ -39,6 +97,7 @@ std::vector<std::string> incomplete(const Case& c) {
     lacking.push_back(frames::counted(*network.dropped, "frame") + " that the kernel dropped on " +
                       (network.name.empty() ? "a network" : frames::printable(network.name)));
   }
+  tell_gaps(c, &lacking);
   if (reading.not_whole > 0)
     lacking.push_back("the rest of " + frames::counted(reading.not_whole, "packet") +
                       " that the capture cut");

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 
 #include "record/item.h"
@@ -53,6 +54,17 @@ struct RunEnds {
 struct Gap {
   std::string text;  // "frames are missing from here on: lan0 is gone or down"
 };
+
+// How it begins; behind it stands why, which begins with the link, where it is about one.
+inline constexpr std::string_view kFramesNeverCame = "frames are missing: ";
+inline constexpr std::string_view kFramesMissing = "frames are missing from here on: ";
+inline constexpr std::string_view kFramesBack = "frames are no longer missing: ";
+inline constexpr std::string_view kLinesMayMiss = "lines may be missing: ";
+inline constexpr std::string_view kAllMissing = "all is missing from here on: ";
+
+inline Gap gap(std::string_view what, const std::string& why) {
+  return {std::string(what) + why};
+}
 
 using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunEnds, Gap>;
 

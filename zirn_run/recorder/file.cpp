@@ -135,8 +135,7 @@ void RecordFile::end_file(std::size_t written) {
   const std::uint64_t end =
       written > kRoomForAnEntry ? at_ + end_of_blocks(buffer_, written - kRoomForAnEntry) : block_at_;
   const std::string entry = block_of(entry_of(
-      record::Gap{"all is missing from here on: the file cannot be written any further: " + problem_},
-      now()));
+      record::gap(record::kAllMissing, "the file cannot be written any further: " + problem_), now()));
   const auto offset = static_cast<off_t>(end);
   const bool is_cut = ftruncate(descriptor_, offset) == 0;
   const ssize_t count = pwrite(descriptor_, entry.data(), entry.size(), offset);

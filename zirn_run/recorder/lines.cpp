@@ -72,7 +72,7 @@ void Journal::receive(const Take& take) {
   }
   if (descriptor() >= 0 || now() - began_ < kPause) return;
   if (!has_told_)
-    take(entry_of(record::Gap{"lines may be missing: journalctl ended, and is begun anew"}, now()));
+    take(entry_of(record::gap(record::kLinesMayMiss, "journalctl ended, and is begun anew"), now()));
   has_told_ = true;
   begin();
 }

@@ -255,7 +255,7 @@ void Recording::open_links() {
     const std::string problem = name + ": " + source.link.problem();
     if (source.link.lacks_right() && run_ == nullptr) throw Unusable(problem);
     say(source.link.lacks_right() ? problem : problem + "; there are: " + links_that_are_there());
-    tell_gap("frames are missing: " + problem);
+    tell_gap(record::kFramesNeverCame, problem);
   }
   if (!has_one && run_ == nullptr) throw Unusable("expected a link that can be recorded");
 }
@@ -267,10 +267,10 @@ void Recording::look_at_links() {
           std::chrono::milliseconds(3 * Link::kBlockMilliseconds / 2));  // the last block
       while (receive(&source) > 0) continue;
       source.link.close();
-      tell_gap("frames are missing from here on: " + source.link.name() + " is gone or down");
+      tell_gap(record::kFramesMissing, source.link.name() + " is gone or down");
     } else if (!source.link.is_open() && source.link.open(filter_)) {
       describe(&source);
-      tell_gap("frames are no longer missing: " + source.link.name() + " is back");
+      tell_gap(record::kFramesBack, source.link.name() + " is back");
     }
   }
 }

@@ -75,7 +75,9 @@ class Recording {
     if (run_ != nullptr) run_->take(item);
   }
   void look_at_links();
-  void tell_gap(const std::string& text) { held_.add(entry_of(record::Gap{text}, now())); }
+  void tell_gap(std::string_view what, const std::string& why) {
+    held_.add(entry_of(record::gap(what, why), now()));
+  }
   void wait();
   void receive();
   std::size_t receive(Source* source);

@@ -95,8 +95,8 @@ void complete(const fs::path& part) {
   struct stat about = {};
   if (end > 0 && fstat(descriptor, &about) == 0) {
     const record::Nanoseconds written_last = about.st_mtim.tv_sec * kSecond + about.st_mtim.tv_nsec;
-    const std::string entry = block_of(
-        entry_of(record::Gap{"all is missing from here on: the recorder was cut off"}, written_last));
+    const std::string entry =
+        block_of(entry_of(record::gap(record::kAllMissing, "the recorder was cut off"), written_last));
     const bool is_done = ftruncate(descriptor, static_cast<off_t>(end)) == 0 &&
                          pwrite(descriptor, entry.data(), entry.size(), static_cast<off_t>(end)) ==
                              static_cast<ssize_t>(entry.size());
