@@ -31,7 +31,7 @@ std::string big(std::uint64_t number, std::size_t size) {
 }
 
 std::string tftp(FuzzedDataProvider& input) {
-  switch (input.ConsumeIntegralInRange(0, 5)) {
+  switch (input.ConsumeIntegralInRange(0, 6)) {
     case 0:
       return big(1, 2) + input.PickValueInArray({"F_l_m_01PPT_PASSED", "F_l_m_01M", "F_l_m_01CPU_2_M", "a"}) +
              std::string("\0octet\0blksize\0", 15) + input.PickValueInArray({"8", "512", "0"}) + '\0';
@@ -89,6 +89,8 @@ record::RunEntry entry(FuzzedDataProvider& input) {
       return record::StationEnds{2, 0};
     case 4:
       return record::RunEnds{};
+    case 5:
+      return record::Timeout{input.ConsumeIntegral<std::int64_t>()};
     default:
       return record::Line{"Starting TFTP server on " + input.ConsumeRandomLengthString(20)};
   }

@@ -11,6 +11,8 @@ namespace {
 using explanation::Outcome;
 using explanation::PrintedLine;
 
+constexpr record::Nanoseconds kSecond = 1'000'000'000;
+
 class Causes : public testing::Test, public ExplainedRun {
  protected:
   void passes() {
@@ -684,6 +686,42 @@ TEST_F(Causes, AnInterruptByTheOperator) {
   run.rests(1000);
   ends(2);
   EXPECT_EQ(fault(), "operator end.sigint");
+}
+
+class TimesOut : public Causes, public testing::WithParamInterface<record::StationEnds> {};
+
+TEST_P(TimesOut, AndIsEndedForThat) {
+  begins();
+  gives("F_l_m_01MEMORY_PASSED");
+  run.rests(20000);
+  says(record::Timeout{20 * kSecond});
+  says(GetParam());
+  EXPECT_EQ(fault(), "unknown end.timeout");
+  EXPECT_FALSE(has_also("end.sigterm") || has_also("end.sigkill"));
+  EXPECT_EQ(told.fault.statements.at(0).sentence.rfind("the run took longer than 20.0 s, and ", 0), 0U);
+  EXPECT_FALSE(told.fault.statements[0].evidence.is_inferred);
+}
+INSTANTIATE_TEST_SUITE_P(OfTheStation, TimesOut,
+                         testing::Values(record::StationEnds{15, 0}, record::StationEnds{{}, SIGTERM},
+                                         record::StationEnds{{}, SIGKILL}, record::StationEnds{}));
+
+// Of what else there is, the time that it took is the least.
+TEST_F(Causes, ATimeoutThatSomethingElseExplains) {
+  begins();
+  run.rests(20000);
+  says(record::Timeout{20 * kSecond});
+  ends(15);
+  EXPECT_EQ(fault(), "unknown boot.unanswered");
+  EXPECT_TRUE(has_also("end.timeout"));
+}
+
+TEST_F(Causes, AStationThatCrashesWhenItsTimeIsOver) {
+  begins();
+  gives("F_l_m_01MEMORY_PASSED");
+  says(record::Timeout{kSecond});
+  is_killed(SIGSEGV);
+  EXPECT_EQ(fault(), "unknown end.timeout");
+  EXPECT_TRUE(has_also("end.signal"));
 }
 
 class Ends : public Causes, public testing::WithParamInterface<std::pair<int, const char*>> {};

@@ -167,6 +167,10 @@ TEST_F(ProgramTrial, EndsTheStationAfterTheTimeout) {
   begins(call({"--timeout", "0.5"}));
   EXPECT_EQ(ends(), 4);
   EXPECT_NE(output.find("it takes longer than it may: the station is asked to end"), std::string::npos);
+  const std::vector<record::Timeout> said = recorded("run.pcapng").said<record::Timeout>();
+  ASSERT_EQ(said.size(), 1U);
+  EXPECT_EQ(said[0].after, 500'000'000);
+  EXPECT_NE(output.find("(end.timeout)"), std::string::npos) << output;
 }
 
 TEST_F(ProgramTrial, KillsAStationThatDoesNotEnd) {

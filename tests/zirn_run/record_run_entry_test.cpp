@@ -19,6 +19,7 @@ using record::RunEnds;
 using record::RunEntry;
 using record::said_by;
 using record::StationEnds;
+using record::Timeout;
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
 constexpr record::Nanoseconds kAt = 1700000000123456000;
@@ -44,6 +45,7 @@ std::string words(const std::optional<RunEntry>& said) {
     return "ends: " + number(end->status) + " by " + std::to_string(end->signal);
   }
   if (const auto* gap = std::get_if<Gap>(&*said)) return "gap: " + gap->text;
+  if (const auto* timeout = std::get_if<Timeout>(&*said)) return "timeout: " + std::to_string(timeout->after);
   const auto& end = std::get<RunEnds>(*said);
   return "run ends: " + end.ppt_flag + "|" + end.judged;
 }
@@ -81,6 +83,9 @@ const std::vector<Said> kAll = {
             {{"ZIRN_PPT_FLAG", "failed"}, {"ZIRN_JUDGED", "as it was to go"}})},
     {RunEnds{}, "run ends: |", fields("the run ends", "zirn-run", "run-ends", {})},
     {Gap{"lan0 is back"}, "gap: lan0 is back", fields("lan0 is back", "zirn-run", "gap", {})},
+    {Timeout{2500000001}, "timeout: 2500000001",
+     fields("the run takes longer than 2500 ms: the station is asked to end", "zirn-run", "timeout",
+            {{"ZIRN_AFTER_NANOSECONDS", "2500000001"}})},
 };
 
 TEST(RunEntry, IsAnEntryOfTheJournal) {

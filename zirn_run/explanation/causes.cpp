@@ -280,6 +280,12 @@ const std::vector<Cause>& causes() {
        "Put the right {file:file} into the station's directory (/var/lib/zirn-test-station). Then begin a "
        "new run."},
       // Nothing hindered the verdict, and the run ended without it.
+      {"end.timeout", O::kUnknown, W::kEnds,
+       "The run took longer than it was given (zirn-run test --timeout), and was ended before the unit gave "
+       "its "
+       "final verdict.",
+       "Look on the unit's console for what it waits for. If it was still at work, give the run more time "
+       "(--timeout). Then begin a new run."},
       {"end.sigint", O::kOperator, W::kEnds,
        "The run was stopped from outside (SIGINT, Ctrl-C) before the unit gave its final verdict.",
        "Begin a new run, and let the unit come to its final verdict."},

@@ -82,6 +82,18 @@ bool has_found(const Case& c, Weight weight) {
                      [weight](const Finding& finding) { return finding.cause->weight == weight; });
 }
 
+bool find_timeout(Case* c) {
+  for (const story::Step& step : c->reading.steps) {
+    if (step.kind != story::Step::Kind::kTimeout) continue;
+    c->find("end.timeout", step.from,
+            "the run took longer than " + seconds(c->reading.timeout->after) +
+                ", and the station was asked to end" + at(*c, step.from),
+            seen({}, step.lines));
+    return true;
+  }
+  return false;
+}
+
 // The station says that it ended, and nothing says how.
 void find_unknown_end(Case* c) {
   const auto ends = c->lines_with("TFTP Server was shut down");
@@ -113,9 +125,15 @@ std::string end_in_words(const Case& c) {
 void find_end(Case* c) {
   find_short_verdict(c);
   if (!c->verdicts.empty() && story::is_final(c->verdicts.back().says)) return;
+  const bool has_timed_out = find_timeout(c);
   const auto& end = c->reading.station_end;
-  if (!end || (end->signal == 0 && !end->status)) return find_unknown_end(c);
+  const bool is_known = end && (end->signal != 0 || end->status);
+  if (!is_known && has_timed_out) return;
+  if (!is_known) return find_unknown_end(c);
   const int signal = end->signal != 0 ? end->signal : end->status > kKilled ? *end->status - kKilled : 0;
+  const bool is_as_asked =
+      signal == SIGTERM || signal == SIGKILL || (signal == 0 && end->status == kTerminated);
+  if (has_timed_out && is_as_asked) return;
   if (signal != 0) return find_signal(signal, c);
   find_status(*end->status, c);
 }

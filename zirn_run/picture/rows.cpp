@@ -157,6 +157,9 @@ class Teller {
       case Step::Kind::kCut:
         add(Kind::kCut, step, text);
         break;
+      case Step::Kind::kTimeout:
+        add(Kind::kWords, step, text);
+        break;
       case Step::Kind::kDrops:
         add(Kind::kWords, step, text).times = 1;
         break;

@@ -173,6 +173,8 @@ std::string step_in_words(const Reading& reading, const story::Step& step) {
   switch (step.kind) {
     case Kind::kRunBegins:
       return "a run begins";
+    case Kind::kTimeout:
+      return "longer than " + seconds(reading.timeout->after, 1) + " s: the station is asked to end";
     case Kind::kStationEnds:
       return station_end_in_words(reading, step);
     case Kind::kRunEnds:

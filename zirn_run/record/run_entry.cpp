@@ -18,12 +18,14 @@ constexpr char kCut[] = "cut";
 constexpr char kStationEnds[] = "station-ends";
 constexpr char kRunEnds[] = "run-ends";
 constexpr char kGap[] = "gap";
+constexpr char kTimeout[] = "timeout";
 constexpr char kName[] = "ZIRN_NAME";
 constexpr char kTitle[] = "ZIRN_TITLE";
 constexpr char kCommand[] = "ZIRN_COMMAND";
 constexpr char kStatus[] = "ZIRN_STATUS";
 constexpr char kSignal[] = "ZIRN_SIGNAL";
 constexpr char kLasts[] = "ZIRN_LASTS_NANOSECONDS";
+constexpr char kAfter[] = "ZIRN_AFTER_NANOSECONDS";
 constexpr char kPptFlag[] = "ZIRN_PPT_FLAG";
 constexpr char kJudged[] = "ZIRN_JUDGED";
 
@@ -84,10 +86,13 @@ Entry entry_that(const BoardCall& call) {
   return entry;
 }
 
-Entry entry_that(const Cut& cut) {
+std::string milliseconds(Nanoseconds time) {
   constexpr Nanoseconds kMillisecond = 1000000;
-  Entry entry =
-      entry_with("the cable is out for " + std::to_string(cut.lasts / kMillisecond) + " ms", kCut, kRecorder);
+  return std::to_string(time / kMillisecond) + " ms";
+}
+
+Entry entry_that(const Cut& cut) {
+  Entry entry = entry_with("the cable is out for " + milliseconds(cut.lasts), kCut, kRecorder);
   put(kLasts, std::to_string(cut.lasts), &entry);
   return entry;
 }
@@ -114,16 +119,28 @@ Entry entry_that(const Gap& gap) {
   return entry_with(gap.text, kGap, kRecorder);
 }
 
+Entry entry_that(const Timeout& timeout) {
+  Entry entry =
+      entry_with("the run takes longer than " + milliseconds(timeout.after) + ": the station is asked to end",
+                 kTimeout, kRecorder);
+  put(kAfter, std::to_string(timeout.after), &entry);
+  return entry;
+}
+
 std::optional<RunEntry> said_by_ours(const Entry& entry, std::string_view kind) {
   const auto text = [&entry](const char* name) { return std::string(entry.value(name)); };
   const auto number = [&entry](const char* name) { return number_in<int>(entry.value(name)); };
+  const auto time = [&entry](const char* name) {
+    return number_in<Nanoseconds>(entry.value(name)).value_or(0);
+  };
   if (kind == kRunBegins) return RunBegins{text(kName), text(kTitle), text(kCommand)};
   if (kind == kLine) return Line{text(kMessage)};
   if (kind == kBoardCall) return BoardCall{text(kCommand), number(kStatus)};
-  if (kind == kCut) return Cut{number_in<Nanoseconds>(entry.value(kLasts)).value_or(0)};
+  if (kind == kCut) return Cut{time(kLasts)};
   if (kind == kStationEnds) return StationEnds{number(kStatus), number(kSignal).value_or(0)};
   if (kind == kRunEnds) return RunEnds{text(kPptFlag), text(kJudged)};
   if (kind == kGap) return Gap{text(kMessage)};
+  if (kind == kTimeout) return Timeout{time(kAfter)};
   return std::nullopt;
 }
 

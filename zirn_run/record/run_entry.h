@@ -8,8 +8,8 @@
 
 #include "record/item.h"
 
-// What the journal entries of a record say about a run. The bench writes all but the gaps; from a station come the
-// lines and the end, as its journal has them.
+// What the journal entries of a record say about a run. The bench writes all but the gaps and the timeout;
+// from a station come the lines and the end, as its journal has them.
 namespace record {
 
 // The run begins. What is empty is not known.
@@ -33,6 +33,11 @@ struct BoardCall {
 // The cable of a network was out, from the entry's time on.
 struct Cut {
   Nanoseconds lasts = 0;
+};
+
+// The run took longer than it was given, and the station was asked to end.
+struct Timeout {
+  Nanoseconds after = 0;
 };
 
 // The station has ended.
@@ -66,7 +71,7 @@ inline Gap gap(std::string_view what, const std::string& why) {
   return {std::string(what) + why};
 }
 
-using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunEnds, Gap>;
+using RunEntry = std::variant<RunBegins, Line, BoardCall, Cut, StationEnds, RunEnds, Gap, Timeout>;
 
 // The entry that says so, without a number.
 Entry entry_of(const RunEntry& said, Nanoseconds at);

@@ -54,6 +54,7 @@ struct Said {
 struct Step {
   enum class Kind {
     kRunBegins,    // Reading::run
+    kTimeout,      // Reading::timeout: from here on the station is to end
     kStationEnds,  // Reading::station_end
     kRunEnds,      // Reading::run_end
     kLine,         // `said`, by the station
@@ -318,6 +319,7 @@ struct Reading {
   std::vector<Gap> gaps;
   std::optional<BootScript> boot_script;
   std::optional<record::RunBegins> run;
+  std::optional<record::Timeout> timeout;
   std::optional<record::StationEnds> station_end;
   std::optional<record::RunEnds> run_end;
   std::uint16_t tftp_port = 69;  // the station's

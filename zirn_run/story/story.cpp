@@ -209,6 +209,11 @@ void Story::tell(const record::Gap& gap, const Moment& moment) {
   book_.add_unmarked(&book_.reading.gaps, {moment.at, gap.text.substr(0, kMaxText), moment.lines}, kMaxGaps);
 }
 
+void Story::tell(const record::Timeout& timeout, const Moment& moment) {
+  book_.reading.timeout = {in_bounds(timeout.after)};
+  book_.add_step(step_of(Step::Kind::kTimeout, moment));
+}
+
 void Story::pass_time(Nanoseconds now) {
   transfers_.pass_time(in_bounds(now));
 }

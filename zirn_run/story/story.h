@@ -70,6 +70,7 @@ class Story {
   void tell(const record::StationEnds& end, const Moment& moment);
   void tell(const record::RunEnds& end, const Moment& moment);
   void tell(const record::Gap& gap, const Moment& moment);
+  void tell(const record::Timeout& timeout, const Moment& moment);
 
   Book book_;
   Roles roles_;

@@ -90,6 +90,7 @@ class TestedRun : public recorder::Run, private recorder::Lines {
   void receive(const Take& take) override;
   std::string stamped(record::Nanoseconds at) const;
   void end_station(int signal, const std::string& why);
+  void time_out();
 
   const Options& options_;
   Station* const station_;
@@ -99,6 +100,7 @@ class TestedRun : public recorder::Run, private recorder::Lines {
   record::Nanoseconds began_ = 0;
   Clock::time_point began_at_;
   std::optional<Clock::time_point> ending_since_;
+  std::vector<record::Entry> own_;  // that the recorder has not received yet
   bool is_killed_ = false;
   bool has_ended_ = false;
 };
@@ -110,6 +112,8 @@ std::string TestedRun::stamped(record::Nanoseconds at) const {
 }
 
 void TestedRun::receive(const Take& take) {
+  for (const record::Entry& entry : own_) take(entry);
+  own_.clear();
   station_->receive([&](const record::Entry& entry) {
     const auto said = record::said_by(entry);
     const auto* const line = said ? std::get_if<record::Line>(&*said) : nullptr;
@@ -144,12 +148,17 @@ void TestedRun::end_station(int signal, const std::string& why) {
   station_->end(signal);
 }
 
+void TestedRun::time_out() {
+  const auto after = std::chrono::duration_cast<std::chrono::nanoseconds>(*options_.longest);
+  own_.push_back(entry_of(record::Timeout{after.count()}, recorder::now()));
+  end_station(SIGTERM, "it takes longer than it may: the station is asked to end");
+}
+
 void TestedRun::look() {
   narrator_.look();
   listener_.progress(narrator_.progress());
   const auto now = Clock::now();
-  if (!ending_since_ && options_.longest && now - began_at_ > *options_.longest)
-    end_station(SIGTERM, "it takes longer than it may: the station is asked to end");
+  if (!ending_since_ && options_.longest && now - began_at_ > *options_.longest) time_out();
   if (ending_since_ && now - *ending_since_ > Station::kPatience)
     end_station(SIGKILL, "it does not end: the station is killed");
 }
