@@ -6,6 +6,7 @@
 
 #include <csignal>
 
+#include "zirn_run/older_kernel.h"
 #include "zirn_run/recording.h"
 #include "zirn_run/tested_unit.h"
 
@@ -171,6 +172,16 @@ TEST_F(ProgramTrial, EndsTheStationAfterTheTimeout) {
   ASSERT_EQ(said.size(), 1U);
   EXPECT_EQ(said[0].after, 500'000'000);
   EXPECT_NE(output.find("(end.timeout)"), std::string::npos) << output;
+}
+
+TEST_F(ProgramTrial, NeedsNoSystemCallThatAnOlderKernelLacks) {
+  begins(call(), [] {
+    lacks_pidfd_open();
+    signal(SIGCHLD, SIG_IGN);
+  });
+  serves();
+  expect_ended_by(SIGTERM, "boot.unanswered");
+  EXPECT_NE(output.find("\n  Exit status: 15 (SIGTERM)\n"), std::string::npos) << output;
 }
 
 TEST_F(ProgramTrial, KillsAStationThatDoesNotEnd) {

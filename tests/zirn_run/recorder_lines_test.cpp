@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "zirn_run/older_kernel.h"
 #include "zirn_run/recording.h"
 
 // The station's lines, from a log or from the journal, and the end of its run.
@@ -93,6 +94,19 @@ TEST_F(RecorderLog, TheEndOfTheProcessEndsIt) {
   EXPECT_EQ(run.lines(), Strings{"last"});
   ASSERT_EQ(run.said<record::StationEnds>().size(), 1U);
   EXPECT_FALSE(run.said<record::StationEnds>()[0].status);
+}
+
+TEST_F(RecorderLog, TheEndOfTheProcessEndsItOnAnOlderKernel) {
+  Process station([] { return static_cast<int>(sleep(100)); });
+  options_.pid = station.pid();
+  Recording recording(options_, lacks_pidfd_open);
+  ASSERT_TRUE(recording.works()) << whole_file("errors");
+  usleep(500000);
+  EXPECT_TRUE(recorded("run.pcapng.part").said<record::StationEnds>().empty());
+  station.send_signal(SIGKILL);
+  ASSERT_TRUE(station.wait_for_end());
+  EXPECT_EQ(recording.exit_status(), 0);
+  EXPECT_EQ(recorded("run.pcapng").said<record::StationEnds>().size(), 1U);
 }
 
 TEST_F(RecorderLog, ALogThatIsNotThereIsNamed) {

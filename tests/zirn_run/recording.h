@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,8 +27,14 @@
 // A recorder at work, as a process.
 class Recording {
  public:
-  explicit Recording(const recorder::Options& options)
-      : process_([options] { return recorder::record(options); }, [] { append_errors_to("errors"); }),
+  explicit Recording(
+      const recorder::Options& options, const std::function<void()>& prepare = [] {})
+      : process_(
+            [options, prepare] {
+              prepare();
+              return recorder::record(options);
+            },
+            [] { append_errors_to("errors"); }),
         part_(options.output + ".part") {}
 
   pid_t pid() const { return process_.pid(); }

@@ -8,6 +8,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 // What is waited for besides frames and lines, each by a descriptor.
 namespace recorder {
 
@@ -41,13 +43,12 @@ class Signals {
   int descriptor_;
 };
 
-// The end of a process, to be waited for with all else.
+// The end of a process, to be waited for with all else. Without pidfd_open (Linux 5.3) it is there to be asked for alone.
 class Process {
  public:
+  // 0: none, which does not end.
   explicit Process(pid_t pid)
-      : descriptor_(pid == 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {
-    is_gone_ = pid != 0 && descriptor_ < 0;
-  }
+      : pid_(pid), descriptor_(pid == 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
   ~Process() {
     if (descriptor_ >= 0) close(descriptor_);
   }
@@ -57,12 +58,13 @@ class Process {
   int descriptor() const { return descriptor_; }
   bool has_ended() const {
     pollfd event = {descriptor_, POLLIN, 0};
-    return is_gone_ || poll(&event, 1, 0) > 0;
+    if (descriptor_ >= 0) return poll(&event, 1, 0) > 0;
+    return pid_ != 0 && kill(pid_, 0) != 0 && errno == ESRCH;
   }
 
  private:
-  int descriptor_;
-  bool is_gone_ = false;
+  const pid_t pid_;
+  const int descriptor_;
 };
 
 }  // namespace recorder

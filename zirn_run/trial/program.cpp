@@ -3,13 +3,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
@@ -79,24 +80,39 @@ void send_report(int control, const Report& report) {
   send(control, &report, sizeof report, MSG_NOSIGNAL);
 }
 
-// Whether the program ends within the patience with it.
-bool ends(int process, std::chrono::milliseconds patience) {
-  pollfd wait = {process, POLLIN, 0};
-  return poll(&wait, 1, static_cast<int>(patience.count())) > 0;
+// A descriptor that can be read when the guardian's only child has ended, for which SIGCHLD is blocked; -1: none.
+int news_of_child() {
+  struct sigaction action = {};
+  action.sa_handler = SIG_DFL;  // who called us may have it ignored: then no end of a child is kept
+  action.sa_flags = SA_NOCLDSTOP;
+  sigaction(SIGCHLD, &action, nullptr);
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  return signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
-// Passes signals on until the program has ended; ends it where we are gone.
-void watch(int control, int process, pid_t program) {
+// Passes signals on until the program has ended; ends it where we are gone. Returns how it ended, as waitpid says it.
+int watch(int control, int news, pid_t program) {
+  std::array<pollfd, 2> events = {{{control, POLLIN, 0}, {news, POLLIN, 0}}};
+  std::chrono::milliseconds patience{-1};  // without end
   for (;;) {
-    std::array<pollfd, 2> events = {{{control, POLLIN, 0}, {process, POLLIN, 0}}};
-    poll(events.data(), events.size(), -1);
-    if (events[1].revents != 0) return;
+    const int ready = poll(events.data(), events.size(), static_cast<int>(patience.count()));
+    signalfd_siginfo taken = {};
+    while (read(news, &taken, sizeof taken) > 0) continue;
+    int how = 0;
+    if (waitpid(program, &how, WNOHANG) != 0) return how;
+    if (ready == 0) {
+      kill(program, SIGKILL);
+      patience = std::chrono::milliseconds(-1);
+    }
+    if (ready <= 0 || events[0].revents == 0) continue;
     int signal = 0;
     const bool is_there = recv(control, &signal, sizeof signal, 0) == sizeof signal;
     kill(program, is_there ? signal : SIGTERM);
     if (is_there) continue;
-    if (!ends(process, Station::kPatience)) kill(program, SIGKILL);
-    return;
+    events[0].fd = -1;
+    patience = Station::kPatience;
   }
 }
 
@@ -105,13 +121,12 @@ void guard(const Call& call, int output, int control) {
   if (recv(control, &go, sizeof go, 0) <= 0) return;  // it was never to begin
   Report report;
   pid_t program = -1;
-  report.error = start(call, output, &program);
+  const int news = news_of_child();
+  report.error = news < 0 ? errno : start(call, output, &program);
   close(output);
   send_report(control, report);
   if (report.error != 0) return;
-  const int process = static_cast<int>(syscall(SYS_pidfd_open, program, 0));
-  watch(control, process, program);
-  while (waitpid(program, &report.how, 0) < 0 && errno == EINTR) continue;
+  report.how = watch(control, news, program);
   send_report(control, report);
 }
 
