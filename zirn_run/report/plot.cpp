@@ -100,13 +100,17 @@ class Plot {
     return svg;
   }
 
+  // A period without a unit has no yield: the line does not go across it.
   std::string line() const {
     std::string lines;
     std::string points;
     double last_x = -1;
     double last_y = 0;
     for (std::size_t i = 0; i < periods_.size(); ++i) {
-      if (periods_[i].tally.units == 0) continue;
+      if (periods_[i].tally.units == 0) {
+        last_x = -1;
+        continue;
+      }
       const double here = y(yield_of(periods_[i].tally));
       if (last_x >= 0)
         lines += "<line class=\"yield\"" + at("x1", last_x) + at("y1", last_y) + at("x2", x(i)) +
