@@ -70,6 +70,24 @@ TEST_F(ProgramWatch, NamesWhatItCannotWatch) {
   expect_refused({"watch", "--speed", "2", "-"}, 2, "--speed: expected a file, which alone can be played");
 }
 
+TEST_F(ProgramWatch, SaysWhatToDoWithWhatIsPacked) {
+  write_whole_file("run", a_run().contents());
+  const auto watches = [](const std::string& command) {
+    Process program({"sh", "-c", command + " 2>&1"});
+    const int status = status_number(program.wait_for_end(kPatience));
+    return program.read_text() + std::to_string(status);
+  };
+  const std::string watch = "'" ZIRN_RUN_PROGRAM "' watch ";
+  EXPECT_EQ(
+      watches("gzip -c run | " + watch + "-"),
+      "zirn-run: standard input: expected a pcapng or pcap file, found gzip data; before the pipe, \"gzip "
+      "-dc\" unpacks it\n3");
+  const std::string plain = watches(watch + "run");
+  EXPECT_NE(plain.find("the unit PASSED"), std::string::npos) << plain;
+  EXPECT_EQ(watches("gzip -c run | gzip -dc | " + watch + "-"), plain);
+  EXPECT_EQ(watches("gzip run && " + watch + "run.gz"), plain);
+}
+
 TEST_F(ProgramWatch, SaysThatARecordIsCutShort) {
   const std::string whole = a_run().contents();
   write_whole_file("run", whole.substr(0, whole.size() - 10));
@@ -262,6 +280,30 @@ TEST_F(ProgramWatchInTerminal, LeavesTheTerminalAsItWasHoweverItEnds) {
     kill(std::stoi(whole_file("pid")), number);
     is_as_it_was(128 + number);
   }
+}
+
+TEST_F(ProgramWatchInTerminal, IsStoppedAndGoesOnWhereItWas) {
+  terminal_->runs("clear; echo bef'ore'; zirn-run watch run");
+  ASSERT_TRUE(terminal_->shows("ended"));
+  terminal_->presses({"Home", "Enter"});
+  ASSERT_TRUE(terminal_->shows("frames 1 to 3"));
+  const std::string screen = terminal_->screen();
+  terminal_->presses({"C-z"});
+  EXPECT_TRUE(terminal_->shows("before\n")) << terminal_->screen();
+  EXPECT_TRUE(terminal_->shows("Stopped")) << terminal_->screen();
+  terminal_->runs("stty -a | grep -o ' icanon'");
+  EXPECT_TRUE(terminal_->shows("\n icanon\n")) << terminal_->screen();
+  terminal_->runs("fg");
+  EXPECT_TRUE(terminal_->shows("frames 1 to 3")) << terminal_->screen();
+  EXPECT_EQ(terminal_->screen(), screen);
+  terminal_->presses({"C-z"});
+  ASSERT_TRUE(terminal_->shows("Stopped"));
+  terminal_->is_resized(100, 12);
+  terminal_->runs("fg");
+  EXPECT_TRUE(terminal_->shows(std::string(68, ' ') + " 1.0 s  ended\n")) << terminal_->screen();
+  terminal_->presses({"q"});
+  terminal_->runs("echo status $?");
+  EXPECT_TRUE(terminal_->shows("status 0\n")) << terminal_->screen();
 }
 
 TEST_F(ProgramWatchInTerminal, HasColoursUnlessTheyAreNotWanted) {

@@ -18,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <string_view>
 #include <system_error>
 
 #include "frames/words.h"
@@ -81,6 +82,11 @@ std::string free_name(const std::string& stem, const std::string& ending) {
   for (int i = 2; std::filesystem::exists(name); ++i)
     name = std::string(stem).append("-").append(std::to_string(i)).append(ending);
   return name;
+}
+
+// A file is unpacked; what comes through a pipe is taken as it comes.
+const char* advice_for(std::string_view found) {
+  return found.find("gzip") == std::string_view::npos ? "" : "; before the pipe, \"gzip -dc\" unpacks it";
 }
 
 // What the recorder says of its work while the terminal shows something else.
@@ -201,7 +207,7 @@ void Watch::run() {
   } catch (const std::system_error& error) {
     throw NotWatchable(name() + ": " + error.code().message());
   } catch (const record::NotARecord& error) {
-    throw NotWatchable(is_live() ? "" : name() + ": " + error.what());
+    throw NotWatchable(is_live() ? "" : name() + ": " + error.what() + advice_for(error.what()));
   }
   std::optional<HeldSignals> signals;
   if (is_shown_) {
