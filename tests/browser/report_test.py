@@ -93,6 +93,27 @@ class Overview(Pages):
         marked = self.browser.run('[...document.querySelectorAll("td.out")].map(cell => cell.parentNode.cells[0].textContent)')
         self.assertEqual(marked, ['line-07', 'line-07'])
 
+    def test_sorts_the_stations(self):
+        self.report(rows=made_runs.many(2000))
+        self.open()
+        stations = '[...document.querySelectorAll("#compared tbody th")].map(cell => cell.textContent)'
+        lost = '[...document.querySelectorAll("#compared tbody tr")].map(row => Number(row.cells[5].dataset.value))'
+        head = '#compared th[data-key=lost]'
+        by_name = self.browser.run(stations)
+        self.assertEqual(by_name, sorted(by_name))
+        self.assertEqual(self.browser.run('document.querySelector("#compared th").ariaSort'), 'ascending')
+        self.browser.click(head + ' button')
+        self.assertEqual(self.browser.run(stations)[0], 'line-07')
+        self.assertEqual(self.browser.run(lost), sorted(self.browser.run(lost), reverse=True))
+        self.assertEqual(self.browser.run('document.querySelector("%s").ariaSort' % head), 'descending')
+        self.assertEqual(self.browser.run('location.hash'), '#stations=-lost')
+        self.browser.click(head + ' button')
+        self.assertEqual(self.browser.run(lost), sorted(self.browser.run(lost)))
+        self.browser.go(-1)
+        self.browser.wait('location.hash === "#stations=-lost" && %s[0] === "line-07"' % stations)
+        self.browser.go(-1)
+        self.browser.wait('!location.hash && %s[0] === "%s"' % (stations, by_name[0]))
+
     def test_counts_causes_and_steps_most_frequent_first(self):
         self.report(rows=made_runs.many(1000))
         self.open()

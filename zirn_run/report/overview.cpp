@@ -80,12 +80,14 @@ std::string filter_link(const std::string& key, const std::string& value, const 
 struct Column {
   const char* name;  // empty: of bars
   const char* look = "";
+  const char* key = "";  // by which the page's script sorts; empty: not at all
 };
 
 std::string head_of(const std::vector<Column>& columns) {
   std::string html = "<thead><tr>";
   for (const Column& column : columns) {
-    const std::string look = std::string(" class=\"") + column.look + "\">";
+    const std::string key = *column.key == '\0' ? "" : std::string(" data-key=\"") + column.key + "\"";
+    const std::string look = key + " class=\"" + column.look + "\">";
     html +=
         *column.name == '\0' ? "<td" + look + "</td>" : "<th scope=\"col\"" + look + column.name + "</th>";
   }
@@ -94,6 +96,12 @@ std::string head_of(const std::vector<Column>& columns) {
 
 std::string number_cell(const std::string& text, const char* look = "") {
   return std::string("<td class=\"number ") + look + "\">" + text + "</td>";
+}
+
+// The same of a number that the page's script can sort by.
+std::string number_cell(double value, const std::string& text, const char* look = "") {
+  return "<td data-value=\"" + picture::decimal(value, 3) + "\" class=\"number " + look + "\">" + text +
+         "</td>";
 }
 
 // One line of a Pareto: its count, its share, the share of all up to it, and a bar.
@@ -185,34 +193,38 @@ std::string stations_of(const Overview& overview) {
   const double repeated = limit_of(stations, &Tally::blocks_repeated);
   std::string html =
       "<section aria-labelledby=\"stations\">\n<h2 id=\"stations\">Stations</h2>\n<div "
-      "class=\"wide\"><table>\n"
+      "class=\"wide\"><table id=\"compared\">\n"
       "<caption>What is more than three times the middle station's, and more than one per run, is marked "
       "<b class=\"failed\">high</b></caption>\n" +
-      head_of({{"station"},
-               {"runs", "number"},
-               {"units", "number"},
-               {"first-pass yield", "number"},
+      head_of({{"station", "", "station"},
+               {"runs", "number", "runs"},
+               {"units", "number", "units"},
+               {"first-pass yield", "number", "yield"},
                {"", "bar"},
-               {"lost frames per run", "number"},
-               {"repeated blocks per run", "number"},
-               {"median", "number"},
-               {"95 of 100 within", "number"}});
+               {"lost frames per run", "number", "lost"},
+               {"repeated blocks per run", "number", "repeated"},
+               {"median", "number", "median"},
+               {"95 of 100 within", "number", "most"}});
   for (std::size_t i = 0; i < std::min(stations.size(), kMostStations); ++i) {
     const auto& [name, tally] = stations[i];
     const bool has_many = stations.size() > 2;
     const auto damage = [&, &one = tally](std::uint64_t count, double limit) {
       const bool stands_out = has_many && per_run(count, one) > limit;
-      return number_cell(picture::decimal(per_run(count, one), 1) + (stands_out ? " (high)" : ""),
+      return number_cell(per_run(count, one),
+                         picture::decimal(per_run(count, one), 1) + (stands_out ? " (high)" : ""),
                          stands_out ? "out" : "");
     };
     const double yield =
         tally.units == 0 ? 0
                          : 100.0 * static_cast<double>(tally.units_passed) / static_cast<double>(tally.units);
     html += "<tr><th scope=\"row\">" + filter_link("station", name, isolated(name)) + "</th>" +
-            number_cell(in_thousands(tally.runs)) + number_cell(in_thousands(tally.units)) +
-            number_cell(share_in_words(tally.units_passed, tally.units)) + "<td class=\"bar test-network\">" +
-            bar(yield) + "</td>" + damage(tally.frames_lost, lost) + damage(tally.blocks_repeated, repeated) +
-            number_cell(seconds(tally.median)) + number_cell(seconds(tally.most)) + "</tr>\n";
+            number_cell(static_cast<double>(tally.runs), in_thousands(tally.runs)) +
+            number_cell(static_cast<double>(tally.units), in_thousands(tally.units)) +
+            number_cell(tally.units == 0 ? -1 : yield, share_in_words(tally.units_passed, tally.units)) +
+            "<td class=\"bar test-network\">" + bar(yield) + "</td>" + damage(tally.frames_lost, lost) +
+            damage(tally.blocks_repeated, repeated) +
+            number_cell(static_cast<double>(tally.median), seconds(tally.median)) +
+            number_cell(static_cast<double>(tally.most), seconds(tally.most)) + "</tr>\n";
   }
   return html + "</tbody>\n</table></div>\n" +
          rest_in_words(stations.size() - std::min(stations.size(), kMostStations), "station") +

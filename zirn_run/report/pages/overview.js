@@ -1,4 +1,5 @@
-// The table of runs: what is filtered, sorted and searched stands in the address, so that back, forward and a link work.
+// The tables of runs and of stations: what is filtered, sorted and searched stands in the address, so that back, forward
+// and a link work.
 'use strict';
 
 const kRowsAtOnce = 100;
@@ -17,6 +18,9 @@ const runs = data.runs.map((run, place) => {
 
 const table = document.getElementById('runs');
 const body = table.tBodies[0];
+const compared = document.getElementById('compared');
+const stations = compared ? [...compared.tBodies[0].rows] : [];
+let stations_by = null;
 const form = document.getElementById('filter');
 const more = document.getElementById('more');
 let chosen = [];
@@ -97,20 +101,51 @@ function compare(one, other, key) {
   return a < b ? -1 : a > b ? 1 : 0;
 }
 
+// "-lost": by that column, falling.
+function order_of(text, keys, otherwise) {
+  const order = /^(-?)(\w+)$/.exec(text || '');
+  return order && keys.includes(order[2]) ? {key: order[2], sign: order[1] ? -1 : 1} : otherwise;
+}
+
+function mark_order(sorted, {key, sign}) {
+  for (const head of sorted.tHead.querySelectorAll('th')) {
+    if (head.dataset.key === key) head.ariaSort = sign < 0 ? 'descending' : 'ascending';
+    else head.removeAttribute('aria-sort');
+  }
+}
+
+// What to sort by when the head of a column is clicked; nothing for what is none.
+function next_order(event) {
+  const head = event.target.closest('th');
+  if (!head || !head.dataset.key) return '';
+  const falls = head.ariaSort ? head.ariaSort === 'ascending' : head.classList.contains('number');
+  return (falls ? '-' : '') + head.dataset.key;
+}
+
+function sort_stations(wanted) {
+  const asked = wanted.get('stations') || '';
+  if (!compared || asked === stations_by) return;
+  stations_by = asked;
+  const heads = [...compared.tHead.rows[0].cells];
+  const order = order_of(asked, heads.map(head => head.dataset.key), {key: 'station', sign: 1});
+  const place = heads.findIndex(head => head.dataset.key === order.key);
+  const value = row => 'value' in row.cells[place].dataset ? Number(row.cells[place].dataset.value) : row.cells[place].textContent;
+  const rows = stations.map((row, before) => ({row, before, value: value(row)}));
+  rows.sort((one, other) => order.sign * compare(one, other, 'value') || one.before - other.before);
+  compared.tBodies[0].append(...rows.map(one => one.row));
+  mark_order(compared, order);
+}
+
 function show() {
   const wanted = state();
+  sort_stations(wanted);
   const words = (wanted.get('search') || '').toLowerCase().split(/\s+/).filter(Boolean);
   const exact = ['verdict', 'owner', 'station', 'cause', 'step'].filter(key => wanted.has(key));
   chosen = runs.filter(run => exact.every(key => run[key] === wanted.get(key)) &&
     words.every(word => run.text.includes(word)));
-  const sort = /^(-?)(\w+)$/.exec(wanted.get('sort') || '');
-  const key = sort && columns.includes(sort[2]) ? sort[2] : 'start';
-  const sign = !sort || sort[1] ? -1 : 1;
-  chosen.sort((one, other) => sign * compare(one, other, key) || one.place - other.place);
-  for (const head of table.tHead.querySelectorAll('th')) {
-    if (head.dataset.key === key) head.ariaSort = sign < 0 ? 'descending' : 'ascending';
-    else head.removeAttribute('aria-sort');
-  }
+  const order = order_of(wanted.get('sort'), columns, {key: 'start', sign: -1});
+  chosen.sort((one, other) => order.sign * compare(one, other, order.key) || one.place - other.place);
+  mark_order(table, order);
   for (const control of form.elements)
     if (control.name && control.value !== (wanted.get(control.name) || '')) control.value = wanted.get(control.name) || '';
   const further = ['cause', 'step'].filter(one => wanted.has(one)).map(one => `, ${one} ${wanted.get(one)}`).join('');
@@ -142,11 +177,21 @@ form.addEventListener('reset', event => {
   show();
 });
 table.tHead.addEventListener('click', event => {
-  const head = event.target.closest('th');
-  if (!head || !head.dataset.key) return;
-  const falls = head.ariaSort ? head.ariaSort === 'ascending' : head.classList.contains('number');
-  change('sort', (falls ? '-' : '') + head.dataset.key, true);
+  const order = next_order(event);
+  if (order) change('sort', order, true);
 });
+if (compared) {
+  for (const head of compared.tHead.querySelectorAll('th[data-key]')) {
+    const button = document.createElement('button');
+    button.type = 'button';
+    button.append(...head.childNodes);
+    head.append(button);
+  }
+  compared.tHead.addEventListener('click', event => {
+    const order = next_order(event);
+    if (order) change('stations', order, true);
+  });
+}
 more.addEventListener('click', draw_more);
 
 // Looks again each time: whoever scrolls fast is at the new end before it was out of view.
