@@ -192,8 +192,14 @@ class Overview(Pages):
 
     def test_ten_thousand_runs_open_soon(self):
         self.report(rows=made_runs.many(10000))
-        seconds = min(self.open() for _ in range(3))
-        self.assertLess(seconds, 2 * float(os.environ.get('SLOWER', 4)))
+        took = []
+        for _ in range(3):
+            before = self.browser.processor_seconds()
+            seconds = self.open()
+            used = self.browser.processor_seconds() - before
+            self.assertGreater(used, 0)
+            took.append(min(seconds, used))  # a busy machine takes longer, and no more of a processor
+        self.assertLess(min(took), 2)
 
 
 class Run(Pages):
