@@ -255,6 +255,7 @@ void Run::take_habit(const std::string& name) {
 void Run::crash() {
   unit();
   timeline_.log(who(), "crashes");
+  if (state().reading) state().reading->freeze();
   neighbours().network.remove_unit(unit_);
   unit().drop_connection();
   state().reading.reset();

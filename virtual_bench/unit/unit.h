@@ -1,6 +1,8 @@
 #ifndef UNIT_UNIT_H
 #define UNIT_UNIT_H
 
+#include <signal.h>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -16,6 +18,8 @@ class Reading {
  public:
   Reading(const NetworkNamespace& place, const ReadRequest& request);
   bool has_ended() { return process_.end().has_value(); }
+  // It does nothing more, and nobody hears of that.
+  void freeze() const { process_.send_signal(SIGSTOP); }
   // Of a read that has ended: nothing when the file arrived, else why not: "ERROR 1, File not found".
   std::optional<std::string> failure();
 
