@@ -47,6 +47,18 @@ TEST_F(Words, OfTheTableAreWhole) {
   }
 }
 
+// The other one must not be put aside.
+TEST_F(Words, NameTheUnitOfAVerdictWhereThereAreTwo) {
+  begins_with_a_verdict();
+  unit.address = made::kUnitB;
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  fault();
+  const std::string text = explanation::text_of(told, "run");
+  EXPECT_NE(text.find("The unit gave F_l_m_09PPT_FAILED at "), std::string::npos) << text;
+  EXPECT_NE(text.find(", from 172.40.0.3 (frames "), std::string::npos) << text;
+}
+
 TEST_F(Words, NameTheMissingFile) {
   begins_with_a_verdict();
   is_refused("kernel.img", 1, "");

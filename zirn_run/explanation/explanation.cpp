@@ -31,12 +31,22 @@ Outcome outcome_of(const Case& c) {
   return *finals.begin() == Says::kPassed ? Outcome::kPassed : Outcome::kFailed;
 }
 
+// Which unit, too, where there are several.
+std::string gave(const Case& c, const Case::Verdict& verdict) {
+  std::string text = "the unit gave " + frames::printable(verdict.name) + at(c, verdict.at);
+  const auto units =
+      std::count_if(c.reading.parties.begin(), c.reading.parties.end(),
+                    [](const story::Party& party) { return party.role == story::Role::kUnit; });
+  const std::size_t unit = verdict.place == kNone ? kNone : c.reading.verdicts[verdict.place].unit;
+  if (units > 1 && unit != kNone) text += ", from " + address_of(c.reading, unit);
+  return text;
+}
+
 void find_failures(Case* c) {
   for (const Case::Verdict& verdict : c->verdicts) {
     if (!is_failure(verdict.says)) continue;
-    const std::string name = frames::printable(verdict.name);
-    c->find(kUnitFailed, verdict.at, "the unit gave " + name + at(*c, verdict.at), verdict.evidence, true,
-            name);
+    c->find(kUnitFailed, verdict.at, gave(*c, verdict), verdict.evidence, true,
+            frames::printable(verdict.name));
   }
 }
 
@@ -125,8 +135,7 @@ Claim blame(const Case& c, const Case::Verdict& failure) {
   });
   if (better != nullptr && is_first_for_sure(*better, before, failure.at, c)) return claim_of(*better, c);
   if (better == nullptr && c.is_all_seen(before, failure.at)) return claim_of(cause(kUnitFailed), c);
-  return claim_of("verdict.unexplained",
-                  {"the unit gave " + frames::printable(failure.name) + at(c, failure.at), failure.evidence});
+  return claim_of("verdict.unexplained", {gave(c, failure), failure.evidence});
 }
 
 Claim fault_of_failure(const Case& c) {
@@ -164,8 +173,7 @@ Claim fault_of(const Case& c, Outcome outcome) {
   if (outcome == Outcome::kNone) return fault_of_none(c);
   const auto final = std::find_if(c.verdicts.begin(), c.verdicts.end(),
                                   [](const Case::Verdict& verdict) { return verdict.says == Says::kPassed; });
-  return claim_of("passed",
-                  {"the unit gave " + frames::printable(final->name) + at(c, final->at), final->evidence});
+  return claim_of("passed", {gave(c, *final), final->evidence});
 }
 
 std::vector<Claim> others(const Case& c, const Claim& fault) {
