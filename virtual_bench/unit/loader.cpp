@@ -51,7 +51,7 @@ std::string request_bytes(const ReadRequest& request) {
   for (std::string name, value; options >> name >> value;) {
     const auto& own = name == TFTP_Packet::kBlockSizeOption ? request.block_size : request.timeout_seconds;
     if (name != TFTP_Packet::kTransferSizeOption && own) value = std::to_string(*own);
-    if (value != kNoValue) bytes += name + '\0' + value + '\0';
+    if (value != kNoValue) bytes.append(name).append(1, '\0').append(value).append(1, '\0');
   }
   return bytes;
 }

@@ -230,7 +230,7 @@ Unit::Answer Unit::ask_on(const std::string& question, double seconds, std::size
 }
 
 std::string Unit::hang_up() {
-  const std::string left = held_ == nullptr ? "" : next_text(*held_, 0, kAnyLength).value_or("");
+  std::string left = held_ == nullptr ? "" : next_text(*held_, 0, kAnyLength).value_or("");
   held_.reset();
   return left;
 }
