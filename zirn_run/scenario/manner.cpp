@@ -83,10 +83,12 @@ std::string repetitions(const Transfer& read, double seconds) {
 Manner manner_of(const Transfer& read, Script* script) {
   Transfer::Options asked;
   for (const auto& [name, value] : read.asked) {
-    if (can_be_said(name, value))
+    if (can_be_said(name, value)) {
       asked.emplace_back(name, value);
-    else
-      script->cannot_say(read.from, "asks for the option " + name + " " + value, read.frames);
+      continue;
+    }
+    std::string what = "asks for the option ";
+    script->cannot_say(read.from, what.append(name).append(" ").append(value), read.frames);
   }
   const double seconds = shortest_patience(read);
   std::optional<Manner> found;
