@@ -55,7 +55,8 @@ std::string outcome_of(const Transfer& one) {
   if (arrives(one)) return text + ": arrives, " + frames::counted(one.bytes, "byte");
   if (one.end != Transfer::End::kError) return text + ": does not arrive";
   text += ": ERROR " + std::to_string(one.error_code);
-  return text + (one.ended_by == story::kStation ? ' ' + one.error.text + " by the station" : " by the unit");
+  if (one.ended_by != story::kStation) return text + " by the unit";
+  return text + (one.error.text.empty() ? "" : ' ' + one.error.text) + " by the station";
 }
 
 const char* in_words(PassedOn outcome) {
@@ -262,8 +263,8 @@ class Telling {
 
 Known known_of(const Reading& reading) {
   Known known;
-  known.networks = reading.has_frames;
-  known.ppt_network = reading.has_frames &&
+  known.networks = reading.has_frames || !reading.networks.empty();
+  known.ppt_network = known.networks &&
                       (reading.networks.size() > 1 ||
                        std::any_of(reading.parties.begin(), reading.parties.end(),
                                    [](const story::Party& party) { return party.role == Role::kPptServer; }));
