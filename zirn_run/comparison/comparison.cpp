@@ -1,6 +1,8 @@
 #include "comparison/comparison.h"
 
 #include <algorithm>
+#include <map>
+#include <string_view>
 
 #include "comparison/strands.h"
 
@@ -21,7 +23,7 @@ const Item* item_at(const Strand& strand, std::size_t place) {
   return place < strand.items.size() ? &strand.items[place] : nullptr;
 }
 
-// At least one of the two is there. Before it they have in common what may be missing, too.
+// What stands at one place in two strands; one of them may have nothing there.
 struct Pair {
   const Item* first = nullptr;
   const Item* other = nullptr;
@@ -53,26 +55,29 @@ class Comparing {
   }
 
   std::optional<Found> in_any_order(const Strand& one, const Strand& other) const {
+    const Places its = places_in(one), others = places_in(other);
     Pair common;
-    for (const Item& item : one.items) {
-      const Item* const same = same_in(other, item);
-      if (same == nullptr) return found({&item, nullptr}, common);
-      common = {&item, same};
+    for (const auto& item : one.items) {
+      const auto same = others.find(item.words);
+      if (same == others.end()) return found({&item, nullptr}, common);
+      common = {&item, same->second};
     }
     common = {};
-    for (const Item& item : other.items) {
-      const Item* const same = same_in(one, item);
-      if (same == nullptr) return found({nullptr, &item}, common);
-      common = {same, &item};
+    for (const auto& item : other.items) {
+      const auto same = its.find(item.words);
+      if (same == its.end()) return found({nullptr, &item}, common);
+      common = {same->second, &item};
     }
     return std::nullopt;
   }
 
  private:
-  static const Item* same_in(const Strand& strand, const Item& item) {
-    const auto same = std::find_if(strand.items.begin(), strand.items.end(),
-                                   [&item](const Item& one) { return one.words == item.words; });
-    return same == strand.items.end() ? nullptr : &*same;
+  using Places = std::map<std::string_view, const Item*>;
+
+  static Places places_in(const Strand& strand) {
+    Places places;
+    for (const Item& item : strand.items) places.emplace(item.words, &item);
+    return places;
   }
 
   // What the first one has is at its own time, what the other has alone at that of the last common thing.

@@ -186,7 +186,9 @@ class Telling {
       auto& items = strands_[who + " reads"].items;
       if (!items.empty() && last[who].asked == asked && !last[who].arrives) items.pop_back();
       last[who] = {asked, arrives(one) || one.end == Transfer::End::kError};
-      add(who + " reads", who + ' ' + asked + outcome_of(one), event_of(one));
+      std::string words = who;
+      words.append(" ").append(asked).append(outcome_of(one));
+      add(who + " reads", std::move(words), event_of(one));
     }
   }
 

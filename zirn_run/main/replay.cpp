@@ -65,7 +65,7 @@ void wait_for(const station::Child& bench, const std::string& name) {
 
 }  // namespace
 
-Replay::Replay(std::string bench, std::string program)
+Replay::Replay(const std::string& bench, const std::string& program)
     : bench_(found_bench(bench)), program_(found_program(program)), folder_(made_folder()) {}
 
 Replay::~Replay() {

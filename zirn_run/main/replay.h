@@ -8,7 +8,7 @@
 class Replay {
  public:
   // `bench`, `program`: files; empty: those beside this program. Throws NotPossible where there are none.
-  Replay(std::string bench, std::string program);
+  Replay(const std::string& bench, const std::string& program);
   ~Replay();
   Replay(const Replay&) = delete;
   Replay& operator=(const Replay&) = delete;
