@@ -1,6 +1,7 @@
 // `zirn-run scenario --check`.
+#include <filesystem>
+
 #include "zirn_run/called_program.h"
-#include "zirn_run/made_capture.h"
 
 namespace {
 
@@ -88,6 +89,11 @@ TEST_F(ProgramReplay, RefusesWhatItCannotDo) {
                  "zirn-run: missing: expected the station's program");
   expect_refused({"scenario", "--check", "short.pcapng", "--record", "./short.pcapng"}, 3,
                  "zirn-run: ./short.pcapng: expected a file for the replay's record, found short.pcapng");
+  write_whole_file("no-bench",
+                   "#!/bin/sh\necho 'bench: not possible on this machine: no tun' >&2\nexit 77\n");
+  std::filesystem::permissions("no-bench", std::filesystem::perms::owner_all);
+  expect_refused({"scenario", "--check", "short.pcapng", "--bench", "no-bench"}, 3,
+                 "zirn-run: bench: not possible on this machine: no tun");
   write_whole_file("no.run", "unit sings\n");
   const Result result = calls({"scenario", "--check", "short.pcapng", "no.run"});
   EXPECT_EQ(result.status, 3);
