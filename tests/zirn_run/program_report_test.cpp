@@ -1,6 +1,9 @@
 // zirn-run report as it is called.
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 
 #include "support/sanitized.h"
@@ -162,6 +165,31 @@ TEST_P(ProgramReport, HoldsNoMoreOfManyRunsThanOfFew) {
   };
   EXPECT_EQ(lines("runs.csv"), kRuns + 1);
   EXPECT_EQ(lines("runs.xml"), kRuns + 5);
+}
+
+class ProgramReportOfMany : public CalledProgram {};
+
+// What it took is said, too.
+TEST_F(ProgramReportOfMany, AMillionRunsInAMinuteAnd200MiBLong) {
+  if (ScratchServer::programs().empty()) GTEST_SKIP() << "needs initdb (package postgresql)";
+  const ScratchServer server(directory_.path());
+  {
+    database::Database made(server.url(), database::Database::Use::kWrite, {});
+    fill_with_runs(&made, 1'000'000);
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  Program report(
+      {"sh", "-c",
+       "ulimit -d 204800; exec '" ZIRN_RUN_PROGRAM "' report -o pages '" + server.url() + "'"});  // KiB
+  EXPECT_EQ(report.exit_status(std::chrono::seconds(600)), 0) << report.output();
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+  rusage used = {};
+  getrusage(RUSAGE_CHILDREN, &used);
+  std::cout << "a million runs: " << seconds.count() << " s, " << used.ru_maxrss / 1024 << " MiB"
+            << std::endl;
+  EXPECT_LT(seconds.count(), 60);
+  EXPECT_LT(used.ru_maxrss, 200 * 1024);
+  EXPECT_NE(whole_file("pages/index.html").find("1,000,000"), std::string::npos);
 }
 
 class ProgramReportCall : public CalledProgram {};
