@@ -292,6 +292,24 @@ TEST_F(RecorderJournal, ARunThatBeginsBehindTheOneBeforeIsARecordOfItsOwn) {
   EXPECT_EQ(recorded(records()[1]).count("of the first"), 0U);
 }
 
+TEST_F(RecorderJournal, WhatCannotBeReadIsPassedOver) {
+  Recording recording(options_);
+  ASSERT_TRUE(recording.works()) << whole_file("errors");
+  station_prints("first");
+  EXPECT_TRUE(wait_until([] { return recorded("run.pcapng.part").lines().size() == 1; }));
+  std::ofstream("journal", std::ios::app) << "this is no field\n\n" << std::flush;
+  usleep(300000);
+  std::ofstream("journal").flush();
+  station_prints("later");
+  EXPECT_TRUE(wait_until([] { return recorded("run.pcapng.part").lines().size() == 2; }));
+  EXPECT_EQ(recording.stops(), 0);
+  const Recorded run = recorded("run.pcapng");
+  EXPECT_EQ(run.lines(), (Strings{"first", "later"}));
+  EXPECT_EQ(run.gaps(), Strings{"lines may be missing: journalctl ended, and is begun anew"});
+  const std::string called = whole_file("called");
+  EXPECT_NE(called.find("--since=@", called.find('\n')), std::string::npos) << called;
+}
+
 TEST_F(RecorderJournal, NoChildOutlivesIt) {
   Recording recording(options_);
   ASSERT_TRUE(recording.works()) << whole_file("errors");

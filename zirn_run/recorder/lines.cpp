@@ -54,6 +54,12 @@ bool Journal::read_more() {
   return count > 0;
 }
 
+// What cannot be read would come again behind the last cursor, for ever.
+void Journal::pass_over() {
+  journalctl_ = station::Child();
+  from_ = since_text(now());
+}
+
 void Journal::receive(const Take& take) {
   using record::journal_text::Taken;
   while (descriptor() >= 0 && read_more()) {
@@ -68,7 +74,7 @@ void Journal::receive(const Take& take) {
       has_told_ = false;
     }
     text_.erase(0, text_.size() - rest.size());
-    if (taken == Taken::kWrong) journalctl_ = station::Child();
+    if (taken == Taken::kWrong) pass_over();
   }
   if (descriptor() >= 0 || now() - began_ < kPause) return;
   if (!has_told_)

@@ -37,6 +37,7 @@ class Journal : public Lines {
  private:
   void begin();
   bool read_more();
+  void pass_over();
 
   const std::string unit_;
   std::string from_;  // where it begins
