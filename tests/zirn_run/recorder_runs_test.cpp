@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "record/writer.h"
 #include "recorder/runs.h"
@@ -115,6 +117,29 @@ TEST_F(RecorderRuns, WhatGoesBeyondTheLimitGoesTheOldestFirst) {
   EXPECT_EQ(files().size(), 5U);
   recorder::limit_runs(".", 200, 3 * size - 1);
   EXPECT_EQ(files(), (Strings{"0.pcapng.part", "3.pcapng", "4.pcapng"}));
+}
+
+TEST_F(RecorderRuns, SeveralMayKeepOneFolderInOrder) {
+  constexpr int kRuns = 300;
+  for (int i = 0; i < kRuns; ++i) make_run(std::to_string(1000 + i) + ".pcapng.part", {}, 1);
+  const auto keeps = [] {
+    try {
+      for (int i = 0; i < 5; ++i) {
+        recorder::complete_runs(".");
+        recorder::limit_runs(".", 5, 20000);
+      }
+      return 0;
+    } catch (const std::exception& error) {
+      std::ofstream("errors", std::ios::app) << error.what() << std::endl;
+      return 1;
+    }
+  };
+  std::vector<std::unique_ptr<Process>> keepers;
+  for (int i = 0; i < 4; ++i) keepers.push_back(std::make_unique<Process>(keeps));
+  for (const auto& keeper : keepers)
+    EXPECT_EQ(status_number(keeper->wait_for_end()), 0) << whole_file("errors");
+  EXPECT_EQ(files().back(), "1299.pcapng");
+  EXPECT_LT(files().size(), 100U);
 }
 
 TEST_F(RecorderRuns, AnUnfinishedOneIsCompletedAsFarAsItGoesAndMarked) {

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "record/byte_order.h"
@@ -85,24 +86,32 @@ std::uint64_t end_of_blocks(const fs::path& name) {
   }
 }
 
-// What is missing is so from the last writing on, however much later that is found.
+// Ends the file, which nobody writes any more. What is missing is so from the last writing on, however much later that is
+// found. False: it cannot be written.
+bool end_with_gap(int descriptor, std::uint64_t end) {
+  struct stat about = {};
+  if (fstat(descriptor, &about) != 0) return false;
+  const record::Nanoseconds written_last = about.st_mtim.tv_sec * kSecond + about.st_mtim.tv_nsec;
+  const std::string entry =
+      block_of(entry_of(record::gap(record::kAllMissing, "the recorder was cut off"), written_last));
+  return ftruncate(descriptor, static_cast<off_t>(end)) == 0 &&
+         pwrite(descriptor, entry.data(), entry.size(), static_cast<off_t>(end)) ==
+             static_cast<ssize_t>(entry.size());
+}
+
+// Others may do the same at once: what is gone meanwhile, they have completed.
 void complete(const fs::path& part) {
   const int descriptor = open(part.c_str(), O_WRONLY | O_CLOEXEC);
+  if (descriptor < 0 && errno == ENOENT) return;
   if (descriptor < 0) throw std::system_error(errno, std::generic_category(), part);
   const bool is_left = flock(descriptor, LOCK_EX | LOCK_NB) == 0;
-  const std::uint64_t end = is_left ? end_of_blocks(part) : 0;
-  if (is_left && end == 0) fs::remove(part);
-  struct stat about = {};
-  if (end > 0 && fstat(descriptor, &about) == 0) {
-    const record::Nanoseconds written_last = about.st_mtim.tv_sec * kSecond + about.st_mtim.tv_nsec;
-    const std::string entry =
-        block_of(entry_of(record::gap(record::kAllMissing, "the recorder was cut off"), written_last));
-    const bool is_done = ftruncate(descriptor, static_cast<off_t>(end)) == 0 &&
-                         pwrite(descriptor, entry.data(), entry.size(), static_cast<off_t>(end)) ==
-                             static_cast<ssize_t>(entry.size());
-    if (is_done) fs::rename(part, fs::path(part).replace_extension());
-  }
+  std::error_code error;
+  const bool is_there = is_left && fs::exists(part, error);
+  const std::uint64_t end = is_there ? end_of_blocks(part) : 0;
+  if (is_there && end == 0) fs::remove(part, error);
+  if (end > 0 && end_with_gap(descriptor, end)) fs::rename(part, fs::path(part).replace_extension(), error);
   close(descriptor);
+  if (error && error != std::errc::no_such_file_or_directory) throw std::system_error(error, part);
 }
 
 // The line of an entry's block; empty: it is none.
@@ -133,16 +142,22 @@ void complete_runs(const std::string& folder) {
 }
 
 void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes) {
-  std::vector<fs::path> runs = files_in(folder, kEnding);
+  const std::vector<fs::path> runs = files_in(folder, kEnding);
   for (std::size_t i = 0; i + kept < runs.size(); ++i) {
     if (has_passed(runs[i])) fs::remove(runs[i]);
   }
-  runs = files_in(folder, kEnding);
+  std::vector<std::pair<fs::path, std::uint64_t>> sizes;
   std::uint64_t sum = 0;
-  for (const fs::path& run : runs) sum += fs::file_size(run);
-  for (std::size_t i = 0; sum > bytes && i < runs.size(); ++i) {
-    sum -= fs::file_size(runs[i]);
-    fs::remove(runs[i]);
+  for (const fs::path& run : files_in(folder, kEnding)) {
+    std::error_code gone;
+    const std::uint64_t size = fs::file_size(run, gone);
+    if (gone) continue;
+    sizes.emplace_back(run, size);
+    sum += size;
+  }
+  for (std::size_t i = 0; sum > bytes && i < sizes.size(); ++i) {
+    sum -= sizes[i].second;
+    fs::remove(sizes[i].first);
   }
 }
 
