@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <ifaddrs.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -8,10 +7,10 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 #include <optional>
 
 #include "check/looks.h"
+#include "station/addresses.h"
 
 namespace check {
 
@@ -60,13 +59,8 @@ bool link_has(int flag) {
 
 // The label of an address of the board; the link's name where it has none. Nothing: the board has no such address.
 std::optional<std::string> label_of(const std::string& address) {
-  ifaddrs* all = nullptr;
-  if (getifaddrs(&all) != 0) return std::nullopt;
-  const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(all, freeifaddrs);
-  for (const ifaddrs* it = all; it != nullptr; it = it->ifa_next) {
-    if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != AF_INET) continue;
-    if (text_of(reinterpret_cast<const sockaddr_in*>(it->ifa_addr)->sin_addr.s_addr) == address)
-      return it->ifa_name;
+  for (const station::OwnAddress& own : station::own_addresses()) {
+    if (own.address == address) return own.label;
   }
   return std::nullopt;
 }

@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "check/looks.h"
+#include "station/addresses.h"
 
 namespace check {
 
@@ -45,19 +46,6 @@ std::optional<sockaddr_in> address_in(const std::string& text) {
   return address;
 }
 
-// The board's address towards it. A connected socket of UDP asks the kernel and sends nothing. Empty: no route.
-std::string way_to(sockaddr_in address) {
-  constexpr std::uint16_t kAnyPort = 69;
-  address.sin_port = htons(kAnyPort);
-  const Descriptor udp(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (connect(udp.number(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return "";
-  socklen_t size = sizeof address;
-  getsockname(udp.number(), reinterpret_cast<sockaddr*>(&address), &size);
-  char text[INET_ADDRSTRLEN] = {};
-  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-  return text;
-}
-
 std::uint16_t checksum_of(const icmphdr& header) {
   std::uint16_t words[sizeof header / 2];
   std::memcpy(words, &header, sizeof header);
@@ -77,7 +65,7 @@ bool is_answered(const Descriptor& raw, const icmphdr& echo) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     pollfd wait = {raw.number(), POLLIN, 0};
     if (left.count() <= 0 || poll(&wait, 1, static_cast<int>(left.count())) <= 0) return false;
-    unsigned char packet[128];
+    unsigned char packet[128] = {};
     const ssize_t count = recv(raw.number(), packet, sizeof packet, 0);
     const std::size_t header = std::size_t{4} * (packet[0] & 0xFU);
     icmphdr answer = {};
@@ -124,14 +112,14 @@ Finding look_at_route(const Setup& setup) {
   const std::string& server = setup.station.ppt_server;
   const auto address = address_in(server);
   if (!address) return wrong("-s: expected an address, found \"" + server + "\"");
-  const std::string way = way_to(*address);
+  const std::string way = station::way_to(server);
   return way.empty() ? wrong("no route to " + server) : ok("to " + server + " from " + way);
 }
 
 Finding look_at_ppt_server(const Setup& setup) {
   const std::string& server = setup.station.ppt_server;
   const auto address = address_in(server);
-  if (!address || way_to(*address).empty()) return not_known("there is no route to it");
+  if (!address || station::way_to(server).empty()) return not_known("there is no route to it");
   const Echo echo = ask(*address);
   if (echo == Echo::kNotAllowed) return not_known("to ask " + server + " for an echo needs CAP_NET_RAW");
   if (echo == Echo::kAnswered) return ok(server + " answers an echo; its ports are not tried");

@@ -1,11 +1,11 @@
 #include "recorder/station.h"
 
 #include <arpa/inet.h>
-#include <ifaddrs.h>
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <memory>
+
+#include "station/addresses.h"
 
 namespace recorder {
 
@@ -19,19 +19,12 @@ bool is_address(const std::string& text) {
 }  // namespace
 
 Words addresses_of(const Words& links) {
-  ifaddrs* all = nullptr;
-  if (getifaddrs(&all) != 0) return {};
-  const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(all, freeifaddrs);
   Words addresses;
-  for (const ifaddrs* it = all; it != nullptr; it = it->ifa_next) {
-    if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != AF_INET) continue;
-    const std::string name = it->ifa_name;
-    const std::string link = name.substr(0, name.find(':'));  // without a label
-    const auto is_it = [&link](const std::string& one) { return one == "any" || one == link; };
-    if (std::none_of(links.begin(), links.end(), is_it)) continue;
-    char text[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(it->ifa_addr)->sin_addr, text, sizeof text);
-    addresses.emplace_back(text);
+  for (const station::OwnAddress& own : station::own_addresses()) {
+    const auto is_it = [link = station::link_of(own.label)](const std::string& one) {
+      return one == "any" || one == link;
+    };
+    if (std::any_of(links.begin(), links.end(), is_it)) addresses.push_back(own.address);
   }
   return addresses;
 }

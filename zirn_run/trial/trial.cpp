@@ -1,11 +1,6 @@
 #include "trial/trial.h"
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -20,6 +15,7 @@
 #include "recorder/clock.h"
 #include "recorder/recorder.h"
 #include "recorder/run.h"
+#include "station/addresses.h"
 #include "trial/narrator.h"
 
 namespace trial {
@@ -28,34 +24,10 @@ namespace {
 
 constexpr char kTestLink[] = "lan0";
 
-// The board's address towards the other; empty: no way. A connected socket of UDP asks the kernel and sends nothing.
-std::string way_to(const std::string& other) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  constexpr std::uint16_t kAnyPort = 69;
-  address.sin_port = htons(kAnyPort);
-  if (inet_pton(AF_INET, other.c_str(), &address.sin_addr) != 1) return "";
-  const int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const bool has_way = connect(udp, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  socklen_t size = sizeof address;
-  getsockname(udp, reinterpret_cast<sockaddr*>(&address), &size);
-  close(udp);
-  char text[INET_ADDRSTRLEN] = {};
-  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-  return has_way ? text : "";
-}
-
 // The link with the address; empty: none.
 std::string link_with(const std::string& address) {
-  ifaddrs* all = nullptr;
-  in_addr wanted = {};
-  if (inet_pton(AF_INET, address.c_str(), &wanted) != 1 || getifaddrs(&all) != 0) return "";
-  const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(all, freeifaddrs);
-  for (const ifaddrs* it = all; it != nullptr; it = it->ifa_next) {
-    if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != AF_INET) continue;
-    if (reinterpret_cast<const sockaddr_in*>(it->ifa_addr)->sin_addr.s_addr != wanted.s_addr) continue;
-    const std::string name = it->ifa_name;
-    return name.substr(0, name.find(':'));  // without a label
+  for (const station::OwnAddress& own : station::own_addresses()) {
+    if (own.address == address) return station::link_of(own.label);
   }
   return "";
 }
@@ -167,8 +139,9 @@ void TestedRun::look() {
 
 station::Words links_of(const station::Station& station) {
   station::Words links;
-  for (const std::string& link : {std::string(kTestLink), link_with(station::kFixedAddress),
-                                  link_with(station.address), link_with(way_to(station.ppt_server))}) {
+  for (const std::string& link :
+       {std::string(kTestLink), link_with(station::kFixedAddress), link_with(station.address),
+        link_with(station::way_to(station.ppt_server))}) {
     if (!link.empty() && std::find(links.begin(), links.end(), link) == links.end()) links.push_back(link);
   }
   return links;
