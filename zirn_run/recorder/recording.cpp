@@ -101,7 +101,7 @@ std::string links_that_are_there() {
   struct if_nameindex* const all = if_nameindex();
   for (const struct if_nameindex* it = all; it != nullptr && it->if_index != 0; ++it)
     names.emplace_back(it->if_name);
-  if_freenameindex(all);
+  if (all != nullptr) if_freenameindex(all);
   return joined(names);
 }
 
