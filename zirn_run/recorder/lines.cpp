@@ -31,6 +31,20 @@ std::string since_text(record::Nanoseconds at) {
 
 }  // namespace
 
+void LineSplitter::add(std::string_view piece, const Lines::Take& take) {
+  line_.append(piece);
+  std::size_t begin = 0;
+  for (std::size_t end = 0; (end = line_.find('\n', begin)) != std::string::npos; begin = end + 1)
+    take(entry_of(record::Line{line_.substr(begin, end - begin)}, now()));
+  line_.erase(0, begin);
+  if (line_.size() >= record::LogReader::kMostLineBytes) take_rest(take);
+}
+
+void LineSplitter::take_rest(const Lines::Take& take) {
+  if (!line_.empty()) take(entry_of(record::Line{line_}, now()));
+  line_.clear();
+}
+
 Journal::Journal(std::string unit, record::Nanoseconds since)
     : unit_(std::move(unit)), from_(since_text(since)) {
   begin();
@@ -110,29 +124,16 @@ void Log::receive(const Take& take) {
   }
   struct stat about = {};
   if (fstat(file_, &about) == 0 && about.st_size < lseek(file_, 0, SEEK_CUR)) {
-    take_rest(take);
+    lines_.take_rest(take);
     lseek(file_, 0, SEEK_SET);
   }
-  while ((count = read(file_, buffer.data(), buffer.size())) > 0) {
-    line_.append(buffer.data(), static_cast<std::size_t>(count));
-    std::size_t begin = 0;
-    for (std::size_t end = 0; (end = line_.find('\n', begin)) != std::string::npos; begin = end + 1)
-      take(entry_of(record::Line{line_.substr(begin, end - begin)}, now()));
-    line_.erase(0, begin);
-    if (line_.size() < record::LogReader::kMostLineBytes) continue;
-    take(entry_of(record::Line{line_}, now()));
-    line_.clear();
-  }
+  while ((count = read(file_, buffer.data(), buffer.size())) > 0)
+    lines_.add({buffer.data(), static_cast<std::size_t>(count)}, take);
 }
 
 void Log::finish(const Take& take) {
   receive(take);
-  take_rest(take);
-}
-
-void Log::take_rest(const Take& take) {
-  if (!line_.empty()) take(entry_of(record::Line{line_}, now()));
-  line_.clear();
+  lines_.take_rest(take);
 }
 
 }  // namespace recorder

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "record/item.h"
 #include "station/child.h"
@@ -23,6 +24,18 @@ class Lines {
   virtual void finish(const Take& take) { receive(take); }
   // Whether they have been put away for those of another run.
   virtual bool are_put_away() const { return false; }
+};
+
+// Makes lines, with the time when they were seen, of what is read piece by piece. A line of more than
+// record::LogReader::kMostLineBytes becomes several.
+class LineSplitter {
+ public:
+  void add(std::string_view piece, const Lines::Take& take);
+  // What has no end yet.
+  void take_rest(const Lines::Take& take);
+
+ private:
+  std::string line_;  // its beginning
 };
 
 // A unit's lines and what systemd says of it, from the journal. journalctl follows it, whatever is rotated meanwhile;
@@ -63,12 +76,10 @@ class Log : public Lines {
   bool are_put_away() const override { return has_moved_; }
 
  private:
-  void take_rest(const Take& take);
-
   int file_;
   int news_;
   bool has_moved_ = false;
-  std::string line_;  // its beginning
+  LineSplitter lines_;
 };
 
 }  // namespace recorder

@@ -15,7 +15,6 @@
 #include <cstring>
 #include <system_error>
 
-#include "record/journal.h"
 #include "record/run_entry.h"
 #include "recorder/clock.h"
 #include "trial/guardian.h"
@@ -180,7 +179,7 @@ class Program : public Station {
     has_ended_ = count >= 0;  // 0: the guardian was killed, and the program with it
     read_lines(take);
     if (!has_ended_) return;
-    if (!line_.empty()) take(entry_of(record::Line{line_}, recorder::now()));
+    lines_.take_rest(take);
     take(entry_of(count > 0 ? end_in(report.how) : record::StationEnds(), recorder::now()));
     close_output();
   }
@@ -198,21 +197,14 @@ class Program : public Station {
       const ssize_t count = read(output_.out, piece.data(), piece.size());
       if (count < 0) return;
       if (count == 0) return close_output();
-      line_.append(piece.data(), static_cast<std::size_t>(count));
-      std::size_t begin = 0;
-      for (std::size_t end = 0; (end = line_.find('\n', begin)) != std::string::npos; begin = end + 1)
-        take(entry_of(record::Line{line_.substr(begin, end - begin)}, recorder::now()));
-      line_.erase(0, begin);
-      if (line_.size() < record::LogReader::kMostLineBytes) continue;
-      take(entry_of(record::Line{line_}, recorder::now()));
-      line_.clear();
+      lines_.add({piece.data(), static_cast<std::size_t>(count)}, take);
     }
   }
 
   const std::string name_;
   Pipe output_;
   Guardian guardian_;
-  std::string line_;  // its beginning
+  recorder::LineSplitter lines_;
   bool has_ended_ = false;
 };
 
