@@ -108,6 +108,18 @@ TEST_F(Comparison, NamesAVerdictThatIsNotPassedOn) {
             "on and not answered");
 }
 
+TEST_F(Comparison, CountsTriesOfAVerdictAsOne) {
+  tell(&first);
+  first.gives("F_l_m_03FLASH_PASSED");
+  tell(&other);
+  other.asks_for("F_l_m_03FLASH_PASSED");
+  other.gives("F_l_m_03FLASH_PASSED");
+  other.gives("F_l_m_03FLASH_PASSED");
+  end(&first);
+  end(&other);
+  EXPECT_EQ(difference(), "");
+}
+
 TEST_F(Comparison, NamesAnotherReply) {
   tell(&first);
   tell(&other);

@@ -17,9 +17,11 @@ using story::Role;
 using story::Step;
 using story::Transfer;
 
-// Whether the station prints it depends on the moment: on what was under way, or how long something took.
-constexpr std::string_view kOfTheMoment[] = {"Client timeout", "Stopping server. Active ",
-                                             "Error in select():", "Unexpected packet"};
+// Whether the station prints it depends on the moment: on what was under way, how long something took, or whether there
+// was time for it before the end.
+constexpr std::string_view kOfTheMoment[] = {"Client timeout",         "Stopping server. Active ",
+                                             "Error in select():",     "Unexpected packet",
+                                             "Sender proc stopped!!!", "UDP Server exited..."};
 
 bool is_of_the_moment(std::string_view line) {
   return std::any_of(std::begin(kOfTheMoment), std::end(kOfTheMoment), [line](std::string_view beginning) {
@@ -188,19 +190,26 @@ class Telling {
       last[who] = {asked, arrives(one) || one.end == Transfer::End::kError};
       std::string words = who;
       words.append(" ").append(asked).append(outcome_of(one));
-      add(who + " reads", std::move(words), event_of(one));
+      add_unless_repeated(who + " reads", words, event_of(one));
     }
   }
 
+  // Of tries of one verdict, those that did not come through count only where none did.
   void tell_verdicts() {
+    std::map<std::string, const story::Verdict*> last;
     for (const story::Verdict& one : reading_.verdicts) {
-      const std::string who = name_of_party(one.unit);
+      const std::string strand = name_of_party(one.unit) + " gives verdicts";
+      const story::Verdict*& before = last[strand];
+      const bool is_try = before != nullptr && before->name == one.name;
+      if (is_try && one.queries.empty()) continue;
+      if (is_try && before->queries.empty()) strands_[strand].items.pop_back();
+      before = &one;
       Event event = {"", {}, {}, story::kNone, one.at};
       if (one.transfer != story::kNone) event = event_of(reading_.transfers[one.transfer]);
       if (!one.queries.empty()) event.frames.add(reading_.transfers[one.queries.back()].frames);
       std::string words = "verdict " + one.name;
       if (known_.ppt_network) words.append(" ").append(in_words(passed_on(reading_, one)));
-      add_unless_repeated(who + " gives verdicts", words, event);
+      add_unless_repeated(strand, words, event);
     }
   }
 
