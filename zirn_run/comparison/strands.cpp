@@ -17,11 +17,18 @@ using story::Role;
 using story::Step;
 using story::Transfer;
 
-// Whether the station prints it depends on the moment: on what was under way, how long something took, or whether there
-// was time for it before the end.
-constexpr std::string_view kOfTheMoment[] = {"Client timeout",         "Stopping server. Active ",
-                                             "Error in select():",     "Unexpected packet",
-                                             "Sender proc stopped!!!", "UDP Server exited..."};
+// Whether the station prints it depends on the moment: on what was under way, how long something took, whether there was
+// time for it before the end, or which of two threads was the first to take a port.
+constexpr std::string_view kOfTheMoment[] = {"Client timeout",
+                                             "Stopping server. Active ",
+                                             "Error in select():",
+                                             "Unexpected packet",
+                                             "Sender proc stopped!!!",
+                                             "UDP Server exited...",
+                                             "Message Sender initialized. IP: 0.0.0.0 ",
+                                             "Can't bind socket by the reason of Address already in use",
+                                             "Error: Failed to initialize sender",
+                                             "UDP: ERROR on binding. Address already in use"};
 
 bool is_of_the_moment(std::string_view line) {
   return std::any_of(std::begin(kOfTheMoment), std::end(kOfTheMoment), [line](std::string_view beginning) {
