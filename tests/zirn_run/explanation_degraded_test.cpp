@@ -2,11 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "explanation/case.h"
+#include "support/sanitized.h"
 #include "zirn_run/explained_run.h"
 
 namespace {
@@ -251,6 +253,29 @@ TEST_F(Degraded, GapsOfEachKindAreSaid) {
   EXPECT_EQ(std::count(told.incomplete.begin(), told.incomplete.end(),
                        "more, as the recorder says 5 further times"),
             1);
+}
+
+// Reads that break off, boots, lines and pulled cables, as many as a reading holds: made to be slow.
+TEST_F(Degraded, ARunMadeToTakeLongIsExplainedSoon) {
+  constexpr int kMany = 5000;
+  starts();
+  for (const char* const name : {"image", "bootscript.txt"}) {
+    for (int i = 0; i < kMany; ++i) {
+      asks_for(name);
+      station_sends(answering, tftp::data(1, std::string(512, 'x')));
+    }
+    run.rests(120000);
+  }
+  gives("F_l_m_01MEMORY_PASSED");
+  for (int i = 0; i < kMany; ++i) {
+    line("Mode detected: " + std::to_string(i));
+    line("RRQ file" + std::to_string(i));
+    says(record::Cut{1});
+  }
+  ends(15);
+  const std::clock_t begin = std::clock();
+  fault();
+  EXPECT_LT(static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC, kSanitized ? 20 : 2);
 }
 
 // Of which the capture keeps only so many bytes after the headers.

@@ -33,9 +33,14 @@ bool is_empty_answer(const Transfer& transfer) {
          !(transfer.end == Transfer::End::kError && transfer.ended_by == transfer.server);
 }
 
+// What is there of a cut name.
+std::string_view kept_of(std::string_view cut) {
+  return cut.substr(0, cut.size() - std::string_view(frames::kCut).size());
+}
+
 // Whether a cut name can be that of the whole one.
 bool begins_as(std::string_view whole, std::string_view cut) {
-  const std::string_view kept = cut.substr(0, cut.size() - std::string_view(frames::kCut).size());
+  const std::string_view kept = kept_of(cut);
   return whole.substr(0, kept.size()) == kept;
 }
 
@@ -62,6 +67,7 @@ Case::Case(const Reading& told) : reading(told) {
   take_steps();
   take_verdicts();
   take_successes();
+  note_shown_lines();
 }
 
 void Case::find(std::string_view id, Nanoseconds when, std::string sentence, Evidence evidence,
@@ -188,7 +194,10 @@ void Case::take_successes() {
   }
   for (const Transfer& asked : reading.transfers) {
     hear(asked.client);
-    if (asked.server == kStation && asked.requests > 0) requested_.insert(asked.name);
+    if (asked.server == kStation && asked.requests > 0) {
+      requested_.insert(asked.name);
+      if (is_cut(asked.name)) requested_so_far_.insert(kept_of(asked.name));
+    }
     const Transfer& transfer = served_by(asked);
     if (!is_read_of_file(asked) || !has_come_to_its_end(transfer)) continue;
     read_at[asked.name] = std::max(read_at[asked.name], asked.from);
@@ -237,18 +246,24 @@ bool Case::waits_for_ppt(Nanoseconds when) const {
   });
 }
 
-bool Case::is_asked_in(const Line& line) const {
-  if (line.printed == nullptr) return true;
-  const std::string_view text = line.printed->text;
-  if (text == kRequestLine || text == kVerdictLine) {
-    const std::string_view name = values_in(*line.printed, line.text).front();
-    return requested_.count(name) != 0 ||
-           std::any_of(requested_.begin(), requested_.end(),
-                       [name](std::string_view cut) { return is_cut(cut) && begins_as(name, cut); });
+bool Case::is_shown_by_requests(std::string_view name) const {
+  if (requested_.count(name) != 0) return true;
+  for (std::size_t size = 0; !requested_so_far_.empty() && size <= name.size(); ++size) {
+    if (requested_so_far_.count(name.substr(0, size)) != 0) return true;
   }
-  if (text != kModeLine && text != kMacLine) return true;
-  return std::any_of(reading.connections.begin(), reading.connections.end(),
-                     [](const auto& connection) { return connection.server == kStation; });
+  return false;
+}
+
+void Case::note_shown_lines() {
+  const bool has_commands = std::any_of(reading.connections.begin(), reading.connections.end(),
+                                        [](const auto& connection) { return connection.server == kStation; });
+  for (Line& line : lines) {
+    if (line.printed == nullptr) continue;
+    const std::string_view text = line.printed->text;
+    if (text == kRequestLine || text == kVerdictLine)
+      line.is_shown = is_shown_by_requests(values_in(*line.printed, line.text).front());
+    if (text == kModeLine || text == kMacLine) line.is_shown = has_commands;
+  }
 }
 
 bool Case::lacks_a_side() const {
@@ -272,7 +287,7 @@ bool Case::sees_unit(Nanoseconds from, Nanoseconds until) const {
   const bool has_dropped = std::any_of(reading.networks.begin(), reading.networks.end(),
                                        [](const auto& network) { return network.dropped.value_or(0) > 0; });
   const bool is_asked = std::all_of(lines.begin(), lines.end(), [&](const Line& line) {
-    return line.at < from || line.at > until || is_asked_in(line);
+    return line.at < from || line.at > until || line.is_shown;
   });
   const bool is_read =
       std::none_of(unread_.begin(), unread_.end(), [&](Nanoseconds at) { return at >= from && at <= until; });

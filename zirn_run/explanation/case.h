@@ -32,6 +32,7 @@ struct Case {
     Numbers numbers;
     std::uint64_t count = 1;
     const PrintedLine* printed = nullptr;
+    bool is_shown = true;  // the frames show what it says of a request or of a command
   };
   // A verdict that the station took.
   struct Verdict {
@@ -68,8 +69,6 @@ struct Case {
   const story::Transfer& served_by(const story::Transfer& transfer) const;
   // Whether the station was waiting then for a PPT server that did not answer.
   bool waits_for_ppt(Nanoseconds when) const;
-  // Whether the frames show what the line says of a request or of a command.
-  bool is_asked_in(const Line& line) const;
   // Whether what the unit said to the station, or the other way, is not in the record.
   bool lacks_a_side() const;
   bool sees_test_network() const;
@@ -91,9 +90,12 @@ struct Case {
   void take_verdicts();
   bool was_taken(const story::Verdict& verdict) const;
   void take_successes();
+  void note_shown_lines();
+  bool is_shown_by_requests(std::string_view name) const;
   bool is_ppt_known(const Verdict& verdict) const;
 
-  std::set<std::string_view> requested_;  // names
+  std::set<std::string_view> requested_;         // names
+  std::set<std::string_view> requested_so_far_;  // what is there of those that the capture has cut
   std::map<std::size_t, std::size_t>
       by_second_answer_;             // transfers, and the second answers that served the unit
   std::vector<Nanoseconds> unread_;  // when something was said of which the capture has cut what counts

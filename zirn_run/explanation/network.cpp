@@ -1,5 +1,7 @@
 // What the test network did to frames.
 #include <algorithm>
+#include <iterator>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -23,13 +25,25 @@ bool is_of_ppt(const story::Reading& reading, std::size_t party) {
   return party != story::kNone && reading.parties[party].role == story::Role::kPptServer;
 }
 
+// Since when the cable was out, and until when at the most of all that began by then.
+std::map<Nanoseconds, Nanoseconds> times_out(const Case& c) {
+  std::map<Nanoseconds, Nanoseconds> out;
+  for (const Step* cut : c.cuts) {
+    Nanoseconds& until = out.emplace(cut->from, cut->until).first->second;
+    until = std::max(until, cut->until);
+  }
+  Nanoseconds latest = 0;
+  for (auto& [from, until] : out) latest = until = std::max(latest, until);
+  return out;
+}
+
 Damage damage_seen(const Case& c) {
   const story::Reading& reading = c.reading;
   // The cable's fault, which is told as such.
-  const auto is_cut = [&c](const Step& step) {
-    return std::any_of(c.cuts.begin(), c.cuts.end(), [&step](const Step* cut) {
-      return step.from >= cut->from && step.until <= cut->until;
-    });
+  const std::map<Nanoseconds, Nanoseconds> out = times_out(c);
+  const auto is_cut = [&out](const Step& step) {
+    const auto later = out.upper_bound(step.from);
+    return later != out.begin() && step.until <= std::prev(later)->second;
   };
   Damage damage;
   const auto add = [](std::uint64_t count, const Numbers& frames, std::uint64_t* sum, Numbers* in) {

@@ -1,6 +1,9 @@
 // Reads that came to no end, and what ended them.
 #include <algorithm>
+#include <map>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "explanation/case.h"
 #include "frames/words.h"
@@ -71,23 +74,6 @@ const story::Step* cut_during(const Transfer& transfer, const Case& c) {
   return cut == c.cuts.end() ? nullptr : *cut;
 }
 
-// What a unit did next, and when.
-struct Next {
-  Nanoseconds at = 0;
-  std::string words;
-  bool is_boot = false;  // another one than before the read
-};
-
-bool is_boot_again(const Transfer& next, const Transfer& broken, const Case& c) {
-  const bool is_boot =
-      std::find(std::begin(kBootNames), std::end(kBootNames), next.name) != std::end(kBootNames);
-  const auto& all = c.reading.transfers;
-  return is_boot && next.name != broken.name &&
-         std::any_of(all.begin(), all.end(), [&](const Transfer& before) {
-           return before.client == next.client && before.name == next.name && before.from < broken.from;
-         });
-}
-
 // Since when only the station has sent.
 Nanoseconds silent_since(const Transfer& transfer) {
   Nanoseconds since = transfer.data_until;
@@ -103,30 +89,77 @@ std::string words_for(const Transfer& next, const Transfer& broken) {
   return (story::verdict_in(next.name) ? "gave " : "asked for ") + of(next) + again;
 }
 
-std::optional<Next> next_after(const Transfer& broken, Nanoseconds since, const Case& c) {
-  std::optional<Next> next;
-  const auto is_first = [&](std::size_t party, Nanoseconds when) {
-    return party == broken.client && when > since && (!next || when < next->at);
-  };
-  bool is_boot = false;
-  for (const Transfer& transfer : c.reading.transfers) {
-    if (is_first(transfer.client, transfer.from)) next = {transfer.from, words_for(transfer, broken), false};
-    const bool is_later = transfer.client == broken.client && transfer.from > since;
-    is_boot = is_boot || (is_later && is_boot_again(transfer, broken, c));
-  }
-  for (const auto& connection : c.reading.connections) {
-    if (is_first(connection.client, connection.from)) next = {connection.from, "opened a connection", false};
-  }
-  for (const auto& relayed : c.reading.relayed) {
-    if (is_first(relayed.unit, relayed.from)) next = {relayed.from, "sent a datagram", false};
-  }
-  if (next) next->is_boot = is_boot;
-  return next;
-}
+// What a unit did next, and when.
+struct Next {
+  Nanoseconds at = 0;
+  std::string words;
+  bool is_boot = false;  // another one than before the read
+};
 
-void find_unit_or_station(const Transfer& transfer, bool is_unit_silent, const std::string& told, Case* c) {
+// What units did, each in the order of time: a run may have very many reads that break off.
+class Doings {
+ public:
+  explicit Doings(const story::Reading& reading) {
+    for (const Transfer& transfer : reading.transfers) {
+      by_party_[transfer.client].push_back({transfer.from, &transfer, ""});
+      if (is_boot_name(transfer.name)) note_boot(transfer);
+    }
+    for (const auto& connection : reading.connections)
+      by_party_[connection.client].push_back({connection.from, nullptr, "opened a connection"});
+    for (const auto& relayed : reading.relayed)
+      by_party_[relayed.unit].push_back({relayed.from, nullptr, "sent a datagram"});
+    for (auto& [party, doings] : by_party_) {
+      std::stable_sort(doings.begin(), doings.end(),
+                       [](const Doing& one, const Doing& other) { return one.at < other.at; });
+    }
+  }
+
+  // What the reader of the broken read did after that time; nothing: no more.
+  std::optional<Next> next_after(const Transfer& broken, Nanoseconds since) const {
+    const std::vector<Doing>& doings = by_party_.at(broken.client);
+    const auto next = std::upper_bound(doings.begin(), doings.end(), since,
+                                       [](Nanoseconds time, const Doing& doing) { return time < doing.at; });
+    if (next == doings.end()) return std::nullopt;
+    return Next{next->at, next->transfer != nullptr ? words_for(*next->transfer, broken) : next->words,
+                has_booted_again(broken, since)};
+  }
+
+ private:
+  struct Doing {
+    Nanoseconds at;
+    const Transfer* transfer;  // null: something else
+    const char* words;         // for that
+  };
+  struct Boots {
+    Nanoseconds first, last;
+  };
+
+  static bool is_boot_name(std::string_view name) {
+    return std::find(std::begin(kBootNames), std::end(kBootNames), name) != std::end(kBootNames);
+  }
+  void note_boot(const Transfer& transfer) {
+    const auto [boots, is_new] =
+        boots_.insert({{transfer.client, transfer.name}, {transfer.from, transfer.from}});
+    boots->second.first = std::min(boots->second.first, transfer.from);
+    boots->second.last = std::max(boots->second.last, transfer.from);
+  }
+  // Whether the unit asked for what it asks for when it boots before the read, and after that time.
+  bool has_booted_again(const Transfer& broken, Nanoseconds since) const {
+    return std::any_of(std::begin(kBootNames), std::end(kBootNames), [&](std::string_view name) {
+      const auto boots = boots_.find({broken.client, name});
+      return name != broken.name && boots != boots_.end() && boots->second.first < broken.from &&
+             boots->second.last > since;
+    });
+  }
+
+  std::map<std::size_t, std::vector<Doing>> by_party_;
+  std::map<std::pair<std::size_t, std::string_view>, Boots> boots_;  // by party and name
+};
+
+void find_unit_or_station(const Transfer& transfer, bool is_unit_silent, const std::string& told,
+                          const Doings& doings, Case* c) {
   const Nanoseconds since = silent_since(transfer);
-  const auto next = is_unit_silent ? next_after(transfer, since, *c) : std::nullopt;
+  const auto next = is_unit_silent ? doings.next_after(transfer, since) : std::nullopt;
   if (!next) return find(is_unit_silent ? "unit.gone" : "read.unanswered", transfer, told, false, c);
   const bool may_lack_silences = transfer.silences.size() == Transfer::kMaxSilences;
   find(next->is_boot ? "unit.restarted" : "read.left", transfer,
@@ -136,7 +169,8 @@ void find_unit_or_station(const Transfer& transfer, bool is_unit_silent, const s
 }
 
 // Where nothing more came from one side.
-void find_silence(const Transfer& transfer, bool is_unit_silent, const std::string& told, Case* c) {
+void find_silence(const Transfer& transfer, bool is_unit_silent, const std::string& told,
+                  const Doings& doings, Case* c) {
   const std::uint64_t lost = transfer.data.lost + transfer.acks.lost + transfer.sent_in_vain_lost;
   const bool has_left = is_unit_silent && transfer.closed_ports > 0;
   const story::Step* const cut = cut_during(transfer, *c);
@@ -152,7 +186,7 @@ void find_silence(const Transfer& transfer, bool is_unit_silent, const std::stri
          told + "; " + frames::counted(transfer.inferred_lost, "frame") + " of it were lost before, at least",
          true, c);
   } else {
-    find_unit_or_station(transfer, is_unit_silent, told, c);
+    find_unit_or_station(transfer, is_unit_silent, told, doings, c);
   }
 }
 
@@ -164,7 +198,7 @@ bool was_silent_at_end(const Transfer& transfer, const Case& c) {
                            : c.reading.last - transfer.from >= kLong;
 }
 
-void find_silent_side(const Transfer& transfer, bool is_unit, Case* c) {
+void find_silent_side(const Transfer& transfer, bool is_unit, const Doings& doings, Case* c) {
   const bool had_everything = transfer.is_last_sent && transfer.acknowledged_blocks + 1 >= transfer.blocks;
   if (had_everything && is_unit) return;
   find_silence(transfer, is_unit,
@@ -172,10 +206,10 @@ void find_silent_side(const Transfer& transfer, bool is_unit, Case* c) {
                    of(transfer) + " that began" + at(*c, transfer.from) + ", " +
                    frames::counted(transfer.acknowledged_blocks, "block") + " acknowledged of " +
                    std::to_string(transfer.blocks) + " sent",
-               c);
+               doings, c);
 }
 
-void find_of(const Transfer& transfer, Case* c) {
+void find_of(const Transfer& transfer, const Doings& doings, Case* c) {
   const std::string name = of(transfer);
   const bool is_stopped = was_silent_at_end(transfer, *c);
   if (transfer.end == End::kError) {
@@ -186,7 +220,7 @@ void find_of(const Transfer& transfer, Case* c) {
     find("file.empty", transfer, "the unit read " + name + at(*c, transfer.from) + ", and it has 0 bytes",
          false, c);
   } else if (transfer.end == End::kAbandoned || (is_stopped && transfer.answered)) {
-    find_silent_side(transfer, is_stopped || transfer.ended_by == transfer.client, c);
+    find_silent_side(transfer, is_stopped || transfer.ended_by == transfer.client, doings, c);
   } else if ((transfer.end == End::kUnanswered || is_stopped) && !c->waits_for_ppt(transfer.from)) {
     const bool is_lost = transfer.sent_in_vain > 0 && transfer.sent_in_vain_lost == transfer.sent_in_vain;
     find_silence(
@@ -195,15 +229,16 @@ void find_of(const Transfer& transfer, Case* c) {
             (transfer.requests > 1 ? " " + frames::counted(transfer.requests, "time") + ", first" : "") +
             at(*c, transfer.from) +
             (is_lost ? ", and the request did not reach the station" : ", and got no answer"),
-        c);
+        doings, c);
   }
 }
 
 }  // namespace
 
 void find_reads(Case* c) {
+  const Doings doings(c->reading);
   for (const Transfer& transfer : c->reading.transfers) {
-    if (c->is_read_of_file(transfer) && &c->served_by(transfer) == &transfer) find_of(transfer, c);
+    if (c->is_read_of_file(transfer) && &c->served_by(transfer) == &transfer) find_of(transfer, doings, c);
   }
 }
 
