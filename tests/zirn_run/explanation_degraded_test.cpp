@@ -268,6 +268,9 @@ TEST_F(Degraded, ARunMadeToTakeLongIsExplainedSoon) {
   }
   gives("F_l_m_01MEMORY_PASSED");
   for (int i = 0; i < kMany; ++i) {
+    asks("DO_PMC_INIT:" + std::to_string(i), "");
+    asks_in_vain();
+    run.rests(1);
     line("Mode detected: " + std::to_string(i));
     line("RRQ file" + std::to_string(i));
     says(record::Cut{1});

@@ -27,7 +27,13 @@ constexpr std::string_view kWhyNoPort[] = {"ppt.refused",        "ppt.dropped", 
                                            "ppt.no-route",       "ppt.not-connected", "command.port-in-use",
                                            "command.no-address", "command.no-port",   "command.port-closed"};
 
-using Why = std::optional<Finding>;  // there is no command port
+// What is known of the command port in the whole run.
+struct Port {
+  std::optional<Finding> why;  // there is none
+  bool is_served = false;
+  Nanoseconds opened = 0;           // as the station says, the first time; 0: it does not
+  Nanoseconds last_connection = 0;  // of the station's to the PPT server
+};
 
 // What the board is called with for a command; empty: the command does not say.
 std::string tool_of(const std::string& command) {
@@ -55,20 +61,31 @@ const Finding* why_no_port(const Case& c) {
 }
 
 // The port opens a moment after the first verdict, right before the station connects to the PPT server.
-bool opens_after(Nanoseconds when, const Case& c) {
-  const auto lines = c.lines_with("Message receiver initialized. IP: <ADDRESS> Port=<PORT>");
-  const auto& all = c.reading.connections;
-  return (!lines.empty() && lines.front()->at > when) ||
-         std::any_of(all.begin(), all.end(), [when](const Connection& connection) {
-           return connection.client == kStation && connection.from > when;
-         });
+bool opens_after(Nanoseconds when, const Port& port) {
+  return port.opened > when || port.last_connection > when;
 }
 
-void find_refused_at(Nanoseconds when, const Connection& connection, const Why& why, Case* c) {
+Port port_of(const Case& c) {
+  Port port;
+  if (const Finding* const why = why_no_port(c)) port.why = *why;
+  const auto lines = c.lines_with("Message receiver initialized. IP: <ADDRESS> Port=<PORT>");
+  if (!lines.empty()) port.opened = lines.front()->at;
+  port.is_served = !lines.empty() || c.has_line("Mode detected: <NUMBER>");
+  for (const Connection& connection : c.reading.connections) {
+    const bool is_to_ppt = connection.client == kStation;
+    if (is_to_ppt) port.last_connection = std::max(port.last_connection, connection.from);
+    port.is_served =
+        port.is_served || (is_to_ppt ? connection.opened.has_value() : connection.bytes_from_server > 0);
+  }
+  return port;
+}
+
+void find_refused_at(Nanoseconds when, const Connection& connection, const Port& port, Case* c) {
+  const auto& why = port.why;
   const bool has_verdict = !c->verdicts.empty() && c->verdicts.front().at <= when;
   const bool is_early = !has_verdict && !(why && why->at <= when);
   const bool waits = c->waits_for_ppt(when);  // which has a cause of its own
-  if (!is_early && !why && (waits || opens_after(when, *c))) return;
+  if (!is_early && !why && (waits || opens_after(when, port))) return;
   const std::string_view id = is_early ? "command.too-early" : why ? why->cause->id : "command.refused";
   const std::string again = connection.attempts > 1 ? " and" + at(*c, connection.until) : "";
   c->find(id, when,
@@ -77,9 +94,9 @@ void find_refused_at(Nanoseconds when, const Connection& connection, const Why& 
 }
 
 // Several attempts are one connection.
-void find_refused(const Connection& connection, const Why& why, Case* c) {
-  find_refused_at(connection.from, connection, why, c);
-  if (connection.attempts > 1) find_refused_at(connection.until, connection, why, c);
+void find_refused(const Connection& connection, const Port& port, Case* c) {
+  find_refused_at(connection.from, connection, port, c);
+  if (connection.attempts > 1) find_refused_at(connection.until, connection, port, c);
 }
 
 void find_reply(const Text& question, const Text& reply, Case* c) {
@@ -112,18 +129,9 @@ bool was_another_open(const Connection& connection, const Text& question, const 
   });
 }
 
-bool are_commands_served(const Case& c) {
-  if (c.has_line("Message receiver initialized. IP: <ADDRESS> Port=<PORT>") ||
-      c.has_line("Mode detected: <NUMBER>"))
-    return true;
-  const auto& all = c.reading.connections;
-  return std::any_of(all.begin(), all.end(), [](const Connection& connection) {
-    return connection.client == kStation ? connection.opened.has_value() : connection.bytes_from_server > 0;
-  });
-}
-
 // A port that is not served takes connections all the same.
-void find_no_reply(const Connection& connection, const Text& question, const Why& why, Case* c) {
+void find_no_reply(const Connection& connection, const Text& question, const Port& port, Case* c) {
+  const auto& why = port.why;
   // What the unit has broken off cannot be answered; what it has closed still can.
   const bool is_over =
       connection.ended && (connection.ended_by == kStation || connection.state == State::kBrokenOff);
@@ -139,7 +147,7 @@ void find_no_reply(const Connection& connection, const Text& question, const Why
   } else if (was_another_open(connection, question, *c)) {
     c->find("command.second", question.at, told + "; another connection of the unit was still open",
             seen(question.frames));
-  } else if (is_command && connection.opened && until - question.at >= kHangs && are_commands_served(*c)) {
+  } else if (is_command && connection.opened && until - question.at >= kHangs && port.is_served) {
     c->find("board.tool-hangs", question.at, told, inferred(question.frames), true,
             tool_of(question.said.text));
   } else if (is_command && (until - question.at >= kHangs || is_open_at_end)) {
@@ -147,14 +155,14 @@ void find_no_reply(const Connection& connection, const Text& question, const Why
   }
 }
 
-void find_in_texts(const Connection& connection, const Why& why, Case* c) {
+void find_in_texts(const Connection& connection, const Port& port, Case* c) {
   const std::vector<Text>& texts = connection.texts;
   for (std::size_t i = 0; i < texts.size(); ++i) {
     if (!texts[i].is_from_client) continue;
     if (i + 1 < texts.size() && !texts[i + 1].is_from_client) {
       find_reply(texts[i], texts[i + 1], c);
     } else if (i + 1 == texts.size() && connection.text_count == texts.size()) {
-      find_no_reply(connection, texts[i], why, c);
+      find_no_reply(connection, texts[i], port, c);
     }
   }
 }
@@ -185,13 +193,12 @@ void find_calls(Case* c) {
 }  // namespace
 
 void find_commands(Case* c) {
-  const Finding* const first = why_no_port(*c);
-  const Why why = first == nullptr ? std::nullopt : std::optional(*first);
+  const Port port = port_of(*c);
   for (const Connection& connection : c->reading.connections) {
     if (connection.server != kStation || connection.client == kStation) continue;
     if (connection.server_port != c->reading.message_port) continue;
-    if (connection.state == State::kRefused) find_refused(connection, why, c);
-    find_in_texts(connection, why, c);
+    if (connection.state == State::kRefused) find_refused(connection, port, c);
+    find_in_texts(connection, port, c);
     find_held_open(connection, c);
   }
   find_calls(c);
