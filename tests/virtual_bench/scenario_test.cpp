@@ -43,7 +43,7 @@ TEST(Scenario, KeepsTheStepsInTheirOrderWithTheirLines) {
   EXPECT_STREQ(scenario.steps[0].command->form, "station starts [with TEXT]");
   EXPECT_EQ(scenario.steps[0].line, 3);
   EXPECT_EQ(scenario.steps[0].text, "station starts");
-  EXPECT_STREQ(scenario.steps[1].command->form, "wire is whole");
+  EXPECT_STREQ(scenario.steps[1].command->form, "[ppt] wire is whole");
   EXPECT_EQ(scenario.steps[1].line, 4);
 }
 
@@ -75,12 +75,21 @@ INSTANTIATE_TEST_SUITE_P(
     Scenario, EveryForm,
     testing::Values(
         Line{"file a.txt holds \"x y\"", "file NAME holds TEXT"},
-        Line{"file a.img is 5 MiB", "file NAME is SIZE UNIT"}, Line{"wire loses 5 %", "wire loses PERCENT %"},
-        Line{"wire duplicates 0.5 %", "wire duplicates PERCENT %"},
-        Line{"wire swaps 100 %", "wire swaps PERCENT %"},
+        Line{"file a.img is 5 MiB", "file NAME is SIZE UNIT"},
+        Line{"wire loses 5 %", "[ppt] wire loses PERCENT %"},
+        Line{"wire duplicates 0.5 %", "[ppt] wire duplicates PERCENT %"},
+        Line{"wire swaps 100 %", "[ppt] wire swaps PERCENT %"},
         Line{"wire damages by seed 7", "wire damages by seed SEED"},
-        Line{"wire delays 20 ms", "wire delays MILLISECONDS ms"},
-        Line{"wire is cut for 3 s", "wire is cut for SECONDS s"}, Line{"wire is whole", "wire is whole"},
+        Line{"wire delays 20 ms", "[ppt] wire delays MILLISECONDS ms"},
+        Line{"wire is cut for 3 s", "[ppt] wire is cut for SECONDS s"},
+        Line{"wire is whole", "[ppt] wire is whole"},
+        Line{"ppt wire loses 5 %", "[ppt] wire loses PERCENT %"},
+        Line{"wire loses block 3 of a.img", "[ppt] wire loses block NUMBER of NAME [TIMES times]"},
+        Line{"wire loses block 70000 of a.img 2 times",
+             "[ppt] wire loses block NUMBER of NAME [TIMES times]"},
+        Line{"wire loses ACK 0 of a.img", "[ppt] wire loses ACK NUMBER of NAME [TIMES times]"},
+        Line{"ppt wire loses the answer to X", "[ppt] wire loses the answer to NAME [TIMES times]"},
+        Line{"wire loses the request of X 3 times", "[ppt] wire loses the request of NAME [TIMES times]"},
         Line{"ppt is silent", "ppt is silent"}, Line{"ppt refuses", "ppt refuses"},
         Line{"ppt answers", "ppt answers [ERROR CODE TEXT]"},
         Line{"ppt answers ERROR 2 no", "ppt answers [ERROR CODE TEXT]"},
@@ -215,17 +224,28 @@ INSTANTIATE_TEST_SUITE_P(
                 "a.run:1: \"looses\" is not understood here; expected: \"damages\", \"delays\", "
                 "\"duplicates\", \"is\", \"loses\", \"swaps\""},
         Refused{"wire loses much %",
-                "a.run:1: \"much\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+                "a.run:1: \"much\" is not understood here; expected: \"ACK\", \"block\", \"the\", a number "
+                "from 0 to 100 (PERCENT)"},
         Refused{"wire loses 1.2.3 %",
-                "a.run:1: \"1.2.3\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+                "a.run:1: \"1.2.3\" is not understood here; expected: \"ACK\", \"block\", \"the\", a number "
+                "from 0 to 100 (PERCENT)"},
         Refused{"wire loses . %",
-                "a.run:1: \".\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+                "a.run:1: \".\" is not understood here; expected: \"ACK\", \"block\", \"the\", a number from "
+                "0 to 100 (PERCENT)"},
         Refused{"wire loses 101 %",
-                "a.run:1: \"101\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+                "a.run:1: \"101\" is not understood here; expected: \"ACK\", \"block\", \"the\", a number "
+                "from 0 to 100 (PERCENT)"},
         Refused{"wire loses -1 %",
-                "a.run:1: \"-1\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+                "a.run:1: \"-1\" is not understood here; expected: \"ACK\", \"block\", \"the\", a number "
+                "from 0 to 100 (PERCENT)"},
         Refused{"wire loses \"\" %",
-                "a.run:1: \"\" is not understood here; expected: a number from 0 to 100 (PERCENT)"},
+                "a.run:1: \"\" is not understood here; expected: \"ACK\", \"block\", \"the\", a number from "
+                "0 to 100 (PERCENT)"},
+        Refused{"wire loses block 1 of a 0 times",
+                "a.run:1: \"0\" is not understood here; expected: a whole number from 1 to 1000 (TIMES), the "
+                "end of the line"},
+        Refused{"wire loses the way",
+                "a.run:1: \"way\" is not understood here; expected: \"answer\", \"request\""},
         Refused{
             "wire delays 60001 ms",
             "a.run:1: \"60001\" is not understood here; expected: a number from 0 to 60000 (MILLISECONDS)"},

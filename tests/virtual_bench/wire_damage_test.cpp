@@ -46,7 +46,7 @@ class DamagedLink : private FrameSink {
                       (copies == 1 ? "" : " times " + std::to_string(copies)));
   }
   void note(std::uint64_t number, Fate fate) override {
-    const char* const words[] = {" lost", " cut", " refused", " duplicated", " swapped"};
+    const char* const words[] = {" lost", " cut", " refused", " duplicated", " swapped", " picked"};
     events_.push_back(std::to_string(number) + words[static_cast<int>(fate)]);
   }
 

@@ -132,7 +132,7 @@ class Bench {
   }
 
   // Waits until the file is as it will stay, by an order that changes nothing.
-  void catches_up() const { wire.order(What::kDelay, 0); }
+  void catches_up() const { wire.order({What::kDelay, 0}); }
   std::string fates() const {
     catches_up();
     return recorded_fates();
@@ -175,7 +175,7 @@ TEST(Wire, JoinsSeveralEndsWithTheFirst) {
   EXPECT_EQ(first.receives(), "from one");
   other_station->sends("from the other");
   EXPECT_EQ(first.receives(), "from the other");
-  wire.order(What::kDelay, 0);
+  wire.order({What::kDelay, 0});
   EXPECT_EQ(recorded_fates(), "");
   EXPECT_EQ(recorded_frames().size(), 3U);
 }
@@ -231,7 +231,7 @@ TEST(Wire, CarriesFramesOfEveryLength) {
 TEST(Wire, TheFileFollowsByItself) {
   NEEDS_WIRE();
   Bench bench;
-  bench.wire.order(What::kLose, 100);
+  bench.wire.order({What::kLose, 100});
   bench.left->sends("lost");
   const auto end = Clock::now() + 10s;
   while (recorded_fates().empty() && Clock::now() < end) std::this_thread::sleep_for(5ms);
@@ -239,17 +239,17 @@ TEST(Wire, TheFileFollowsByItself) {
   EXPECT_EQ(recorded_frames().size(), 1U);
 }
 
-TEST(Wire, LosesEveryFrameOfTheFirstLinkOnly) {
+TEST(Wire, LosesEveryFrameOfTheLinkThatIsMeant) {
   NEEDS_WIRE();
   Bench bench;
-  bench.wire.order(What::kLose, 100);
+  bench.wire.order({What::kLose, 100});
   bench.left->sends("lost");
   bench.right->sends("lost too");
   bench.plain_left->sends("plain");
   EXPECT_EQ(bench.plain_right->receives(), "plain");
   EXPECT_EQ(bench.right->receives(kQuietMilliseconds), "nothing");
   EXPECT_EQ(bench.left->receives(0), "nothing");
-  bench.wire.order(What::kLose, 0);
+  bench.wire.order({What::kLose, 0});
   bench.left->sends("not lost");
   EXPECT_EQ(bench.right->receives(), "not lost");
   EXPECT_EQ(bench.fates(), "1 lost: by chance\n2 lost: by chance\n");
@@ -261,9 +261,9 @@ TEST(Wire, WhatWasSentBeforeAnOrderIsNotSubjectToIt) {
   Bench bench;
   for (int i = 0; i < 50; ++i) {
     bench.left->sends("before");
-    bench.wire.order(What::kLose, 100);
+    bench.wire.order({What::kLose, 100});
     ASSERT_EQ(bench.right->receives(), "before");
-    bench.wire.order(What::kLose, 0);
+    bench.wire.order({What::kLose, 0});
     std::this_thread::sleep_for(1ms);
   }
 }
@@ -271,7 +271,7 @@ TEST(Wire, WhatWasSentBeforeAnOrderIsNotSubjectToIt) {
 TEST(Wire, DuplicatesFrames) {
   NEEDS_WIRE();
   Bench bench;
-  bench.wire.order(What::kDuplicate, 100);
+  bench.wire.order({What::kDuplicate, 100});
   bench.right->sends("twice");
   EXPECT_EQ(bench.left->receives(), "twice");
   EXPECT_EQ(bench.left->receives(), "twice");
@@ -283,7 +283,7 @@ TEST(Wire, DuplicatesFrames) {
 TEST(Wire, SwapsFramesAndReleasesTheLastOneAlone) {
   NEEDS_WIRE();
   Bench bench;
-  bench.wire.order(What::kSwap, 100);
+  bench.wire.order({What::kSwap, 100});
   // In one turn, so that the hold does not end between them.
   kill(bench.wire.process().pid(), SIGSTOP);
   bench.left->sends("first");
@@ -299,7 +299,7 @@ TEST(Wire, SwapsFramesAndReleasesTheLastOneAlone) {
 TEST(Wire, DelaysFrames) {
   NEEDS_WIRE();
   Bench bench;
-  bench.wire.order(What::kDelay, 150);
+  bench.wire.order({What::kDelay, 150});
   const auto start = Clock::now();
   bench.left->sends("late");
   EXPECT_EQ(bench.right->receives(), "late");
@@ -312,7 +312,7 @@ TEST(Wire, ACutEndsByItselfAndIsOnRecord) {
   NEEDS_WIRE();
   Bench bench;
   const double before = seconds_since_epoch();
-  bench.wire.order(What::kCut, 0.5);
+  bench.wire.order({What::kCut, 0.5});
   const double after = seconds_since_epoch();
   bench.left->sends("into the cut");
   EXPECT_EQ(bench.right->receives(600), "nothing");
@@ -336,7 +336,7 @@ TEST(Wire, FollowsOrdersWhileFramesKeepComing) {
   };
   std::thread flood(floods, std::cref(*bench.plain_left));
   std::thread flood_back(floods, std::cref(*bench.plain_right));
-  bench.wire.order(What::kLose, 100);
+  bench.wire.order({What::kLose, 100});
   bench.left->sends("lost");
   EXPECT_EQ(bench.right->receives(kQuietMilliseconds), "nothing");
   flooding = false;
@@ -369,7 +369,7 @@ TEST(Wire, RefusesOrdersOnceItHasEnded) {
   NEEDS_WIRE();
   Bench bench;
   bench.wire.process().send_signal(SIGKILL);
-  EXPECT_THROW(bench.wire.order(What::kLose, 5), std::runtime_error);
+  EXPECT_THROW(bench.wire.order({What::kLose, 5}), std::runtime_error);
 }
 
 TEST(Wire, SleepsWhenNothingComesEvenWhenADeviceIsDeleted) {
@@ -389,7 +389,7 @@ TEST(Wire, SleepsWhenNothingComesEvenWhenADeviceIsDeleted) {
 TEST(Wire, EndsWithItsOrdersAndDropsWhatIsDelayed) {
   NEEDS_WIRE();
   Bench bench;
-  bench.wire.order(What::kDelay, 60000);
+  bench.wire.order({What::kDelay, 60000});
   bench.left->sends("delayed");
   bench.catches_up();
   bench.plain_left->sends("recorded");

@@ -37,6 +37,19 @@ class Transfers : public testing::Test {
   MadeRun run;
   Exchange unit{&run, kUnit, made::kStation};
   const Transfer& first() { return run.reading().transfers.at(0); }
+  // "block 3 2 times, ACK 5 (inferred)", of the first transfer.
+  std::string losses() {
+    constexpr const char* kWhats[] = {"request", "answer", "block", "ACK"};
+    std::string text;
+    for (const story::Loss& loss : first().losses) {
+      const bool has_number = loss.what == story::Loss::What::kBlock || loss.what == story::Loss::What::kAck;
+      text += (text.empty() ? "" : ", ") + std::string(kWhats[static_cast<int>(loss.what)]) +
+              (has_number ? " " + std::to_string(loss.number) : "") +
+              (loss.times == 1 ? "" : " " + std::to_string(loss.times) + " times") +
+              (loss.is_inferred ? " (inferred)" : "");
+    }
+    return text;
+  }
 };
 
 TEST_F(Transfers, AreReadWithTheirOptions) {
@@ -316,6 +329,49 @@ TEST_F(Transfers, TellSeenLossesFromInferredOnes) {
   unit.blocks(5, 6, 512);
   EXPECT_EQ(first().data.lost, 1U);
   EXPECT_EQ(first().inferred_lost, 1U);
+  EXPECT_EQ(losses(), "block 2, ACK 4, block 5 (inferred)");
+}
+
+TEST_F(Transfers, TellWhichDatagramsWereLost) {
+  const auto loses = [&](int times, const auto& send) {
+    for (int i = 0; i < times; ++i) {
+      run.next_is(record::kLostAsOrdered);
+      send();
+      run.rests(1000);
+    }
+  };
+  loses(2, [&] { unit.asks(rrq("boot.img")); });
+  unit.asks(rrq("boot.img"));
+  loses(1, [&] { unit.answers(oack({{"blksize", "512"}})); });
+  unit.answers(oack({{"blksize", "512"}}));
+  loses(1, [&] { unit.sends(ack(0)); });
+  unit.sends(ack(0));
+  unit.blocks(1, 65537, 512);
+  loses(3, [&] { unit.answers(data(2, block(512))); });
+  unit.answers(data(2, block(512)));
+  loses(1, [&] { unit.sends(ack(2)); });
+  unit.sends(ack(2));
+  EXPECT_EQ(losses(), "request 2 times, answer, ACK 0, block 65538 3 times, ACK 65538");
+  loses(25, [&] { unit.sends(ack(2)); });
+  EXPECT_EQ(first().losses.size(), 5U);
+}
+
+TEST_F(Transfers, TellTheLossOfABlockThatIsTheAnswerAsThatOfTheAnswer) {
+  unit.asks(rrq("boot.img"));
+  run.next_is(record::kLostAsOrdered);
+  unit.answers(data(1, ""));
+  EXPECT_EQ(losses(), "answer");
+}
+
+TEST_F(Transfers, KeepTheFirstLossesAndCountTheOthers) {
+  unit.asks(rrq("boot.img"));
+  for (int number = 1; number <= 30; ++number) {
+    run.next_is(record::kLostByChance);
+    unit.answers(data(number, block(512)));
+    unit.blocks(number, number, 512);
+  }
+  EXPECT_EQ(first().losses.size(), Transfer::kMaxLosses);
+  EXPECT_EQ(first().losses_left_out, 10U);
 }
 
 // Both sides wait for five seconds, and the repeated ACK makes the block go out once more.

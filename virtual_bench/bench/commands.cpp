@@ -24,6 +24,16 @@ ReadOptions read_options(const Step& step) {
   return options;
 }
 
+// A frame by what it carries.
+void lose(Run& run, const Step& step, What what) {
+  Order order{what, step.number_of("NUMBER")};
+  order.times = static_cast<int>(step.number_of("TIMES", order.times));
+  if (step.text_of("NAME").size() >= Order::kNameBytes)
+    throw StepFailed("expected a name of less than " + std::to_string(Order::kNameBytes) + " bytes");
+  step.text_of("NAME").copy(order.name, Order::kNameBytes - 1);
+  run.order_wire(step, {order});
+}
+
 }  // namespace
 
 const std::vector<Command>& commands() {
@@ -36,30 +46,38 @@ const std::vector<Command>& commands() {
        [](Run& run, const Step& step) { run.serve_random_bytes(step.text_of("NAME"), step.bytes()); }},
       {"wire damages by seed SEED",
        [](Run& run, const Step& step) { run.seed_wire(static_cast<std::uint64_t>(step.number_of("SEED"))); }},
-      {"wire loses PERCENT %",
+      {"[ppt] wire loses PERCENT %",
        [](Run& run, const Step& step) {
          run.order_wire(step, {{What::kLose, step.number_of("PERCENT")}});
        }},
-      {"wire duplicates PERCENT %",
+      {"[ppt] wire duplicates PERCENT %",
        [](Run& run, const Step& step) {
          run.order_wire(step, {{What::kDuplicate, step.number_of("PERCENT")}});
        }},
-      {"wire swaps PERCENT %",
+      {"[ppt] wire swaps PERCENT %",
        [](Run& run, const Step& step) {
          run.order_wire(step, {{What::kSwap, step.number_of("PERCENT")}});
        }},
-      {"wire delays MILLISECONDS ms",
+      {"[ppt] wire delays MILLISECONDS ms",
        [](Run& run, const Step& step) {
          run.order_wire(step, {{What::kDelay, step.number_of("MILLISECONDS")}});
        }},
-      {"wire is cut for SECONDS s",
+      {"[ppt] wire is cut for SECONDS s",
        [](Run& run, const Step& step) {
          run.order_wire(step, {{What::kCut, step.number_of("SECONDS")}});
        }},
-      {"wire is whole",
+      {"[ppt] wire is whole",
        [](Run& run, const Step& step) {
-         run.order_wire(step, {{What::kDuplicate, 0}, {What::kSwap, 0}, {What::kDelay, 0}, {What::kLose, 0}});
+         run.order_wire(step, {{What::kDuplicate, 0}, {What::kSwap, 0}, {What::kDelay, 0}, {What::kLose, 0}, {What::kLoseNoMore}});
        }},
+      {"[ppt] wire loses block NUMBER of NAME [TIMES times]",
+       [](Run& run, const Step& step) { lose(run, step, What::kLoseBlock); }},
+      {"[ppt] wire loses ACK NUMBER of NAME [TIMES times]",
+       [](Run& run, const Step& step) { lose(run, step, What::kLoseAck); }},
+      {"[ppt] wire loses the answer to NAME [TIMES times]",
+       [](Run& run, const Step& step) { lose(run, step, What::kLoseAnswer); }},
+      {"[ppt] wire loses the request of NAME [TIMES times]",
+       [](Run& run, const Step& step) { lose(run, step, What::kLoseRequest); }},
       {"ppt answers after SECONDS s",
        [](Run& run, const Step& step) { run.ppt_server(step).answer(step.number_of("SECONDS")); }},
       {"ppt answers nothing", [](Run& run, const Step& step) { run.ppt_server(step).answer_nothing(); }},

@@ -73,6 +73,7 @@ class Maker {
   // A request that comes twice is served twice. Where then an ACK is lost, each of the two transfers sends its
   // block before the unit's time is up, the unit never repeats its ACK, and all three give up after minutes.
   bool neither_loses_nor_duplicates() const { return loss_ + duplication_ == 0; }
+  bool is_passed_on_at_once() const { return ppt_ == Ppt::kAnswers && neither_loses_nor_duplicates(); }
   bool swaps_nothing() const { return swapping_ == 0; }
   bool delays_nothing() const { return delay_ == 0; }
   bool serves_commands() const { return commands_are_served_; }
@@ -96,6 +97,8 @@ class Maker {
   void die_and_come_back();
   void pull_the_cable();
   void lose();
+  void lose_block();
+  void lose_answer();
   void duplicate();
   void swap();
   void delay();
@@ -104,6 +107,7 @@ class Maker {
   void change_ppt();
   void pass_step() { give_verdict(verdict_name("_PASSED")); }
   void fail_step() { give_verdict(verdict_name("_TEST_FAILED")); }
+  void lose_on_the_way_to_ppt();
   void hear_no_more();
   void ask_mac();
   void change_tool();

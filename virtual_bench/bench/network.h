@@ -11,9 +11,9 @@
 
 // The machines of the bench, each a network namespace of its own, joined by the wire:
 //
-//   unit 172.40.0.2 ---- test network, damaged on order ---- lan0 172.40.0.1 station
-//   unit b 172.40.0.3 ---------+ and so on
-//   PPT server 172.30.0.254 ---- PPT network --------------- ppt0 172.30.0.1 station
+//   unit 172.40.0.2 ---- test network ---------- lan0 172.40.0.1 station
+//   unit b 172.40.0.3 --------+ and so on
+//   PPT server 172.30.0.254 ---- PPT network --- ppt0 172.30.0.1 station
 class Network {
  public:
   // The station's end of the test network, as it is on a board that is set up well.
@@ -27,7 +27,9 @@ class Network {
   // units: how many there are, at least 1. Throws std::runtime_error.
   Network(const std::string& record, std::uint64_t seed, const Link& link, std::size_t units);
 
-  void order_wire(Order::What what, double amount) const { wire_.order(what, amount); }
+  // Of an order's links the first is the test network.
+  static constexpr std::size_t kPptLink = 1;
+  void order_wire(const Order& order) const { wire_.order(order); }
   // From now on nobody answers at this unit's address, not even to ARP; and again.
   void remove_unit(std::size_t unit) const;
   void restore_unit(std::size_t unit) const;

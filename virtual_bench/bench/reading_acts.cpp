@@ -180,6 +180,26 @@ void Maker::lose() {
   say("wire loses " + number(loss_) + " %");
 }
 
+void Maker::lose_block() {
+  const File& file = readable_file();
+  const int block = block_for(file);
+  say("wire loses block " + number(chance_.between(1, file.bytes / block + 1)) + " of " + file.name);
+  say("unit reads " + file.name + " blksize " + number(block));
+  succeed_in_reading(file);
+  say_of_station("RRQ " + file.name);
+  seconds_ += kLostBlockSeconds;
+}
+
+void Maker::lose_answer() {
+  const File& file = readable_file();
+  say("wire loses the answer to " + file.name);
+  // The unit gives it up before the station repeats its answer.
+  say("unit reads " + file.name + " blksize " + number(block_for(file)) + " timeout 9 tries 2");
+  succeed_in_reading(file);
+  say_of_station("RRQ " + file.name);
+  seconds_ += kLostBlockSeconds;
+}
+
 void Maker::duplicate() {
   duplication_ = chance_.between(1, 60);
   say("wire duplicates " + number(duplication_) + " %");

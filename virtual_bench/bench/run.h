@@ -70,7 +70,7 @@ class Run {
   void serve_file(const std::string& name, const std::string& from) const;
   void serve_random_bytes(const std::string& name, double size) const;
   // Follows all the orders; the step is printed.
-  void order_wire(const Step& step, const std::vector<Order>& orders);
+  void order_wire(const Step& step, std::vector<Order> orders);
   PptServer& ppt_server(const Step& step);
   void expect_of_ppt(const PptServer::Event& event);
   void expect_ppt_not_to_have_heard(const std::string& name);
@@ -210,7 +210,7 @@ class Run {
   std::array<UnitState, 1 + kFurtherUnits.size()> unit_states_;
   std::string fault_owner_, fault_cause_;  // that are expected; empty: any
   std::vector<std::string> also_;          // causes that are expected besides
-  std::unique_ptr<TakenPort> taken_port_;
+  std::vector<std::unique_ptr<TakenPort>> taken_ports_;
 };
 
 #endif

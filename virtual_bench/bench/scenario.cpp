@@ -34,6 +34,7 @@ const std::map<std::string, Range> kRanges = {
     {"CODE", {0, 65535, true}},         // RFC 1350
     {"STATUS", {0, 255, true}},         // of a process
     {"PORT", {1, 65535, true}},          {"COUNT", {1, 65535, true}},
+    {"NUMBER", {0, 4294967295, true}},  // of a block
 };
 const std::set<std::string> kOwners = {"none",  "unit",    "test-network", "ppt-server",
                                        "board", "station", "operator",     "unknown"};
@@ -45,7 +46,7 @@ const std::map<std::string, int> kRights = {{"CAP_NET_BIND_SERVICE", CAP_NET_BIN
                                             {"CAP_NET_RAW", CAP_NET_RAW}};
 
 bool is_value(const std::string& word) {
-  return word != "ERROR" && word != "TCP" &&
+  return word != "ERROR" && word != "TCP" && word != "ACK" &&
          std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 
@@ -153,11 +154,12 @@ class Matcher {
   Attempt match() {
     for (std::size_t i = 0; i < form_.size() && !failed_; ++i) {
       if (form_[i][0] == '[') {
-        const bool present = taken_ < words_.size() && words_[taken_] == form_[i].substr(1);
+        const std::string first = without_bracket(form_[i].substr(1));
+        const bool present = taken_ < words_.size() && fits(first, words_[taken_]);
         if (present)
-          continue_with(form_[i].substr(1));
+          continue_with(first);
         else
-          attempt_.expected.insert(described(form_[i].substr(1)));
+          attempt_.expected.insert(described(first));
         skipping_ = !present;
       } else if (!skipping_) {
         continue_with(without_bracket(form_[i]));

@@ -105,10 +105,14 @@ void Run::serve_random_bytes(const std::string& name, double size) const {
     out.put(static_cast<char>(random() & 0xFF));
 }
 
-void Run::order_wire(const Step& step, const std::vector<Order>& orders) {
+void Run::order_wire(const Step& step, std::vector<Order> orders) {
   const Network& network = neighbours().network;
-  timeline_.log("wire", after_first_word(step.text));
-  for (const Order& order : orders) network.order_wire(order.what, order.amount);
+  const bool is_of_ppt = step.text.rfind("ppt", 0) == 0;
+  timeline_.log("wire", is_of_ppt ? step.text : after_first_word(step.text));
+  for (Order& order : orders) {
+    if (is_of_ppt) order.link = Network::kPptLink;
+    network.order_wire(order);
+  }
 }
 
 PptServer& Run::ppt_server(const Step& step) {
@@ -192,7 +196,7 @@ void Run::remove_tool(const std::string& name) const {
 }
 
 void Run::take_port(int kind, int port) {
-  taken_port_ = std::make_unique<TakenPort>(neighbours().network.station, kind, port);
+  taken_ports_.push_back(std::make_unique<TakenPort>(neighbours().network.station, kind, port));
 }
 
 void Run::take_right(int capability) {

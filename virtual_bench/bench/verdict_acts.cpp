@@ -95,6 +95,15 @@ void Maker::give_verdict(const std::string& name) {
   expect_of_verdict(name);
 }
 
+// The station waits for it as it does for one that is silent.
+void Maker::lose_on_the_way_to_ppt() {
+  const std::string name = verdict_name("_PASSED");
+  say("ppt wire loses the answer to " + quoted(tagged(name)));
+  give_verdict(name);
+  say("bench waits " + number(kForwardingSeconds + 1) + " s");
+  seconds_ += kForwardingSeconds;
+}
+
 void Maker::expect_of_verdict(const std::string& name) {
   say_of_station("Cmd received: " + name);
   if (holds(name, "TEST_FAILED")) {

@@ -25,10 +25,12 @@ void Damage::enter(int direction, std::uint64_t number, std::string_view frame, 
   const bool is_lost = happens(lost_percent_);
   const bool is_duplicated = happens(duplicated_percent_);
   const bool is_swapped = happens(swapped_percent_);
-  if (now < cut_until_ || is_lost) {
-    sink_.note(number, now < cut_until_ ? Fate::kLostByCut : Fate::kLostByChance);
-    return;
-  }
+  const bool is_cut = now < cut_until_;
+  const bool is_picked = losses_.takes(frame, is_cut || is_lost);
+  if (is_cut || is_lost || is_picked)
+    return sink_.note(number, is_cut      ? Fate::kLostByCut
+                              : is_picked ? Fate::kLostAsOrdered
+                                          : Fate::kLostByChance);
   if (is_duplicated) sink_.note(number, Fate::kDuplicated);
   const int copies = is_duplicated ? 2 : 1;
   std::optional<WaitingFrame>& held = directions_[direction].held;

@@ -10,7 +10,9 @@
 #include <string>
 #include <string_view>
 
-enum class Fate { kLostByChance, kLostByCut, kLostAtTheEnd, kDuplicated, kSwapped };
+#include "wire/ordered_losses.h"
+
+enum class Fate { kLostByChance, kLostByCut, kLostAtTheEnd, kDuplicated, kSwapped, kLostAsOrdered };
 
 // Takes what becomes of the frames.
 class FrameSink {
@@ -26,7 +28,7 @@ class FrameSink {
 //
 // A frame passes five stages, each of which may be its last:
 //   cut          while the cable is pulled it is lost
-//   loss         by chance
+//   loss         by chance, or as ordered (ordered_losses.h)
 //   duplication  by chance; from here on the two copies go together
 //   swap         by chance it is held, unless one of its direction is held already. A frame that is not held
 //                goes on, and the held one goes on right after it. If none comes for kHoldTime, the held one
@@ -53,6 +55,7 @@ class Damage {
   void duplicate(double percent) { duplicated_percent_ = percent; }
   void swap(double percent) { swapped_percent_ = percent; }
   void delay(Duration time) { delay_ = time; }
+  OrderedLosses& losses() { return losses_; }
   // Pulls the cable now for this time; a cut that lasts already ends.
   void cut(Duration time, Time now);
 
@@ -88,6 +91,7 @@ class Damage {
 
   FrameSink& sink_;
   std::mt19937_64 generator_;
+  OrderedLosses losses_;
   double lost_percent_ = 0;
   double duplicated_percent_ = 0;
   double swapped_percent_ = 0;

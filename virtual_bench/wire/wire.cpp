@@ -17,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::size_t kDamagedLink = 0;
+constexpr std::size_t kTestNetwork = 0;  // whose cuts are on record
 constexpr int kFramesPerTurn = 64;
 constexpr Damage::Duration kSpinTime = 100us;
 // How long orders may wait while frames keep the wire awake.
@@ -58,11 +58,8 @@ timespec as_timespec(Damage::Duration time) {
 }  // namespace
 
 Wire::Wire(const std::string& record, std::uint64_t seed, const std::vector<Ends>& links)
-    : record_(record, names_of(links)), damage_(seed, *this) {
-  for (const Ends& ends : links) {
-    Link& link = links_.emplace_back();
-    for (const End& end : ends) link.emplace_back(end.place, end.device);
-  }
+    : record_(record, names_of(links)) {
+  for (const Ends& ends : links) links_.push_back(std::make_unique<Link>(this, seed + links_.size(), ends));
 }
 
 void Wire::run(int orders, int answers) {
@@ -73,7 +70,7 @@ void Wire::run(int orders, int answers) {
     const Time now = Damage::Clock::now();
     const bool came = take_frames(now);
     if (came) awake_until = now + kSpinTime;
-    damage_.let_out(now);
+    for (const auto& link : links_) link->damage.let_out(now);
     if (flush_due_ && *flush_due_ <= now) flush();
     if (now < awake_until && now < next_look) {
       if (!came) sched_yield();
@@ -89,7 +86,7 @@ void Wire::run(int orders, int answers) {
 bool Wire::take_frames(Time now) {
   bool came = false;
   for (std::size_t link = 0; link < links_.size(); ++link) {
-    for (std::size_t end = 0; end < links_[link].size(); ++end) {
+    for (std::size_t end = 0; end < links_[link]->ends.size(); ++end) {
       if (take_frames_of(link, end, now)) came = true;
     }
   }
@@ -97,31 +94,23 @@ bool Wire::take_frames(Time now) {
 }
 
 bool Wire::take_frames_of(std::size_t link, std::size_t end, Time now) {
-  TapDevice& device = links_[link][end];
-  const int direction = end == 0 ? 0 : 1;
+  TapDevice& device = links_[link]->ends[end];
   for (int i = 0; i < kFramesPerTurn; ++i) {
     const std::size_t length = device.take(frame_.data(), frame_.size());
     if (length == 0) return i > 0;
     const std::string_view frame(frame_.data(), length);
     const std::uint64_t number = record_.add_frame(link, frame, time_of_day());
     if (!flush_due_) flush_due_ = now + kFlushInterval;
-    if (link == kDamagedLink) {
-      damage_.enter(direction, number, frame, now);
-    } else {
-      deliver(link, direction, number, frame, 1);
-    }
+    links_[link]->damage.enter(end == 0 ? 0 : 1, number, frame, now);
   }
   return true;
 }
 
-void Wire::leave(int direction, std::uint64_t number, std::string_view frame, int copies) {
-  deliver(kDamagedLink, direction, number, frame, copies);
+Wire::Link::Link(Wire* wire, std::uint64_t seed, const Ends& devices) : damage(seed, *this), wire_(wire) {
+  for (const End& end : devices) ends.emplace_back(end.place, end.device);
 }
 
-// The first end's direction is 0, all others' 1.
-void Wire::deliver(std::size_t link, int direction, std::uint64_t number, std::string_view frame,
-                   int copies) {
-  Link& ends = links_[link];
+void Wire::Link::leave(int direction, std::uint64_t number, std::string_view frame, int copies) {
   const auto first = ends.begin() + (direction == 0 ? 1 : 0);
   bool arrived = false;
   for (auto end = first; end != (direction == 0 ? ends.end() : first + 1); ++end) {
@@ -132,23 +121,25 @@ void Wire::deliver(std::size_t link, int direction, std::uint64_t number, std::s
   if (!arrived) note(number, Fate::kLostAtTheEnd);
 }
 
-void Wire::note(std::uint64_t number, Fate fate) {
-  record_.add_fate(number, fate, time_of_day());
-  if (!flush_due_) flush_due_ = Damage::Clock::now() + kFlushInterval;
+void Wire::Link::note(std::uint64_t number, Fate fate) {
+  wire_->record_.add_fate(number, fate, time_of_day());
+  if (!wire_->flush_due_) wire_->flush_due_ = Damage::Clock::now() + kFlushInterval;
 }
 
 Wire::Time Wire::next_due(Time now) const {
   Time due = now + kLongestSleep;
   if (flush_due_) due = std::min(due, *flush_due_);
-  if (const std::optional<Time> waiting = damage_.next_due()) due = std::min(due, *waiting);
+  for (const auto& link : links_) {
+    if (const std::optional<Time> waiting = link->damage.next_due()) due = std::min(due, *waiting);
+  }
   return due;
 }
 
 // Until a frame, an order or a signal comes, at most until the time.
 Wire::Wake Wire::sleep(int orders, int signals, Time until) const {
   std::vector<pollfd> watched = {{orders, POLLIN, 0}, {signals, POLLIN, 0}};
-  for (const Link& link : links_) {
-    for (const TapDevice& end : link) watched.push_back({end.descriptor(), POLLIN, 0});
+  for (const auto& link : links_) {
+    for (const TapDevice& end : link->ends) watched.push_back({end.descriptor(), POLLIN, 0});
   }
   const timespec limit = as_timespec(std::max(until - Damage::Clock::now(), Damage::Duration::zero()));
   if (ppoll(watched.data(), watched.size(), &limit, nullptr) <= 0) return Wake::kTimeOrFrame;
@@ -171,21 +162,28 @@ bool Wire::follow_next_order(int orders, int answers) {
 void Wire::follow(const Order& order) {
   using Seconds = std::chrono::duration<double>;
   using Milliseconds = std::chrono::duration<double, std::milli>;
+  Damage& damage = links_.at(order.link)->damage;
   switch (order.what) {
     case Order::What::kLose:
-      return damage_.lose(order.amount);
+      return damage.lose(order.amount);
     case Order::What::kDuplicate:
-      return damage_.duplicate(order.amount);
+      return damage.duplicate(order.amount);
     case Order::What::kSwap:
-      return damage_.swap(order.amount);
+      return damage.swap(order.amount);
     case Order::What::kDelay:
-      return damage_.delay(std::chrono::duration_cast<Damage::Duration>(Milliseconds(order.amount)));
+      return damage.delay(std::chrono::duration_cast<Damage::Duration>(Milliseconds(order.amount)));
     case Order::What::kCut: {
       const Seconds time(order.amount);
       const record::Nanoseconds from = time_of_day();
-      damage_.cut(std::chrono::duration_cast<Damage::Duration>(time), Damage::Clock::now());
-      record_.add_cut(std::chrono::duration_cast<std::chrono::nanoseconds>(time).count(), from);
+      damage.cut(std::chrono::duration_cast<Damage::Duration>(time), Damage::Clock::now());
+      if (order.link == kTestNetwork)
+        record_.add_cut(std::chrono::duration_cast<std::chrono::nanoseconds>(time).count(), from);
+      return;
     }
+    case Order::What::kLoseNoMore:
+      return damage.losses().clear();
+    default:
+      damage.losses().add(order);
   }
 }
 

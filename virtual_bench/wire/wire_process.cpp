@@ -25,8 +25,7 @@ WireProcess::~WireProcess() {
   process_->wait_for_end();
 }
 
-void WireProcess::order(Order::What what, double amount) const {
-  const Order order = {what, amount};
+void WireProcess::order(const Order& order) const {
   pollfd answered = {process_->output(), POLLIN, 0};
   if (!process_->write_text({reinterpret_cast<const char*>(&order), sizeof order}) ||
       poll(&answered, 1, kPatienceMilliseconds) != 1 || process_->read_text().empty())

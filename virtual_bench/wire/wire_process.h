@@ -20,7 +20,7 @@ class WireProcess {
 
   // Returns when the order is in force and the file holds all that happened before it. Throws
   // std::runtime_error when the wire does not follow.
-  void order(Order::What what, double amount) const;
+  void order(const Order& order) const;
 
   Process& process() { return *process_; }
 

@@ -14,8 +14,9 @@ constexpr std::size_t kBufferBytes = 1U << 20;
 constexpr char kApplication[] = "virtual bench";  // it is no record yet
 constexpr char kFrame[] = "ZIRN_FRAME";
 constexpr char kFate[] = "ZIRN_FATE";
-constexpr const char* kFates[] = {record::kLostByChance, record::kLostByCut, record::kLostAtTheEnd,
-                                  record::kDuplicated, record::kSwapped};  // in the order of Fate
+constexpr const char* kFates[] = {record::kLostByChance, record::kLostByCut,
+                                  record::kLostAtTheEnd, record::kDuplicated,
+                                  record::kSwapped,      record::kLostAsOrdered};  // in the order of Fate
 
 std::ofstream open_file(const std::string& path, std::vector<char>* buffer) {
   std::ofstream file;

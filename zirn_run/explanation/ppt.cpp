@@ -31,6 +31,9 @@ void find_of(const story::Verdict& verdict, Case* c) {
                           frames::quoted(query.error.text));
   } else if (passed == PassedOn::kClosedPort) {
     find("ppt.closed", "; UDP port " + std::to_string(reading.ppt_port) + " is closed there");
+  } else if (passed == PassedOn::kSilent && !query.losses.empty()) {
+    const bool is_request = query.losses[0].what == story::Loss::What::kRequest;
+    find("net.ppt-loss", is_request ? " and was lost on its way" : "; the answer was lost on its way");
   } else if (passed == PassedOn::kSilent) {
     find("ppt.silent", "; no answer came within " + seconds(query.until - query.from));
   } else if (query.is_answered_late) {

@@ -94,8 +94,9 @@ bool read_contents(std::uint8_t protocol, std::string_view kept, std::size_t siz
 Fate fate_in(const record::Frame& frame) {
   Fate fate;
   for (const std::string& comment : frame.comments) {
-    fate.lost |=
-        comment == record::kLostByChance || comment == record::kLostByCut || comment == record::kLostAtTheEnd;
+    fate.lost |= comment == record::kLostByChance || comment == record::kLostAsOrdered ||
+                 comment == record::kLostByCut || comment == record::kLostAtTheEnd;
+    fate.nobody_took_it |= comment == record::kLostAtTheEnd;
     fate.duplicated |= comment == record::kDuplicated;
     fate.swapped |= comment == record::kSwapped;
   }
@@ -172,6 +173,7 @@ void Decoder::add_piece(const Ip& ip, const Packet& frame, Datagram* datagram) {
   packet.frames.add(frame.frames);
   packet.until = std::max(packet.until, frame.until);
   packet.fate.lost |= frame.fate.lost;
+  packet.fate.nobody_took_it |= frame.fate.nobody_took_it;
   packet.fate.duplicated |= frame.fate.duplicated;
   packet.fate.swapped |= frame.fate.swapped;
   if (!ip.more_fragments) datagram->total = ip.offset + ip.size;

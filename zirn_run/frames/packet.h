@@ -32,6 +32,7 @@ struct Numbers {
 // What the wire did to a frame, or to any frame of a datagram, as far as the record says.
 struct Fate {
   bool lost = false;
+  bool nobody_took_it = false;  // lost, for that reason
   bool duplicated = false;
   bool swapped = false;
 };

@@ -85,6 +85,7 @@ std::optional<RunEntry> said_by(const Entry& entry);
 // What the wire did to a frame stands in a comment of it.
 inline constexpr char kLostByChance[] = "lost: by chance";
 inline constexpr char kLostByCut[] = "lost: the cable was out";
+inline constexpr char kLostAsOrdered[] = "lost: as ordered";
 inline constexpr char kLostAtTheEnd[] = "lost: the far end took none";
 inline constexpr char kDuplicated[] = "duplicated";
 inline constexpr char kSwapped[] = "swapped with the next one";

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <set>
 
+#include "scenario/wire.h"
 #include "scenario/writing.h"
 
 namespace scenario {
@@ -12,16 +13,20 @@ namespace {
 using story::Transfer;
 
 constexpr char kAnswers[] = "ppt answers";
+constexpr char kCutOff[] = "ppt is cut off";
 // The first one that was found holds for the whole run.
 struct Setting {
   const char* cause;
   const char* step;
 };
 constexpr Setting kSettings[] = {
-    {"ppt.refused", "ppt refuses"},     {"ppt.closed", "ppt refuses verdicts"},
-    {"ppt.absent", "ppt is absent"},    {"ppt.dropped", "ppt is cut off"},
-    {"net.ppt-loss", "ppt is cut off"}, {"ppt.odd-answer", "ppt answers nothing"},
+    {"ppt.refused", "ppt refuses"},
+    {"ppt.closed", "ppt refuses verdicts"},
+    {"ppt.absent", "ppt is absent"},
+    {"ppt.dropped", kCutOff},
+    {"ppt.odd-answer", "ppt answers nothing"},
 };
+constexpr char kWire[] = "ppt wire";
 constexpr char kForbidden[] = "ppt is forbidden";
 
 struct State {
@@ -32,6 +37,7 @@ struct State {
 };
 
 State state_in(const Transfer& query) {
+  if (!query.losses.empty()) return {};
   if (query.is_answered_late && query.answered) {
     const double seconds = static_cast<double>(*query.answered - query.from) / kSecond;
     return {"ppt answers after " + in_tenths(seconds) + " s", ""};
@@ -51,11 +57,19 @@ bool is_forbidden(const Writing& writing) {
          });
 }
 
+bool is_connected_late(const Writing& writing) {
+  const auto& connections = writing.reading.connections;
+  return std::any_of(connections.begin(), connections.end(), [](const auto& one) {
+    return one.client == story::kStation && one.opened && one.attempts > 1;
+  });
+}
+
 // Nothing where it answers one so, and another so.
 std::string lasting_state(const Writing& writing) {
   for (const auto& [cause, step] : kSettings) {
     if (writing.has_cause(cause)) return step;
   }
+  if (is_connected_late(writing)) return kCutOff;
   return is_forbidden(writing) ? kForbidden : "";
 }
 
@@ -77,7 +91,9 @@ void write_queries(const std::string& lasting, Writing* writing) {
       const Transfer& query = writing->reading.transfers[place];
       const State state = lasting.empty() ? state_in(query) : now;
       if (state != now) write_state(state, verdict.at, is_first, query.frames, &writing->script);
-      if (hears && heard.insert(query.name).second)
+      if (lasting.empty()) write_losses(query, kWire, verdict.at, *writing, &writing->script);
+      const bool is_lost = !query.losses.empty() && query.losses[0].what == story::Loss::What::kRequest;
+      if (hears && !is_lost && heard.insert(query.name).second)
         writing->script.waits(query.from, "ppt hears NAME", {query.name}, query.frames);
       now = state;
       is_first = false;
@@ -94,7 +110,7 @@ void write_ppt_server(Writing* writing) {
   write_queries(lasting, writing);
   for (const story::Connection& connection : writing->reading.connections) {
     if (connection.client != story::kStation || !connection.opened) continue;
-    if (writing->has_cause("net.ppt-loss") && connection.attempts > 1)
+    if (lasting == kCutOff && connection.attempts > 1)
       script.acts(connection.from + kSecond / 5, *connection.opened, "ppt is back", {}, connection.frames);
     script.waits(*connection.opened, "ppt is connected", {}, connection.frames);
   }

@@ -36,11 +36,19 @@ std::string size_in_words(std::uint64_t bytes) {
   return std::to_string(bytes) + " bytes";
 }
 
+// Its client went on with nothing.
+bool is_answer_lost(const Transfer& one) {
+  return one.acks.sent == 0 && std::any_of(one.losses.begin(), one.losses.end(), [](const story::Loss& loss) {
+           return loss.what == story::Loss::What::kAnswer;
+         });
+}
+
 bool is_finished(const Transfer& one) {
-  return one.end == End::kFinished || (one.is_last_sent && one.end != End::kError);
+  return one.end == End::kFinished || (one.is_last_sent && one.end != End::kError && !is_answer_lost(one));
 }
 
 bool is_read_in_vain(const Transfer& one) {
+  if (is_answer_lost(one)) return true;
   return one.end == End::kUnanswered || one.end == End::kStationEnds ||
          (one.end == End::kError && one.ended_by != one.client) ||
          (one.end == End::kAbandoned && one.ended_by != one.client);
@@ -50,7 +58,7 @@ bool is_read_in_vain(const Transfer& one) {
 bool is_crash(const Transfer& one) {
   const bool is_repeated = one.sent_in_vain >= 2 && one.sent_in_vain_lost == 0 && !one.silences.empty() &&
                            one.silences.back().ended_by == one.server;
-  return one.closed_ports == 0 && !is_finished(one) &&
+  return one.closed_ports == 0 && !is_finished(one) && !is_answer_lost(one) &&
          ((one.end == End::kAbandoned && one.ended_by == one.client) ||
           (one.end == End::kStationEnds && is_repeated));
 }
@@ -133,7 +141,8 @@ class Reads {
     Wire wire(reads_, writing_);
     for (std::size_t i = 0; i < reads_.size(); ++i) {
       wire.write_before(*reads_[i], &script_);
-      i = last_try(i, wire.is_damaged());
+      for (const std::size_t last = last_try(i, wire.is_damaged()); i < last;)
+        wire.write_before(*reads_[++i], &script_);
       write_one(*reads_[i], next_of(i), wire.is_damaged() ? kTriesUnderDamage : "");
     }
   }

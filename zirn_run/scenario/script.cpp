@@ -18,7 +18,7 @@ constexpr double kMostNumber = 3600;  // seconds that the language can say
 constexpr Nanoseconds kLongestPause = 3600 * kSecond;
 
 bool is_value(const std::string& word) {
-  return word != "ERROR" &&
+  return word != "ERROR" && word != "ACK" &&
          std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 

@@ -12,9 +12,49 @@ using End = Transfer::End;
 
 constexpr Nanoseconds kMostDelay = 60000;  // milliseconds
 constexpr Nanoseconds kSlowBlock = kSecond / 100;
-constexpr std::uint64_t kFewBlocks = 10;  // that say nothing of the wire
+constexpr std::uint64_t kFewBlocks = 10;   // that say nothing of the wire
+constexpr std::uint64_t kMostLosses = 20;  // that are said one by one
+
+std::string form_of(const story::Loss& loss) {
+  const std::string number = std::to_string(loss.number);
+  switch (loss.what) {
+    case story::Loss::What::kRequest:
+      return " loses the request of NAME";
+    case story::Loss::What::kAnswer:
+      return " loses the answer to NAME";
+    case story::Loss::What::kBlock:
+      return " loses block " + number + " of NAME";
+    case story::Loss::What::kAck:
+      break;
+  }
+  return " loses ACK " + number + " of NAME";
+}
+
+bool is_by_cut(const story::Loss& loss, const Writing& writing) {
+  return std::any_of(writing.disturbances.begin(), writing.disturbances.end(), [&loss](const auto* step) {
+    return step->kind == story::Step::Kind::kCut && step->from <= loss.at && loss.at <= step->until;
+  });
+}
 
 }  // namespace
+
+void write_losses(const Transfer& transfer, const std::string& wire, Nanoseconds before,
+                  const Writing& writing, Script* script) {
+  for (const story::Loss& loss : transfer.losses) {
+    if (is_by_cut(loss, writing)) continue;
+    const std::string times = loss.times == 1 ? "" : " " + std::to_string(loss.times) + " times";
+    script->acts(before - 1, before - 1, wire + form_of(loss) + times, {transfer.name}, transfer.frames);
+  }
+}
+
+bool are_few(const std::vector<const Transfer*>& transfers, const Writing& writing) {
+  std::uint64_t losses = 0;
+  for (const Transfer* const one : transfers) {
+    losses += one->losses_left_out;
+    for (const story::Loss& loss : one->losses) losses += is_by_cut(loss, writing) ? 0 : loss.times;
+  }
+  return losses <= kMostLosses;
+}
 
 template <typename Count>
 Wire::Damage Wire::damage(const std::vector<const Transfer*>& reads, Count count) const {
@@ -61,8 +101,9 @@ Nanoseconds Wire::delay_of(const Transfer& read) const {
   return block < kSlowBlock ? 0 : block / 2;
 }
 
-Wire::Wire(const std::vector<const Transfer*>& reads, const Writing& writing) : writing_(writing) {
-  if (writing.has_cause("net.loss") || writing.has_cause("net.read-broken")) {
+Wire::Wire(const std::vector<const Transfer*>& reads, const Writing& writing)
+    : writing_(writing), is_exact_(are_few(reads, writing)) {
+  if (!is_exact_ && (writing.has_cause("net.loss") || writing.has_cause("net.read-broken"))) {
     const Damage lost = damage(reads, [](const Transfer& one) {
       const bool is_request_lost = one.end == End::kUnanswered || one.end == End::kStationEnds;
       const std::uint64_t seen = one.data.lost + one.acks.lost;
@@ -78,6 +119,7 @@ Wire::Wire(const std::vector<const Transfer*>& reads, const Writing& writing) : 
 }
 
 void Wire::write_before(const Transfer& read, Script* script) {
+  if (is_exact_) write_losses(read, "wire", read.from, writing_, script);
   std::vector<std::string> wanted;
   for (const Damage& one : damages_) {
     if (read.from >= one.from && read.from <= one.until) wanted.push_back(one.step);

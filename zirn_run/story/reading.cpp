@@ -1,5 +1,6 @@
 #include "story/reading.h"
 
+#include <algorithm>
 #include <csignal>
 
 namespace story {
@@ -14,7 +15,15 @@ bool contains(std::string_view text, std::string_view word) {
   return text.find(word) != std::string_view::npos;
 }
 
+// As often as it was sent.
+bool is_answer_lost(const Transfer& query) {
+  return std::any_of(query.losses.begin(), query.losses.end(), [&query](const Loss& loss) {
+    return loss.what == Loss::What::kAnswer && loss.times >= query.data.sent;
+  });
+}
+
 PassedOn outcome_of(const Transfer& query) {
+  if (is_answer_lost(query)) return PassedOn::kSilent;
   if (query.end == Transfer::End::kError && query.ended_by == query.server) return PassedOn::kRefused;
   if (query.answered || query.is_end_inferred) return PassedOn::kAnswered;
   if (query.closed_ports > 0) return PassedOn::kClosedPort;

@@ -108,6 +108,22 @@ struct Flow {
   std::uint64_t swapped = 0;
 };
 
+// A datagram of a transfer that was lost on its way, with its repetitions that were; not what nobody took.
+struct Loss {
+  enum class What {
+    kRequest,
+    kAnswer,  // the first packet with which the server answers
+    kBlock,
+    kAck,
+  };
+
+  What what = What::kBlock;
+  std::uint64_t number = 0;  // of the block, as counted from 1; kAck: 0: of the options
+  std::uint64_t times = 0;
+  Nanoseconds at = 0;  // of the last one
+  bool is_inferred = false;
+};
+
 // A time in which a transfer rested.
 struct Silence {
   Nanoseconds from = 0;
@@ -151,6 +167,7 @@ struct Transfer {
   };
   using Options = std::vector<std::pair<std::string, std::string>>;
   static constexpr std::size_t kMaxSilences = 8;  // the longest
+  static constexpr std::size_t kMaxLosses = 20;   // the first ones
   static constexpr std::size_t kMaxMarks = 64;
   static constexpr Nanoseconds kShortestSilence = 100000000;
 
@@ -182,9 +199,11 @@ struct Transfer {
   Flow data;
   Flow acks;
   std::uint64_t inferred_lost = 0;  // beyond those seen, from repetitions: at least so many
-  std::vector<Silence> silences;    // in order
-  std::vector<Mark> marks;          // in order
-  std::uint64_t closed_ports = 0;   // "port unreachable" in answer to it
+  std::vector<Loss> losses;
+  std::uint64_t losses_left_out = 0;  // for which that had no room
+  std::vector<Silence> silences;      // in order
+  std::vector<Mark> marks;            // in order
+  std::uint64_t closed_ports = 0;     // "port unreachable" in answer to it
 
   End end = End::kOpen;
   bool is_end_inferred = false;  // kFinished, although one side's datagrams are missing

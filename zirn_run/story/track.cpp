@@ -44,6 +44,8 @@ void Track::request(const Packet& packet, std::size_t source, std::size_t target
   }
   note_repetition(packet, {}, true);
   note(packet);
+  if (packet.fate.lost && !packet.fate.nobody_took_it)
+    add_loss({Loss::What::kRequest, 0, 1, packet.at, false});
   tell(Step::Kind::kRequest, &request_step_, packet, source, target);
 }
 
@@ -51,6 +53,7 @@ void Track::take(const Packet& packet, const TftpMessage& message, bool is_from_
   Transfer& transfer = mine();
   const std::size_t source = is_from_client ? transfer.client : transfer.server;
   const std::size_t target = is_from_client ? transfer.server : transfer.client;
+  if (!is_from_client && !transfer.answered) answer_ = message.kind;
   if (!is_from_client) take_first_answer(packet);
   add_silence(packet, source);
   judge_silence(packet, source);
@@ -76,7 +79,46 @@ void Track::take(const Packet& packet, const TftpMessage& message, bool is_from_
     default:
       tell(Step::Kind::kOtherTftp, &other_step_, packet, source, target);
   }
+  if (packet.fate.lost && !packet.fate.nobody_took_it) note_loss(packet, message, is_from_client);
   note(packet);
+}
+
+void Track::note_loss(const Packet& packet, const TftpMessage& message, bool is_from_client) {
+  const Transfer& transfer = mine();
+  const bool is_first_block = message.kind == Kind::kData && transfer.blocks <= 1;
+  if (!is_from_client && message.kind == answer_ && (is_first_block || message.kind != Kind::kData)) {
+    add_loss({Loss::What::kAnswer, 0, 1, packet.at, false});
+  } else if (message.kind == Kind::kData && has_block_) {
+    const std::uint64_t last = transfer.blocks + transfer.blocks_missing;
+    const std::uint64_t back = static_cast<std::uint16_t>(last_block_ - message.number);
+    add_loss({Loss::What::kBlock, last - std::min(back, last), 1, packet.at, false});
+  } else if (message.kind == Kind::kAck) {
+    const std::uint64_t last = transfer.acknowledged_blocks;
+    const std::uint64_t back = static_cast<std::uint16_t>(last_ack_ - message.number);
+    add_loss({Loss::What::kAck, last - std::min(back, last), 1, packet.at, false});
+  }
+}
+
+void Track::add_loss(Loss loss) {
+  Transfer& transfer = mine();
+  const auto same = std::find_if(transfer.losses.begin(), transfer.losses.end(), [&loss](const Loss& one) {
+    return one.what == loss.what && one.number == loss.number;
+  });
+  if (loss.times == 0) return;
+  if (same != transfer.losses.end()) {
+    same->times += loss.times;
+    same->at = loss.at;
+  } else if (transfer.losses.size() < Transfer::kMaxLosses) {
+    transfer.losses.push_back(loss);
+  } else {
+    transfer.losses_left_out += loss.times;
+  }
+}
+
+// One of the last one that was inferred.
+void Track::take_loss_back() {
+  std::vector<Loss>& losses = mine().losses;
+  if (!losses.empty() && losses.back().is_inferred && --losses.back().times == 0) losses.pop_back();
 }
 
 // Who speaks again was not gone. The station says by its ACK that it waits for no answer any more.
@@ -199,6 +241,9 @@ void Track::take_new_block(const TftpMessage& message, std::uint16_t ahead, bool
   const bool is_judged = ahead == 1 && acknowledged_ > 0 && arrived_ > acknowledged_;
   owed_before_ = is_judged ? std::min(pauses_, arrived_ - acknowledged_) : 0;
   transfer.inferred_lost += owed_before_ + acks_in_vain_;
+  const std::uint64_t last = transfer.blocks + transfer.blocks_missing;
+  add_loss({Loss::What::kAck, last, acks_in_vain_, sent_at_, true});
+  add_loss({Loss::What::kBlock, last, owed_before_, sent_at_, true});
   acks_in_vain_ = 0;
   arrived_ = is_lost ? 0 : 1;
   pauses_ = 0;
@@ -225,7 +270,10 @@ void Track::take_ack(const Packet& packet, const TftpMessage& message) {
   if (ahead > 0) {
     transfer.acknowledged_blocks += static_cast<std::uint64_t>(ahead);
     last_ack_ = message.number;
-    if (!has_block_) transfer.inferred_lost += std::exchange(acks_in_vain_, 0);
+    if (!has_block_) {
+      transfer.inferred_lost += acks_in_vain_;
+      add_loss({Loss::What::kAck, 0, std::exchange(acks_in_vain_, 0), packet.at, true});
+    }
   } else if (ahead < 0 || has_ack_) {
     ++transfer.acks.again;
   }
@@ -238,6 +286,7 @@ void Track::take_ack(const Packet& packet, const TftpMessage& message) {
     // It was not lost, but late.
     --owed_before_;
     --transfer.inferred_lost;
+    take_loss_back();
   }
 }
 

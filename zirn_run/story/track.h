@@ -50,6 +50,9 @@ class Track {
   void take_block_or_ack(const frames::Packet& packet, const frames::TftpMessage& message,
                          bool is_from_client);
   static void count(const frames::Packet& packet, Flow* flow);
+  void note_loss(const frames::Packet& packet, const frames::TftpMessage& message, bool is_from_client);
+  void add_loss(Loss loss);
+  void take_loss_back();
   void take_data(const frames::Packet& packet, const frames::TftpMessage& message);
   void take_new_block(const frames::TftpMessage& message, std::uint16_t ahead, bool is_lost);
   void take_ack(const frames::Packet& packet, const frames::TftpMessage& message);
@@ -77,7 +80,8 @@ class Track {
 
   bool client_went_on_ = false;
   bool client_gave_up_ = false;
-  bool has_cut_ = false;  // of what was cut is not known whether it was the last block, or its ACK
+  bool has_cut_ = false;        // of what was cut is not known whether it was the last block, or its ACK
+  Kind answer_ = Kind::kOther;  // what the first packet from the server was
   bool has_ack_ = false;
   bool has_block_ = false;
   std::uint16_t last_block_ = 0;
