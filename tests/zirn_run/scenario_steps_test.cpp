@@ -199,7 +199,8 @@ TEST_F(ScenarioSteps, KnowLoadersByWhatTheyAskFor) {
       {"h", {{"tsize", "0"}, {"timeout", "6"}}}};
   std::uint16_t port = 3000;
   for (const auto& [name, options] : kReads) {
-    Exchange read(&run.run, {kUnit, ++port}, kStation, static_cast<std::uint16_t>(port + 30000));
+    ++port;
+    Exchange read(&run.run, {kUnit, port}, kStation, static_cast<std::uint16_t>(port + 30000));
     read.asks(tftp::rrq(name, options));
     read.blocks(1, 1, 100);
   }
@@ -219,7 +220,8 @@ TEST_F(ScenarioSteps, KnowLoadersByTheirPatience) {
   run.begins();
   std::uint16_t port = 3000;
   for (const auto& [name, milliseconds] : {std::pair("a", 100), std::pair("b", 300), std::pair("c", 2000)}) {
-    Exchange read(&run.run, {kUnit, ++port}, kStation, static_cast<std::uint16_t>(port + 30000));
+    ++port;
+    Exchange read(&run.run, {kUnit, port}, kStation, static_cast<std::uint16_t>(port + 30000));
     const std::string request = tftp::rrq(name, {{"blksize", "1432"}, {"tsize", "0"}});
     read.asks(request);
     run.run.rests(milliseconds);
