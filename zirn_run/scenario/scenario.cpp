@@ -70,8 +70,8 @@ std::string Writing::of_unit(std::size_t party, const std::string& form) const {
 Scenario scenario_of(const Reading& reading, const Contents* contents) {
   const explanation::Explanation told = explanation::explain(reading);
   Writing writing = {reading, told, units_of(reading), disturbances_in(reading), contents, {}};
+  write_board(&writing);  // first: nobody may be on the network before it is set up
   write_ppt_server(&writing);
-  write_board(&writing);
   write_commands(&writing);
   write_end(&writing);
   write_reads(&writing);
