@@ -1,4 +1,6 @@
 // What the PPT server made of the verdicts and of the station's connection.
+#include <algorithm>
+
 #include "explanation/case.h"
 #include "frames/words.h"
 
@@ -16,10 +18,18 @@ using story::Transfer;
 constexpr std::uint64_t kUnansweredAttempts = 3;  // SYNs, from where on their answers are not merely missing
 constexpr Nanoseconds kAskedAgain = kSecond;      // what comes sooner is the network's
 
+// What became of a verdict is what became of its last query. The first one that ended so is when it began.
+const Transfer& telling_query(const Reading& reading, const story::Verdict& verdict) {
+  const story::Transfer::End end = reading.transfers[verdict.queries.back()].end;
+  const auto first = std::find_if(verdict.queries.begin(), verdict.queries.end(),
+                                  [&](std::size_t query) { return reading.transfers[query].end == end; });
+  return reading.transfers[*first];
+}
+
 void find_of(const story::Verdict& verdict, Case* c) {
   if (verdict.queries.empty()) return;
   const Reading& reading = c->reading;
-  const Transfer& query = reading.transfers[verdict.queries.back()];
+  const Transfer& query = telling_query(reading, verdict);
   const std::string told =
       frames::printable(verdict.name) + " went to " + address_of(reading, query.server) + at(*c, query.from);
   const PassedOn passed = story::passed_on(reading, verdict);

@@ -209,7 +209,14 @@ void find_silent_side(const Transfer& transfer, bool is_unit, const Doings& doin
                doings, c);
 }
 
+// Busy with a verdict, it answered a unit that had given up asking.
+bool is_answered_too_late(const Transfer& transfer, const Case& c) {
+  return transfer.end == End::kAbandoned && transfer.acks.sent == 0 && transfer.closed_ports > 0 &&
+         c.waits_for_ppt(transfer.from);
+}
+
 void find_of(const Transfer& transfer, const Doings& doings, Case* c) {
+  if (is_answered_too_late(transfer, *c)) return;
   const std::string name = of(transfer);
   const bool is_stopped = was_silent_at_end(transfer, *c);
   if (transfer.end == End::kError) {
