@@ -10,6 +10,7 @@ namespace {
 using story::Transfer;
 using End = Transfer::End;
 
+constexpr Nanoseconds kMillisecond = kSecond / 1000;
 constexpr Nanoseconds kMostDelay = 60000;  // milliseconds
 constexpr Nanoseconds kSlowBlock = kSecond / 100;
 constexpr std::uint64_t kFewBlocks = 10;   // that say nothing of the wire
@@ -126,7 +127,7 @@ void Wire::write_before(const Transfer& read, Script* script) {
   }
   if (const Nanoseconds delay = delay_of(read); delay > 0 && wanted.empty())
     wanted.push_back("wire delays " +
-                     std::to_string(std::min<Nanoseconds>(delay * 1000 / kSecond, kMostDelay)) + " ms");
+                     std::to_string(std::min<Nanoseconds>(delay / kMillisecond, kMostDelay)) + " ms");
   if (wanted == now_) return;
   if (!now_.empty()) script->acts(read.from - 2, read.from - 2, "wire is whole", {}, {});
   for (const std::string& step : wanted) script->acts(read.from - 1, read.from - 1, step, {}, {});
