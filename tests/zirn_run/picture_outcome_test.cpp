@@ -51,6 +51,13 @@ TEST_F(PictureOfAnOutcome, MarksTheStepThatFailedAndTheFinalVerdict) {
             (Lines{"read F_l_m_01TEST_FAILED a step FAILED", "read F_l_m_02PPT_FAILED the unit FAILED"}));
 }
 
+TEST_F(PictureOfAnOutcome, CountsNoUnitForAVerdictThatIsPassedOnAfterTheFinalOne) {
+  reads(made::kUnit, "F_l_m_01MEMORY_PASSED");
+  reads(made::kUnit, "F_l_m_02PPT_FAILED");
+  run.udp({made::kStationAtPpt, 50000}, {made::kPptServer, 69}, rrq("F_l_m_01CPU_2_MEMORY_PASSED"));
+  EXPECT_EQ(picture().sheet.summary, "the unit FAILED");
+}
+
 TEST_F(PictureOfAnOutcome, SaysThatARunWentWrongBesideWhatTheUnitSays) {
   reads(made::kUnit, "F_l_m_01PPT_PASSED");
   run.says(record::RunEnds{"failed", "line 3: the station did not"});

@@ -31,7 +31,7 @@ std::size_t verdict_told_by(const Reading& reading, const Step& step) {
 
 bool begins_a_turn(const Reading& reading, const Step& step) {
   if (step.kind == Step::Kind::kConnect || step.kind == Step::Kind::kDatagram) return true;
-  if (step.kind != Step::Kind::kRequest) return false;
+  if (step.kind != Step::Kind::kRequest || step.source == story::kStation) return false;
   const std::size_t verdict = reading.transfers[step.thread].verdict;
   return verdict == kNone || !story::is_final(reading.verdicts[verdict].says);
 }
