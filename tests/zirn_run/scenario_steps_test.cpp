@@ -235,6 +235,32 @@ TEST_F(ScenarioSteps, KnowLoadersByTheirPatience) {
       "station gets SIGTERM\n");
 }
 
+TEST_F(ScenarioSteps, KnowALoaderThatIsLateOnABusyMachine) {
+  run.begins();
+  Exchange read(&run.run, {kUnit, 3000}, kStation);
+  const std::string request = tftp::rrq("a", {{"tsize", "0"}});
+  read.asks(request);
+  run.run.rests(250);
+  read.asks(request);
+  read.blocks(1, 1, 100);
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads a\nstation gets SIGTERM\n");
+  EXPECT_NE(set_after_start().find("unit is like busybox\n"), std::string::npos) << written.text;
+}
+
+// A station that was busy answers when nobody listens any more.
+TEST_F(ScenarioSteps, SayThatTheUnitHadGivenUpWhenItsAnswerCame) {
+  run.begins();
+  for (const std::string name : {"rootfs.img", "F_l_m_01PPT_FAILED"}) {
+    run.asks_for(name);
+    run.run.rests(30000);
+    run.station_sends(run.answering, tftp::data(1, name == "rootfs.img" ? std::string(512, 'x') : ""));
+    run.run.closed({kStation, run.answering}, run.unit);
+  }
+  run.ends(2);
+  EXPECT_EQ(told(), "unit cannot read rootfs.img\nbench waits 5 s\nunit cannot read F_l_m_01PPT_FAILED\n");
+}
+
 // The station repeats a block, and its port is closed, or nobody says anything at all.
 TEST_F(ScenarioSteps, TellACrashFromADeath) {
   run.begins();

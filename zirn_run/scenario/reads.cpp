@@ -102,6 +102,11 @@ class Reads {
     return manner.options;
   }
 
+  // With an answer that does not come.
+  Nanoseconds patience_of(std::size_t unit) const {
+    return static_cast<Nanoseconds>(habits_.at(unit)->patience_seconds * kSecond);
+  }
+
   void write_one(const Transfer& one, Nanoseconds next, const std::string& tries) {
     if (one.kind == Transfer::Kind::kWrite) {
       act(one, "unit writes NAME");
@@ -127,7 +132,10 @@ class Reads {
   void write_octet_read(const Transfer& one, Nanoseconds next, const std::string& tries) {
     if (one.end == End::kError && one.ended_by == one.client) return write_given_up(one);
     const std::string asked = options_of(one);
-    if (is_finished(one)) {
+    const Nanoseconds given_up = one.from + patience_of(one.client);
+    if (one.answered.value_or(0) > given_up && one.acks.sent == 0) {
+      write_read(one, std::min(given_up, next), asked, "", false);
+    } else if (is_finished(one)) {
       write_read(one, std::min(one.until, next), asked, tries, true);
     } else if (is_crash(one)) {
       write_crash(one, asked);
