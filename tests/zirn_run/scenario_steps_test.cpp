@@ -72,6 +72,19 @@ TEST_F(ScenarioSteps, PauseOnlyWhereNothingIsTheCause) {
             "station gets SIGTERM\n");
 }
 
+TEST_F(ScenarioSteps, PauseBeforeWhatTookTheStationLong) {
+  run.begins();
+  run.gives("F_l_m_01PPT_FAILED");
+  run.run.rests(3000);
+  run.says(record::BoardCall{"envtool ppt_flag=failed", 0});
+  run.run.rests(20000);
+  run.says(record::BoardCall{"envtool show tempmac", 0});
+  run.ends(2);
+  EXPECT_EQ(told(),
+            "unit reads F_l_m_01PPT_FAILED\nboard ran \"envtool ppt_flag=failed\"\n"
+            "bench waits 12 s\nboard ran \"envtool show tempmac\"\n");
+}
+
 TEST_F(ScenarioSteps, SayWhyAFileDoesNotArrive) {
   run.begins();
   run.is_refused("missing.img", 1, "File not found");

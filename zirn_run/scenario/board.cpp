@@ -96,7 +96,7 @@ void write_line(const Step& line, std::set<std::string>* told, Script* script) {
   }
   for (const std::string_view beginning : kTold) {
     if (begins(text, beginning) && told->insert(text).second)
-      script->waits(line.from, "station says TEXT", {text}, line.lines);
+      script->follows(line.from, "station says TEXT", {text}, line.lines);
   }
 }
 
@@ -106,7 +106,7 @@ void write_steps(Writing* writing) {
   for (const Step& step : writing->reading.steps) {
     if (step.kind == Step::Kind::kLine) write_line(step, &told, &script);
     if (step.kind == Step::Kind::kBoardCall && told.insert("board " + step.said.text).second)
-      script.waits(step.from, "board ran TEXT", {step.said.text}, step.lines);
+      script.follows(step.from, "board ran TEXT", {step.said.text}, step.lines);
     if (step.kind == Step::Kind::kCut)
       script.acts(step.from, step.from, "wire is cut for SECONDS s",
                   {in_tenths(static_cast<double>(step.until - step.from) / kSecond)}, step.lines);

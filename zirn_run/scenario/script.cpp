@@ -14,7 +14,8 @@ namespace {
 
 constexpr Nanoseconds kBeforeAll = std::numeric_limits<Nanoseconds>::min();
 constexpr Nanoseconds kShortestPause = 3 * kSecond / 10;
-constexpr double kMostNumber = 3600;  // seconds that the language can say
+constexpr Nanoseconds kLongWait = 8 * kSecond;  // the bench waits 10 s for what follows
+constexpr double kMostNumber = 3600;            // seconds that the language can say
 constexpr Nanoseconds kLongestPause = 3600 * kSecond;
 
 bool is_value(const std::string& word) {
@@ -90,6 +91,10 @@ void Script::waits(Nanoseconds at, const std::string& form, Values values, const
   add({at, at, Kind::kWaits, ""}, form, values, numbers);
 }
 
+void Script::follows(Nanoseconds at, const std::string& form, Values values, const Numbers& numbers) {
+  add({at, at, Kind::kFollows, ""}, form, values, numbers);
+}
+
 void Script::acts(Nanoseconds at, Nanoseconds until, const std::string& form, Values values,
                   const Numbers& numbers) {
   add({at, std::max(at, until), Kind::kActs, ""}, form, values, numbers);
@@ -111,8 +116,9 @@ Scenario Script::written(const std::string& title, Nanoseconds start) {
   Scenario scenario = {"# " + title + "\n", left_out_};
   Nanoseconds now = start;
   for (const Line& line : lines_) {
-    const Nanoseconds pause = std::min(line.at - std::min(now, line.at), kLongestPause);
-    if (line.kind == Kind::kActs && pause >= kShortestPause)
+    Nanoseconds pause = std::min(line.at - std::min(now, line.at), kLongestPause);
+    if (line.kind == Kind::kFollows) pause -= kLongWait;
+    if ((line.kind == Kind::kActs || line.kind == Kind::kFollows) && pause >= kShortestPause)
       scenario.text += "bench waits " + in_tenths(static_cast<double>(pause) / kSecond) + " s\n";
     scenario.text += line.text + '\n';
     now = std::max(now, line.until);

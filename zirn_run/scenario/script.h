@@ -32,6 +32,8 @@ class Script {
   void starts(const std::string& form, Values values = {});
   // Waits for what is its cause.
   void waits(Nanoseconds at, const std::string& form, Values values, const Numbers& numbers);
+  // The same, of what the bench waits for only so long: if it took the station longer, there is a pause before.
+  void follows(Nanoseconds at, const std::string& form, Values values, const Numbers& numbers);
   // Nobody causes it but who does it; it lasts until `until`.
   void acts(Nanoseconds at, Nanoseconds until, const std::string& form, Values values,
             const Numbers& numbers);
@@ -45,7 +47,7 @@ class Script {
   Scenario written(const std::string& title, Nanoseconds start);
 
  private:
-  enum class Kind { kWaits, kActs, kComment };
+  enum class Kind { kWaits, kFollows, kActs, kComment };
   struct Line {
     Nanoseconds at = 0;
     Nanoseconds until = 0;
