@@ -34,7 +34,7 @@ class LossyWire {
   }
 
   // From now on, of the frames of both directions.
-  void loses(int percent) const { wire_->order(Order::What::kLose, percent); }
+  void loses(double percent) const { wire_->order({Order::What::kLose, percent}); }
   std::size_t lost_frames() const {
     std::ifstream record(kRecord, std::ios::binary);
     return read_fates(record).of_frames.size();
