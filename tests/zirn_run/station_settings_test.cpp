@@ -5,6 +5,7 @@
 #include <fstream>
 #include <string>
 
+#include "station/child.h"
 #include "station/settings.h"
 #include "support/scratch_directory.h"
 
@@ -23,6 +24,12 @@ std::string text(const Station& station) {
 
 TEST(StationSettings, HasTheDefaultsOfTheProgram) {
   EXPECT_EQ(text(station_of({})), "127.0.0.1 69 172.30.0.254 69 12345");
+}
+
+TEST(StationSettings, TakesNoMoreOfAProgramThatPrintsWithoutEnd) {
+  const std::string output = station::output_of({"yes"}, std::chrono::seconds(30));
+  EXPECT_GE(output.size(), std::size_t{1} << 20);
+  EXPECT_LT(output.size(), std::size_t{2} << 20);
 }
 
 TEST(StationSettings, ReadsOptionsInEveryForm) {

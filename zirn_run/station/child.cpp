@@ -17,6 +17,7 @@ namespace station {
 namespace {
 
 constexpr int kNoSuchProgram = 127;
+constexpr std::size_t kMostOutput = std::size_t{1} << 20;  // bytes
 
 [[noreturn]] void become(const std::vector<std::string>& words, int output, int errors) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -82,7 +83,7 @@ std::string output_of(const std::vector<std::string>& words, std::chrono::millis
     pollfd wait = {child.descriptor(), POLLIN, 0};
     const int ready = poll(&wait, 1, std::max(static_cast<int>(left.count()), 0));
     if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) return output;
+    if (ready <= 0 || output.size() >= kMostOutput) return output;
     char buffer[4096];
     const ssize_t count = read(child.descriptor(), buffer, sizeof buffer);
     if (count < 0 && errno == EINTR) continue;

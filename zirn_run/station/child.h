@@ -29,8 +29,8 @@ class Child {
   int output_ = -1;
 };
 
-// What the program prints on standard output until it ends, or is ended because it takes longer. Nobody sees its
-// errors.
+// What the program prints on standard output until it ends, or is ended because it takes longer or has printed a MiB.
+// Nobody sees its errors.
 std::string output_of(const std::vector<std::string>& words,
                       std::chrono::milliseconds patience = std::chrono::hours(1));
 
