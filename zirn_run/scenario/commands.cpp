@@ -153,11 +153,13 @@ void write_commands(Writing* writing) {
   }
   for (const Step& step : reading.steps) {
     if (step.kind != Step::Kind::kDatagram) continue;
-    if (writing->has_unit(step.source) && step.target == kStation && step.said.size == step.said.text.size())
+    const bool can_be_said = step.port != 0 && step.said.size == step.said.text.size();
+    if (writing->has_unit(step.source) && step.target == kStation && can_be_said)
       write_datagram(step, kRelayPort, writing);
     else
-      writing->script.cannot_say(step.from, "a datagram that is too long, or not the unit's to the station",
-                                 step.frames);
+      writing->script.cannot_say(
+          step.from, "a datagram that is too long, or to port 0, or not the unit's to the station",
+          step.frames);
   }
 }
 

@@ -67,7 +67,7 @@ bool can_be_written(const std::string& word) {
 
 std::string in_tenths(double number) {
   std::ostringstream text;
-  text << std::round(std::min(number, kMostNumber) * 10) / 10;
+  text << std::round(std::clamp(number, 0.0, kMostNumber) * 10) / 10;
   return text.str();
 }
 
