@@ -22,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::seconds kPatience{90};
+constexpr std::chrono::seconds kPatience{150};
 constexpr int kNotAllowed = 77;
 
 // Scenarios that do not survive, and why.

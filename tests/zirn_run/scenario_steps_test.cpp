@@ -139,6 +139,28 @@ TEST_F(ScenarioSteps, SetTheBoardUpAsTheAnswersShow) {
   EXPECT_EQ(last_lines(), "station exits 2\nfault is board by board.tool-failed\n");
 }
 
+TEST_F(ScenarioSteps, LetTheToolHangOnlyWhereItHung) {
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  run.asks("DO_PMC_INIT:7", "READY");
+  run.asks("DO_PMC_INIT:7", "", 12000);
+  run.ends(137);
+  EXPECT_EQ(told().substr(0, told().find("in vain")),
+            "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
+            "unit asks DO_PMC_INIT:7 expects READY\nboard tool hangs\nunit asks DO_PMC_INIT:7 ");
+  EXPECT_EQ(set(), "");
+}
+
+TEST_F(ScenarioSteps, ForbidNothingWhereAVerdictWasLostOnItsWay) {
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  run.run.next_is("lost: by chance");
+  run.asks_for("F_l_m_02STEP");
+  run.ends(15);
+  told();
+  EXPECT_EQ(set(), "");
+}
+
 TEST_F(ScenarioSteps, KnowTheBoardsAddressAlsoWhereItsSuccessorWraps) {
   run.begins();
   run.gives("F_l_m_01MEMORY_PASSED");

@@ -37,7 +37,6 @@ constexpr Setting kSettings[] = {
     {"board.mac-empty", "board has tempmac \"\""},
     {"board.tool-missing", "board lacks /mnt/ramdisk/t1-e1"},
     {"board.tool-failed", "board tool exits 0"},
-    {"board.tool-hangs", "board tool hangs"},
 };
 
 // Lines that are waited for; the others follow from what else is waited for.
@@ -84,6 +83,17 @@ Call call_of(const Reading& reading) {
     if (address != kUsualPptServer) call.more += (call.more.empty() ? "-s " : " -s ") + address;
   }
   return call;
+}
+
+// Before the first question that was never answered, since others may have been.
+void write_hanging_tool(Writing* writing) {
+  constexpr char kHangs[] = "board tool hangs";
+  if (!writing->has_cause("board.tool-hangs")) return;
+  for (const story::Connection& one : writing->reading.connections) {
+    if (one.client == story::kStation || one.texts.empty() || !one.texts.back().is_from_client) continue;
+    return writing->script.acts(one.from - 1, one.from - 1, kHangs, {}, one.frames);
+  }
+  writing->script.sets(kHangs);
 }
 
 void write_line(const Step& line, std::set<std::string>* told, Script* script) {
@@ -140,6 +150,7 @@ void write_board(Writing* writing) {
   else
     script.starts("station starts with TEXT", {call.more});
   if (writing->has_cause("boot.not-sent")) script.starts("board link is down");
+  write_hanging_tool(writing);
   write_steps(writing);
 }
 

@@ -48,12 +48,22 @@ State state_in(const Transfer& query) {
   return {is_silent ? "ppt is silent" : kAnswers, ""};
 }
 
+// Not one whose every request was lost.
+bool has_reached_station(const story::Verdict& verdict, const Writing& writing) {
+  if (verdict.transfer == story::kNone) return true;
+  const Transfer& read = writing.reading.transfers[verdict.transfer];
+  std::uint64_t lost = 0;
+  for (const story::Loss& loss : read.losses)
+    lost += loss.what == story::Loss::What::kRequest ? loss.times : 0;
+  return lost < read.requests;
+}
+
 // A verdict that is due and was not asked for shows that the station could not send.
 bool is_forbidden(const Writing& writing) {
   const auto& verdicts = writing.reading.verdicts;
   return !writing.has_cause("verdict.too-short") && !writing.has_cause("ppt.no-route") &&
-         writing.reading.has_frames && std::any_of(verdicts.begin(), verdicts.end(), [](const auto& one) {
-           return !story::is_final(one.says) && one.queries.empty();
+         writing.reading.has_frames && std::any_of(verdicts.begin(), verdicts.end(), [&](const auto& one) {
+           return !story::is_final(one.says) && one.queries.empty() && has_reached_station(one, writing);
          });
 }
 

@@ -110,7 +110,7 @@ class Reads {
   void write_one(const Transfer& one, Nanoseconds next, const std::string& tries) {
     if (one.kind == Transfer::Kind::kWrite) {
       act(one, "unit writes NAME");
-    } else if (one.kind == Transfer::Kind::kOther) {
+    } else if (one.kind == Transfer::Kind::kOther && writing_.reading.tftp_port != 0) {
       script_.acts(one.from, one.until,
                    of(one, "unit sends TEXT to port " + std::to_string(writing_.reading.tftp_port)),
                    {kAnyText}, one.frames);
