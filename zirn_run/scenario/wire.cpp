@@ -44,7 +44,10 @@ void write_losses(const Transfer& transfer, const std::string& wire, Nanoseconds
   for (const story::Loss& loss : transfer.losses) {
     if (is_by_cut(loss, writing)) continue;
     const std::string times = loss.times == 1 ? "" : " " + std::to_string(loss.times) + " times";
-    script->acts(before - 1, before - 1, wire + form_of(loss) + times, {transfer.name}, transfer.frames);
+    std::string form = wire;
+    form += form_of(loss);
+    form += times;
+    script->acts(before - 1, before - 1, form, {transfer.name}, transfer.frames);
   }
 }
 
