@@ -10,7 +10,7 @@
 namespace {
 
 constexpr int kNotAllowed = 77;
-constexpr int kDamaged = kSanitized ? 250 : 1000;  // of each kind of file
+constexpr int kDamaged = kSanitized ? 100 : 1000;  // of each kind of file
 constexpr char kScenario[] =
     "file bootscript.txt holds \"setenv bootdelay 1\\r\\n\"\nfile kernel.img is 60 KiB\nstation starts\n"
     "unit hears the boot script\nunit obeys the boot script\nwire loses 3 %\n"

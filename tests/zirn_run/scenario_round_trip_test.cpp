@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,8 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kPatience{150};
 constexpr int kNotAllowed = 77;
+
+const std::set<std::string> kNotWithASanitizer = {"crashed", "no-descriptors", "silent-server-hasty-unit"};
 
 // Scenarios that do not survive, and why.
 const std::map<std::string, std::string> kLost = {};
@@ -61,8 +64,8 @@ class ScenarioRoundTrip : public testing::TestWithParam<std::string> {
 bool ScenarioRoundTrip::is_not_allowed_ = false;
 
 TEST_P(ScenarioRoundTrip, HappensAgain) {
-  if (kSanitized && (GetParam() == "crashed" || GetParam() == "no-descriptors"))
-    GTEST_SKIP() << "a sanitizer takes the signal, and the descriptors, for itself";
+  if (kSanitized && kNotWithASanitizer.count(GetParam()) > 0)
+    GTEST_SKIP() << "a sanitizer takes the signal, and the descriptors, for itself, and stops open reads";
   const std::string first_play = play(std::string(SCENARIOS) + "/" + GetParam() + ".run");
   if (is_not_allowed_) GTEST_SKIP() << first_play;
   ASSERT_EQ(first_play, "");
