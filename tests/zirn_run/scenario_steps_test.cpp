@@ -151,6 +151,23 @@ TEST_F(ScenarioSteps, LetTheToolHangOnlyWhereItHung) {
   EXPECT_EQ(set(), "");
 }
 
+TEST_F(ScenarioSteps, LetTheToolHangOnlyWhileTheUnitLeaves) {
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  run.asks("DO_PMC_INIT:7", "READY");
+  const made::Endpoint client{kUnit, 4000}, server{kStation, 12345};
+  run.tcp(client, server, made::kSyn, 100);
+  run.tcp(server, client, made::kSyn | made::kAck, 200);
+  run.tcp(client, server, made::kAck, 101, "DO_PMC_INIT:8");
+  run.tcp(client, server, made::kRst, 114);
+  run.ends(15);
+  EXPECT_EQ(told(),
+            "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
+            "unit asks DO_PMC_INIT:7 expects READY\nboard tool hangs\n"
+            "unit asks DO_PMC_INIT:8 and breaks off\nboard tool goes on\nstation gets SIGTERM\n");
+  EXPECT_EQ(set(), "");
+}
+
 TEST_F(ScenarioSteps, ForbidNothingWhereAVerdictWasLostOnItsWay) {
   run.begins();
   run.gives("F_l_m_01STEP");

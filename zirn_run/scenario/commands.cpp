@@ -89,7 +89,7 @@ void write_answered(const Connection& one, const Text& question, const Text& rep
 void write_left(const Connection& one, const std::string& question, const std::string& form, Script* script) {
   const bool uses_tool = question.compare(0, kUsesTool.size(), kUsesTool) == 0;
   const Nanoseconds end = one.ended.value_or(one.until);
-  if (uses_tool) script->sets("board tool hangs");
+  if (uses_tool) script->acts(one.from - 1, one.from - 1, "board tool hangs", {}, one.frames);
   script->acts(one.from, end, form, {question}, one.frames);
   if (uses_tool) script->acts(end, end, "board tool goes on", {}, one.frames);
 }
