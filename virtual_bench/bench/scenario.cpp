@@ -76,6 +76,15 @@ bool is_habit(const std::string& word) {
                      [&word](const scenario::Habit& habit) { return habit.name == word; });
 }
 
+std::string names_of_habits() {
+  std::string names;
+  for (const scenario::Habit& habit : scenario::kHabits) {
+    const bool is_last = &habit == std::end(scenario::kHabits) - 1;
+    names.append(names.empty() ? "" : is_last ? " or " : ", ").append(habit.name);
+  }
+  return names;
+}
+
 bool is_hex(const std::string& word) {
   return word.size() % 2 == 0 && word.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
 }
@@ -98,7 +107,7 @@ std::string described(const std::string& wanted) {
   if (wanted == "UNIT") return "bytes, KiB or MiB";
   if (wanted == "SIGNAL") return "SIGINT, SIGTERM, SIGKILL, SIGABRT, SIGSEGV, SIGSTOP or SIGCONT";
   if (wanted == "RIGHT") return "CAP_NET_BIND_SERVICE or CAP_NET_RAW";
-  if (wanted == "HABIT") return "zirn, curl, tftp-hpa, atftp, busybox, u-boot or ipxe";
+  if (wanted == "HABIT") return names_of_habits();
   if (wanted == "HEX") return "bytes of two hexadecimal digits each";
   if (wanted == "OWNER") return "none, unit, test-network, ppt-server, board, station, operator or unknown";
   if (wanted == "CAUSE") return "a cause out of docs/causes.md";

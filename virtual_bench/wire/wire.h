@@ -14,7 +14,7 @@
 #include "wire/tap_device.h"
 #include "wire/wire_record.h"
 
-// Carries frames between the two ends of each link, records every one as it enters, and damages them on order.
+// Carries frames among the ends of each link, records every one as it enters, and damages them on order.
 //
 // The two sides of a lock-step transfer wait for each other with every frame, so what counts is how soon a
 // frame is at the far end, not how many can be under way. A thread that sleeps is late by the time it takes

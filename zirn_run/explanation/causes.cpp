@@ -282,8 +282,7 @@ const std::vector<Cause>& causes() {
       // Nothing hindered the verdict, and the run ended without it.
       {"end.timeout", O::kUnknown, W::kEnds,
        "The run took longer than it was given (zirn-run test --timeout), and was ended before the unit gave "
-       "its "
-       "final verdict.",
+       "its final verdict.",
        "Look on the unit's console for what it waits for. If it was still at work, give the run more time "
        "(--timeout). Then begin a new run."},
       {"end.sigint", O::kOperator, W::kEnds,

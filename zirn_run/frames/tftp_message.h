@@ -10,6 +10,9 @@
 
 namespace frames {
 
+// Of a transfer that agreed on no other (RFC 1350).
+inline constexpr std::size_t kDefaultBlockBytes = 512;
+
 // A datagram as RFC 1350 and RFC 2347 read it.
 struct TftpMessage {
   enum class Kind {

@@ -21,9 +21,8 @@ using frames::Endpoint;
 using frames::Packet;
 using frames::TftpMessage;
 
-constexpr std::size_t kUsualBlockSize = 512;  // bytes, RFC 1350
-constexpr std::size_t kHeader = 4;            // bytes of a DATA packet before its block
-constexpr std::size_t kLongestName = 255;     // bytes
+constexpr std::size_t kHeader = 4;         // bytes of a DATA packet before its block
+constexpr std::size_t kLongestName = 255;  // bytes
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), frames::printable(what));
@@ -119,7 +118,7 @@ Contents::Reads::iterator Contents::begin(const Ends& ends, const Request& reque
   Read read;
   read.name = request.name;
   read.part = ".part-" + std::to_string(++order_);
-  read.block_size = request.asks_block_size ? 0 : kUsualBlockSize;
+  read.block_size = request.asks_block_size ? 0 : frames::kDefaultBlockBytes;
   read.descriptor =
       openat(descriptor_, read.part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (read.descriptor < 0) fail(folder_ + "/" + read.part);

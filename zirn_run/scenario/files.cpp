@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 
+#include "frames/tftp_message.h"
 #include "scenario/contents.h"
 #include "scenario/read_end.h"
 #include "story/track.h"
@@ -15,7 +16,6 @@ namespace {
 using story::Transfer;
 using End = Transfer::End;
 
-constexpr std::size_t kUsualBlockSize = 512;   // bytes
 constexpr std::uint64_t kMuchMore = 16 << 20;  // bytes, so that a read is not over before it is stopped
 constexpr std::uint64_t kFileNotFound = 1;     // RFC 1350
 
@@ -28,7 +28,7 @@ std::optional<std::uint64_t> size_of_file(const Transfer& one) {
   if (one.end == End::kError && one.error_code == kFileNotFound) return std::nullopt;
   if (one.server_port == 0) return std::nullopt;
   const bool is_stopped = one.end == End::kError && one.acknowledged_blocks > 0;
-  return (one.acknowledged_blocks + 1) * std::max(one.block_size, kUsualBlockSize) +
+  return (one.acknowledged_blocks + 1) * std::max(one.block_size, frames::kDefaultBlockBytes) +
          (is_stopped ? kMuchMore : 0);
 }
 

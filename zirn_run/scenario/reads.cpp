@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 
+#include "frames/tftp_message.h"
 #include "scenario/files.h"
 #include "scenario/manner.h"
 #include "scenario/read_end.h"
@@ -18,11 +19,9 @@ namespace {
 using story::Transfer;
 using End = Transfer::End;
 
-constexpr Nanoseconds kPatience = 5 * kSecond;  // of the bench's unit, with an answer that does not come
-constexpr std::size_t kUsualBlockSize = 512;    // bytes, of the bench's unit
-constexpr std::uint64_t kMostBlocks = 65535;    // that can be counted
-constexpr std::uint64_t kMostCount = 1000;      // of what is repeated
-constexpr std::size_t kProgressBytes = 8192;    // its file grows by
+constexpr std::uint64_t kMostBlocks = 65535;  // that can be counted
+constexpr std::uint64_t kMostCount = 1000;    // of what is repeated
+constexpr std::size_t kProgressBytes = 8192;  // its file grows by
 constexpr char kTriesUnderDamage[] = " tries 9";
 constexpr char kAnyText[] = "hello";  // where something came that is not in the story
 
@@ -142,7 +141,8 @@ class Reads {
     } else if (is_read_in_vain(one)) {
       if (is_station_stopped(one)) return write_stopped(one, asked);
       const bool is_told = one.end == End::kError;
-      write_read(one, is_told ? one.until : std::min(one.until + kPatience, next), asked, "", false);
+      write_read(one, is_told ? one.until : std::min(one.until + patience_of(one.client), next), asked, "",
+                 false);
     } else if (one.end == End::kAbandoned) {
       script_.acts(one.from, last_said_by_client(one),
                    of(one, "unit reads NAME" + asked + " dies after " + size_in_words(whole(one.bytes))),
@@ -154,7 +154,8 @@ class Reads {
 
   void write_given_up(const Transfer& one) {
     const std::string blocks = std::to_string(std::min<std::uint64_t>(one.acknowledged_blocks, kMostBlocks));
-    act(one, "unit gives up NAME blksize " + std::to_string(std::max(one.block_size, kUsualBlockSize)) +
+    act(one, "unit gives up NAME blksize " +
+                 std::to_string(std::max(one.block_size, frames::kDefaultBlockBytes)) +
                  (one.acknowledged_blocks == 0 ? "" : " after " + blocks + " blocks"));
   }
 
@@ -183,7 +184,7 @@ class Reads {
 
   // What could be seen is that nothing came.
   void write_stopped(const Transfer& one, const std::string& asked) {
-    const Nanoseconds until = one.from + kPatience;
+    const Nanoseconds until = one.from + patience_of(one.client);
     script_.acts(one.from - 1, one.from - 1, "station gets SIGSTOP", {}, one.frames);
     script_.acts(one.from, until, of(one, "unit cannot read NAME" + asked), {one.name}, one.frames);
     const auto& end = writing_.reading.station_end;

@@ -12,7 +12,6 @@ using frames::Packet;
 using frames::TftpMessage;
 using End = Transfer::End;
 
-constexpr std::size_t kDefaultBlockBytes = 512;
 constexpr Nanoseconds kSecond = 1000000000;
 constexpr Nanoseconds kPause = 50000000;           // what is repeated sooner is no answer to silence
 constexpr Nanoseconds kStationWaits = 4500000000;  // for the answer to a query, at least
@@ -254,7 +253,7 @@ void Track::take_new_block(const TftpMessage& message, std::uint16_t ahead, bool
   transfer.blocks += 1;
   transfer.bytes += message.data_size;
   if (transfer.block_size == 0 && transfer.kind != Transfer::Kind::kMidway)
-    transfer.block_size = kDefaultBlockBytes;
+    transfer.block_size = frames::kDefaultBlockBytes;
   transfer.is_last_sent = message.data_size < transfer.block_size;
   transfer.block_size = std::max(transfer.block_size, message.data_size);
   if (transfer.end == End::kFinished) end(End::kOpen, kNone);
