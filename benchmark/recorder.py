@@ -15,7 +15,7 @@ STATION, UNIT = "172.42.0.1", "172.42.0.2"
 PORT = 69
 SETTLE_SECONDS = 0.3  # until the recorder receives, and until the program listens
 # A read of one unit, and all at once; the second without a limit, which is several times what 100 Mbit/s carry.
-READ = ("piece", 0, 1428, 1, 8)
+READ = ("piece", 0, 1428, 1, 1)
 CLIENTS = ("part", 0, 1428, 64, 64)
 
 
@@ -85,9 +85,10 @@ class Station:
         recorder = self._start(self.networks.station, [self.settings["zirn_run"], "record", "-i", "lan0", "-o", record,
                                                        "--", "-o", STATION], stderr=subprocess.PIPE, text=True)
         time.sleep(SETTLE_SECONDS)
+        before = processor_seconds(recorder.pid)
         figures = self.reads(*work)
         time.sleep(SETTLE_SECONDS)
-        figures["used"] += processor_seconds(recorder.pid)
+        figures["used"] += processor_seconds(recorder.pid) - before
         status = open(f"/proc/{recorder.pid}/status").read()
         figures["memory_kib"] = int(re.search(r"^VmHWM:\s+(\d+)", status, re.M).group(1))
         recorder.send_signal(signal.SIGINT)
@@ -105,29 +106,35 @@ class Station:
         self.networks.end()
 
 
-def measure(settings, served, cpus_of, rounds):
-    """For each setting and round: one read without and with the recorder. All clients at once: with it."""
+def turn_of(station, number):
+    """A read without and one with the recorder, which of them first by turns."""
+    works = {"alone": station.reads, "recorded": station.recorded_reads}
+    return {name: works[name](*READ) for name in sorted(works, reverse=number % 2 == 1)}
+
+
+def measure(settings, served, cpus_of, rounds, turns):
+    """For each setting and its rounds: so many turns, and all clients at once with the recorder."""
     lines = []
     for setting, cpus in cpus_of.items():
         for number in range(rounds[setting]):
             station = Station(settings, served, cpus)
-            alone, recorded = station.reads(*READ), station.recorded_reads(*READ)
-            clients = station.recorded_reads(*CLIENTS)
+            lines.append({"round": number, "setting": setting,
+                          "turns": [turn_of(station, turn) for turn in range(turns)],
+                          "clients": station.recorded_reads(*CLIENTS)})
             station.end()
-            lines.append({"round": number, "setting": setting, "alone": alone, "recorded": recorded,
-                          "clients": clients})
     return lines
 
 
 def ratios(lines):
-    """Throughput with the recorder to that without, one for each round."""
-    return [line["alone"]["seconds"] / line["recorded"]["seconds"] for line in lines]
+    """Throughput with the recorder to that without, one for each round: the median of its turns."""
+    return [statistics.median(turn["alone"]["seconds"] / turn["recorded"]["seconds"] for turn in line["turns"])
+            for line in lines]
 
 
 def microseconds_per_frame(line):
     """What recording adds to the processor time of all that takes part, for each frame: a block and its ACK are two."""
-    added = line["recorded"]["used"] - line["alone"]["used"]
-    return added * 1e6 / (2 * line["recorded"]["blocks"])
+    added = sum(turn["recorded"]["used"] - turn["alone"]["used"] for turn in line["turns"])
+    return added * 1e6 / sum(2 * turn["recorded"]["blocks"] for turn in line["turns"])
 
 
 def median_cost(lines):
@@ -135,4 +142,5 @@ def median_cost(lines):
 
 
 def greatest(lines, figure):
-    return max(line[work][figure] for line in lines for work in ("recorded", "clients"))
+    return max(work[figure] for line in lines
+               for work in [line["clients"], *(turn["recorded"] for turn in line["turns"])])
