@@ -194,6 +194,47 @@ TEST_F(Degraded, AnEmptyMacWhereThePptNetworkIsMissing) {
   EXPECT_TRUE(has_also("board.mac-empty"));
 }
 
+// Ten seconds after its start an alarm ends the station's wait for the PPT server: that it answers the unit soon says
+// nothing then. The first verdict stops the alarm.
+struct AlarmCase {
+  const char* title;
+  int first_after;  // milliseconds since the last boot script, which comes 2 s after the start
+  int next_after;
+  bool gives_one_before;
+  bool has_lines;
+  const char* fault;
+};
+void PrintTo(const AlarmCase& one, std::ostream* stream) {
+  *stream << one.title;
+}
+
+class Alarm : public testing::TestWithParam<AlarmCase> {};
+
+TEST_P(Alarm, MayHaveEndedAWaitThatTheRecordLacks) {
+  ExplainedRun one;
+  one.lacking.ppt_network = true;
+  one.lacking.lines = !GetParam().has_lines;
+  one.begins();
+  if (GetParam().gives_one_before) one.gives("F_l_m_t_Bootstrap_loading");
+  one.run.rests(GetParam().first_after);
+  one.gives("F_l_m_01MEMORY_PASSED");
+  one.run.rests(GetParam().next_after);
+  one.gives("F_l_m_02TEST_FAILED");
+  one.gives("F_l_m_09PPT_FAILED");
+  one.ends(2);
+  EXPECT_EQ(one.fault(), GetParam().fault);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , Alarm,
+    testing::Values(AlarmCase{"Between", 4500, 4000, false, true, "unknown verdict.unexplained"},
+                    AlarmCase{"Before", 9500, 4000, false, true, "unit unit.failed"},
+                    AlarmCase{"After", 2000, 4000, false, true, "unit unit.failed"},
+                    AlarmCase{"Stopped", 4500, 4000, true, true, "unit unit.failed"},
+                    AlarmCase{"StartNotSaid", 2000, 4000, false, false, "unknown verdict.unexplained"},
+                    AlarmCase{"StartNotSaidAndOver", 9500, 4000, false, false, "unit unit.failed"}),
+    [](const auto& one) { return std::string(one.param.title); });
+
 // Frames that the kernel dropped may be those that would show another cause.
 TEST_F(Degraded, DroppedFrames) {
   run.story.take(record::Interface{"lan0", "", record::kEthernet, 0});

@@ -21,7 +21,10 @@ constexpr std::string_view kVerdictLine = "Cmd received: <NAME>";
 constexpr std::string_view kRequestLine = "RRQ <NAME>";
 constexpr std::string_view kModeLine = "Mode detected: <NUMBER>";
 constexpr std::string_view kMacLine = "Assigned MAC is <MAC>";
-constexpr Nanoseconds kPptPatience = 4900000000;  // the station waits five seconds for the PPT server
+constexpr std::string_view kStartLine = "Starting TFTP server on <ADDRESS>:<PORT> PPT Server: <ADDRESS>";
+constexpr Nanoseconds kPptPatience = 4900000000;   // the station waits five seconds for the PPT server
+constexpr Nanoseconds kAlarmAfter = 10 * kSecond;  // the station's start
+constexpr Nanoseconds kAlarmMargin = kSecond;
 
 // The n-th answer of the station comes from port 100 n + 33033, of which the low 16 bits count.
 bool is_port_of_station(std::uint16_t port) {
@@ -219,6 +222,22 @@ void Case::take_successes() {
   has_unit = has_unit || !verdicts.empty() || has_line(kRequestLine);
 }
 
+// The station's alarm cuts one wait for the PPT server short, unless a verdict has come before: the first one stops it.
+bool Case::may_be_cut_by_alarm(const Verdict& verdict, Nanoseconds until) const {
+  if (&verdict != &verdicts.front()) return false;
+  const auto starts = lines_with(kStartLine);
+  if (!starts.empty() && reading.untimed_lines.empty()) {
+    const Nanoseconds alarm = starts.front()->at + kAlarmAfter;
+    return verdict.at <= alarm + kAlarmMargin && until >= alarm - kAlarmMargin;
+  }
+  Nanoseconds first_sign = verdict.at;  // of the station, which may have started long before
+  if (reading.boot_script) first_sign = std::min(first_sign, reading.boot_script->first);
+  for (const Transfer& transfer : reading.transfers) {
+    if (transfer.server == kStation && transfer.answered) first_sign = std::min(first_sign, transfer.from);
+  }
+  return verdict.at <= first_sign + kAlarmAfter + kAlarmMargin;
+}
+
 // The station reads no request while it waits for the PPT server.
 bool Case::is_ppt_known(const Verdict& verdict) const {
   if (story::is_final(verdict.says)) return true;
@@ -229,7 +248,7 @@ bool Case::is_ppt_known(const Verdict& verdict) const {
     if (transfer.from > verdict.at + kPptPatience) break;
     if (transfer.server == kStation && transfer.answered && transfer.from > verdict.at &&
         *transfer.answered < verdict.at + kPptPatience)
-      return true;
+      return !may_be_cut_by_alarm(verdict, *transfer.answered);
   }
   return false;
 }

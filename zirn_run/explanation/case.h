@@ -92,6 +92,7 @@ struct Case {
   void take_successes();
   void note_shown_lines();
   bool is_shown_by_requests(std::string_view name) const;
+  bool may_be_cut_by_alarm(const Verdict& verdict, Nanoseconds until) const;
   bool is_ppt_known(const Verdict& verdict) const;
 
   std::set<std::string_view> requested_;         // names
