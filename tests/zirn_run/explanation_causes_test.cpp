@@ -495,6 +495,21 @@ TEST_F(Causes, ACommandPortThatNobodyServes) {
   EXPECT_EQ(fault(), "ppt-server ppt.refused");
 }
 
+// The station's lines come later than the frames of the read, and one of them before that of the read.
+TEST_F(Causes, AConnectionThatIsRefusedBeforeAReadAndAnEnd) {
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  asks_for("small.cfg");
+  station_sends(answering, tftp::data(1, "small"));
+  unit_sends({made::kStation, answering}, tftp::ack(1));
+  line("ERROR on connect() to 172.30.0.254:12345. Connection refused");
+  line("Error: Failed to initialize receiver");
+  line("RRQ small.cfg");
+  is_killed(SIGKILL);
+  EXPECT_EQ(fault(), "operator end.sigkill");
+  EXPECT_TRUE(has_also("ppt.refused"));
+}
+
 TEST_F(Causes, ATakenCommandPort) {
   begins();
   gives("F_l_m_t_Bootstrap_loading");

@@ -177,6 +177,16 @@ TEST_F(Degraded, AConnectionThatIsRefused) {
 TEST_F(Degraded, ABootScriptThatNobodyAnswers) {
   expect_never_another("unknown", Outcome::kNone, &Happening::is_not_answered);
 }
+// Whether the command port refused it is with the frames that are not there.
+TEST_F(Degraded, ACommandThatNothingAnswers) {
+  lacking.from_station = true;
+  starts();
+  asks_in_vain();
+  is_killed(SIGKILL);
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+  EXPECT_EQ(told.incomplete, std::vector<std::string>{"frames of one side of the test network"});
+}
+
 TEST_F(Degraded, AVerdictThatIsTooShort) {
   expect_never_another("unit", Outcome::kNone, &Happening::gives_a_short_verdict);
 }

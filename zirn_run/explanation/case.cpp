@@ -25,6 +25,7 @@ constexpr std::string_view kStartLine = "Starting TFTP server on <ADDRESS>:<PORT
 constexpr Nanoseconds kPptPatience = 4900000000;   // the station waits five seconds for the PPT server
 constexpr Nanoseconds kAlarmAfter = 10 * kSecond;  // the station's start
 constexpr Nanoseconds kAlarmMargin = kSecond;
+constexpr Nanoseconds kLineDelay = kSecond / 10;  // at most, behind the frames
 
 // The n-th answer of the station comes from port 100 n + 33033, of which the low 16 bits count.
 bool is_port_of_station(std::uint16_t port) {
@@ -115,7 +116,7 @@ void Case::take_steps() {
   }
   Nanoseconds before = reading.first;
   for (Line& line : lines) {
-    if (line.at == 0) line.at = before + 1;
+    line.at = std::max(line.at, before + 1);
     before = line.at;
     line.printed = printed_line(line.text);
     is_a_run = is_a_run || line.printed != nullptr;
@@ -191,6 +192,8 @@ void Case::take_successes() {
     has_unit = has_unit || (party != kNone && reading.parties[party].role == story::Role::kUnit);
   };
   const auto succeed = [this](Nanoseconds when) { last_success = std::max(last_success, when); };
+  std::map<std::string_view, std::pair<Nanoseconds, Nanoseconds>>
+      served;  // the last read of a file, from and until
   for (std::size_t i = 0; i < reading.transfers.size(); ++i) {
     if (reading.transfers[i].second_answer_of != kNone && has_come_to_its_end(reading.transfers[i]))
       by_second_answer_[reading.transfers[i].second_answer_of] = i;
@@ -205,7 +208,9 @@ void Case::take_successes() {
     if (!is_read_of_file(asked) || !has_come_to_its_end(transfer)) continue;
     read_at[asked.name] = std::max(read_at[asked.name], asked.from);
     last_read = std::max(last_read, transfer.data_until);
-    if (transfer.bytes > 0) succeed(transfer.answered.value_or(asked.from));
+    if (transfer.bytes == 0) continue;
+    succeed(transfer.answered.value_or(asked.from));
+    served[asked.name] = {asked.from, transfer.data_until + kLineDelay};
   }
   for (const story::Connection& connection : reading.connections) {
     hear(connection.client);
@@ -217,6 +222,12 @@ void Case::take_successes() {
   for (const story::Relayed& relayed : reading.relayed) {
     hear(relayed.unit);
     succeed(relayed.from);
+  }
+  // The station's line of a read may come later than its frames: it stands behind what the station printed before.
+  for (const Line* line : lines_with(kRequestLine)) {
+    const auto read = served.find(values_in(*line->printed, line->text).front());
+    if (read != served.end() && read->second.first <= line->at && line->at <= read->second.second)
+      succeed(line->at);
   }
   for (const Verdict& verdict : verdicts) succeed(verdict.at);
   has_unit = has_unit || !verdicts.empty() || has_line(kRequestLine);
@@ -286,11 +297,17 @@ void Case::note_shown_lines() {
 }
 
 bool Case::lacks_a_side() const {
-  bool is_asked = false, is_answered = false;
+  bool is_asked = false;
+  bool is_answered = reading.transfers.empty() && reading.boot_script;  // where only connections ask
   for (const Transfer& transfer : reading.transfers) {
     if (transfer.kind == Transfer::Kind::kMidway) return true;
     is_asked = is_asked || transfer.server == kStation;
     is_answered = is_answered || (transfer.server == kStation && transfer.answered);
+  }
+  for (const story::Connection& connection : reading.connections) {
+    const bool is_in_vain = connection.state == story::Connection::State::kConnecting;
+    is_asked = is_asked || connection.server == kStation;
+    is_answered = is_answered || (connection.server == kStation && !is_in_vain);
   }
   return is_asked && !is_answered;
 }
