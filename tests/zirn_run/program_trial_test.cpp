@@ -2,6 +2,7 @@
 #include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -252,6 +253,13 @@ TEST_F(ProgramTrial, StartsTheStationAsAShellWould) {
   begins(call({"--anyway", "--program", script("kill -INT $$\n")}), [] { signal(SIGINT, SIG_IGN); });
   EXPECT_EQ(ends(), 4);
   EXPECT_NE(output.find("  Exit status: 130\n"), std::string::npos) << output;
+}
+
+// The recorder beside it gives way to it.
+TEST_F(ProgramTrial, StartsTheStationNoNicerThanItIs) {
+  begins(call({"--anyway", "--program", script("sleep 0.3\nnice > niceness\n")}));
+  EXPECT_EQ(ends(), 4);
+  EXPECT_EQ(whole_file("niceness"), std::to_string(getpriority(PRIO_PROCESS, 0)) + "\n");
 }
 
 TEST_F(ProgramTrial, HoldsNothingUpWhereNobodyReads) {

@@ -1,9 +1,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <sstream>
 #include <string>
@@ -32,6 +34,16 @@ TEST_F(RecorderOutput, KilledItLeavesAPartThatIsReadable) {
   EXPECT_EQ(recording.exit_status(), -SIGKILL);
   EXPECT_EQ(recorded("run.pcapng.part").count("yyy"), 100U);
   EXPECT_FALSE(std::filesystem::exists("run.pcapng"));
+}
+
+TEST_F(RecorderOutput, GivesWayToTheStation) {
+  Recording recording(options_);
+  ASSERT_TRUE(recording.works()) << whole_file("errors");
+  const int ours = getpriority(PRIO_PROCESS, 0);
+  EXPECT_TRUE(wait_until([&] {
+    return getpriority(PRIO_PROCESS, static_cast<id_t>(recording.pid())) == std::min(ours + 5, 19);
+  }));
+  EXPECT_EQ(recording.stops(), 0);
 }
 
 TEST_F(RecorderOutput, SigintEndsItAsWell) {

@@ -9,7 +9,6 @@ namespace recorder {
 namespace {
 
 constexpr record::Nanoseconds kMicrosecond = 1000;
-constexpr std::size_t kMostWaste = std::size_t{64} << 10;  // bytes of a queue that are written already
 
 std::size_t bytes_of(const record::Entry& entry) {
   std::size_t bytes = 0;
@@ -95,7 +94,7 @@ void Held::write_frame(Queue* queue) {
   const std::size_t bytes = sizeof head + head.kept;
   queue->begin += bytes;
   bytes_ -= bytes;
-  if (queue->begin > kMostWaste || queue->is_empty()) {
+  if (queue->begin > queue->bytes.size() / 2) {
     queue->bytes.erase(0, queue->begin);
     queue->begin = 0;
   }
