@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <vector>
 
 #include "scenario/scenario.h"
 #include "zirn_run/explained_run.h"
@@ -125,6 +126,137 @@ TEST_F(ScenarioSteps, SayWhatThePptServerDid) {
             "ppt hears F_l_m_03CPU_2_MEMORY_PASSED\n"
             "bench waits 5 s\n"
             "unit reads F_l_m_04PPT_FAILED\n");
+}
+
+// The query for a verdict, its answer and the ACK: what the wire does to each, and how long it takes.
+class ScenarioPptWire : public ScenarioSteps {
+ protected:
+  void gives(const std::string& name, const std::string& query, const std::vector<const char*>& comments,
+             int milliseconds = 0) {
+    const made::Endpoint server{made::kPptServer, 69}, answering{made::kPptServer, 50000};
+    run.asks_for(name);
+    run.station_sends(run.answering, tftp::data(1, ""));
+    run.unit_sends({kStation, run.answering}, tftp::ack(1));
+    const made::Endpoint station{made::kStationAtPpt, ++run.last_port};
+    const auto passes = [&](made::Endpoint from, made::Endpoint to, const std::string& bytes,
+                            std::size_t place) {
+      if (place < comments.size() && *comments[place] != '\0') run.run.next_is(comments[place]);
+      run.ppt_frame(from, to, bytes);
+    };
+    passes(station, server, tftp::rrq(query), 0);
+    if (!comments.empty() && std::string(comments[0]).find("lost") == 0) {
+      run.run.rests(5000);
+      return run.ppt_frame(station, server, tftp::ack(1));
+    }
+    run.run.rests(milliseconds);
+    passes(answering, station, tftp::data(1, ""), 1);
+    run.run.rests(milliseconds);
+    passes(station, answering, tftp::ack(1), 2);
+  }
+};
+
+TEST_F(ScenarioPptWire, DoublesAndSwapsFromTheFirstVerdictToTheLastWhoseFramesItDid) {
+  run.begins();
+  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {});
+  gives("F_l_m_02STEP", "F_l_m_02CPU_2_STEP", {"duplicated", "", "swapped with the next one"});
+  gives("F_l_m_03STEP", "F_l_m_03CPU_2_STEP", {"", "duplicated"});
+  gives("F_l_m_04STEP", "F_l_m_04CPU_2_STEP", {});
+  run.ends(15);
+  EXPECT_EQ(told(),
+            "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
+            "ppt wire duplicates 33.3 %\nppt wire swaps 33.3 %\n"
+            "unit reads F_l_m_02STEP\nppt hears F_l_m_02CPU_2_STEP\n"
+            "ppt wire is whole\nppt wire duplicates 33.3 %\n"
+            "unit reads F_l_m_03STEP\nppt hears F_l_m_03CPU_2_STEP\n"
+            "ppt wire is whole\n"
+            "unit reads F_l_m_04STEP\nppt hears F_l_m_04CPU_2_STEP\nstation gets SIGTERM\n");
+  EXPECT_EQ(written.left_out, 0U);
+}
+
+TEST_F(ScenarioPptWire, DelaysWhereTheAnswerIsAcknowledgedLater) {
+  run.begins();
+  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {}, 25);
+  gives("F_l_m_02STEP", "F_l_m_02CPU_2_STEP", {"", "", "duplicated"}, 25);
+  run.ends(15);
+  EXPECT_EQ(told(),
+            "ppt wire delays 26 ms\nunit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
+            "ppt wire is whole\nppt wire duplicates 33.3 %\nppt wire delays 26 ms\n"
+            "unit reads F_l_m_02STEP\nppt hears F_l_m_02CPU_2_STEP\nstation gets SIGTERM\n");
+}
+
+TEST_F(ScenarioPptWire, SaysALossExactlyAlsoWhileTheOtherNetworksCableIsOut) {
+  run.begins();
+  run.says(record::Cut{60000000000});
+  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {"lost: by chance"});
+  gives("F_l_m_02STEP", "F_l_m_02CPU_2_STEP", {"", "", "lost: by chance"});
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_NE(steps.find("ppt wire loses the request of F_l_m_01CPU_2_STEP\n"), std::string::npos) << steps;
+  EXPECT_NE(steps.find("ppt wire loses ACK 1 of F_l_m_02CPU_2_STEP\n"), std::string::npos) << steps;
+  EXPECT_EQ(written.left_out, 0U) << written.text;
+}
+
+TEST_F(ScenarioPptWire, LosesAPercentageWhereMoreThanTwentyAreLost) {
+  run.begins();
+  const std::uint64_t before = run.run.number;
+  for (int i = 10; i < 31; ++i) {
+    const std::string number = std::to_string(i);
+    gives("F_l_m_" + number + "STEP", "F_l_m_" + number + "CPU_2_STEP", {"lost: by chance"});
+  }
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_EQ(steps.find("ppt wire loses 50 %\nunit reads F_l_m_10STEP\nbench waits 5 s\n"), 0U) << steps;
+  EXPECT_EQ(steps.find("ppt hears"), std::string::npos) << steps;
+  EXPECT_NE(written.text.find("# frames " + std::to_string(before + 4) + " to " +
+                              std::to_string(before + 21 * 5 - 1) +
+                              ": many are lost between the station and the PPT server; which ones, is left "
+                              "to chance\n"),
+            std::string::npos)
+      << written.text;
+  EXPECT_EQ(written.left_out, 1U);
+}
+
+TEST_F(ScenarioPptWire, LosesOfOtherThanQueriesWhatNoStepSays) {
+  const made::Endpoint station{made::kStationAtPpt, 4000}, server{made::kPptServer, 12345};
+  run.begins();
+  run.run.next_is("duplicated");
+  run.run.tcp(station, server, made::kSyn, 100);
+  const std::uint64_t opening = run.run.number;
+  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {});
+  run.run.next_is("lost: by chance");
+  run.run.tcp(server, station, made::kSyn | made::kAck, 200);
+  run.run.tcp(server, station, made::kSyn | made::kAck, 200);
+  run.run.next_is("lost: by chance");
+  run.run.tcp(server, station, made::kAck, 201, "hello");
+  run.run.udp(run.unit, {kStation, 12345}, "line 1 is up");
+  run.run.next_is("lost: by chance");
+  run.run.udp({made::kStationAtPpt, 5000}, server, "line 1 is up");
+  const std::uint64_t relayed = run.run.number;
+  run.ends(15);
+  told();
+  const auto has = [&](const std::string& comment) {
+    return written.text.find(comment + " between the station and the PPT server\n") != std::string::npos;
+  };
+  const std::string frame = "# frame " + std::to_string(opening);
+  EXPECT_TRUE(has(frame + ": doubled or overtaken")) << written.text;
+  EXPECT_TRUE(
+      has("# frames " + frame.substr(8) + " to " + std::to_string(relayed - 2) + ": lost of a connection"))
+      << written.text;
+  EXPECT_TRUE(has("# frame " + std::to_string(relayed) + ": lost")) << written.text;
+  EXPECT_EQ(written.left_out, 3U) << written.text;
+}
+
+TEST_F(ScenarioPptWire, IsNotWhatMakesAServerSlow) {
+  run.begins();
+  run.asks_for("F_l_m_01STEP");
+  const made::Endpoint station{made::kStationAtPpt, 4000};
+  run.ppt_frame(station, {made::kPptServer, 69}, tftp::rrq("F_l_m_01CPU_2_STEP"));
+  run.run.rests(2000);
+  run.ppt_frame({made::kPptServer, 50000}, station, tftp::data(1, ""));
+  run.ppt_frame(station, {made::kPptServer, 50000}, tftp::ack(1));
+  run.ends(15);
+  told();
+  EXPECT_EQ(set(), "ppt answers after 2 s\n");
 }
 
 TEST_F(ScenarioSteps, SetTheBoardUpAsTheAnswersShow) {

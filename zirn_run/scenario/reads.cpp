@@ -58,11 +58,13 @@ class Reads {
     const auto& boot = writing_.reading.boot_script;
     if (boot && boot->first < reads_[0]->from)
       script_.waits(reads_[0]->from - 3, of(*reads_[0], "unit hears the boot script"), {}, boot->frames);
-    Wire wire(reads_, writing_);
+    Wire wire("wire", reads_, passages_of(reads_, writing_), writing_);
     for (std::size_t i = 0; i < reads_.size(); ++i) {
-      wire.write_before(*reads_[i], &script_);
-      for (const std::size_t last = last_try(i, wire.is_damaged()); i < last;)
-        wire.write_before(*reads_[++i], &script_);
+      wire.write_before(reads_[i]->from, *reads_[i], &script_);
+      for (const std::size_t last = last_try(i, wire.is_damaged()); i < last;) {
+        ++i;
+        wire.write_before(reads_[i]->from, *reads_[i], &script_);
+      }
       write_one(*reads_[i], next_of(i), wire.is_damaged() ? kTriesUnderDamage : "");
     }
   }

@@ -1,6 +1,7 @@
 #ifndef SCENARIO_WIRE_H
 #define SCENARIO_WIRE_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,38 +10,44 @@
 
 namespace scenario {
 
-// The losses as steps of the bench, before then. wire: which: "wire", "ppt wire".
-void write_losses(const story::Transfer& transfer, const std::string& wire, Nanoseconds before,
-                  const Writing& writing, Script* script);
+// Frames that went over a wire together, and what it did to them.
+struct Passage {
+  Nanoseconds from = 0;  // of what led to it
+  std::uint64_t sent = 0;
+  std::uint64_t lost = 0;  // of these
+  std::uint64_t duplicated = 0;
+  std::uint64_t swapped = 0;
+};
 
-// Whether the losses of all these are few enough to be said one by one; there may be none.
-bool are_few(const std::vector<const story::Transfer*>& transfers, const Writing& writing);
+// The reads and writes of the units; not what more than chance befell.
+std::vector<Passage> passages_of(const std::vector<const story::Transfer*>& reads, const Writing& writing);
 
-// What the test network does, as steps: which frames of reads are lost where these are few, and a percentage of all frames
-// where they are many.
+// One way; 0: it is a quick one, or too short to tell.
+Nanoseconds delay_of(const story::Transfer& transfer, const Writing& writing);
+
+// What the wire of a network does, as steps: which frames of transfers are lost where these are few, and a percentage of
+// all frames where they are many.
 class Wire {
  public:
-  // The reads and writes of the unit, in order.
-  Wire(const std::vector<const story::Transfer*>& reads, const Writing& writing);
+  // name: "wire", "ppt wire". All in order.
+  Wire(std::string name, const std::vector<const story::Transfer*>& transfers,
+       const std::vector<Passage>& passages, const Writing& writing);
 
-  // Before the read begins, which is the last one so far; all are to be told.
-  void write_before(const story::Transfer& read, Script* script);
+  // Before the beginning of what leads to the transfer, which is the last one so far; all are to be told.
+  void write_before(Nanoseconds beginning, const story::Transfer& transfer, Script* script);
   bool is_damaged() const { return !now_.empty() && now_[0].find("delays") == std::string::npos; }
+  // Whether each loss is said.
+  bool is_exact() const { return is_exact_; }
 
  private:
   struct Damage {
     Nanoseconds from = 0;
     Nanoseconds until = 0;
-    double percent = 0;
     std::string step;
   };
+  void add(const std::string& what, const std::vector<Passage>& passages, std::uint64_t Passage::*count);
 
-  template <typename Count>
-  Damage damage(const std::vector<const story::Transfer*>& reads, Count count) const;
-  void add(const std::string& what, Damage damage);
-  bool is_disturbed(const story::Transfer& one) const;
-  Nanoseconds delay_of(const story::Transfer& read) const;
-
+  const std::string name_;
   const Writing& writing_;
   const bool is_exact_;
   std::vector<Damage> damages_;
