@@ -1,6 +1,7 @@
 #include "fuzz/any_run.h"
 
 #include <algorithm>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -112,7 +113,9 @@ bool AnyRun::tell(story::Story* story) {
                         : input_.PickValueInArray<std::uint16_t>({113, 276, 0});
   whole.bytes = {kept.data(), kept.size()};
   whole.size = static_cast<std::uint32_t>(made.size());
-  if (input_.ConsumeIntegralInRange(0, 9) == 0) whole.comments = {record::kLostByChance};
+  constexpr std::array kFates = {record::kLostByChance, record::kDuplicated, record::kSwapped};
+  const auto fate = input_.ConsumeIntegralInRange<std::size_t>(0, 9);
+  if (fate < kFates.size()) whole.comments = {kFates[fate]};
   story->take(whole);
   return true;
 }
