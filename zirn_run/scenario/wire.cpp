@@ -50,8 +50,8 @@ bool is_disturbed(const Transfer& one, const Writing& writing) {
 
 // Where the record was made in the midst of the wire: the station acknowledges at once.
 Nanoseconds delay_of_query(const Transfer& query) {
-  const std::uint64_t swapped = query.data.swapped + query.acks.swapped;
-  if (!query.answered || query.data.sent != 1 || query.acks.sent != 1 || swapped > 0) return 0;
+  const std::uint64_t held_up = query.data.lost + query.data.swapped + query.acks.swapped;
+  if (!query.answered || query.data.sent != 1 || query.acks.sent != 1 || held_up > 0) return 0;
   const Nanoseconds delay = query.until - *query.answered;
   return delay < kSlowBlock ? 0 : delay;
 }

@@ -54,6 +54,14 @@ class Wire {
   std::vector<std::string> now_;
 };
 
+// What the station asks the PPT server for verdicts, in their order.
+std::vector<const story::Transfer*> queries_in(const story::Reading& reading);
+// Of the network towards the PPT server; to be written before each verdict that was asked for.
+Wire ppt_wire(const Writing& writing);
+// Comments for what no step is for: what is lost there of a connection (unless its opening is told), or of a datagram, or
+// is damaged before the first verdict; and, where a percentage is lost, which verdicts were.
+void write_left_out_of_ppt_wire(bool is_exact, bool is_opening_told, Writing* writing);
+
 }  // namespace scenario
 
 #endif
