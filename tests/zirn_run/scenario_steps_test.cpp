@@ -205,7 +205,8 @@ TEST_F(ScenarioPptWire, LosesAPercentageWhereMoreThanTwentyAreLost) {
   }
   run.ends(15);
   const std::string steps = told();
-  EXPECT_EQ(steps.find("ppt wire loses 50 %\nunit reads F_l_m_10STEP\nbench waits 5 s\n"), 0U) << steps;
+  EXPECT_EQ(steps.find("ppt wire loses 50 %\nunit reads F_l_m_10STEP tries 9\nbench waits 5 s\n"), 0U)
+      << steps;
   EXPECT_EQ(steps.find("ppt hears"), std::string::npos) << steps;
   EXPECT_NE(written.text.find("# frames " + std::to_string(before + 4) + " to " +
                               std::to_string(before + 21 * 5 - 1) +

@@ -117,6 +117,7 @@ void write_ppt_server(Writing* writing) {
   const std::string lasting = lasting_state(*writing);
   if (!lasting.empty()) script.sets(lasting);
   Wire wire = ppt_wire(*writing);
+  writing->waits_by_chance = !wire.is_exact();
   const bool hears = wire.is_exact() && (lasting.empty() || lasting == "ppt answers nothing");
   write_queries(lasting, hears, &wire, writing);
   write_left_out_of_ppt_wire(wire.is_exact(), lasting == kCutOff, writing);

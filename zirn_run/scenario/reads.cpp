@@ -61,11 +61,11 @@ class Reads {
     Wire wire("wire", reads_, passages_of(reads_, writing_), writing_);
     for (std::size_t i = 0; i < reads_.size(); ++i) {
       wire.write_before(reads_[i]->from, *reads_[i], &script_);
-      for (const std::size_t last = last_try(i, wire.is_damaged()); i < last;) {
+      for (const std::size_t last = last_try(i, has_tries(wire)); i < last;) {
         ++i;
         wire.write_before(reads_[i]->from, *reads_[i], &script_);
       }
-      write_one(*reads_[i], next_of(i), wire.is_damaged() ? kTriesUnderDamage : "");
+      write_one(*reads_[i], next_of(i), has_tries(wire) ? kTriesUnderDamage : "");
     }
   }
 
@@ -73,6 +73,8 @@ class Reads {
   std::string of(const Transfer& one, const std::string& form) const {
     return writing_.of_unit(one.client, form);
   }
+
+  bool has_tries(const Wire& wire) const { return wire.is_damaged() || writing_.waits_by_chance; }
 
   // When the same unit begins its next one.
   Nanoseconds next_of(std::size_t place) const {

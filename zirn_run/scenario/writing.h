@@ -19,6 +19,7 @@ struct Writing {
   std::vector<const story::Step*> disturbances;  // a cable taken out, a station stopped, and its end
   const Contents* contents;                      // null: files are random ones
   Script script;
+  bool waits_by_chance = false;  // the station does, for answers of the PPT server that are lost
 
   bool has_cause(std::string_view id) const;
   bool has_unit(std::size_t party) const;
