@@ -781,6 +781,14 @@ TEST_F(Bench, SeesATransferThatEndsBeforeTheUnitDies) {
             "WRONG: line 3, unit reads a dies after 1 KiB: the transfer ended before");
 }
 
+// At full speed, just before its end.
+TEST_F(Bench, LetsTheUnitDieAtTheVeryBlock) {
+  const Result& result = plays(
+      "file a is 17 KiB\nstation starts\nunit reads a dies after 16 KiB\nunit reads a dies after 0 bytes\n"
+      "station gets SIGTERM\nstation exits 15\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
 TEST_F(Bench, ShowsHowFarALongReadHasCome) {
   const Result& result = plays(
       "file a is 30 KiB\nstation starts\nwire delays 20 ms\nunit reads a\nstation gets SIGTERM\nstation "

@@ -460,7 +460,7 @@ TEST_F(ScenarioSteps, TellACrashFromADeath) {
   run.gives("F_l_m_01PPT_PASSED");
   run.ends(2);
   EXPECT_EQ(told(),
-            "unit reads kernel.img dies after 16 KiB\nbench waits 20 s\n"
+            "unit reads kernel.img dies after 20 KiB\nbench waits 20 s\n"
             "unit begins reading kernel.img\nunit has read 16 KiB\nunit crashes\nbench waits 20 s\nunit "
             "boots again\n"
             "unit reads F_l_m_01PPT_PASSED\n");

@@ -21,6 +21,7 @@ ReadOptions read_options(const Step& step) {
     options.patience = {static_cast<int>(step.number_of("TIMES")), step.number_of("PATIENCE")};
   options.tries = static_cast<int>(step.number_of("TRIES", options.tries));
   options.longest_seconds = step.number_of("SECONDS", options.longest_seconds);
+  if (step.has("SIZE")) options.dies_after = step.bytes();
   return options;
 }
 
@@ -157,9 +158,9 @@ const std::vector<Command>& commands() {
       {"unit reads NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE s] [tries TRIES] "
        "[within SECONDS s] [dies after SIZE UNIT]",
        [](Run& run, const Step& step) {
-         if (step.has("SIZE"))
-           return run.read_until_death(step.text_of("NAME"), read_options(step), step.bytes());
-         run.read(step.text_of("NAME"), read_options(step));
+         const ReadOptions options = read_options(step);
+         options.dies_after ? run.read_until_death(step.text_of("NAME"), options)
+                            : run.read(step.text_of("NAME"), options);
        }},
       {"unit cannot read NAME [blksize BLOCK] [timeout TIMEOUT] [repeats TIMES times after PATIENCE s]",
        [](Run& run, const Step& step) { run.fail_to_read(step.text_of("NAME"), read_options(step)); }},

@@ -34,7 +34,8 @@ struct ReadOptions {
   std::optional<int> timeout_seconds;  // of the option
   std::optional<ReadRequest::Patience> patience;
   int tries = 1;
-  double longest_seconds = 150;  // that one try may take
+  double longest_seconds = 150;      // that one try may take
+  std::optional<double> dies_after;  // bytes
 };
 
 // One run: plays a scenario's steps one after another, and prints meanwhile what station, board and PPT
@@ -102,7 +103,7 @@ class Run {
   void hear_nothing(double seconds);
   void obey_heard_script(const ReadOptions& options);
   void read(const std::string& name, const ReadOptions& options);
-  void read_until_death(const std::string& name, const ReadOptions& options, double bytes);
+  void read_until_death(const std::string& name, const ReadOptions& options);
   void fail_to_read(const std::string& name, const ReadOptions& options);
   void begin_reading(const std::string& name, const ReadOptions& options);
   void expect_read(double bytes);

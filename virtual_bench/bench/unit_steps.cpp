@@ -141,9 +141,10 @@ void Run::begin_reading(const std::string& name, const ReadOptions& options) {
   timeline_.log(who(), "reads " + name);
   state().reading_name = name;
   state().reading_since = microseconds_since_epoch();
-  state().reading = std::make_unique<Reading>(
-      place, ReadRequest{station_link_.address, station_options_.tftp_port, name, local(name),
-                         options.block_size, options.timeout_seconds, options.patience, state().habit});
+  state().reading =
+      std::make_unique<Reading>(place, ReadRequest{station_link_.address, station_options_.tftp_port, name,
+                                                   local(name), options.block_size, options.timeout_seconds,
+                                                   options.patience, state().habit, options.dies_after});
 }
 
 void Run::expect_reading() const {
@@ -209,11 +210,10 @@ void Run::expect_whole() const {
                            with_digits(seconds, 3) + " s" + rate);
 }
 
-void Run::read_until_death(const std::string& name, const ReadOptions& options, double bytes) {
+void Run::read_until_death(const std::string& name, const ReadOptions& options) {
   begin_reading(name, options);
-  const auto has_enough = [&] { return size_of(local(name)) >= bytes; };
-  if (!until(options.longest_seconds, [&] { return has_enough() || state().reading->has_ended(); }) ||
-      state().reading->has_ended())
+  if (!until(options.longest_seconds, [&] { return state().reading->has_ended(); }) ||
+      state().reading->failure())
     throw StepFailed("the transfer ended before");
   state().reading.reset();
   timeline_.log(who(), "dies");

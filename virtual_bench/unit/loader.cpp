@@ -121,7 +121,10 @@ class Loader {
 
   void send_last() { sendto(socket_, last_.data(), last_.size(), 0, as_sockaddr(&peer_), sizeof peer_); }
 
-  void acknowledge(unsigned block) { send_new(word(kAck) + word(block), habit_.ack_seconds); }
+  void acknowledge(unsigned block) {
+    send_new(word(kAck) + word(block), habit_.ack_seconds);
+    if (request_.dies_after && taken_ >= *request_.dies_after) outcome_.arrived = is_over_ = true;
+  }
 
   void take(std::string_view datagram, const sockaddr_in& from) {
     const unsigned opcode = word_at(datagram, 0);
@@ -158,7 +161,9 @@ class Loader {
 
   void take_block(unsigned number, std::string_view data) {
     file_.write(data.data(), static_cast<std::streamsize>(data.size()));
-    outcome_.arrived = is_over_ = data.size() < block_size_;
+    taken_ += static_cast<double>(data.size());
+    is_over_ = data.size() < block_size_;
+    outcome_.arrived = is_over_ && !request_.dies_after;
     if (!is_empty_ || habit_.at_empty_file != AtEmptyFile::kLeavesBlock) acknowledge(number);
   }
 
@@ -173,6 +178,7 @@ class Loader {
   Clock::time_point repeats_at_, gives_up_at_;
   std::optional<unsigned> last_number_;  // of the block that came last; 0: the options
   std::size_t block_size_ = kUsualBlock;
+  double taken_ = 0;       // bytes
   bool is_empty_ = false;  // the file, by its tsize
   bool is_over_ = false;
 };

@@ -21,10 +21,11 @@ struct ReadRequest {
   std::optional<int> timeout_seconds;  // the same
   std::optional<Patience> patience;    // the same
   const scenario::Habit* habit;
+  std::optional<double> dies_after;  // bytes: it is gone as soon as it has acknowledged so many
 };
 
 struct ReadOutcome {
-  bool arrived;
+  bool arrived;  // the file, or as much as it was to take before its death
   bool was_answered;
   int error_code;  // of an ERROR packet; -1: none came
   char error_text[256];

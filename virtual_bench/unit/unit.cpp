@@ -52,7 +52,8 @@ ReadOutcome read_by_client(const ReadRequest& request) {
 int read_file(const NetworkNamespace& place, const ReadRequest& request) {
   place.enter();
   std::cout.setstate(std::ios::failbit);  // what the client prints is not for the bench
-  const bool is_like_client = request.habit == std::begin(scenario::kHabits) && !request.patience;
+  const bool is_like_client =
+      request.habit == std::begin(scenario::kHabits) && !request.patience && !request.dies_after;
   const ReadOutcome outcome = is_like_client ? read_by_client(request) : load(request);
   return write(STDOUT_FILENO, &outcome, sizeof outcome) == sizeof outcome ? 0 : 1;
 }

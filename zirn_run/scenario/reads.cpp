@@ -149,7 +149,8 @@ class Reads {
                  false);
     } else if (one.end == End::kAbandoned) {
       script_.acts(one.from, last_said_by_client(one),
-                   of(one, "unit reads NAME" + asked + " dies after " + size_in_words(whole(one.bytes))),
+                   of(one, "unit reads NAME" + asked + " dies after " +
+                               size_in_words(one.acknowledged_blocks * one.block_size)),
                    {one.name}, one.frames);
     } else {
       script_.cannot_say(one.from, "how the read of " + one.name + " ended", one.frames);
