@@ -466,6 +466,30 @@ TEST_F(ScenarioSteps, TellACrashFromADeath) {
             "unit reads F_l_m_01PPT_PASSED\n");
 }
 
+// Where the wire is damaged, a read that is begun again is one read in several tries.
+TEST_F(ScenarioSteps, TakeOnlyReadsThatAskAlikeForTries) {
+  run.begins();
+  for (const char* const size : {"1024", "1428", "1428"}) {
+    Exchange read(&run.run, {kUnit, ++run.last_port}, kStation, run.answering += 100);
+    read.asks(tftp::rrq("kernel.img", {{"blksize", size}}));
+    read.answers(tftp::oack({{"blksize", size}}));
+    read.sends(tftp::ack(0));
+    for (int block = 1; block <= 40; ++block) {
+      run.run.next_is(record::kDuplicated);
+      read.blocks(block, block, std::stoul(size));
+    }
+    const bool is_last = run.last_port == 2003;
+    if (is_last) read.blocks(41, 41, 1);
+    if (!is_last) read.answers(tftp::data(41, std::string(std::stoul(size), 'x')));
+    if (!is_last) run.run.closed({kStation, run.answering}, {kUnit, run.last_port});
+  }
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_NE(steps.find("unit reads kernel.img blksize 1024 dies after 40 KiB\n"), std::string::npos) << steps;
+  EXPECT_NE(steps.find("\nunit reads kernel.img blksize 1428 tries 9\nstation gets"), std::string::npos)
+      << steps;
+}
+
 TEST_F(ScenarioSteps, SayMoreThanOneQuestionOnAConnection) {
   run.begins();
   run.gives("F_l_m_01STEP");

@@ -83,11 +83,12 @@ class Reads {
     return next == reads_.end() ? writing_.reading.last : (*next)->from;
   }
 
-  // Of reads of one file that follow each other, all but the last are tries where the wire is damaged.
+  // Of reads of one file that follow each other and ask alike, all but the last are tries where the wire is damaged.
   std::size_t last_try(std::size_t first, bool is_damaged) const {
     std::size_t last = first;
     while (is_damaged && last + 1 < reads_.size() && reads_[last + 1]->name == reads_[first]->name &&
-           reads_[last + 1]->client == reads_[first]->client && !is_finished(*reads_[last]))
+           reads_[last + 1]->client == reads_[first]->client &&
+           reads_[last + 1]->asked == reads_[first]->asked && !is_finished(*reads_[last]))
       ++last;
     return last;
   }
