@@ -108,6 +108,23 @@ TEST_F(Comparison, NamesAVerdictThatIsNotPassedOn) {
             "on and not answered");
 }
 
+// Whether it does depends on the moment.
+TEST_F(Comparison, KnowsNoDifferenceWhereTheStationsAlarmCutsItsWaitShort) {
+  for (const bool is_alarm : {true, false}) {
+    ExplainedRun cut, whole;
+    for (ExplainedRun* const run : {&cut, &whole}) {
+      run->begins();
+      run->run.rests(is_alarm ? 5950 : 100);
+      run->ppt = run == &cut ? ExplainedRun::Ppt::kInterrupted : ExplainedRun::Ppt::kSilent;
+      run->gives("F_l_m_01MEMORY_PASSED");
+      end(run);
+      run->run.ends();
+    }
+    const auto found = comparison::first_difference(cut.run.reading(), whole.run.reading());
+    EXPECT_EQ(!found, is_alarm);
+  }
+}
+
 TEST_F(Comparison, CountsTriesOfAVerdictAsOne) {
   tell(&first);
   first.gives("F_l_m_03FLASH_PASSED");

@@ -12,7 +12,8 @@
 // to lack is left out of it as it is told.
 class ExplainedRun {
  public:
-  enum class Ppt { kAnswers, kSilent, kClosed, kAnswersError };
+  // kInterrupted: silent, and the station's wait for it ends after two seconds.
+  enum class Ppt { kAnswers, kSilent, kClosed, kAnswersError, kInterrupted };
   struct Lacking {
     bool lines = false;  // and all other entries
     bool ppt_network = false;
@@ -89,7 +90,8 @@ class ExplainedRun {
       line("Error message: File not found");
     }
     const bool is_answered = ppt == Ppt::kAnswers || ppt == Ppt::kAnswersError;
-    if (!is_answered) run.rests(5000);
+    if (!is_answered) run.rests(ppt == Ppt::kInterrupted ? 2000 : 5000);
+    if (ppt == Ppt::kInterrupted) line("Error in select(): ");
     ppt_frame(station, is_answered ? kAnswering : kServer, tftp::ack(1));
   }
   void ppt_frame(made::Endpoint from, made::Endpoint to, const std::string& payload) {

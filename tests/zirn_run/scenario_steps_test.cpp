@@ -259,6 +259,20 @@ TEST_F(ScenarioPptWire, IsNotForbiddenWhereAnotherTryOfAVerdictIsPassedOn) {
   EXPECT_EQ(written.text.find("delays"), std::string::npos) << written.text;
 }
 
+// Its wait for the PPT server is cut short.
+TEST_F(ScenarioSteps, TakeTheStationsOwnAlarmForNoStop) {
+  for (const bool is_alarm : {true, false}) {
+    ExplainedRun other;
+    other.begins();
+    other.run.rests(is_alarm ? 5950 : 100);
+    other.ppt = ExplainedRun::Ppt::kInterrupted;
+    other.gives("F_l_m_01STEP");
+    other.ends(15);
+    const std::string steps = scenario::scenario_of(other.run.ends()).text;
+    EXPECT_EQ(steps.find("SIGSTOP") == std::string::npos, is_alarm) << steps;
+  }
+}
+
 TEST_F(ScenarioSteps, SetTheBoardUpAsTheAnswersShow) {
   run.begins();
   run.gives("F_l_m_01MEMORY_PASSED");

@@ -19,6 +19,11 @@ struct Found {
 
 using Item = Strand::Item;
 
+bool is_same(const Item& one, const Item& other) {
+  const std::size_t certain = std::min(one.certain, other.certain);
+  return one.words.compare(0, certain, other.words, 0, certain) == 0;
+}
+
 const Item* item_at(const Strand& strand, std::size_t place) {
   return place < strand.items.size() ? &strand.items[place] : nullptr;
 }
@@ -47,7 +52,7 @@ class Comparing {
     std::size_t place = 0;
     Pair common;
     for (; place < std::min(one.items.size(), other.items.size()); ++place) {
-      if (one.items[place].words != other.items[place].words) break;
+      if (!is_same(one.items[place], other.items[place])) break;
       common = {&one.items[place], &other.items[place]};
     }
     if (place == one.items.size() && place == other.items.size()) return std::nullopt;

@@ -30,6 +30,8 @@ constexpr std::string_view kOfTheMoment[] = {"Client timeout",
                                              "Error: Failed to initialize sender",
                                              "UDP: ERROR on binding. Address already in use"};
 
+constexpr Nanoseconds kLineIsLate = 500000000;  // at the most, after what it tells of
+
 bool is_of_the_moment(std::string_view line) {
   return std::any_of(std::begin(kOfTheMoment), std::end(kOfTheMoment), [line](std::string_view beginning) {
     return line.substr(0, beginning.size()) == beginning;
@@ -215,9 +217,22 @@ class Telling {
       if (one.transfer != story::kNone) event = event_of(reading_.transfers[one.transfer]);
       if (!one.queries.empty()) event.frames.add(reading_.transfers[one.queries.back()].frames);
       std::string words = "verdict " + one.name;
+      const std::size_t certain = words.size() + 1;
       if (known_.ppt_network) words.append(" ").append(in_words(passed_on(reading_, one)));
       add_unless_repeated(strand, words, event);
+      if (is_cut_short(one)) strands_[strand].items.back().certain = certain;
     }
+  }
+
+  // Whether the alarm comes while the station waits for its answer or just after, the moment decides.
+  bool is_cut_short(const story::Verdict& one) const {
+    return std::any_of(reading_.steps.begin(), reading_.steps.end(), [&](const Step& step) {
+      return story::is_by_alarm(reading_, step) &&
+             std::any_of(one.queries.begin(), one.queries.end(), [&](std::size_t place) {
+               const Transfer& query = reading_.transfers[place];
+               return step.from >= query.from && step.from <= query.until + kLineIsLate;
+             });
+    });
   }
 
   void tell_connections() {

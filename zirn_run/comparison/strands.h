@@ -25,6 +25,7 @@ struct Strand {
   struct Item {
     std::string words;  // the sentence as it is, any bytes
     Event event;
+    std::size_t certain = std::string::npos;  // so much of the words does not depend on the moment
   };
   bool is_ordered = true;  // false: each item is there once, anywhere
   std::vector<Item> items;

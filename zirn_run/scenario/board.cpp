@@ -96,9 +96,10 @@ void write_hanging_tool(Writing* writing) {
   writing->script.sets(kHangs);
 }
 
-void write_line(const Step& line, std::set<std::string>* told, Script* script) {
+void write_line(const Step& line, std::set<std::string>* told, Writing* writing) {
   const std::string& text = line.said.text;
-  if (is_interruption(line)) {
+  Script* const script = &writing->script;
+  if (is_interruption(writing->reading, line)) {
     script->acts(line.from, line.from, "station gets SIGSTOP", {}, line.lines);
     script->acts(line.from, line.from + kSecond / 10, "bench waits 0.1 s", {}, line.lines);
     script->acts(line.from, line.from, "station gets SIGCONT", {}, line.lines);
@@ -114,7 +115,7 @@ void write_steps(Writing* writing) {
   Script& script = writing->script;
   std::set<std::string> told;
   for (const Step& step : writing->reading.steps) {
-    if (step.kind == Step::Kind::kLine) write_line(step, &told, &script);
+    if (step.kind == Step::Kind::kLine) write_line(step, &told, writing);
     if (step.kind == Step::Kind::kBoardCall && told.insert("board " + step.said.text).second)
       script.follows(step.from, "board ran TEXT", {step.said.text}, step.lines);
     if (step.kind == Step::Kind::kCut)
@@ -125,8 +126,9 @@ void write_steps(Writing* writing) {
 
 }  // namespace
 
-bool is_interruption(const Step& step) {
-  return step.kind == Step::Kind::kLine && begins(step.said.text, kInterrupted);
+bool is_interruption(const Reading& reading, const Step& step) {
+  return step.kind == Step::Kind::kLine && begins(step.said.text, kInterrupted) &&
+         !story::is_by_alarm(reading, step);
 }
 
 void write_board(Writing* writing) {

@@ -43,7 +43,7 @@ std::vector<const story::Step*> disturbances_in(const Reading& reading) {
   using Kind = story::Step::Kind;
   std::vector<const story::Step*> steps;
   for (const story::Step& step : reading.steps) {
-    if (step.kind == Kind::kCut || step.kind == Kind::kStationEnds || is_interruption(step))
+    if (step.kind == Kind::kCut || step.kind == Kind::kStationEnds || is_interruption(reading, step))
       steps.push_back(&step);
   }
   return steps;

@@ -27,8 +27,8 @@ struct Writing {
   std::string of_unit(std::size_t party, const std::string& form) const;
 };
 
-// The station's wait broke off: its process was stopped and continued.
-bool is_interruption(const story::Step& step);
+// The station's wait broke off, not by its own alarm: its process was stopped and continued.
+bool is_interruption(const story::Reading& reading, const story::Step& step);
 
 void write_board(Writing* writing);  // and the station's start
 void write_ppt_server(Writing* writing);

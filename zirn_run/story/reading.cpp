@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 
 namespace story {
 
@@ -37,6 +38,15 @@ PassedOn outcome_of(const Transfer& query) {
   }
 }
 
+constexpr std::string_view kWaitFailed = "Error in select():";
+constexpr std::string_view kArmed = "Message Sender initialized.";
+constexpr Nanoseconds kAlarm = 10000000000;      // after that line
+constexpr Nanoseconds kAlarmMargin = 500000000;  // by which a line may be read late on a busy machine
+
+bool is_line(const Step& step, std::string_view beginning) {
+  return step.kind == Step::Kind::kLine && step.said.text.compare(0, beginning.size(), beginning) == 0;
+}
+
 constexpr int kKilled = 128;  // plus the signal's number, as a shell says it
 
 }  // namespace
@@ -61,6 +71,13 @@ std::string in_words(const record::StationEnds& end) {
     if (meaning.status == status && meaning.signal == end.signal) return number + " (" + meaning.words + ")";
   }
   return number;
+}
+
+bool is_by_alarm(const Reading& reading, const Step& line) {
+  const auto armed = std::find_if(reading.steps.begin(), reading.steps.end(),
+                                  [](const Step& step) { return is_line(step, kArmed); });
+  return is_line(line, kWaitFailed) && armed != reading.steps.end() &&
+         std::abs(line.from - armed->from - kAlarm) < kAlarmMargin;
 }
 
 std::optional<Verdict::Says> verdict_in(std::string_view name) {

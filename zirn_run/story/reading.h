@@ -366,6 +366,10 @@ enum class PassedOn {
 };
 PassedOn passed_on(const Reading& reading, const Verdict& verdict);
 
+// Whether the line tells of the station's own alarm, which comes once, ten seconds after its first boot script, and cuts
+// short what it waits for.
+bool is_by_alarm(const Reading& reading, const Step& line);
+
 // How the station ended: "2 (a final verdict or SIGINT ended the run)", as a shell gives the status, and what it
 // means where that is known.
 std::string in_words(const record::StationEnds& end);
