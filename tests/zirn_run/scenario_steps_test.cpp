@@ -273,6 +273,20 @@ TEST_F(ScenarioSteps, TakeTheStationsOwnAlarmForNoStop) {
   }
 }
 
+// The command port opens with the first verdict.
+TEST_F(ScenarioSteps, AskAgainWhatWasRefusedBeforeTheFirstVerdict) {
+  run.begins();
+  run.asks_in_vain();
+  run.gives("F_l_m_01STEP");
+  run.asks("hello", "hello");
+  run.ends(15);
+  EXPECT_EQ(told(),
+            "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\nunit asks hello expects hello\n"
+            "station gets SIGTERM\n");
+  EXPECT_EQ(set_after_start(),
+            "station starts\nunit is like tftp-hpa\nbench waits 2 s\nunit asks hello in vain\n");
+}
+
 TEST_F(ScenarioSteps, SetTheBoardUpAsTheAnswersShow) {
   run.begins();
   run.gives("F_l_m_01MEMORY_PASSED");

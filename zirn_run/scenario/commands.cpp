@@ -54,10 +54,27 @@ bool is_held(const Connection& one, Nanoseconds answered, const story::Reading& 
   return one.texts.size() > 2 || one.ended_by == kStation || is_another_begun(one, answered, reading);
 }
 
+// The port opens with the first verdict: what was asked before was asked in vain, and again.
+bool is_asked_twice(const Connection& one, const story::Reading& reading) {
+  return one.opened &&
+         std::any_of(reading.verdicts.begin(), reading.verdicts.end(), [&one](const auto& verdict) {
+           return verdict.at > one.from && verdict.at < *one.opened;
+         });
+}
+
+Nanoseconds last_asked(const Connection& one, const story::Reading& reading) {
+  return is_asked_twice(one, reading) ? *one.opened : one.from;
+}
+
+void write_in_vain(const Connection& one, const std::string& question, Writing* writing) {
+  writing->script.acts(one.from, one.from + kVainTime, writing->of_unit(one.client, "unit asks TEXT in vain"),
+                       {question}, one.frames);
+}
+
 void write_answered(const Connection& one, const Text& question, const Text& reply, Writing* writing) {
   Script& script = writing->script;
   const bool holds = is_held(one, reply.at, writing->reading);
-  script.acts(one.from, reply.at,
+  script.acts(last_asked(one, writing->reading), reply.at,
               writing->of_unit(one.client, holds ? "unit asks TEXT expects REPLY and holds on"
                                                  : "unit asks TEXT expects REPLY"),
               {question.said.text, reply.said.text}, one.frames);
@@ -86,11 +103,14 @@ void write_answered(const Connection& one, const Text& question, const Text& rep
 }
 
 // The tool hangs meanwhile, so that the unit is the faster one.
-void write_left(const Connection& one, const std::string& question, const std::string& form, Script* script) {
+void write_left(const Connection& one, const std::string& question, const std::string& form,
+                Writing* writing) {
+  Script* const script = &writing->script;
+  const Nanoseconds begin = last_asked(one, writing->reading);
   const bool uses_tool = question.compare(0, kUsesTool.size(), kUsesTool) == 0;
   const Nanoseconds end = one.ended.value_or(one.until);
-  if (uses_tool) script->acts(one.from - 1, one.from - 1, "board tool hangs", {}, one.frames);
-  script->acts(one.from, end, form, {question}, one.frames);
+  if (uses_tool) script->acts(begin - 1, begin - 1, "board tool hangs", {}, one.frames);
+  script->acts(begin, end, form, {question}, one.frames);
   if (uses_tool) script->acts(end, end, "board tool goes on", {}, one.frames);
 }
 
@@ -103,15 +123,15 @@ void write_connection(const Connection& one, Writing* writing) {
   const auto reply = std::find_if(question, one.texts.end(), is_said_by(false));
   const std::string asked = question == one.texts.end() ? kAsksForMac : question->said.text;
   const bool is_by_unit = one.ended_by == one.client;
+  if (is_asked_twice(one, writing->reading)) write_in_vain(one, asked, writing);
   if (reply != one.texts.end()) {
     write_answered(one, *question, *reply, writing);
   } else if (one.state == Connection::State::kBrokenOff && is_by_unit) {
-    write_left(one, asked, writing->of_unit(one.client, "unit asks TEXT and breaks off"), &script);
+    write_left(one, asked, writing->of_unit(one.client, "unit asks TEXT and breaks off"), writing);
   } else if (one.resets > 0 && one.reset_by == one.client) {
-    write_left(one, asked, writing->of_unit(one.client, "unit asks TEXT and leaves"), &script);
+    write_left(one, asked, writing->of_unit(one.client, "unit asks TEXT and leaves"), writing);
   } else {
-    script.acts(one.from, one.from + kVainTime, writing->of_unit(one.client, "unit asks TEXT in vain"),
-                {asked}, one.frames);
+    write_in_vain(one, asked, writing);
   }
   if (one.text_count > one.texts.size())
     script.cannot_say(one.from, "more is said on one connection", one.frames);
