@@ -287,6 +287,33 @@ TEST_F(ScenarioSteps, AskAgainWhatWasRefusedBeforeTheFirstVerdict) {
             "station starts\nunit is like tftp-hpa\nbench waits 2 s\nunit asks hello in vain\n");
 }
 
+TEST_F(ScenarioSteps, NameTheToolThatTheShellDidNotFind) {
+  run.begins();
+  run.gives("F_l_m_01TEST_FAILED");
+  run.line("sh: 1: envtool: not found");
+  run.ends(15);
+  told();
+  EXPECT_EQ(set(), "board lacks envtool\n");
+}
+
+TEST_F(ScenarioSteps, SayWhenTheToolChanges) {
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  run.asks("DO_PMC_INIT:1", "FAIL");
+  run.asks("DO_PMC_INIT:2", "READY");
+  run.asks("hello", "hello");
+  run.asks("DO_PMC_INIT:3", "READY");
+  run.asks("DO_PMC_INIT:4", "FAIL");
+  run.ends(15);
+  EXPECT_EQ(told(),
+            "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
+            "unit asks DO_PMC_INIT:1 expects FAIL\nboard tool exits 1\n"
+            "unit asks DO_PMC_INIT:2 expects READY\nunit asks hello expects hello\n"
+            "unit asks DO_PMC_INIT:3 expects READY\nboard tool exits 0\n"
+            "unit asks DO_PMC_INIT:4 expects FAIL\nstation gets SIGTERM\n");
+  EXPECT_EQ(set(), "board tool exits 0\n");
+}
+
 TEST_F(ScenarioSteps, SetTheBoardUpAsTheAnswersShow) {
   run.begins();
   run.gives("F_l_m_01MEMORY_PASSED");

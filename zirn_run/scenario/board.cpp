@@ -1,4 +1,5 @@
 // What is set up before the station starts, and what station and board were seen to do.
+#include <algorithm>
 #include <set>
 #include <sstream>
 
@@ -35,8 +36,6 @@ constexpr Setting kSettings[] = {
     {"command.port-closed", "station has 9 descriptors"},
     {"board.mac-default", "board lacks envtool"},
     {"board.mac-empty", "board has tempmac \"\""},
-    {"board.tool-missing", "board lacks /mnt/ramdisk/t1-e1"},
-    {"board.tool-failed", "board tool exits 0"},
 };
 
 // Lines that are waited for; the others follow from what else is waited for.
@@ -83,6 +82,18 @@ Call call_of(const Reading& reading) {
     if (address != kUsualPptServer) call.more += (call.more.empty() ? "-s " : " -s ") + address;
   }
   return call;
+}
+
+// What the station's shell named.
+void write_missing_tools(Writing* writing) {
+  const explanation::Claim* const claim = writing->claim_of("board.tool-missing");
+  if (claim == nullptr) return;
+  for (const std::string tool : {"envtool", "/etc/init.d/voice", "/mnt/ramdisk/t1-e1"}) {
+    if (std::any_of(claim->statements.begin(), claim->statements.end(), [&tool](const auto& statement) {
+          return statement.sentence.find(tool) != std::string::npos;
+        }))
+      writing->script.sets("board lacks NAME", {tool});
+  }
 }
 
 // Before the first question that was never answered, since others may have been.
@@ -139,6 +150,7 @@ void write_board(Writing* writing) {
     if (*step != '\0') script.sets(step);
     if (*step == '\0') script.cannot_say(reading.first, "what led to " + std::string(cause), {});
   }
+  write_missing_tools(writing);
   const Call call = call_of(reading);
   if (call.address != kUsualAddress) script.sets("board address is ADDRESS", {call.address});
   if (writing->has_cause("start.port-in-use"))

@@ -17,6 +17,7 @@ using Text = Connection::Text;
 
 constexpr char kAsksForMac[] = "ZIRN_ASKS_FOR_HIS_MAC";  // also where nothing shows what it was about to ask
 constexpr std::string_view kUsesTool = "DO_PMC_INIT";
+constexpr std::string_view kFail = "FAIL";
 constexpr std::uint64_t kUsualMac = 0x02000000172a;  // that the bench's board has
 constexpr std::uint64_t kAdded = 2;                  // what the unit is told more
 constexpr Nanoseconds kVainTime = 3 * kSecond;       // that `in vain` takes
@@ -114,6 +115,25 @@ void write_left(const Connection& one, const std::string& question, const std::s
   if (uses_tool) script->acts(end, end, "board tool goes on", {}, one.frames);
 }
 
+// The tool's status, before the first question that the unit was told it by, and where it changes.
+void write_tool(Writing* writing) {
+  Script& script = writing->script;
+  std::optional<bool> failed;
+  for (const Connection& one : writing->reading.connections) {
+    for (std::size_t i = 1; i < one.texts.size(); ++i) {
+      const Text &question = one.texts[i - 1], &reply = one.texts[i];
+      const bool is_told = question.is_from_client && !reply.is_from_client;
+      if (!is_told || question.said.text.find(kUsesTool) == std::string::npos) continue;
+      const bool fails = reply.said.text == kFail;
+      const std::string form = fails ? "board tool exits 0" : "board tool exits 1";
+      const Nanoseconds before = (i == 1 ? last_asked(one, writing->reading) : question.at) - 1;
+      if (!failed && fails) script.sets(form, {}, reply.frames);
+      if (failed && *failed != fails) script.acts(before, before, form, {}, reply.frames);
+      failed = fails;
+    }
+  }
+}
+
 void write_connection(const Connection& one, Writing* writing) {
   Script& script = writing->script;
   const auto is_said_by = [](bool is_from_client) {
@@ -164,6 +184,7 @@ void write_datagram(const Step& datagram, std::uint16_t relay, Writing* writing)
 void write_commands(Writing* writing) {
   constexpr std::uint16_t kRelayPort = 12345;
   const story::Reading& reading = writing->reading;
+  write_tool(writing);
   for (const Connection& one : reading.connections) {
     if (one.client == kStation) continue;
     if (writing->has_unit(one.client) && one.server_port == reading.message_port)

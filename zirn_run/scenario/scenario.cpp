@@ -51,9 +51,11 @@ std::vector<const story::Step*> disturbances_in(const Reading& reading) {
 
 }  // namespace
 
-bool Writing::has_cause(std::string_view id) const {
-  return told.fault.cause->id == id || std::any_of(told.also.begin(), told.also.end(),
-                                                   [id](const auto& claim) { return claim.cause->id == id; });
+const explanation::Claim* Writing::claim_of(std::string_view cause) const {
+  if (told.fault.cause->id == cause) return &told.fault;
+  const auto also = std::find_if(told.also.begin(), told.also.end(),
+                                 [cause](const auto& claim) { return claim.cause->id == cause; });
+  return also == told.also.end() ? nullptr : &*also;
 }
 
 bool Writing::has_unit(std::size_t party) const {

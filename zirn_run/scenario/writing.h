@@ -21,7 +21,8 @@ struct Writing {
   Script script;
   bool waits_by_chance = false;  // the station does, for answers of the PPT server that are lost
 
-  bool has_cause(std::string_view id) const;
+  const explanation::Claim* claim_of(std::string_view cause) const;  // null: it was not found
+  bool has_cause(std::string_view id) const { return claim_of(id) != nullptr; }
   bool has_unit(std::size_t party) const;
   // A step's form, which begins with "unit", as one of this unit's: "unit b reads NAME".
   std::string of_unit(std::size_t party, const std::string& form) const;
