@@ -259,6 +259,25 @@ TEST_F(ScenarioPptWire, IsNotForbiddenWhereAnotherTryOfAVerdictIsPassedOn) {
   EXPECT_EQ(written.text.find("delays"), std::string::npos) << written.text;
 }
 
+TEST_F(ScenarioSteps, SayWhenThePptServerWasClosed) {
+  run.begins();
+  run.ppt = ExplainedRun::Ppt::kClosed;
+  run.gives("F_l_m_01MEMORY_PASSED");
+  run.ppt = ExplainedRun::Ppt::kAnswersError;
+  run.gives("F_l_m_02MEMORY_PASSED");
+  run.ends(15);
+  EXPECT_EQ(told(),
+            "unit reads F_l_m_01MEMORY_PASSED\n"
+            "bench waits 5 s\n"
+            "ppt answers ERROR 1 no\n"
+            "unit reads F_l_m_02MEMORY_PASSED\n"
+            "ppt hears F_l_m_02CPU_2_MEMORY_PASSED\n"
+            "station says \"Error! Error code: 1\"\n"
+            "station says \"Error message: File not found\"\n"
+            "station gets SIGTERM\n");
+  EXPECT_EQ(set(), "ppt refuses verdicts\n");
+}
+
 // Its wait for the PPT server is cut short.
 TEST_F(ScenarioSteps, TakeTheStationsOwnAlarmForNoStop) {
   for (const bool is_alarm : {true, false}) {
@@ -273,6 +292,25 @@ TEST_F(ScenarioSteps, TakeTheStationsOwnAlarmForNoStop) {
   }
 }
 
+// The station is ended before its wait is.
+TEST_F(ScenarioSteps, LetThePptServerBeSilentWhoseAnswerDidNotComeBeforeTheEnd) {
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  run.run.udp({made::kStationAtPpt, 40000}, {made::kPptServer, 69}, tftp::rrq("F_l_m_02CPU_2_STEP"));
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_NE(steps.find("ppt is silent\n"), std::string::npos) << steps;
+}
+
+TEST_F(ScenarioSteps, NameTheToolThatTheShellDidNotFind) {
+  run.begins();
+  run.gives("F_l_m_01TEST_FAILED");
+  run.line("sh: 1: envtool: not found");
+  run.ends(15);
+  told();
+  EXPECT_EQ(set(), "board lacks envtool\n");
+}
+
 // The command port opens with the first verdict.
 TEST_F(ScenarioSteps, AskAgainWhatWasRefusedBeforeTheFirstVerdict) {
   run.begins();
@@ -285,15 +323,6 @@ TEST_F(ScenarioSteps, AskAgainWhatWasRefusedBeforeTheFirstVerdict) {
             "station gets SIGTERM\n");
   EXPECT_EQ(set_after_start(),
             "station starts\nunit is like tftp-hpa\nbench waits 2 s\nunit asks hello in vain\n");
-}
-
-TEST_F(ScenarioSteps, NameTheToolThatTheShellDidNotFind) {
-  run.begins();
-  run.gives("F_l_m_01TEST_FAILED");
-  run.line("sh: 1: envtool: not found");
-  run.ends(15);
-  told();
-  EXPECT_EQ(set(), "board lacks envtool\n");
 }
 
 TEST_F(ScenarioSteps, SayWhenTheToolChanges) {

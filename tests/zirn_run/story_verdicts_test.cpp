@@ -54,6 +54,14 @@ TEST_F(Verdicts, ArePassedOnAndAnswered) {
   EXPECT_EQ(outcome(), PassedOn::kAnswered);
 }
 
+TEST_F(Verdicts, WaitForTheirAnswerWhenTheStationEnds) {
+  gives("F_l_m_01MEMORY_PASSED");
+  station.asks(rrq("F_l_m_01CPU_2_MEMORY_PASSED"));
+  run.says(record::StationEnds{15, 0});
+  run.ends();
+  EXPECT_EQ(outcome(), PassedOn::kWaiting);
+}
+
 TEST_F(Verdicts, SayWhatTheirNamesSay) {
   for (const char* name :
        {"F_l_m_01PPT_PASSED", "F_l_m_01PPT_FAILED", "F_l_m_01TEST_FAILED", "F_l_m_t_Bootstrap"}) {

@@ -182,7 +182,6 @@ void write_datagram(const Step& datagram, std::uint16_t relay, Writing* writing)
 }  // namespace
 
 void write_commands(Writing* writing) {
-  constexpr std::uint16_t kRelayPort = 12345;
   const story::Reading& reading = writing->reading;
   write_tool(writing);
   for (const Connection& one : reading.connections) {

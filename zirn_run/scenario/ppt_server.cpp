@@ -1,6 +1,7 @@
 // What the PPT server did.
 #include <algorithm>
-#include <cmath>
+#include <iterator>
+#include <map>
 #include <set>
 
 #include "scenario/wire.h"
@@ -14,18 +15,22 @@ using story::Transfer;
 
 constexpr char kAnswers[] = "ppt answers";
 constexpr char kCutOff[] = "ppt is cut off";
-// The first one that was found holds for the whole run.
+constexpr char kRefuses[] = "ppt refuses";
+constexpr char kRefusesVerdicts[] = "ppt refuses verdicts";
+constexpr char kAnswersNothing[] = "ppt answers nothing";
+constexpr char kRefused[] = "ppt.refused";
+constexpr char kOddAnswer[] = "ppt.odd-answer";
+// The first one that was found holds for the whole run, unless the queries in the record show how it was then.
 struct Setting {
   const char* cause;
   const char* step;
+  bool is_shown_by_queries;
 };
 constexpr Setting kSettings[] = {
-    {"ppt.refused", "ppt refuses"},
-    {"ppt.closed", "ppt refuses verdicts"},
-    {"ppt.absent", "ppt is absent"},
-    {"ppt.dropped", kCutOff},
-    {"ppt.odd-answer", "ppt answers nothing"},
+    {"ppt.absent", "ppt is absent", false}, {"ppt.dropped", kCutOff, false},     {kRefused, kRefuses, true},
+    {"ppt.closed", kRefusesVerdicts, true}, {kOddAnswer, kAnswersNothing, true},
 };
+constexpr Nanoseconds kStationWaits = 9 * kSecond / 2;  // for its answer, at least
 constexpr char kForbidden[] = "ppt is forbidden";
 
 struct State {
@@ -35,15 +40,24 @@ struct State {
   bool operator!=(const State& other) const { return form != other.form || text != other.text; }
 };
 
-State state_in(const Transfer& query) {
+bool refuses(const std::string& form) {
+  return form == kRefuses || form == kRefusesVerdicts;
+}
+
+// The station connects after the first one.
+State state_in(const Transfer& query, bool is_first, const Writing& writing) {
+  if (is_first && writing.has_cause(kRefused)) return {kRefuses, ""};
   if (!query.losses.empty()) return {};
-  if (query.is_answered_late && query.answered) {
-    const double seconds = static_cast<double>(*query.answered - query.from) / kSecond;
-    return {"ppt answers after " + in_tenths(seconds) + " s", ""};
-  }
+  if (query.closed_ports > 0 && !query.answered) return {kRefusesVerdicts, ""};
+  const Nanoseconds wait = query.answered.value_or(query.until) - query.from;
+  if (query.answered && wait >= kSecond)
+    return {"ppt answers after " + in_tenths(static_cast<double>(wait) / kSecond) + " s", ""};
   if (query.end == Transfer::End::kError)
     return {"ppt answers ERROR " + std::to_string(query.error_code) + " TEXT", query.error.text};
-  const bool is_silent = query.end == Transfer::End::kUnanswered && !query.answered;
+  if (query.answered && query.data.sent == 0 && writing.has_cause(kOddAnswer)) return {kAnswersNothing, ""};
+  const bool is_without_end =
+      query.end == Transfer::End::kUnanswered || query.end == Transfer::End::kStationEnds;
+  const bool is_silent = !query.answered && (is_without_end || wait >= kSecond);
   return {is_silent ? "ppt is silent" : kAnswers, ""};
 }
 
@@ -76,8 +90,11 @@ bool is_connected_late(const Writing& writing) {
 
 // Nothing where it answers one so, and another so.
 std::string lasting_state(const Writing& writing) {
-  for (const auto& [cause, step] : kSettings) {
-    if (writing.has_cause(cause)) return step;
+  const auto& verdicts = writing.reading.verdicts;
+  const bool has_queries = std::any_of(verdicts.begin(), verdicts.end(),
+                                       [](const auto& verdict) { return !verdict.queries.empty(); });
+  for (const auto& [cause, step, is_shown_by_queries] : kSettings) {
+    if (writing.has_cause(cause) && !(has_queries && is_shown_by_queries)) return step;
   }
   if (is_connected_late(writing)) return kCutOff;
   return is_forbidden(writing) ? kForbidden : "";
@@ -91,22 +108,46 @@ void write_state(const State& state, Nanoseconds before, bool is_first, const Nu
     script->acts(before - 1, before - 1, state.form, {state.text}, frames);
 }
 
-void write_queries(const std::string& lasting, bool hears, Wire* wire, Writing* writing) {
+using States = std::map<Nanoseconds, std::string>;  // from when on
+
+// In which it was, as far as the queries show it.
+States write_queries(const std::string& lasting, Wire* wire, Writing* writing) {
   State now;
   bool is_first = true;
+  States states;
   std::set<std::string> heard;
   for (const story::Verdict& verdict : writing->reading.verdicts) {
     for (const std::size_t place : verdict.queries) {
       const Transfer& query = writing->reading.transfers[place];
-      const State state = lasting.empty() ? state_in(query) : now;
+      const State state = lasting.empty() ? state_in(query, is_first, *writing) : now;
       if (state != now) write_state(state, verdict.at, is_first, query.frames, &writing->script);
       wire->write_before(verdict.at, query, &writing->script);
       const bool is_lost = !query.losses.empty() && query.losses[0].what == story::Loss::What::kRequest;
+      const bool hears = wire->is_exact() && lasting.empty() && !refuses(state.form);
       if (hears && !is_lost && heard.insert(query.name).second)
         writing->script.waits(query.from, "ppt hears NAME", {query.name}, query.frames);
+      states[is_first ? 0 : verdict.at] = state.form;
       now = state;
       is_first = false;
     }
+  }
+  return states;
+}
+
+bool is_relay_closed(const story::Relayed& relayed, const story::Reading& reading) {
+  return std::any_of(reading.closed_ports.begin(), reading.closed_ports.end(), [&relayed](const auto& port) {
+    return port.from == story::kStation && port.port == kRelayPort && port.first <= relayed.until + kSecond &&
+           port.last >= relayed.from;
+  });
+}
+
+void write_relayed(const States& states, Writing* writing) {
+  for (const story::Relayed& relayed : writing->reading.relayed) {
+    const Nanoseconds at = relayed.passed_on_at.value_or(relayed.until);
+    const auto next = states.upper_bound(at);
+    const bool is_there = next == states.begin() || std::prev(next)->second != kRefuses;
+    if (is_there && relayed.passed_on > 0 && !is_relay_closed(relayed, writing->reading))
+      writing->script.waits(at, "ppt receives TEXT", {relayed.said.text}, relayed.frames);
   }
 }
 
@@ -118,8 +159,7 @@ void write_ppt_server(Writing* writing) {
   if (!lasting.empty()) script.sets(lasting);
   Wire wire = ppt_wire(*writing);
   writing->waits_by_chance = !wire.is_exact();
-  const bool hears = wire.is_exact() && (lasting.empty() || lasting == "ppt answers nothing");
-  write_queries(lasting, hears, &wire, writing);
+  const States states = write_queries(lasting, &wire, writing);
   write_left_out_of_ppt_wire(wire.is_exact(), lasting == kCutOff, writing);
   for (const story::Connection& connection : writing->reading.connections) {
     if (connection.client != story::kStation || !connection.opened) continue;
@@ -127,11 +167,7 @@ void write_ppt_server(Writing* writing) {
       script.acts(connection.from + kSecond / 5, *connection.opened, "ppt is back", {}, connection.frames);
     script.waits(*connection.opened, "ppt is connected", {}, connection.frames);
   }
-  for (const story::Relayed& relayed : writing->reading.relayed) {
-    if (hears && relayed.passed_on > 0)
-      script.waits(relayed.passed_on_at.value_or(relayed.until), "ppt receives TEXT", {relayed.said.text},
-                   relayed.frames);
-  }
+  if (lasting.empty() && wire.is_exact()) write_relayed(states, writing);
 }
 
 }  // namespace scenario

@@ -11,6 +11,8 @@
 
 namespace scenario {
 
+inline constexpr std::uint16_t kRelayPort = 12345;
+
 // What all that write know, and what they write.
 struct Writing {
   const story::Reading& reading;

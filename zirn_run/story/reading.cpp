@@ -32,6 +32,7 @@ PassedOn outcome_of(const Transfer& query) {
     case Transfer::End::kUnanswered:
       return PassedOn::kSilent;
     case Transfer::End::kOpen:
+    case Transfer::End::kStationEnds:
       return PassedOn::kWaiting;
     default:
       return PassedOn::kNotSeen;

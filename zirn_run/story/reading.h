@@ -358,7 +358,7 @@ struct Reading {
 enum class PassedOn {
   kNotDue,   // it is final
   kNotSeen,  // no query is in the record
-  kWaiting,  // for the answer, still
+  kWaiting,  // for the answer, still, or when the station ended
   kAnswered,
   kRefused,     // with an ERROR
   kClosedPort,  // nobody listens there
