@@ -574,6 +574,17 @@ TEST_F(ScenarioSteps, TakeOnlyReadsThatAskAlikeForTries) {
       << steps;
 }
 
+TEST_F(ScenarioSteps, KnowAnEmptyFileByItsAcknowledgedSize) {
+  run.begins();
+  Exchange read(&run.run, {kUnit, 3000}, kStation);
+  read.asks(tftp::rrq("empty.cfg", {{"blksize", "9000"}, {"tsize", "0"}}));
+  read.answers(tftp::oack({{"blksize", "9000"}, {"tsize", "0"}}));
+  run.run.rests(20000);
+  run.ends(15);
+  told();
+  EXPECT_EQ(set(), "file empty.cfg is 0 bytes\n");
+}
+
 TEST_F(ScenarioSteps, SayMoreThanOneQuestionOnAConnection) {
   run.begins();
   run.gives("F_l_m_01STEP");

@@ -19,12 +19,17 @@ using End = Transfer::End;
 constexpr std::uint64_t kMuchMore = 16 << 20;  // bytes, so that a read is not over before it is stopped
 constexpr std::uint64_t kFileNotFound = 1;     // RFC 1350
 
+bool tells_size(const Transfer& one) {
+  return std::any_of(one.acknowledged.begin(), one.acknowledged.end(),
+                     [](const auto& option) { return option.first == "tsize"; });
+}
+
 // How large the file is at least; nothing where nothing shows that there is one.
 std::optional<std::uint64_t> size_of_file(const Transfer& one) {
   if (story::verdict_in(one.name) || one.end == End::kUnanswered) return std::nullopt;
   if (is_finished(one)) return one.bytes;
-  const std::size_t told = story::number_of(one.acknowledged, "tsize");
-  if (told > 0) return std::min<std::uint64_t>(told, UINT32_MAX);
+  if (tells_size(one))
+    return std::min<std::uint64_t>(story::number_of(one.acknowledged, "tsize"), UINT32_MAX);
   if (one.end == End::kError && one.error_code == kFileNotFound) return std::nullopt;
   if (one.server_port == 0) return std::nullopt;
   const bool is_stopped = one.end == End::kError && one.acknowledged_blocks > 0;
