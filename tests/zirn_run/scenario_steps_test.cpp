@@ -585,6 +585,16 @@ TEST_F(ScenarioSteps, KnowAnEmptyFileByItsAcknowledgedSize) {
   EXPECT_EQ(set(), "file empty.cfg is 0 bytes\n");
 }
 
+TEST_F(ScenarioSteps, LetTheUnitLeaveAReadAlsoWhereTheStationEndsSoon) {
+  run.begins();
+  run.asks_for("kernel.img");
+  Exchange(&run.run, run.unit, kStation, run.answering).blocks(1, 2, 512);
+  run.station_sends(run.answering, tftp::data(3, std::string(512, 'x')));
+  run.reads("small.cfg");
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads kernel.img dies after 1 KiB\nunit reads small.cfg\nstation gets SIGTERM\n");
+}
+
 TEST_F(ScenarioSteps, SayMoreThanOneQuestionOnAConnection) {
   run.begins();
   run.gives("F_l_m_01STEP");

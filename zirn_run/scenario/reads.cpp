@@ -143,12 +143,12 @@ class Reads {
       write_read(one, std::min(one.until, next), asked, tries, true);
     } else if (is_crash(one)) {
       write_crash(one, asked);
-    } else if (is_read_in_vain(one)) {
+    } else if (is_read_in_vain(one) && !is_left(one, next)) {
       if (is_station_stopped(one)) return write_stopped(one, asked);
       const bool is_told = one.end == End::kError;
       write_read(one, is_told ? one.until : std::min(one.until + patience_of(one.client), next), asked, "",
                  false);
-    } else if (one.end == End::kAbandoned) {
+    } else if (one.end == End::kAbandoned || is_left(one, next)) {
       script_.acts(one.from, last_said_by_client(one),
                    of(one, "unit reads NAME" + asked + " dies after " +
                                size_in_words(one.acknowledged_blocks * one.block_size)),
@@ -156,6 +156,11 @@ class Reads {
     } else {
       script_.cannot_say(one.from, "how the read of " + one.name + " ended", one.frames);
     }
+  }
+
+  // The unit went on with another read, and the station ended before it noticed.
+  bool is_left(const Transfer& one, Nanoseconds next) const {
+    return one.end == End::kStationEnds && one.acks.sent > 0 && next < writing_.reading.last;
   }
 
   void write_given_up(const Transfer& one) {
