@@ -125,6 +125,24 @@ TEST_F(Comparison, KnowsNoDifferenceWhereTheStationsAlarmCutsItsWaitShort) {
   }
 }
 
+// To a request that the wire doubled.
+TEST_F(Comparison, CountsTheOneOfTwoAnswersThatTheUnitGoesOnWith) {
+  const std::string request = tftp::rrq("kernel.img");
+  for (ExplainedRun* const run : {&first, &other}) {
+    run->begins();
+    Exchange one(&run->run, {made::kUnit, 3000}, kStation, 40000);
+    Exchange second(&run->run, {made::kUnit, 3000}, kStation, 50000);
+    one.asks(request);
+    one.asks(request);
+    one.answers(tftp::data(1, std::string(512, 'x')));
+    second.answers(tftp::data(1, std::string(512, 'x')));
+    (run == &first ? one : second).sends(tftp::ack(1));
+    (run == &first ? one : second).blocks(2, 2, 1);
+    run->ends(15);
+  }
+  EXPECT_EQ(difference(), "");
+}
+
 TEST_F(Comparison, CountsTriesOfAVerdictAsOne) {
   tell(&first);
   first.gives("F_l_m_03FLASH_PASSED");

@@ -576,13 +576,30 @@ TEST_F(ScenarioSteps, TakeOnlyReadsThatAskAlikeForTries) {
 
 TEST_F(ScenarioSteps, KnowAnEmptyFileByItsAcknowledgedSize) {
   run.begins();
-  Exchange read(&run.run, {kUnit, 3000}, kStation);
-  read.asks(tftp::rrq("empty.cfg", {{"blksize", "9000"}, {"tsize", "0"}}));
-  read.answers(tftp::oack({{"blksize", "9000"}, {"tsize", "0"}}));
-  run.run.rests(20000);
+  run.asks_for("kernel.img");
+  run.run.rests(5000);
+  run.reads("kernel.img");
+  run.asks_for("rootfs.img");
+  run.run.rests(4900);
+  Exchange(&run.run, run.unit, kStation, run.answering).blocks(1, 1, 100);
   run.ends(15);
-  told();
-  EXPECT_EQ(set(), "file empty.cfg is 0 bytes\n");
+  EXPECT_EQ(told(),
+            "bench waits 5 s\nunit reads kernel.img tries 9\nunit reads rootfs.img tries 9\n"
+            "station gets SIGTERM\n");
+}
+
+// A request that the wire doubled.
+TEST_F(ScenarioSteps, TakeTheOneOfTwoAnswersThatTheUnitGoesOnWith) {
+  run.begins();
+  run.asks_for("kernel.img");
+  run.run.udp(run.unit, {kStation, 69}, tftp::rrq("kernel.img"));
+  run.station_sends(run.answering, tftp::data(1, std::string(512, 'x')));
+  Exchange second(&run.run, run.unit, kStation, 50000);
+  second.blocks(1, 2, 512);
+  second.blocks(3, 3, 1);
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads kernel.img\nstation gets SIGTERM\n");
+  EXPECT_EQ(set(), "file kernel.img is 1025 bytes\n");
 }
 
 TEST_F(ScenarioSteps, LetTheUnitLeaveAReadAlsoWhereTheStationEndsSoon) {
@@ -593,6 +610,31 @@ TEST_F(ScenarioSteps, LetTheUnitLeaveAReadAlsoWhereTheStationEndsSoon) {
   run.reads("small.cfg");
   run.ends(15);
   EXPECT_EQ(told(), "unit reads kernel.img dies after 1 KiB\nunit reads small.cfg\nstation gets SIGTERM\n");
+}
+
+TEST_F(ScenarioSteps, KnowAnEmptyFileByItsAcknowledgedSize) {
+  run.begins();
+  Exchange read(&run.run, {kUnit, 3000}, kStation);
+  read.asks(tftp::rrq("empty.cfg", {{"blksize", "9000"}, {"tsize", "0"}}));
+  read.answers(tftp::oack({{"blksize", "9000"}, {"tsize", "0"}}));
+  run.run.rests(20000);
+  run.ends(15);
+  told();
+  EXPECT_EQ(set(), "file empty.cfg is 0 bytes\n");
+}
+
+// A request that the wire doubled.
+TEST_F(ScenarioSteps, TakeTheOneOfTwoAnswersThatTheUnitGoesOnWith) {
+  run.begins();
+  run.asks_for("kernel.img");
+  run.run.udp(run.unit, {kStation, 69}, tftp::rrq("kernel.img"));
+  run.station_sends(run.answering, tftp::data(1, std::string(512, 'x')));
+  Exchange second(&run.run, run.unit, kStation, 50000);
+  second.blocks(1, 2, 512);
+  second.blocks(3, 3, 1);
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads kernel.img\nstation gets SIGTERM\n");
+  EXPECT_EQ(set(), "file kernel.img is 1025 bytes\n");
 }
 
 TEST_F(ScenarioSteps, SayMoreThanOneQuestionOnAConnection) {

@@ -104,6 +104,9 @@ class Telling {
     steps_of_connections_ = std::vector<std::size_t>(reading.connections.size(), story::kNone);
     steps_of_relayed_ = std::vector<std::size_t>(reading.relayed.size(), story::kNone);
     for (std::size_t place = 0; place < reading.steps.size(); ++place) note(place);
+    for (const Transfer& one : reading.transfers) {
+      if (one.second_answer_of != story::kNone && arrives(one)) arriving_second_[one.second_answer_of] = &one;
+    }
   }
 
   std::map<std::string, Strand> told() {
@@ -183,6 +186,12 @@ class Telling {
         {"", reading_.boot_script->frames, {}, place, reading_.boot_script->first});
   }
 
+  // Of two answers to one request, the one that the unit goes on with.
+  const Transfer& answered(const Transfer& first) const {
+    const auto second = arriving_second_.find(static_cast<std::size_t>(&first - reading_.transfers.data()));
+    return arrives(first) || second == arriving_second_.end() ? first : *second->second;
+  }
+
   // Tries of one file, the last of which counts, are one read.
   void tell_transfers() {
     struct Last {
@@ -198,7 +207,7 @@ class Telling {
       if (!items.empty() && last[who].asked == asked && !last[who].arrives) items.pop_back();
       last[who] = {asked, arrives(one) || one.end == Transfer::End::kError};
       std::string words = who;
-      words.append(" ").append(asked).append(outcome_of(one));
+      words.append(" ").append(asked).append(outcome_of(answered(one)));
       add_unless_repeated(who + " reads", words, event_of(one));
     }
   }

@@ -44,8 +44,10 @@ class Reads {
  public:
   explicit Reads(Writing* writing) : writing_(*writing), script_(writing->script) {
     for (const Transfer& one : writing_.reading.transfers) {
-      if (one.server != story::kStation || one.second_answer_of != story::kNone) continue;
-      if (writing_.has_unit(one.client))
+      if (one.server != story::kStation) continue;
+      if (one.second_answer_of != story::kNone)
+        take_second_answer(one);
+      else if (writing_.has_unit(one.client))
         reads_.push_back(&one);
       else
         script_.cannot_say(one.from, "another unit reads or writes " + one.name, one.frames);
