@@ -205,7 +205,7 @@ class Telling {
       const std::string asked = asked_by(one);
       auto& items = strands_[who + " reads"].items;
       if (!items.empty() && last[who].asked == asked && !last[who].arrives) items.pop_back();
-      last[who] = {asked, arrives(one) || one.end == Transfer::End::kError};
+      last[who] = {asked, arrives(answered(one)) || one.end == Transfer::End::kError};
       std::string words = who;
       words.append(" ").append(asked).append(outcome_of(answered(one)));
       add_unless_repeated(who + " reads", words, event_of(one));
@@ -297,6 +297,7 @@ class Telling {
   const Reading& reading_;
   const Known& known_;
   std::vector<std::size_t> steps_of_transfers_, steps_of_connections_, steps_of_relayed_;  // the first ones
+  std::map<std::size_t, const Transfer*> arriving_second_;  // answers, by the first
   std::set<std::string> told_;
   std::map<std::string, Strand> strands_;
 };

@@ -22,7 +22,10 @@ using End = Transfer::End;
 constexpr std::uint64_t kMostBlocks = 65535;  // that can be counted
 constexpr std::uint64_t kMostCount = 1000;    // of what is repeated
 constexpr std::size_t kProgressBytes = 8192;  // its file grows by
-constexpr char kTriesUnderDamage[] = " tries 9";
+constexpr char kTries[] = " tries 9";
+// About as long the station waits for the PPT server, and some units for the station.
+constexpr Nanoseconds kAlmostBusy = 4 * kSecond;
+constexpr Nanoseconds kBusy = 6 * kSecond;
 constexpr char kAnyText[] = "hello";  // where something came that is not in the story
 
 std::uint64_t blocks_until(const Transfer& read, Nanoseconds when) {
@@ -63,15 +66,24 @@ class Reads {
     Wire wire("wire", reads_, passages_of(reads_, writing_), writing_);
     for (std::size_t i = 0; i < reads_.size(); ++i) {
       wire.write_before(reads_[i]->from, *reads_[i], &script_);
+      const std::size_t begin = i;
       for (const std::size_t last = last_try(i, has_tries(wire)); i < last;) {
         ++i;
         wire.write_before(reads_[i]->from, *reads_[i], &script_);
       }
-      write_one(*reads_[i], next_of(i), has_tries(wire) ? kTriesUnderDamage : "");
+      const bool is_tried = i > begin || has_tries(wire) || was_busy_for(*reads_[i]);
+      write_one(*reads_[i], next_of(i), is_tried ? kTries : "");
     }
   }
 
  private:
+  // The unit may go on with it instead of the first one.
+  void take_second_answer(const Transfer& one) {
+    const auto first =
+        std::find(reads_.begin(), reads_.end(), &writing_.reading.transfers[one.second_answer_of]);
+    if (first != reads_.end() && is_finished(one) && !is_finished(**first)) *first = &one;
+  }
+
   std::string of(const Transfer& one, const std::string& form) const {
     return writing_.of_unit(one.client, form);
   }
@@ -85,14 +97,27 @@ class Reads {
     return next == reads_.end() ? writing_.reading.last : (*next)->from;
   }
 
-  // Of reads of one file that follow each other and ask alike, all but the last are tries where the wire is damaged.
+  // Of reads of one file that follow each other and ask alike, all but the last are tries where the wire is damaged, or
+  // where the station was busy: whether it answers before the unit gives up depends on the moment.
   std::size_t last_try(std::size_t first, bool is_damaged) const {
     std::size_t last = first;
-    while (is_damaged && last + 1 < reads_.size() && reads_[last + 1]->name == reads_[first]->name &&
-           reads_[last + 1]->client == reads_[first]->client &&
-           reads_[last + 1]->asked == reads_[first]->asked && !is_finished(*reads_[last]))
-      ++last;
+    for (; last + 1 < reads_.size(); ++last) {
+      const Transfer &one = *reads_[last], &next = *reads_[last + 1];
+      const bool is_again = next.name == one.name && next.client == one.client && next.asked == one.asked;
+      const bool is_try =
+          is_damaged || (is_unheard(one) && next.from - one.from < kBusy && next.losses.empty() &&
+                         !script_.has_act_between(one.from, next.from));
+      if (!is_again || !is_try || is_finished(one)) break;
+    }
     return last;
+  }
+
+  static bool was_busy_for(const Transfer& one) {
+    return one.answered.value_or(one.from) - one.from >= kAlmostBusy;
+  }
+
+  static bool is_unheard(const Transfer& one) {
+    return one.acks.sent == 0 && one.losses.empty() && one.end != End::kError;
   }
 
   // What the read says besides its name, once the unit is like a loader that reads so.
