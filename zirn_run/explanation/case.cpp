@@ -21,7 +21,6 @@ constexpr std::string_view kVerdictLine = "Cmd received: <NAME>";
 constexpr std::string_view kRequestLine = "RRQ <NAME>";
 constexpr std::string_view kModeLine = "Mode detected: <NUMBER>";
 constexpr std::string_view kMacLine = "Assigned MAC is <MAC>";
-constexpr std::string_view kStartLine = "Starting TFTP server on <ADDRESS>:<PORT> PPT Server: <ADDRESS>";
 constexpr Nanoseconds kPptPatience = 4900000000;   // the station waits five seconds for the PPT server
 constexpr Nanoseconds kAlarmAfter = 10 * kSecond;  // the station's start
 constexpr Nanoseconds kAlarmMargin = kSecond;
@@ -236,11 +235,8 @@ void Case::take_successes() {
 // The station's alarm cuts one wait for the PPT server short, unless a verdict has come before: the first one stops it.
 bool Case::may_be_cut_by_alarm(const Verdict& verdict, Nanoseconds until) const {
   if (&verdict != &verdicts.front()) return false;
-  const auto starts = lines_with(kStartLine);
-  if (!starts.empty() && reading.untimed_lines.empty()) {
-    const Nanoseconds alarm = starts.front()->at + kAlarmAfter;
-    return verdict.at <= alarm + kAlarmMargin && until >= alarm - kAlarmMargin;
-  }
+  if (const auto alarm = story::alarm_in(reading))
+    return verdict.at <= *alarm + kAlarmMargin && until >= *alarm - kAlarmMargin;
   Nanoseconds first_sign = verdict.at;  // of the station, which may have started long before
   if (reading.boot_script) first_sign = std::min(first_sign, reading.boot_script->first);
   for (const Transfer& transfer : reading.transfers) {

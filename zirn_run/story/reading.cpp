@@ -74,11 +74,17 @@ std::string in_words(const record::StationEnds& end) {
   return number;
 }
 
-bool is_by_alarm(const Reading& reading, const Step& line) {
+std::optional<Nanoseconds> alarm_in(const Reading& reading) {
   const auto armed = std::find_if(reading.steps.begin(), reading.steps.end(),
                                   [](const Step& step) { return is_line(step, kArmed); });
-  return is_line(line, kWaitFailed) && armed != reading.steps.end() &&
-         std::abs(line.from - armed->from - kAlarm) < kAlarmMargin;
+  if (armed == reading.steps.end()) return std::nullopt;
+  return armed->from + kAlarm;
+}
+
+bool is_by_alarm(const Reading& reading, const Step& line) {
+  if (!is_line(line, kWaitFailed)) return false;
+  const auto alarm = alarm_in(reading);
+  return alarm && std::abs(line.from - *alarm) < kAlarmMargin;
 }
 
 std::optional<Verdict::Says> verdict_in(std::string_view name) {

@@ -366,8 +366,10 @@ enum class PassedOn {
 };
 PassedOn passed_on(const Reading& reading, const Verdict& verdict);
 
-// Whether the line tells of the station's own alarm, which comes once, ten seconds after its first boot script, and cuts
-// short what it waits for.
+// When the station's own alarm comes, as its lines tell: ten seconds after its first boot script. It comes once, unless a
+// verdict has come before, and cuts short what the station waits for.
+std::optional<Nanoseconds> alarm_in(const Reading& reading);
+// Whether the line tells that it came.
 bool is_by_alarm(const Reading& reading, const Step& line);
 
 // How the station ended: "2 (a final verdict or SIGINT ended the run)", as a shell gives the status, and what it
