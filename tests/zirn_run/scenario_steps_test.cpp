@@ -1,6 +1,7 @@
 // What a told run is as a scenario.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <vector>
 
@@ -664,6 +665,66 @@ TEST_F(ScenarioSteps, SayNoOptionThatTheLanguageDoesNotTake) {
   EXPECT_NE(steps.find(": asks for the option blksize 99999\n"), std::string::npos) << steps;
   EXPECT_NE(steps.find(": asks for the option windowsize 4\n"), std::string::npos) << steps;
   EXPECT_NE(steps.find("\nunit reads a.img timeout 1\n"), std::string::npos) << steps;
+}
+
+TEST_F(ScenarioSteps, ForbidNothingWhereTheRecordLacksThePptServersNetwork) {
+  run.lacking.ppt_network = true;
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads F_l_m_01STEP\nstation gets SIGTERM\n");
+  EXPECT_EQ(set(), "");
+}
+
+TEST_F(ScenarioSteps, WaitForWhatTheRelayPassesOn) {
+  const made::Endpoint relay{kStation, 12345}, at_ppt{made::kStationAtPpt, 5000},
+      ppt{made::kPptServer, 12345};
+  const std::string passed(255, 'x');
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  for (const std::string& text : {passed + "xyz", std::string("ab\0cd", 5), std::string(600, 'z')}) {
+    run.run.udp(run.unit, relay, text);
+    run.run.udp(at_ppt, ppt, text.substr(0, std::min<std::size_t>(text.find('\0'), 255)));
+  }
+  const std::uint64_t long_one = run.run.number - 1;
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\nunit sends " + passed +
+                        "xyz\nppt receives " + passed +
+                        "\nunit sends bytes 6162006364\nppt receives ab\n# frame " +
+                        std::to_string(long_one) +
+                        ": a datagram that is too long, or to port 0, or not the unit's to the station\n"
+                        "station gets SIGTERM\n");
+}
+
+TEST_F(ScenarioSteps, SayNoTextOfWhichTheRecordHasAPart) {
+  run.begins();
+  run.reads("kernel.img");
+  const std::uint64_t whole = run.run.number;
+  run.run.keeps(56);
+  run.reads("a-long-name.img");
+  run.asks("WHO ARE YOU", "WHO ARE YOU");
+  run.run.keeps(std::string::npos);
+  run.asks(std::string(600, 'w'), "no");
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_EQ(steps.find("unit reads kernel.img\n# frames " + std::to_string(whole + 1) + " to "), 0U) << steps;
+  EXPECT_EQ(steps.find("\nunit"), std::string::npos) << steps;
+  EXPECT_EQ(written.text.find("…"), std::string::npos) << written.text;
+  EXPECT_EQ(written.left_out, 4U) << written.text;
+}
+
+TEST_F(ScenarioSteps, SayNoReadThatTheBenchCannotPlay) {
+  run.begins();
+  run.reads(std::string(256, 'n'));
+  run.reads(std::string(600, 'n'));
+  run.reads("..");
+  run.asks_for("in-another-mode.img", "netascii");
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_EQ(steps.find("in-another-mode.img"), std::string::npos) << steps;
+  EXPECT_EQ(steps.find(std::string(257, 'n')), std::string::npos) << steps;
+  EXPECT_EQ(written.text.find("\nfile "), std::string::npos) << written.text;
+  EXPECT_EQ(written.left_out, 5U) << written.text;
 }
 
 TEST_F(ScenarioSteps, EndARunWhoseRecordHasNoEnd) {

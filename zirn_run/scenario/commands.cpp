@@ -136,6 +136,9 @@ void write_tool(Writing* writing) {
 
 void write_connection(const Connection& one, Writing* writing) {
   Script& script = writing->script;
+  if (std::any_of(one.texts.begin(), one.texts.end(),
+                  [](const Text& text) { return text.said.text.size() < text.said.size; }))
+    return script.cannot_say(one.from, "a text that is too long or not whole", one.frames);
   const auto is_said_by = [](bool is_from_client) {
     return [is_from_client](const Text& text) { return text.is_from_client == is_from_client; };
   };

@@ -17,11 +17,17 @@ using story::Transfer;
 using End = Transfer::End;
 
 constexpr std::uint64_t kMuchMore = 16 << 20;  // bytes, so that a read is not over before it is stopped
+constexpr std::size_t kLongestName = 255;      // bytes
 constexpr std::uint64_t kFileNotFound = 1;     // RFC 1350
 
 bool tells_size(const Transfer& one) {
   return std::any_of(one.acknowledged.begin(), one.acknowledged.end(),
                      [](const auto& option) { return option.first == "tsize"; });
+}
+
+bool can_be_file(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.size() <= kLongestName &&
+         name.find('/') == std::string::npos;
 }
 
 // How large the file is at least; nothing where nothing shows that there is one.
@@ -40,10 +46,10 @@ std::optional<std::uint64_t> size_of_file(const Transfer& one) {
 // The bytes of the record, or as many random ones.
 void write_file(const std::string& name, std::uint64_t size, const Transfer& read, Writing* writing) {
   const std::string file = writing->contents == nullptr ? "" : writing->contents->file(name);
-  if (!file.empty()) return writing->script.sets("file NAME comes from FILE", {name, file});
+  if (!file.empty()) return writing->script.sets("file NAME comes from FILE", {name, file}, read.frames);
   if (writing->contents != nullptr && size > 0)
     writing->script.cannot_say(read.from, "not all bytes of " + name, read.frames);
-  writing->script.sets("file NAME is " + size_in_words(size), {name});
+  writing->script.sets("file NAME is " + size_in_words(size), {name}, read.frames);
 }
 
 }  // namespace
@@ -63,9 +69,10 @@ void write_files(const std::vector<const Transfer*>& reads, Writing* writing) {
   std::map<std::string, Size> sizes;
   for (const Transfer* const one : reads) {
     const auto bytes = one->kind == Transfer::Kind::kRead ? size_of_file(*one) : std::nullopt;
-    if (!bytes || one->name.empty()) continue;
-    if (one->name.find('/') != std::string::npos) {
-      writing->script.cannot_say(one->from, "a file in a folder", one->frames);
+    if (!bytes) continue;
+    if (!can_be_file(one->name)) {
+      writing->script.cannot_say(one->from, "a file in a folder, or of a name that none can have",
+                                 one->frames);
       continue;
     }
     Size& size = sizes[one->name];

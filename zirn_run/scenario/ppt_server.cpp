@@ -73,9 +73,11 @@ bool has_reached_station(const story::Verdict& verdict, const Writing& writing) 
 
 // A verdict that is due and was not asked for shows that the station could not send.
 bool is_forbidden(const Writing& writing) {
-  const auto& verdicts = writing.reading.verdicts;
+  const story::Reading& reading = writing.reading;
+  const auto& verdicts = reading.verdicts;
+  const bool is_ppt_network_known = reading.networks.size() > 1 && reading.not_whole == 0;
   return !writing.has_cause("verdict.too-short") && !writing.has_cause("ppt.no-route") &&
-         writing.reading.has_frames && queries_in(writing.reading).empty() &&
+         is_ppt_network_known && queries_in(reading).empty() &&
          std::any_of(verdicts.begin(), verdicts.end(), [&](const auto& one) {
            return !story::is_final(one.says) && has_reached_station(one, writing);
          });
@@ -146,8 +148,10 @@ void write_relayed(const States& states, Writing* writing) {
     const Nanoseconds at = relayed.passed_on_at.value_or(relayed.until);
     const auto next = states.upper_bound(at);
     const bool is_there = next == states.begin() || std::prev(next)->second != kRefuses;
-    if (is_there && relayed.passed_on > 0 && !is_relay_closed(relayed, writing->reading))
-      writing->script.waits(at, "ppt receives TEXT", {relayed.said.text}, relayed.frames);
+    const bool is_whole = relayed.said.text.size() == relayed.said.size;
+    if (is_there && is_whole && relayed.passed_on > 0 && !is_relay_closed(relayed, writing->reading))
+      writing->script.waits(at, "ppt receives TEXT", {std::string(story::passed_on_part(relayed.said.text))},
+                            relayed.frames);
   }
 }
 

@@ -155,6 +155,9 @@ class Reads {
           one.from, one.until,
           of(one, one.mode == "octet" ? "unit is refused NAME" : "unit is refused NAME in mode MODE"),
           {one.name, one.mode}, one.frames);
+    } else if (one.name.size() >= story::kMaxText || one.mode != "octet") {
+      script_.cannot_say(one.from, "a read whose name is too long or not whole, or whose mode is not octet",
+                         one.frames);
     } else {
       write_octet_read(one, next, tries);
     }

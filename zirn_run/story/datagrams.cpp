@@ -11,12 +11,6 @@ namespace {
 
 using frames::Packet;
 
-constexpr std::size_t kMaxPassedOn = 255;  // bytes of a datagram, and none after a NUL
-
-std::string_view passed_on_part(std::string_view text) {
-  return text.substr(0, std::min(text.find('\0'), kMaxPassedOn));
-}
-
 // Of either no more may be kept than was said.
 bool passes_on(const Said& out, const Said& in) {
   const std::string_view one = passed_on_part(out.text);

@@ -94,6 +94,11 @@ std::optional<Verdict::Says> verdict_in(std::string_view name) {
   return contains(name, "TEST_FAILED") ? Verdict::Says::kStepFailed : Verdict::Says::kStep;
 }
 
+std::string_view passed_on_part(std::string_view text) {
+  constexpr std::size_t kMost = 255;  // bytes, and none after a NUL
+  return text.substr(0, std::min(text.find('\0'), kMost));
+}
+
 bool is_final(Verdict::Says says) {
   return says == Verdict::Says::kPassed || says == Verdict::Says::kFailed;
 }

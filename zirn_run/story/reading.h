@@ -372,6 +372,9 @@ std::optional<Nanoseconds> alarm_in(const Reading& reading);
 // Whether the line tells that it came.
 bool is_by_alarm(const Reading& reading, const Step& line);
 
+// What the station passes on of a datagram to its relay.
+std::string_view passed_on_part(std::string_view text);
+
 // How the station ended: "2 (a final verdict or SIGINT ended the run)", as a shell gives the status, and what it
 // means where that is known.
 std::string in_words(const record::StationEnds& end);
