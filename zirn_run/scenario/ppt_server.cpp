@@ -30,7 +30,6 @@ constexpr Setting kSettings[] = {
     {"ppt.absent", "ppt is absent", false}, {"ppt.dropped", kCutOff, false},     {kRefused, kRefuses, true},
     {"ppt.closed", kRefusesVerdicts, true}, {kOddAnswer, kAnswersNothing, true},
 };
-constexpr Nanoseconds kStationWaits = 9 * kSecond / 2;  // for its answer, at least
 constexpr char kForbidden[] = "ppt is forbidden";
 
 struct State {
