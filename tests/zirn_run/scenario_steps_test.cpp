@@ -614,6 +614,31 @@ TEST_F(ScenarioSteps, LetTheUnitLeaveAReadAlsoWhereTheStationEndsSoon) {
   EXPECT_EQ(told(), "unit reads kernel.img dies after 1 KiB\nunit reads small.cfg\nstation gets SIGTERM\n");
 }
 
+// The station goes on with a read that its unit has left, and the wire doubles what it repeats.
+TEST_F(ScenarioSteps, PauseFromWhatTheUnitDidAfterItLeftARead) {
+  for (const bool is_crash : {false, true}) {
+    ExplainedRun other;
+    other.begins();
+    other.asks_for("kernel.img");
+    const made::Endpoint unit = other.unit, answering{kStation, other.answering};
+    Exchange(&other.run, unit, kStation, answering.port).blocks(1, 2, 512);
+    if (!is_crash) other.run.closed(answering, unit);
+    other.reads("small.cfg");
+    for (int times = 0; times < 2; ++times) {
+      other.run.rests(4000);
+      for (int copy = 0; copy < 3; ++copy)
+        other.run.udp(answering, unit, tftp::data(3, std::string(512, 'x')));
+    }
+    other.ends(15);
+    const std::string steps = scenario::scenario_of(other.run.ends()).text;
+    const std::string left = is_crash ? "unit begins reading kernel.img\nunit crashes\nunit boots again\n"
+                                      : "unit reads kernel.img dies after 1 KiB\n";
+    EXPECT_NE(steps.find(left + "unit reads small.cfg\nbench waits 8 s\nstation gets SIGTERM\n"),
+              std::string::npos)
+        << steps;
+  }
+}
+
 TEST_F(ScenarioSteps, KnowAnEmptyFileByItsAcknowledgedSize) {
   run.begins();
   Exchange read(&run.run, {kUnit, 3000}, kStation);

@@ -172,14 +172,14 @@ class Reads {
     } else if (is_finished(one)) {
       write_read(one, std::min(one.until, next), asked, tries, true);
     } else if (is_crash(one)) {
-      write_crash(one, asked);
+      write_crash(one, next, asked);
     } else if (is_read_in_vain(one) && !is_left(one, next)) {
       if (is_station_stopped(one)) return write_stopped(one, asked);
       const bool is_told = one.end == End::kError;
       write_read(one, is_told ? one.until : std::min(one.until + patience_of(one.client), next), asked, "",
                  false);
     } else if (one.end == End::kAbandoned || is_left(one, next)) {
-      script_.acts(one.from, last_said_by_client(one),
+      script_.acts(one.from, std::min(last_said_by_client(one), next),
                    of(one, "unit reads NAME" + asked + " dies after " +
                                size_in_words(one.acknowledged_blocks * one.block_size)),
                    {one.name}, one.frames);
@@ -200,8 +200,8 @@ class Reads {
                  (one.acknowledged_blocks == 0 ? "" : " after " + blocks + " blocks"));
   }
 
-  void write_crash(const Transfer& one, const std::string& asked) {
-    const Nanoseconds crash = last_said_by_client(one);
+  void write_crash(const Transfer& one, Nanoseconds next_read, const std::string& asked) {
+    const Nanoseconds crash = std::min(last_said_by_client(one), next_read - 8);  // before it boots again
     script_.acts(one.from, one.from, of(one, "unit begins reading NAME" + asked), {one.name}, one.frames);
     if (const std::uint64_t bytes = whole(one.bytes))
       script_.waits(crash - 1, of(one, "unit has read " + size_in_words(bytes)), {}, one.frames);
