@@ -174,6 +174,16 @@ TEST_F(ScenarioPptWire, DoublesAndSwapsFromTheFirstVerdictToTheLastWhoseFramesIt
   EXPECT_EQ(written.left_out, 0U);
 }
 
+// The delay of a slow wire is not the server's, too.
+TEST_F(ScenarioPptWire, DelaysAnAnswerAlone) {
+  run.begins();
+  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {}, 1100);
+  run.ends(15);
+  told();
+  EXPECT_NE(written.text.find("ppt wire delays 11"), std::string::npos) << written.text;
+  EXPECT_EQ(written.text.find("ppt answers after"), std::string::npos) << written.text;
+}
+
 TEST_F(ScenarioPptWire, DelaysWhereTheAnswerIsAcknowledgedLater) {
   run.begins();
   gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {}, 25);

@@ -49,8 +49,9 @@ State state_in(const Transfer& query, bool is_first, const Writing& writing) {
   if (!query.losses.empty()) return {};
   if (query.closed_ports > 0 && !query.answered) return {kRefusesVerdicts, ""};
   const Nanoseconds wait = query.answered.value_or(query.until) - query.from;
-  if (query.answered && wait >= kSecond)
-    return {"ppt answers after " + in_tenths(static_cast<double>(wait) / kSecond) + " s", ""};
+  const Nanoseconds own = wait - delay_of(query, writing);  // without the wire's
+  if (query.answered && own >= kSecond)
+    return {"ppt answers after " + in_tenths(static_cast<double>(own) / kSecond) + " s", ""};
   if (query.end == Transfer::End::kError)
     return {"ppt answers ERROR " + std::to_string(query.error_code) + " TEXT", query.error.text};
   if (query.answered && query.data.sent == 0 && writing.has_cause(kOddAnswer)) return {kAnswersNothing, ""};
