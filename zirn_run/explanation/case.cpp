@@ -69,6 +69,7 @@ Case::Case(const Reading& told) : reading(told) {
   note_unread();
   take_steps();
   take_verdicts();
+  take_waits();
   take_successes();
   note_shown_lines();
 }
@@ -260,16 +261,21 @@ bool Case::is_ppt_known(const Verdict& verdict) const {
   return false;
 }
 
+// A query may come long after its verdict, where a hasty unit's requests have to wait for their turn.
+void Case::take_waits() {
+  for (const story::Verdict& verdict : reading.verdicts) {
+    const story::PassedOn passed = story::passed_on(reading, verdict);
+    if (passed != story::PassedOn::kSilent && passed != story::PassedOn::kClosedPort) continue;
+    waits_.push_back(verdict.at);
+    for (const std::size_t query : verdict.queries) waits_.push_back(reading.transfers[query].from);
+  }
+  std::sort(waits_.begin(), waits_.end());
+}
+
 bool Case::waits_for_ppt(Nanoseconds when) const {
   constexpr Nanoseconds kLongest = 6 * kSecond;
-  const auto by_time = [](const Verdict& verdict, Nanoseconds time) { return verdict.at < time; };
-  const auto first = std::lower_bound(verdicts.begin(), verdicts.end(), when - kLongest, by_time);
-  const auto last = std::lower_bound(first, verdicts.end(), when, by_time);
-  return std::any_of(first, last, [this](const Verdict& verdict) {
-    if (verdict.place == kNone) return false;
-    const story::PassedOn passed = story::passed_on(reading, reading.verdicts[verdict.place]);
-    return passed == story::PassedOn::kSilent || passed == story::PassedOn::kClosedPort;
-  });
+  const auto began = std::lower_bound(waits_.begin(), waits_.end(), when - kLongest);
+  return began != waits_.end() && *began < when;
 }
 
 bool Case::is_shown_by_requests(std::string_view name) const {

@@ -89,6 +89,7 @@ struct Case {
   void take_steps();
   void take_verdicts();
   bool was_taken(const story::Verdict& verdict) const;
+  void take_waits();
   void take_successes();
   void note_shown_lines();
   bool is_shown_by_requests(std::string_view name) const;
@@ -99,6 +100,7 @@ struct Case {
   std::set<std::string_view> requested_so_far_;  // what is there of those that the capture has cut
   std::map<std::size_t, std::size_t>
       by_second_answer_;             // transfers, and the second answers that served the unit
+  std::vector<Nanoseconds> waits_;   // when those began for a PPT server that did not answer
   std::vector<Nanoseconds> unread_;  // when something was said of which the capture has cut what counts
 };
 
