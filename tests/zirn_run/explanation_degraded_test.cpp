@@ -245,6 +245,25 @@ INSTANTIATE_TEST_SUITE_P(
                     AlarmCase{"StartNotSaidAndOver", 9500, 4000, false, false, "unit unit.failed"}),
     [](const auto& one) { return std::string(one.param.title); });
 
+// That nothing came until then does not show that nothing would have come.
+TEST_F(Degraded, AWaitThatTheAlarmEnds) {
+  begins();
+  run.rests(4500);
+  asks_for("F_l_m_01MEMORY_PASSED");
+  station_sends(answering, tftp::data(1, ""));
+  unit_sends({made::kStation, answering}, tftp::ack(1));
+  line("Cmd received: F_l_m_01MEMORY_PASSED");
+  const made::Endpoint station{made::kStationAtPpt, 4000}, server{made::kPptServer, 69};
+  ppt_frame(station, server, tftp::rrq(story::query_for("F_l_m_01MEMORY_PASSED")));
+  run.rests(3500);
+  ppt_frame(station, server, tftp::ack(1));
+  line("Error in select(): ");
+  reads("kernel.img");
+  gives("F_l_m_09PPT_FAILED");
+  ends(2);
+  EXPECT_EQ(fault(), "unknown verdict.unexplained");
+}
+
 // Frames that the kernel dropped may be those that would show another cause.
 TEST_F(Degraded, DroppedFrames) {
   run.story.take(record::Interface{"lan0", "", record::kEthernet, 0});

@@ -250,7 +250,8 @@ bool Case::may_be_cut_by_alarm(const Verdict& verdict, Nanoseconds until) const 
 bool Case::is_ppt_known(const Verdict& verdict) const {
   if (story::is_final(verdict.says)) return true;
   if (verdict.place == kNone) return false;
-  if (story::passed_on(reading, reading.verdicts[verdict.place]) != story::PassedOn::kNotSeen) return true;
+  const story::PassedOn passed = story::passed_on(reading, reading.verdicts[verdict.place]);
+  if (passed != story::PassedOn::kNotSeen && passed != story::PassedOn::kWaiting) return true;
   for (std::size_t i = reading.verdicts[verdict.place].transfer; i < reading.transfers.size(); ++i) {
     const Transfer& transfer = reading.transfers[i];
     if (transfer.from > verdict.at + kPptPatience) break;
