@@ -186,13 +186,21 @@ TEST_F(ScenarioPptWire, DelaysAnAnswerAlone) {
 
 TEST_F(ScenarioPptWire, DelaysWhereTheAnswerIsAcknowledgedLater) {
   run.begins();
-  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {}, 25);
-  gives("F_l_m_02STEP", "F_l_m_02CPU_2_STEP", {"", "", "duplicated"}, 25);
+  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {}, 120);
+  gives("F_l_m_02STEP", "F_l_m_02CPU_2_STEP", {"", "", "duplicated"}, 120);
   run.ends(15);
   EXPECT_EQ(told(),
-            "ppt wire delays 26 ms\nunit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
-            "ppt wire is whole\nppt wire duplicates 33.3 %\nppt wire delays 26 ms\n"
+            "ppt wire delays 121 ms\nunit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\n"
+            "ppt wire is whole\nppt wire duplicates 33.3 %\nppt wire delays 121 ms\n"
             "unit reads F_l_m_02STEP\nppt hears F_l_m_02CPU_2_STEP\nstation gets SIGTERM\n");
+}
+
+// The station's own time before its ACK, where it is busy, is no wire's.
+TEST_F(ScenarioPptWire, DelaysNothingForATenthOfASecond) {
+  run.begins();
+  gives("F_l_m_01STEP", "F_l_m_01CPU_2_STEP", {}, 90);
+  run.ends(15);
+  EXPECT_EQ(told(), "unit reads F_l_m_01STEP\nppt hears F_l_m_01CPU_2_STEP\nstation gets SIGTERM\n");
 }
 
 TEST_F(ScenarioPptWire, SaysALossExactlyAlsoWhileTheOtherNetworksCableIsOut) {

@@ -13,8 +13,9 @@ using End = Transfer::End;
 constexpr Nanoseconds kMillisecond = kSecond / 1000;
 constexpr Nanoseconds kMostDelay = 60000;  // milliseconds
 constexpr Nanoseconds kSlowBlock = kSecond / 100;
-constexpr std::uint64_t kFewBlocks = 10;   // that say nothing of the wire
-constexpr std::uint64_t kMostLosses = 20;  // that are said one by one
+constexpr Nanoseconds kSlowQuery = kSecond / 10;  // one alone: a busy station takes some of it itself
+constexpr std::uint64_t kFewBlocks = 10;          // that say nothing of the wire
+constexpr std::uint64_t kMostLosses = 20;         // that are said one by one
 
 std::string form_of(const story::Loss& loss) {
   const std::string number = std::to_string(loss.number);
@@ -53,7 +54,7 @@ Nanoseconds delay_of_query(const Transfer& query) {
   const std::uint64_t held_up = query.data.lost + query.data.swapped + query.acks.swapped;
   if (!query.answered || query.data.sent != 1 || query.acks.sent != 1 || held_up > 0) return 0;
   const Nanoseconds delay = query.until - *query.answered;
-  return delay < kSlowBlock ? 0 : delay;
+  return delay < kSlowQuery ? 0 : delay;
 }
 
 void write_losses(const Transfer& transfer, const std::string& wire, Nanoseconds before,
