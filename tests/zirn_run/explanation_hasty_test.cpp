@@ -5,56 +5,51 @@
 
 namespace {
 
-TEST(HastyUnit, FailsByThePptServerWhoseSilenceKeptAFileFromIt) {
-  ExplainedRun run;
-  run.begins();
-  run.reads("kernel.img");
-  run.ppt = ExplainedRun::Ppt::kSilent;
-  run.gives("F_l_m_01KERNEL_PASSED");
+class HastyUnit : public testing::Test, public ExplainedRun {
+ protected:
+  void gives_first_verdict() {
+    begins();
+    reads("kernel.img");
+    ppt = Ppt::kSilent;
+    gives("F_l_m_01KERNEL_PASSED");
+  }
+  // The station is kept by the verdict, and answers the read once the unit has given it up.
+  void fails_without_rootfs() {
+    asks_for("rootfs.img");
+    const made::Endpoint reader = unit;
+    const made::Endpoint late{made::kStation, answering};
+    passes_on("F_l_m_02MEMORY_PASSED");
+    asks_for("F_l_m_03PPT_FAILED");
+    passes_on("F_l_m_02MEMORY_PASSED");
+    line("RRQ rootfs.img");
+    run.udp(late, reader, tftp::data(1, std::string(512, 'x')));
+    run.closed(late, reader);
+    line("Cmd received: F_l_m_03PPT_FAILED");
+    ends(2);
+    EXPECT_EQ(fault(), "ppt-server ppt.silent");
+    EXPECT_TRUE(has_also("unit.failed"));
+    EXPECT_FALSE(has_also("read.left"));
+    EXPECT_FALSE(has_also("unit.gone"));
+  }
+};
+
+TEST_F(HastyUnit, FailsByThePptServerWhoseSilenceKeptAFileFromIt) {
+  gives_first_verdict();
   // It asked for this three times; each is passed on when its turn comes.
-  run.gives("F_l_m_02MEMORY_PASSED");
-  run.asks_for("rootfs.img");
-  const made::Endpoint reader = run.unit;
-  const made::Endpoint late{made::kStation, run.answering};
-  run.passes_on("F_l_m_02MEMORY_PASSED");
-  run.asks_for("F_l_m_03PPT_FAILED");
-  run.passes_on("F_l_m_02MEMORY_PASSED");
-  run.line("RRQ rootfs.img");
-  run.run.udp(late, reader, tftp::data(1, std::string(512, 'x')));
-  run.run.closed(late, reader);
-  run.line("Cmd received: F_l_m_03PPT_FAILED");
-  run.ends(2);
-  EXPECT_EQ(run.fault(), "ppt-server ppt.silent");
-  EXPECT_TRUE(run.has_also("unit.failed"));
-  EXPECT_FALSE(run.has_also("read.left"));
-  EXPECT_FALSE(run.has_also("unit.gone"));
+  gives("F_l_m_02MEMORY_PASSED");
+  fails_without_rootfs();
 }
 
 // Its requests stand in a row: the verdict is passed on long after the unit gave it.
-TEST(HastyUnit, FailsByThePptServerAlsoWhereItsVerdictHadToWait) {
-  ExplainedRun run;
-  run.begins();
-  run.reads("kernel.img");
-  run.ppt = ExplainedRun::Ppt::kSilent;
-  run.gives("F_l_m_01KERNEL_PASSED");
-  run.asks_for("F_l_m_02MEMORY_PASSED");
-  run.passes_on("F_l_m_01KERNEL_PASSED");
-  run.station_sends(run.answering, tftp::data(1, ""));
-  run.unit_sends({made::kStation, run.answering}, tftp::ack(1));
-  run.line("Cmd received: F_l_m_02MEMORY_PASSED");
-  run.passes_on("F_l_m_02MEMORY_PASSED");
-  run.asks_for("rootfs.img");
-  const made::Endpoint reader = run.unit;
-  const made::Endpoint late{made::kStation, run.answering};
-  run.passes_on("F_l_m_02MEMORY_PASSED");
-  run.asks_for("F_l_m_03PPT_FAILED");
-  run.line("RRQ rootfs.img");
-  run.run.udp(late, reader, tftp::data(1, std::string(512, 'x')));
-  run.run.closed(late, reader);
-  run.line("Cmd received: F_l_m_03PPT_FAILED");
-  run.ends(2);
-  EXPECT_EQ(run.fault(), "ppt-server ppt.silent");
-  EXPECT_FALSE(run.has_also("read.left"));
+TEST_F(HastyUnit, FailsByThePptServerAlsoWhereItsVerdictHadToWait) {
+  gives_first_verdict();
+  asks_for("F_l_m_02MEMORY_PASSED");
+  passes_on("F_l_m_01KERNEL_PASSED");
+  station_sends(answering, tftp::data(1, ""));
+  unit_sends({made::kStation, answering}, tftp::ack(1));
+  line("Cmd received: F_l_m_02MEMORY_PASSED");
+  passes_on("F_l_m_02MEMORY_PASSED");
+  fails_without_rootfs();
 }
 
 }  // namespace

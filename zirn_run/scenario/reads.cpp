@@ -23,7 +23,7 @@ constexpr std::uint64_t kMostBlocks = 65535;  // that can be counted
 constexpr std::uint64_t kMostCount = 1000;    // of what is repeated
 constexpr std::size_t kProgressBytes = 8192;  // its file grows by
 constexpr char kTries[] = " tries 9";
-// About as long the station waits for the PPT server, and some units for the station.
+// About as long as the station waits for the PPT server, and some units for the station.
 constexpr Nanoseconds kAlmostBusy = 4 * kSecond;
 constexpr Nanoseconds kBusy = 6 * kSecond;
 constexpr char kAnyText[] = "hello";  // where something came that is not in the story
