@@ -502,12 +502,27 @@ TEST_F(Causes, AConnectionThatIsRefusedBeforeAReadAndAnEnd) {
   asks_for("small.cfg");
   station_sends(answering, tftp::data(1, "small"));
   unit_sends({made::kStation, answering}, tftp::ack(1));
-  line("ERROR on connect() to 172.30.0.254:12345. Connection refused");
-  line("Error: Failed to initialize receiver");
-  line("RRQ small.cfg");
+  for (const char* text : {"ERROR on connect() to 172.30.0.254:12345. Connection refused",
+                           "Error: Failed to initialize receiver", "RRQ small.cfg"}) {
+    line(text);
+    run.now -= 1000000;  // all came at once
+  }
   is_killed(SIGKILL);
   EXPECT_EQ(fault(), "operator end.sigkill");
   EXPECT_TRUE(has_also("ppt.refused"));
+}
+
+TEST_F(Causes, AConnectionThatIsRefusedBeforeAFileIsAskedForAgainInVain) {
+  begins();
+  gives("F_l_m_t_Bootstrap_loading");
+  reads("small.cfg");
+  run.rests(1000);
+  line("ERROR on connect() to 172.30.0.254:12345. Connection refused");
+  line("Error: Failed to initialize receiver");
+  asks_for("small.cfg");
+  line("RRQ small.cfg");
+  is_killed(SIGKILL);
+  EXPECT_EQ(fault(), "ppt-server ppt.refused");
 }
 
 TEST_F(Causes, ATakenCommandPort) {

@@ -187,6 +187,15 @@ TEST_F(Degraded, ACommandThatNothingAnswers) {
   EXPECT_EQ(told.incomplete, std::vector<std::string>{"frames of one side of the test network"});
 }
 
+// The boot script is the station's, and so its frames are in the record.
+TEST_F(Degraded, ACommandThatNothingAnswersThoughTheBootScriptIsThere) {
+  begins();
+  tcp({made::kUnit, 3000}, {made::kStation, 12345}, made::kSyn, 100);
+  is_killed(SIGKILL);
+  EXPECT_EQ(fault(), "operator end.sigkill");
+  EXPECT_TRUE(told.incomplete.empty());
+}
+
 TEST_F(Degraded, AVerdictThatIsTooShort) {
   expect_never_another("unit", Outcome::kNone, &Happening::gives_a_short_verdict);
 }

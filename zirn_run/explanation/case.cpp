@@ -192,8 +192,8 @@ void Case::take_successes() {
     has_unit = has_unit || (party != kNone && reading.parties[party].role == story::Role::kUnit);
   };
   const auto succeed = [this](Nanoseconds when) { last_success = std::max(last_success, when); };
-  std::map<std::string_view, std::pair<Nanoseconds, Nanoseconds>>
-      served;  // the last read of a file, from and until
+  std::map<std::string_view, Nanoseconds>
+      served;  // until when the last read of a file may be told by its line
   for (std::size_t i = 0; i < reading.transfers.size(); ++i) {
     if (reading.transfers[i].second_answer_of != kNone && has_come_to_its_end(reading.transfers[i]))
       by_second_answer_[reading.transfers[i].second_answer_of] = i;
@@ -210,7 +210,7 @@ void Case::take_successes() {
     last_read = std::max(last_read, transfer.data_until);
     if (transfer.bytes == 0) continue;
     succeed(transfer.answered.value_or(asked.from));
-    served[asked.name] = {asked.from, transfer.data_until + kLineDelay};
+    served[asked.name] = transfer.data_until + kLineDelay;
   }
   for (const story::Connection& connection : reading.connections) {
     hear(connection.client);
@@ -226,8 +226,7 @@ void Case::take_successes() {
   // The station's line of a read may come later than its frames: it stands behind what the station printed before.
   for (const Line* line : lines_with(kRequestLine)) {
     const auto read = served.find(values_in(*line->printed, line->text).front());
-    if (read != served.end() && read->second.first <= line->at && line->at <= read->second.second)
-      succeed(line->at);
+    if (read != served.end() && line->at <= read->second) succeed(line->at);
   }
   for (const Verdict& verdict : verdicts) succeed(verdict.at);
   has_unit = has_unit || !verdicts.empty() || has_line(kRequestLine);
