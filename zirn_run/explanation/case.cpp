@@ -36,14 +36,9 @@ bool is_empty_answer(const Transfer& transfer) {
          !(transfer.end == Transfer::End::kError && transfer.ended_by == transfer.server);
 }
 
-// What is there of a cut name.
-std::string_view kept_of(std::string_view cut) {
-  return cut.substr(0, cut.size() - std::string_view(frames::kCut).size());
-}
-
 // Whether a cut name can be that of the whole one.
 bool begins_as(std::string_view whole, std::string_view cut) {
-  const std::string_view kept = kept_of(cut);
+  const std::string_view kept = frames::kept_of(cut);
   return whole.substr(0, kept.size()) == kept;
 }
 
@@ -54,11 +49,6 @@ bool has_come_to_its_end(const Transfer& transfer) {
   // It had everything, and only its last ACK is not there.
   return transfer.is_last_sent && transfer.end != Transfer::End::kError &&
          transfer.acknowledged_blocks + 1 >= transfer.blocks;
-}
-
-bool is_cut(std::string_view name) {
-  const std::string_view end = frames::kCut;
-  return name.size() >= end.size() && name.substr(name.size() - end.size()) == end;
 }
 
 bool is_cut(const story::Said& said) {
@@ -139,7 +129,7 @@ void Case::take_verdicts() {
     const std::string& name = reading.verdicts[i].name;
     const std::size_t transfer = reading.verdicts[i].transfer;
     if (transfer != kNone && reading.transfers[transfer].answered)
-      (is_cut(name) ? cut : answered[name]).push_back(i);
+      (frames::is_cut(name) ? cut : answered[name]).push_back(i);
   }
   std::set<std::size_t> used;
   std::set<std::string_view> told;
@@ -164,7 +154,7 @@ void Case::take_verdicts() {
     const story::Verdict& verdict = reading.verdicts[i];
     if (used.count(i) != 0 || !was_taken(verdict)) continue;
     is_a_run = true;
-    if (is_cut(verdict.name)) {
+    if (frames::is_cut(verdict.name)) {
       unread_.push_back(verdict.at);
       continue;
     }
@@ -202,7 +192,7 @@ void Case::take_successes() {
     hear(asked.client);
     if (asked.server == kStation && asked.requests > 0) {
       requested_.insert(asked.name);
-      if (is_cut(asked.name)) requested_so_far_.insert(kept_of(asked.name));
+      if (frames::is_cut(asked.name)) requested_so_far_.insert(frames::kept_of(asked.name));
     }
     const Transfer& transfer = served_by(asked);
     if (!is_read_of_file(asked) || !has_come_to_its_end(transfer)) continue;

@@ -107,8 +107,7 @@ struct Case {
 // Whether the reader had everything: of a transfer whose last ACK is all that is not there, too.
 bool has_come_to_its_end(const story::Transfer& transfer);
 
-// Whether the capture has not kept all of a name, or of a text.
-bool is_cut(std::string_view name);
+// Whether the capture has not kept all of a text.
 bool is_cut(const story::Said& said);
 
 std::string seconds(Nanoseconds time);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "explanation/causes.h"
@@ -35,6 +36,9 @@ struct Claim {
 
   static constexpr std::size_t kMostStatements = 4;
 };
+
+// What the station starts on its board. A statement about one that is missing names it.
+inline constexpr std::string_view kBoardTools[] = {"/mnt/ramdisk/t1-e1", "/etc/init.d/voice", "envtool"};
 
 enum class Outcome { kPassed, kFailed, kNone };
 

@@ -12,8 +12,6 @@ constexpr std::string_view kWaitFailed = "station.wait-failed";
 constexpr std::string_view kNoConnection[] = {"ppt.refused", "ppt.dropped", "ppt.absent", "ppt.no-route",
                                               "ppt.not-connected"};
 
-constexpr std::string_view kTools[] = {"/mnt/ramdisk/t1-e1", "/etc/init.d/voice", "envtool"};
-
 bool is_of(std::string_view family, std::string_view cause) {
   return cause.substr(0, family.size()) == family;
 }
@@ -37,11 +35,11 @@ bool is_message_port_taken(const Case& c) {
 
 // What the shell writes to standard error for a tool that is not there.
 void find_missing_tool(const Case::Line& line, Case* c) {
-  const auto tool = std::find_if(std::begin(kTools), std::end(kTools),
+  const auto tool = std::find_if(std::begin(kBoardTools), std::end(kBoardTools),
                                  [&line](std::string_view name) { return contains(line.text, name); });
-  if (tool == std::end(kTools) || !contains(line.text, "not found")) return;
+  if (tool == std::end(kBoardTools) || !contains(line.text, "not found")) return;
   c->find("board.tool-missing", line.at, "the station's shell wrote " + frames::quoted(line.text),
-          seen({}, line.numbers), *tool == kTools[0], std::string(*tool));
+          seen({}, line.numbers), *tool == kBoardTools[0], std::string(*tool));
 }
 
 }  // namespace

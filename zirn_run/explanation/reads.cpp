@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "explanation/case.h"
+#include "frames/tftp_message.h"
 #include "frames/words.h"
 
 namespace explanation {
@@ -47,7 +48,7 @@ void find_refusal(const Transfer& transfer, Case* c) {
   const std::string answer = ", and the station answered " + error_words(transfer);
   if (transfer.name.empty()) {
     find("file.no-name", transfer, "the unit asked for a file without a name" + when + answer, false, c);
-  } else if (transfer.mode != kOctet && !is_cut(transfer.name) && !is_cut(transfer.mode)) {
+  } else if (transfer.mode != kOctet && !frames::is_cut(transfer.name) && !frames::is_cut(transfer.mode)) {
     find(
         "file.wrong-mode", transfer,
         "the unit asked for " + of(transfer) + " in mode " + frames::printable(transfer.mode) + when + answer,

@@ -86,6 +86,15 @@ TftpMessage tftp_message_in(std::string_view payload, std::size_t size) {
   return message;
 }
 
+bool is_cut(std::string_view text) {
+  const std::string_view end = kCut;
+  return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+std::string_view kept_of(std::string_view cut) {
+  return cut.substr(0, cut.size() - std::string_view(kCut).size());
+}
+
 bool is_request(const TftpMessage& message) {
   return message.kind == TftpMessage::Kind::kReadRequest || message.kind == TftpMessage::Kind::kWriteRequest;
 }

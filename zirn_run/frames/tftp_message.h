@@ -38,6 +38,10 @@ struct TftpMessage {
 // What stands in place of the end of a text that a capture has not kept.
 inline constexpr char kCut[] = "\xe2\x80\xa6";  // ...
 
+// Whether it does so, and what there is of such a text.
+bool is_cut(std::string_view text);
+std::string_view kept_of(std::string_view cut);
+
 // `payload`: as much of the datagram as was caught; `size`: bytes of the whole datagram. Of a text that is not whole
 // the rest is kCut; where operation or number is not there, so is the whole.
 TftpMessage tftp_message_in(std::string_view payload, std::size_t size);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include "scenario/writing.h"
 
@@ -88,11 +89,11 @@ Call call_of(const Reading& reading) {
 void write_missing_tools(Writing* writing) {
   const explanation::Claim* const claim = writing->claim_of("board.tool-missing");
   if (claim == nullptr) return;
-  for (const std::string tool : {"envtool", "/etc/init.d/voice", "/mnt/ramdisk/t1-e1"}) {
-    if (std::any_of(claim->statements.begin(), claim->statements.end(), [&tool](const auto& statement) {
+  for (const std::string_view tool : explanation::kBoardTools) {
+    if (std::any_of(claim->statements.begin(), claim->statements.end(), [tool](const auto& statement) {
           return statement.sentence.find(tool) != std::string::npos;
         }))
-      writing->script.sets("board lacks NAME", {tool});
+      writing->script.sets("board lacks NAME", {std::string(tool)});
   }
 }
 

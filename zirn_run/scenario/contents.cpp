@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <filesystem>
 #include <system_error>
 
@@ -21,8 +22,7 @@ using frames::Endpoint;
 using frames::Packet;
 using frames::TftpMessage;
 
-constexpr std::size_t kHeader = 4;         // bytes of a DATA packet before its block
-constexpr std::size_t kLongestName = 255;  // bytes
+constexpr std::size_t kHeader = 4;  // bytes of a DATA packet before its block
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), frames::printable(what));
@@ -30,8 +30,8 @@ constexpr std::size_t kLongestName = 255;  // bytes
 
 // A plain name that shows on a page, and does not hide: those belong to files that are not whole yet.
 bool can_be_file(const std::string& name) {
-  return !name.empty() && name[0] != '.' && name.size() <= kLongestName &&
-         name.find('/') == std::string::npos && frames::printable_sentence(name) == name;
+  return !name.empty() && name[0] != '.' && name.size() <= NAME_MAX && name.find('/') == std::string::npos &&
+         frames::printable_sentence(name) == name;
 }
 
 template <typename Map>

@@ -1,6 +1,7 @@
 #include "scenario/files.h"
 
 #include <algorithm>
+#include <climits>
 #include <map>
 #include <optional>
 
@@ -17,7 +18,6 @@ using story::Transfer;
 using End = Transfer::End;
 
 constexpr std::uint64_t kMuchMore = 16 << 20;  // bytes, so that a read is not over before it is stopped
-constexpr std::size_t kLongestName = 255;      // bytes
 constexpr std::uint64_t kFileNotFound = 1;     // RFC 1350
 
 bool tells_size(const Transfer& one) {
@@ -26,7 +26,7 @@ bool tells_size(const Transfer& one) {
 }
 
 bool can_be_file(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.size() <= kLongestName &&
+  return !name.empty() && name != "." && name != ".." && name.size() <= NAME_MAX &&
          name.find('/') == std::string::npos;
 }
 

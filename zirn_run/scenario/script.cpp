@@ -24,14 +24,9 @@ bool is_value(const std::string& word) {
          std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 
-bool is_cut(const std::string& word) {
-  const std::size_t end = std::char_traits<char>::length(frames::kCut);
-  return word.size() >= end && word.compare(word.size() - end, end, frames::kCut) == 0;
-}
-
 // The word as it stands in a step; nothing where none can stand for it.
 std::optional<std::string> written_word(const std::string& word) {
-  if (is_cut(word)) return std::nullopt;
+  if (frames::is_cut(word)) return std::nullopt;
   std::string text;
   std::string shown;
   for (const char letter : word) {
