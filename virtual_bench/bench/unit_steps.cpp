@@ -153,8 +153,9 @@ void Run::expect_reading() const {
 
 void Run::expect_read(double bytes) {
   expect_reading();
-  if (!until(kPatienceSeconds, [&] { return size_of(local(state().reading_name)) >= bytes; }))
-    throw StepFailed("it has read less");
+  const auto has_read = [&] { return size_of(local(state().reading_name)) >= bytes; };
+  until(ReadOptions().longest_seconds, [&] { return has_read() || state().reading->has_ended(); });
+  if (!has_read()) throw StepFailed("it has read less");
 }
 
 void Run::end_reading() {
