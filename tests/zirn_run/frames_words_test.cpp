@@ -94,6 +94,29 @@ TEST(Words, TellTheSizeOfABlockThatWasCut) {
   EXPECT_EQ(in_words(tftp_message_in(block, 1432)), "DATA 7, 1428 bytes");
 }
 
+TEST(Words, KnowATextWhoseEndWasNotKept) {
+  EXPECT_TRUE(frames::is_cut("boot…"));
+  EXPECT_EQ(frames::kept_of("boot…"), "boot");
+  EXPECT_TRUE(frames::is_cut("…"));
+  EXPECT_EQ(frames::kept_of("…"), "");
+  EXPECT_FALSE(frames::is_cut(""));
+  EXPECT_FALSE(frames::is_cut("boot"));
+  EXPECT_FALSE(frames::is_cut("…boot"));
+  EXPECT_FALSE(frames::is_cut("\xa6"));
+}
+
+TEST(Words, AreNoMarkupByThemselves) {
+  EXPECT_EQ(frames::markup("a<b>&\"c\" 'd'\n"), "a&lt;b&gt;&amp;&quot;c&quot; &#39;d&#39;\n");
+  EXPECT_EQ(frames::markup(""), "");
+}
+
+TEST(Words, SayBytesInHexadecimal) {
+  EXPECT_EQ(frames::hexadecimal({"\x00\x7f\x80\xff", 4}), "007f80ff");
+  EXPECT_EQ(frames::hexadecimal("AZ", ":"), "41:5a");
+  EXPECT_EQ(frames::hexadecimal("A", ":"), "41");
+  EXPECT_EQ(frames::hexadecimal("", ":"), "");
+}
+
 TEST(Words, OfASentenceAreAllShown) {
   const std::string name(1000, 'x');
   EXPECT_EQ(frames::printable_sentence("\x1b" + name + ": no"), "\\x1b" + name + ": no");

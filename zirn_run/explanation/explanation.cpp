@@ -229,13 +229,7 @@ std::string advice_for_unit(const Cause& cause) {
 }
 
 std::string mac_text(const frames::Mac& mac) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const std::uint8_t byte : mac) {
-    text += (text.empty() ? "" : ":");
-    text += {kDigits[byte >> 4], kDigits[byte & 0xf]};
-  }
-  return text;
+  return frames::hexadecimal(std::string(mac.begin(), mac.end()), ":");
 }
 
 std::vector<Unit> units_of(const Case& c) {

@@ -7,7 +7,6 @@ namespace frames {
 namespace {
 
 constexpr std::size_t kMaxBytes = 300;
-constexpr char kHexDigits[] = "0123456789abcdef";
 
 struct Character {
   std::uint32_t code = 0;
@@ -42,10 +41,7 @@ bool is_shown(std::uint32_t code) {
 }
 
 void add_escaped(std::string_view bytes, std::string* text) {
-  for (const char letter : bytes) {
-    const auto code = static_cast<std::uint8_t>(letter);
-    *text += {'\\', 'x', kHexDigits[code >> 4], kHexDigits[code & 0xf]};
-  }
+  for (const char letter : bytes) *text += "\\x" + hexadecimal({&letter, 1});
 }
 
 // Adds some letters in words of its own, and says whether this is one.
@@ -110,6 +106,43 @@ std::string printable_sentence(std::string_view bytes) {
 
 std::string quoted(std::string_view bytes) {
   return "\"" + each(bytes, kMaxBytes, add_controls) + "\"";
+}
+
+std::string markup(std::string_view text) {
+  std::string result;
+  for (const char letter : text) {
+    switch (letter) {
+      case '&':
+        result += "&amp;";
+        break;
+      case '<':
+        result += "&lt;";
+        break;
+      case '>':
+        result += "&gt;";
+        break;
+      case '"':
+        result += "&quot;";
+        break;
+      case '\'':
+        result += "&#39;";
+        break;
+      default:
+        result += letter;
+    }
+  }
+  return result;
+}
+
+std::string hexadecimal(std::string_view bytes, std::string_view between) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const char letter : bytes) {
+    const auto byte = static_cast<std::uint8_t>(letter);
+    if (!text.empty()) text += between;
+    text += {kDigits[byte >> 4], kDigits[byte & 0xf]};
+  }
+  return text;
 }
 
 std::string counted(std::uint64_t count, const std::string& thing) {

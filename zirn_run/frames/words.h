@@ -22,6 +22,12 @@ std::string escaped(std::string_view bytes);
 // As printable, in quotation marks; NUL as \0, line ends as \r and \n.
 std::string quoted(std::string_view bytes);
 
+// As text, and in attributes, of HTML, SVG and XML.
+std::string markup(std::string_view text);
+
+// Two digits a byte, in lower case; `between` stands between two bytes.
+std::string hexadecimal(std::string_view bytes, std::string_view between = {});
+
 // "1 block", "2 blocks".
 std::string counted(std::uint64_t count, const std::string& thing);
 

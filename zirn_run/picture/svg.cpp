@@ -4,6 +4,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "frames/words.h"
 #include "picture/words.h"
 
 namespace picture {
@@ -135,26 +136,6 @@ std::string triangle(const Head& head) {
          point(back, head.y - half_width) + point(back, head.y + half_width) + "\"/>\n";
 }
 
-std::string escaped(std::string_view text) {
-  std::string result;
-  for (const char letter : text) {
-    switch (letter) {
-      case '&':
-        result += "&amp;";
-        break;
-      case '<':
-        result += "&lt;";
-        break;
-      case '>':
-        result += "&gt;";
-        break;
-      default:
-        result += letter;
-    }
-  }
-  return result;
-}
-
 std::string written(const Text& text) {
   const Box& box = text.box;
   const bool is_large = text.font == Font::kTitle || text.font == Font::kSign;
@@ -167,7 +148,7 @@ std::string written(const Text& text) {
   }
   const std::string font = kFontClasses[static_cast<std::size_t>(text.font)];
   return "<text" + (font.empty() ? "" : " class=\"" + font + "\"") + place + attribute("y", y) + ">" +
-         escaped(text.text) + "</text>\n";
+         frames::markup(text.text) + "</text>\n";
 }
 
 // What of it stands between two heights. A line that goes on is cut there.
@@ -228,7 +209,7 @@ std::string svg_of(const Sheet& sheet) {
   const Box whole{0, 0, sheet.width, sheet.height};
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"" +
          size_of(whole) + " role=\"img\" aria-labelledby=\"title summary\">\n<title id=\"title\">" +
-         escaped(sheet.title) + "</title>\n<desc id=\"summary\">" + escaped(sheet.summary) +
+         frames::markup(sheet.title) + "</title>\n<desc id=\"summary\">" + frames::markup(sheet.summary) +
          "</desc>\n<style>\n" + style_sheet() + "</style>\n" + kHatch + rectangle(whole, "page") +
          drawn(sheet) + "</svg>\n";
 }

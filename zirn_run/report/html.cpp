@@ -23,34 +23,8 @@ std::optional<explanation::Owner> known_owner(const std::string& name) {
 
 }  // namespace
 
-std::string escaped(std::string_view text) {
-  std::string result;
-  for (const char letter : text) {
-    switch (letter) {
-      case '&':
-        result += "&amp;";
-        break;
-      case '<':
-        result += "&lt;";
-        break;
-      case '>':
-        result += "&gt;";
-        break;
-      case '"':
-        result += "&quot;";
-        break;
-      case '\'':
-        result += "&#39;";
-        break;
-      default:
-        result += letter;
-    }
-  }
-  return result;
-}
-
 std::string isolated(std::string_view text) {
-  return "<bdi>" + escaped(frames::printable(text)) + "</bdi>";
+  return "<bdi>" + frames::markup(frames::printable(text)) + "</bdi>";
 }
 
 std::string within_script(std::string json) {
@@ -91,7 +65,7 @@ std::string page_head(std::string_view title, std::string_view up,
       std::string(kPolicy) +
       "\">\n<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
       "<meta name=\"generator\" content=\"zirn-run\">\n<title>" +
-      escaped(frames::printable(title)) + "</title>\n";
+      frames::markup(frames::printable(title)) + "</title>\n";
   for (const char* const file : style_sheets)
     html += "<link rel=\"stylesheet\" href=\"" + std::string(up) + file + "\">\n";
   return html + "<script src=\"" + std::string(up) + script + "\" defer></script>\n</head>\n<body>\n";

@@ -1,6 +1,7 @@
 #include <string>
 
 #include "database/runs.h"
+#include "frames/words.h"
 #include "report/number.h"
 #include "report/report.h"
 
@@ -8,31 +9,8 @@ namespace report {
 
 namespace {
 
-std::string in_xml(const std::string& text) {
-  std::string safe;
-  for (const char letter : text) {
-    switch (letter) {
-      case '&':
-        safe += "&amp;";
-        break;
-      case '<':
-        safe += "&lt;";
-        break;
-      case '>':
-        safe += "&gt;";
-        break;
-      case '"':
-        safe += "&quot;";
-        break;
-      default:
-        safe += letter;
-    }
-  }
-  return safe;
-}
-
 std::string attribute(const char* name, const std::string& value) {
-  return " " + std::string(name) + "=\"" + in_xml(value) + "\"";
+  return " " + std::string(name) + "=\"" + frames::markup(value) + "\"";
 }
 
 void write_case(const database::Run& run, std::ostream& out) {
@@ -44,8 +22,9 @@ void write_case(const database::Run& run, std::ostream& out) {
   }
   const char* const element = run.verdict == "failed" ? "failure" : "error";
   out << "><" << element << attribute("type", run.fault_cause)
-      << attribute("message", run.fault_owner + ": " + run.fault_sentence) << ">" << in_xml(run.record_host)
-      << ":" << in_xml(run.record) << "</" << element << "></testcase>\n";
+      << attribute("message", run.fault_owner + ": " + run.fault_sentence) << ">"
+      << frames::markup(run.record_host) << ":" << frames::markup(run.record) << "</" << element
+      << "></testcase>\n";
 }
 
 void write_case(const database::File& file, std::ostream& out) {

@@ -151,7 +151,7 @@ std::string causes_of(const Overview& overview) {
     html += "<tr><td class=\"owner " + color + "\">" +
             filter_link("owner", owner, isolated(owner_in_words(owner))) + "</b></td><th scope=\"row\">" +
             filter_link("cause", cause, isolated(cause)) + "<br><span class=\"soft\">" +
-            escaped(meaning_of(cause)) + "</span></th>" + pareto.cells(runs, color) + "</tr>\n";
+            frames::markup(meaning_of(cause)) + "</span></th>" + pareto.cells(runs, color) + "</tr>\n";
   }
   return html + "</tbody>\n</table></div>\n" +
          rest_in_words(causes.size() - std::min(causes.size(), kMostBars), "cause") + "</section>\n";
@@ -281,7 +281,7 @@ std::string choice(const char* name, const char* words,
   std::string html =
       std::string("<label>") + words + " <select name=\"" + name + "\"><option value=\"\">all</option>";
   for (const auto& [value, told] : values)
-    html += "<option value=\"" + escaped(value) + "\">" + escaped(told) + "</option>";
+    html += "<option value=\"" + frames::markup(value) + "\">" + frames::markup(told) + "</option>";
   return html + "</select></label>\n";
 }
 

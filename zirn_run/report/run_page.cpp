@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "frames/words.h"
 #include "picture/live.h"
 #include "picture/svg.h"
 #include "picture/words.h"
@@ -37,7 +38,7 @@ std::string number_in(const Json& object, const char* key) {
 
 std::string sign_of(const std::string& verdict) {
   const std::string words = verdict == "passed" ? "PASSED" : verdict == "failed" ? "FAILED" : "NO VERDICT";
-  return "<span class=\"sign " + escaped(verdict) + "\">" + words + "</span>";
+  return "<span class=\"sign " + frames::markup(verdict) + "\">" + words + "</span>";
 }
 
 std::string fact(const char* name, const std::string& html) {
@@ -55,7 +56,7 @@ std::string start_of(const database::Run& run) {
 std::string facts_of(const database::Run& run) {
   const std::string unit =
       run.unit_mac.value_or("no identity") + (run.unit_address ? ", " + *run.unit_address : std::string());
-  return "<dl class=\"facts\">\n" + fact("start", escaped(start_of(run))) +
+  return "<dl class=\"facts\">\n" + fact("start", frames::markup(start_of(run))) +
          fact("duration", picture::decimal(run.duration, 1) + " s") + fact("station", isolated(run.station)) +
          fact("unit", isolated(unit)) + fact("exit", isolated(run.exit_meaning.value_or("not known"))) +
          fact("record", isolated(run.record) + " on " + isolated(run.record_host)) + "</dl>\n";
@@ -105,7 +106,7 @@ std::string steps_of(const Json& told) {
   for (const Json& step : list_in(told, "steps")) {
     const std::string result = text_in(step, "result");
     html += "<tr><th scope=\"row\">" + isolated(text_in(step, "name")) + "</th><td class=\"" +
-            escaped(result) + "\">" + escaped(result) + "</td></tr>\n";
+            frames::markup(result) + "\">" + frames::markup(result) + "</td></tr>\n";
   }
   return html.empty() ? ""
                       : "<div class=\"wide\"><table>\n<thead><tr><th scope=\"col\">step</th><th "
@@ -174,7 +175,7 @@ std::string row_of(const picture::LiveRow& row) {
     item += " data-first=\"" + first + "\" data-last=\"" + last + "\"";
     link += " href=\"#frame" + (first == last ? "-" + first : "s-" + first + "-" + last) + "\"";
   }
-  return item + ">" + link + ">" + row.svg + "<span class=\"aside\">" + escaped(row.words) +
+  return item + ">" + link + ">" + row.svg + "<span class=\"aside\">" + frames::markup(row.words) +
          "</span></a></li>\n";
 }
 

@@ -24,16 +24,6 @@ void add(const frames::Numbers& of_row, std::set<std::uint64_t>* numbers) {
   numbers->insert(of_row.last);
 }
 
-std::string in_hexadecimal(std::string_view bytes) {
-  static const char* const kDigits = "0123456789abcdef";
-  std::string text;
-  for (const char letter : bytes) {
-    const auto byte = static_cast<unsigned char>(letter);
-    text += {kDigits[byte >> 4U], kDigits[byte & 15U]};
-  }
-  return text;
-}
-
 std::string text_of(const record::Entry& entry) {
   std::string text;
   for (const auto& [name, value] : entry.fields) text += name + "=" + frames::printable(value) + "\n";
@@ -67,7 +57,7 @@ std::string contents_of(const std::set<std::uint64_t>& numbers, const std::strin
     if (const auto* frame = std::get_if<record::Frame>(&*item); frame && numbers.count(frame->number) > 0)
       contents.push_back({frame->number, picture::seconds(frame->at - start, 6),
                           frame->interface < networks.size() ? networks[frame->interface] : "", frame->size,
-                          in_hexadecimal(frame->bytes.substr(0, kMostBytes))});
+                          frames::hexadecimal(frame->bytes.substr(0, kMostBytes))});
     if (const auto* entry = std::get_if<record::Entry>(&*item); entry && numbers.count(entry->number) > 0)
       contents.push_back(
           {entry->number, picture::seconds(entry->at - start, 6), nullptr, nullptr, text_of(*entry)});

@@ -4,6 +4,7 @@
 #include <optional>
 #include <sstream>
 
+#include "frames/words.h"
 #include "scenario/writing.h"
 
 namespace scenario {
@@ -33,13 +34,9 @@ std::optional<std::string> board_mac_in(const std::string& told) {
     mac = mac << 8 | std::strtoul(byte.c_str(), nullptr, 16);
   }
   if (count != 6 || mac == kUsualMac + kAdded) return {};
-  char text[] = "00:00:00:00:00:00";
-  for (std::size_t place = 0; place <= 5; ++place) {
-    const auto byte = static_cast<unsigned>((mac - kAdded) >> (8 * (5 - place)) & 0xffU);
-    text[3 * place] = "0123456789abcdef"[byte >> 4];
-    text[3 * place + 1] = "0123456789abcdef"[byte & 0xfU];
-  }
-  return text;
+  std::string board;
+  for (int shift = 40; shift >= 0; shift -= 8) board += static_cast<char>((mac - kAdded) >> shift & 0xffU);
+  return frames::hexadecimal(board, ":");
 }
 
 bool is_another_begun(const Connection& held, Nanoseconds from, const story::Reading& reading) {
@@ -160,23 +157,13 @@ void write_connection(const Connection& one, Writing* writing) {
     script.cannot_say(one.from, "more is said on one connection", one.frames);
 }
 
-std::string in_hex(const std::string& bytes) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const char byte : bytes) {
-    text += kDigits[static_cast<unsigned char>(byte) >> 4];
-    text += kDigits[static_cast<unsigned char>(byte) & 0xf];
-  }
-  return text;
-}
-
 void write_datagram(const Step& datagram, std::uint16_t relay, Writing* writing) {
   const std::string& text = datagram.said.text;
   const bool is_text = can_be_written(text);
   std::string form = writing->of_unit(datagram.source, is_text ? "unit sends TEXT" : "unit sends bytes HEX");
   if (datagram.port != relay) form += " to port " + std::to_string(datagram.port);
   for (std::uint64_t i = 0; i < std::min(datagram.count, kMostRepetitions); ++i)
-    writing->script.acts(datagram.from, datagram.until, form, {is_text ? text : in_hex(text)},
+    writing->script.acts(datagram.from, datagram.until, form, {is_text ? text : frames::hexadecimal(text)},
                          datagram.frames);
   if (datagram.count > kMostRepetitions)
     writing->script.cannot_say(datagram.until, "the same, many times more", datagram.frames);
