@@ -459,6 +459,27 @@ TEST_F(ScenarioSteps, NameTheFramesOfWhatTheyCannotSay) {
   EXPECT_EQ(written.left_out, 2U);
 }
 
+// The language has four units: nothing comes of what a fifth one is not told to do.
+TEST_F(ScenarioSteps, AwaitNothingOfAUnitThatTheyCannotName) {
+  const made::Endpoint relay{kStation, 12345}, at_ppt{made::kStationAtPpt, 5000},
+      ppt{made::kPptServer, 12345};
+  run.begins();
+  run.gives("F_l_m_01STEP");
+  for (const std::uint32_t more : {0U, 1U, 2U, 3U}) {
+    run.unit.address = kUnitB + more;
+    run.gives("F_l_m_0" + std::to_string(2 + more) + "STEP");
+  }
+  run.run.udp(run.unit, relay, "up");
+  run.run.udp(at_ppt, ppt, std::string("up\0\0", 4));
+  run.ends(15);
+  const std::string steps = told();
+  EXPECT_NE(steps.find("unit d reads F_l_m_04STEP\nppt hears F_l_m_04CPU_2_STEP\n"), std::string::npos)
+      << steps;
+  EXPECT_NE(steps.find(": another unit reads or writes F_l_m_05STEP\n"), std::string::npos) << steps;
+  EXPECT_EQ(steps.find("ppt hears F_l_m_05CPU_2_STEP"), std::string::npos) << steps;
+  EXPECT_EQ(steps.find("ppt receives"), std::string::npos) << steps;
+}
+
 TEST_F(ScenarioSteps, TellUnitsApart) {
   run.begins();
   run.reads("kernel.img");
