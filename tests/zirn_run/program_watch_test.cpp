@@ -282,6 +282,12 @@ TEST_F(ProgramWatchInTerminal, LeavesTheTerminalAsItWasHoweverItEnds) {
   }
 }
 
+TEST_F(ProgramWatchInTerminal, NamesATerminalThatIsNotKnown) {
+  terminal_->runs("clear; TERM=no-such-terminal zirn-run watch run; echo status $?");
+  EXPECT_TRUE(terminal_->shows("zirn-run: TERM is \"no-such-terminal\": expected ")) << terminal_->screen();
+  EXPECT_TRUE(terminal_->shows("status 3\n")) << terminal_->screen();
+}
+
 TEST_F(ProgramWatchInTerminal, IsStoppedAndGoesOnWhereItWas) {
   terminal_->runs("clear; echo bef'ore'; zirn-run watch run");
   ASSERT_TRUE(terminal_->shows("ended"));

@@ -1,8 +1,5 @@
 #include "database/runs.h"
 
-#include <algorithm>
-#include <cmath>
-
 #include "database/statement.h"
 
 namespace database {
@@ -58,8 +55,6 @@ std::vector<Row> rows_of(soci::session& session, long long run, const std::strin
 
 const char* column_of(Key key) {
   switch (key) {
-    case Key::kDay:
-      return "day";
     case Key::kStation:
       return "station";
     case Key::kVerdict:
@@ -67,17 +62,9 @@ const char* column_of(Key key) {
     case Key::kOwner:
       return "fault_owner";
     case Key::kCause:
-      return "fault_cause";
-    default:
-      return "failed_step";
+      break;
   }
-}
-
-template <typename Type>
-Type one(soci::session& session, const std::string& text) {
-  Type value{};
-  Statement(session, text).into(&value).next();
-  return value;
+  return "fault_cause";
 }
 
 }  // namespace
@@ -147,45 +134,10 @@ std::vector<Sum> sums(soci::session& session, const std::vector<Key>& keys) {
   return all;
 }
 
-std::vector<FirstPass> first_passes(soci::session& session) {
-  FirstPass day;
-  Statement statement(
-      session,
-      "SELECT day, count(*), sum(CASE WHEN verdict = 'passed' THEN 1 ELSE 0 END) FROM "
-      "(SELECT day, verdict, row_number() OVER (PARTITION BY unit_mac ORDER BY started, id) AS place "
-      "FROM runs WHERE unit_mac IS NOT NULL) AS numbered WHERE place = 1 GROUP BY day ORDER BY day");
-  statement.into(&day.day).into(&day.units).into(&day.passed);
-  std::vector<FirstPass> days;
-  while (statement.next()) days.push_back(day);
-  return days;
-}
-
-long long runs_without_unit(soci::session& session) {
-  return one<long long>(session, "SELECT count(*) FROM runs WHERE unit_mac IS NULL");
-}
-
-std::optional<double> duration_at(soci::session& session, double part) {
-  const auto runs = one<long long>(session, "SELECT count(*) FROM runs");
-  if (runs == 0) return std::nullopt;
-  const auto place = std::max(1LL, std::llround(std::ceil(part * static_cast<double>(runs))));
-  return one<double>(
-      session, "SELECT duration FROM runs ORDER BY duration LIMIT 1 OFFSET " + std::to_string(place - 1));
-}
-
-std::vector<FileSum> sums_of_files(soci::session& session) {
-  FileSum sum;
-  Statement statement(session,
-                      "SELECT file, count(*), sum(CASE WHEN finished = 0 THEN 1 ELSE 0 END), "
-                      "CAST(coalesce(sum(repeated), 0) AS BIGINT), coalesce(sum(seconds), 0.0) FROM reads "
-                      "GROUP BY file ORDER BY file");
-  statement.into(&sum.file).into(&sum.reads).into(&sum.unfinished).into(&sum.repeated).into(&sum.seconds);
-  std::vector<FileSum> all;
-  while (statement.next()) all.push_back(sum);
-  return all;
-}
-
 long long count_unreadable(soci::session& session) {
-  return one<long long>(session, "SELECT count(*) FROM unreadable");
+  long long count = 0;
+  Statement(session, "SELECT count(*) FROM unreadable").into(&count).next();
+  return count;
 }
 
 }  // namespace database

@@ -31,8 +31,8 @@ std::string json_of(soci::session& session, long long run);
 // The files that are no run, by host and path.
 void each_unreadable(soci::session& session, const std::function<void(const File&)>& take);
 
-// What runs are counted by. A run without a key of this kind (no beginning, no failed step) has none.
-enum class Key { kDay, kStation, kVerdict, kOwner, kCause, kFailedStep };
+// What runs are counted by.
+enum class Key { kStation, kVerdict, kOwner, kCause };
 
 struct Sum {
   std::vector<std::optional<std::string>> keys;  // as they were asked for
@@ -49,29 +49,6 @@ struct Sum {
 
 // Of each combination of keys that there is, in their order; without keys one sum of all.
 std::vector<Sum> sums(soci::session& session, const std::vector<Key>& keys);
-
-// A run counts for its unit where it shows the unit's hardware address, and a unit on the day of its first such run.
-struct FirstPass {
-  std::optional<std::string> day;
-  long long units = 0;
-  long long passed = 0;  // of these: with their first run
-};
-std::vector<FirstPass> first_passes(soci::session& session);
-// Runs that do not show whose they are.
-long long runs_without_unit(soci::session& session);
-
-// The duration that so many of all runs do not exceed, in seconds; 0.5 is the median. `part`: 0 to 1. Nothing where
-// there are no runs.
-std::optional<double> duration_at(soci::session& session, double part);
-
-struct FileSum {
-  std::string file;
-  long long reads = 0;
-  long long unfinished = 0;
-  long long repeated = 0;  // blocks
-  double seconds = 0;
-};
-std::vector<FileSum> sums_of_files(soci::session& session);
 
 long long count_unreadable(soci::session& session);
 

@@ -9,6 +9,8 @@
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -73,11 +75,13 @@ Display::Display() {
   setlocale(LC_CTYPE, "");
   is_utf8_ = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
   keys_ = std::fopen(isatty(STDIN_FILENO) != 0 ? "/dev/stdin" : "/dev/tty", "re");
-  if (keys_ == nullptr) throw std::system_error(errno, std::generic_category(), "/dev/tty");
+  if (keys_ == nullptr)
+    throw std::system_error(errno, std::generic_category(), "/dev/tty, where the keys are read");
   screen_ = newterm(nullptr, stdout, keys_);
   if (screen_ == nullptr) {
     std::fclose(keys_);
-    throw std::system_error(ENOTTY, std::generic_category(), "expected a terminal that TERM names");
+    throw std::runtime_error("TERM is \"" + std::string(std::getenv("TERM")) +
+                             "\": expected the name of a terminal that this system knows, or dumb");
   }
   set_escdelay(kEscapeMilliseconds);
   cbreak();
