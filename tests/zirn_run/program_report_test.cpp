@@ -74,7 +74,7 @@ TEST_P(ProgramReport, GivesJUnitsXml) {
   };
   expect_case("run-3\" time=\"0.008\"/>\n");
   expect_case("run-4\" time=\"0.008\"><failure type=\"unit.failed\" message=\"unit: ");
-  expect_case("&lt;&amp;&quot;'&gt;\" time=\"0.002\"><error type=\"record.no-end\" message=\"");
+  expect_case("&lt;&amp;&quot;&#39;&gt;\" time=\"0.002\"><error type=\"record.no-end\" message=\"");
   expect_case(
       directory_.file("runs/text.pcapng\" time=\"0.000\"><error type=\"unreadable\" message=\"") +
       directory_.file("runs/text.pcapng: expected a pcapng or pcap file, found text\"/></testcase>\n"));
