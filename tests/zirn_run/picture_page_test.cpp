@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 #include "picture/svg.h"
 #include "picture/words.h"
@@ -23,8 +24,9 @@ std::string wrong_in_xml(const std::string& xml) {
   Lines open;
   for (std::size_t at = 0; at < xml.size();) {
     if (xml[at] == '&') {
+      constexpr std::string_view kEntities = "&amp; &lt; &gt; &quot; &#39; ";
       const std::string entity = xml.substr(at, xml.find(';', at) + 1 - at);
-      if (entity != "&amp;" && entity != "&lt;" && entity != "&gt;") return "bare &";
+      if (entity.empty() || kEntities.find(entity + " ") == std::string_view::npos) return "bare &";
     }
     const auto code = static_cast<unsigned char>(xml[at]);
     if ((code != '\n' && code < 0x20) || code == 0x7f) return "byte " + std::to_string(code);
