@@ -1,5 +1,6 @@
 // zirn-run report as it is called.
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -144,6 +145,24 @@ TEST_P(ProgramReport, CountsFoldersAsItCountsADatabase) {
   EXPECT_EQ(of_folder.output, calls({"report", "--junit", database_}).output);
   EXPECT_EQ(of_folder.errors,
             "zirn-run: " + directory_.file("runs/text.pcapng: expected a pcapng or pcap file, found text\n"));
+}
+
+// Whoever writes into the database says where a record is.
+TEST_P(ProgramReport, OpensNothingThatIsNoRecordOrHasNoEnd) {
+  make_runs("runs", 4, 1);
+  ASSERT_EQ(collects({"runs"}).status, 0);
+  const std::string page = "pages/runs/" + row("SELECT content FROM runs") + ".html";
+  ASSERT_EQ(mkfifo("pipe", 0600), 0);
+  for (const std::string& path : {directory_.file("pipe"), std::string("/dev/zero"),
+                                  std::string("/proc/self/pagemap"), directory_.file("missing")}) {
+    database::Database(database_, database::Database::Use::kWrite, {}).transact([&](soci::session& session) {
+      session << "UPDATE runs SET record = '" + path + "'";
+      session << "UPDATE files SET size = 0, path = '" + path + "'";
+    });
+    const Result result = calls({"report", "-o", "pages", database_});
+    EXPECT_EQ(result.status, 0) << path << "\n" << result.errors;
+    EXPECT_NE(whole_file(page).find("The record was not here"), std::string::npos) << path;
+  }
 }
 
 // All of the runs would take more than it may have.

@@ -108,6 +108,15 @@ void each_unreadable(soci::session& session, const std::function<void(const File
   }
 }
 
+long long size_of(soci::session& session, const std::string& host, const std::string& path) {
+  long long size = 0;
+  Statement(session, "SELECT size FROM files WHERE host = :host AND path = :path",
+            {{"host", host}, {"path", path}})
+      .into(&size)
+      .next();
+  return size;
+}
+
 std::vector<Sum> sums(soci::session& session, const std::vector<Key>& keys) {
   std::string columns;
   for (const Key key : keys) columns += (columns.empty() ? "" : ", ") + std::string(column_of(key));

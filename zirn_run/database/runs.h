@@ -31,6 +31,9 @@ std::string json_of(soci::session& session, long long run);
 // The files that are no run, by host and path.
 void each_unreadable(soci::session& session, const std::function<void(const File&)>& take);
 
+// A file's bytes when it was last collected; 0: it was not.
+long long size_of(soci::session& session, const std::string& host, const std::string& path);
+
 // What runs are counted by.
 enum class Key { kStation, kVerdict, kOwner, kCause };
 

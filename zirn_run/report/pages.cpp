@@ -67,8 +67,14 @@ void remove_pages_but(const std::set<std::string>& kept, const fs::path& folder)
   }
 }
 
-// Its record, where that is here and still the same; else nothing.
-std::string record_of(const database::Run& run) {
+// Its record, where that is here and still the same; else nothing. Any station may have written the path: what has no
+// end, or is no file, is not opened.
+std::string record_of(soci::session& session, const database::Run& run) {
+  const long long size = database::size_of(session, run.record_host, run.record);
+  std::error_code none;
+  if (size <= 0 || !fs::is_regular_file(run.record, none) ||
+      fs::file_size(run.record, none) != static_cast<std::uintmax_t>(size))
+    return "";
   try {
     return database::content_of(run.record) == run.content ? run.record : "";
   } catch (const std::exception&) {
@@ -114,7 +120,7 @@ std::uint64_t write_pages(soci::session& session, const Pages& wanted) {
     if (!has_page) continue;
     pages.insert(run.content);
     write(folder / "runs" / (run.content + ".html"),
-          run_page(run, database::json_of(session, run.id), record_of(run)));
+          run_page(run, database::json_of(session, run.id), record_of(session, run)));
     wanted.on_progress("writing: " + std::to_string(pages.size()) + " pages");
   }
   write(folder / "index.html", html_of(overview));
