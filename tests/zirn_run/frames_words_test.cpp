@@ -47,6 +47,8 @@ TEST(Words, CutWhatIsLongBetweenLetters) {
   const std::string shown = printable(text);
   EXPECT_EQ(shown, text.substr(0, 300) + "...");
   EXPECT_EQ(printable("x" + text), "x" + text.substr(0, 300) + "...");
+  EXPECT_EQ(printable("x" + text, 200), "x" + text.substr(0, 200) + "...");
+  EXPECT_EQ(printable(text.substr(0, 200), 200), text.substr(0, 200));
 }
 
 TEST(Words, NameNulAndLineEndsInQuotes) {

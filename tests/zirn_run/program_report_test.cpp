@@ -23,6 +23,11 @@ class ProgramReport : public CollectedRuns {
     make_old("runs/text.pcapng");
     ASSERT_EQ(collects({"runs"}).status, 0);
   }
+  void change(const std::string& statement) const {
+    database::Database(database_, database::Database::Use::kWrite, {}).transact([&](soci::session& session) {
+      session << statement;
+    });
+  }
   std::string host() const { return row("SELECT DISTINCT host FROM files"); }
 };
 
@@ -155,14 +160,26 @@ TEST_P(ProgramReport, OpensNothingThatIsNoRecordOrHasNoEnd) {
   ASSERT_EQ(mkfifo("pipe", 0600), 0);
   for (const std::string& path : {directory_.file("pipe"), std::string("/dev/zero"),
                                   std::string("/proc/self/pagemap"), directory_.file("missing")}) {
-    database::Database(database_, database::Database::Use::kWrite, {}).transact([&](soci::session& session) {
-      session << "UPDATE runs SET record = '" + path + "'";
-      session << "UPDATE files SET size = 0, path = '" + path + "'";
-    });
+    change("UPDATE runs SET record = '" + path + "'");
+    change("UPDATE files SET size = 0, path = '" + path + "'");
     const Result result = calls({"report", "-o", "pages", database_});
     EXPECT_EQ(result.status, 0) << path << "\n" << result.errors;
     EXPECT_NE(whole_file(page).find("The record was not here"), std::string::npos) << path;
   }
+}
+
+TEST_P(ProgramReport, ShowsSentencesWholeOnTheRunsPage) {
+  make_runs("runs", 4, 1);
+  ASSERT_EQ(collects({"runs"}).status, 0);
+  std::string name = "a";
+  while (name.size() < 400) name += "\u00e4";
+  change("UPDATE runs SET fault_sentence = '" + name + "', json = '{\"fault\": {\"sentences\": [\"the " +
+         name + " end\"], \"advice\": \"ask " + name + "\"}}'");
+  EXPECT_EQ(calls({"report", "-o", "pages", database_}).status, 0);
+  const std::string page = whole_file("pages/runs/" + row("SELECT content FROM runs") + ".html");
+  EXPECT_NE(page.find("<li><bdi>the " + name + " end</bdi></li>"), std::string::npos) << page;
+  EXPECT_NE(page.find("What to do: <bdi>ask " + name + "</bdi>"), std::string::npos) << page;
+  EXPECT_NE(whole_file("pages/index.html").find("\"" + name.substr(0, 201) + "...\""), std::string::npos);
 }
 
 // All of the runs would take more than it may have.

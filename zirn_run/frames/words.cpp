@@ -6,8 +6,6 @@ namespace frames {
 
 namespace {
 
-constexpr std::size_t kMaxBytes = 300;
-
 struct Character {
   std::uint32_t code = 0;
   std::size_t size = 0;  // bytes; 0: no UTF-8
@@ -92,8 +90,8 @@ std::string each(std::string_view bytes, std::size_t most, const Named& add_name
 
 }  // namespace
 
-std::string printable(std::string_view bytes) {
-  return each(bytes, kMaxBytes, add_nothing);
+std::string printable(std::string_view bytes, std::size_t most) {
+  return each(bytes, most, add_nothing);
 }
 
 std::string escaped(std::string_view bytes) {
@@ -105,7 +103,7 @@ std::string printable_sentence(std::string_view bytes) {
 }
 
 std::string quoted(std::string_view bytes) {
-  return "\"" + each(bytes, kMaxBytes, add_controls) + "\"";
+  return "\"" + each(bytes, kMostBytesOfAName, add_controls) + "\"";
 }
 
 std::string markup(std::string_view text) {

@@ -9,9 +9,12 @@
 // What came from the wire, as text that is safe on a page and in a terminal.
 namespace frames {
 
+constexpr std::size_t kMostBytesOfAName = 300;
+
 // UTF-8 as it is, without what moves a cursor, changes the direction of reading or cannot be seen: such
-// characters, and bytes that are no UTF-8, as \xNN. Of what is very long the beginning and "...".
-std::string printable(std::string_view bytes);
+// characters, and bytes that are no UTF-8, as \xNN. Of more than `most` bytes the beginning, up to the end of a letter, and
+// "...".
+std::string printable(std::string_view bytes, std::size_t most = kMostBytesOfAName);
 
 // The same of a whole sentence, in which names may stand: nothing is left out.
 std::string printable_sentence(std::string_view bytes);

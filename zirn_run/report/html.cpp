@@ -24,7 +24,7 @@ std::optional<explanation::Owner> known_owner(const std::string& name) {
 }  // namespace
 
 std::string isolated(std::string_view text) {
-  return "<bdi>" + frames::markup(frames::printable(text)) + "</bdi>";
+  return "<bdi>" + frames::markup(frames::printable_sentence(text)) + "</bdi>";
 }
 
 std::string within_script(std::string json) {

@@ -9,7 +9,7 @@
 // What the pages are written with. Nothing that came from outside stands in one but through these and frames::markup.
 namespace report {
 
-// For words: made printable, and read in its own direction whatever stands around it.
+// For words: made printable as a whole, and read in its own direction whatever stands around it.
 std::string isolated(std::string_view text);
 
 // For <script type="application/json">: no end tag and no comment begins in it.

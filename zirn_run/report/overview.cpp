@@ -20,7 +20,7 @@ using frames::printable;
 
 constexpr std::size_t kMostBars = 25;        // of a Pareto
 constexpr std::size_t kMostStations = 1000;  // in the comparison
-constexpr std::size_t kMostSentence = 200;   // bytes
+constexpr std::size_t kMostSentence = 200;   // bytes, up to the end of a letter
 constexpr double kStandsOut = 3;             // times the median of the stations
 
 std::string seconds(float time) {
@@ -247,9 +247,7 @@ class Dictionary {
 };
 
 std::string sentence_of(const database::Run& run) {
-  if (run.fault_owner == "none") return "";
-  return run.fault_sentence.size() <= kMostSentence ? run.fault_sentence
-                                                    : run.fault_sentence.substr(0, kMostSentence) + "...";
+  return run.fault_owner == "none" ? "" : printable(run.fault_sentence, kMostSentence);
 }
 
 Json data_of(const std::vector<TableRun>& table) {
@@ -267,7 +265,7 @@ Json data_of(const std::vector<TableRun>& table) {
     runs.push_back({run.started.value_or(""), printable(run.name), stations.number_of(run.station),
                     printable(run.unit_mac.value_or("")), verdicts.number_of(run.verdict), cause,
                     steps.number_of(run.failed_step.value_or("")), run.duration, run.frames_lost,
-                    run.blocks_repeated, printable(sentence_of(run)), has_page ? run.content : ""});
+                    run.blocks_repeated, sentence_of(run), has_page ? run.content : ""});
   }
   return {{"stations", stations.texts()},
           {"steps", steps.texts()},
