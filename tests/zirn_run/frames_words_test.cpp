@@ -41,6 +41,15 @@ TEST(Words, EscapeBytesThatAreNoText) {
   EXPECT_EQ(printable("\xe2\x82"), "\\xe2\\x82");                    // cut
 }
 
+TEST(Words, GiveEscapedBytesBack) {
+  std::string bytes = "\\x5c \\ \\x \\xg0 \xc3\xa4";
+  for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+  EXPECT_EQ(frames::unescaped(frames::escaped(bytes)), bytes);
+  EXPECT_EQ(frames::escaped("\\x41"), "\\x5cx41");
+  for (const char* const text : {"", "\\", "\\x", "\\x4", "\\x-1", "\\xg0", "x41"})
+    EXPECT_EQ(frames::unescaped(text), text);
+}
+
 TEST(Words, CutWhatIsLongBetweenLetters) {
   std::string text;
   for (int i = 0; i < 400; ++i) text += "ü";

@@ -168,6 +168,15 @@ TEST_P(ProgramReport, OpensNothingThatIsNoRecordOrHasNoEnd) {
   }
 }
 
+TEST_P(ProgramReport, FindsARecordWhateverItsName) {
+  std::filesystem::create_directory("runs");
+  write_whole_file("runs/'); DROP TABLE runs; --:x\\x41\xff\x01\n\u00e4.pcapng", run(4));
+  ASSERT_EQ(collects({"runs"}).status, 0);
+  EXPECT_EQ(calls({"report", "-o", "pages", database_}).status, 0);
+  const std::string page = whole_file("pages/runs/" + row("SELECT content FROM runs") + ".html");
+  EXPECT_NE(page.find("<ol class=\"rows\""), std::string::npos) << page;
+}
+
 TEST_P(ProgramReport, ShowsSentencesWholeOnTheRunsPage) {
   make_runs("runs", 4, 1);
   ASSERT_EQ(collects({"runs"}).status, 0);

@@ -1,5 +1,7 @@
 #include "frames/words.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstdint>
 
 namespace frames {
@@ -96,6 +98,20 @@ std::string printable(std::string_view bytes, std::size_t most) {
 
 std::string escaped(std::string_view bytes) {
   return each(bytes, bytes.size(), add_backslash);
+}
+
+std::string unescaped(std::string_view text) {
+  std::string bytes;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    std::uint8_t byte = 0;
+    const std::string_view digits = text.substr(std::min(i + 2, text.size()), 2);
+    const char* const end = digits.data() + digits.size();
+    const bool is_escaped = text.substr(i, 2) == "\\x" && digits.size() == 2 &&
+                            std::from_chars(digits.data(), end, byte, 16).ptr == end;
+    bytes += is_escaped ? static_cast<char>(byte) : text[i];
+    if (is_escaped) i += 3;
+  }
+  return bytes;
 }
 
 std::string printable_sentence(std::string_view bytes) {

@@ -21,6 +21,8 @@ std::string printable_sentence(std::string_view bytes);
 
 // The same of any bytes, so that they can be told from it: a backslash is \x5c.
 std::string escaped(std::string_view bytes);
+// What that was made of.
+std::string unescaped(std::string_view text);
 
 // As printable, in quotation marks; NUL as \0, line ends as \r and \n.
 std::string quoted(std::string_view bytes);

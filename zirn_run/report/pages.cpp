@@ -71,12 +71,13 @@ void remove_pages_but(const std::set<std::string>& kept, const fs::path& folder)
 // end, or is no file, is not opened.
 std::string record_of(soci::session& session, const database::Run& run) {
   const long long size = database::size_of(session, run.record_host, run.record);
+  const std::string path = frames::unescaped(run.record);
   std::error_code none;
-  if (size <= 0 || !fs::is_regular_file(run.record, none) ||
-      fs::file_size(run.record, none) != static_cast<std::uintmax_t>(size))
+  if (size <= 0 || !fs::is_regular_file(path, none) ||
+      fs::file_size(path, none) != static_cast<std::uintmax_t>(size))
     return "";
   try {
-    return database::content_of(run.record) == run.content ? run.record : "";
+    return database::content_of(path) == run.content ? path : "";
   } catch (const std::exception&) {
     return "";
   }
