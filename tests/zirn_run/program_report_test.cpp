@@ -177,6 +177,27 @@ TEST_P(ProgramReport, FindsARecordWhateverItsName) {
   EXPECT_NE(page.find("<ol class=\"rows\""), std::string::npos) << page;
 }
 
+TEST_P(ProgramReport, SaysWhichRunsAreNotInThePlot) {
+  make_runs("runs", 0, 3);
+  ASSERT_EQ(collects({"runs"}).status, 0);
+  const auto overview = [this] {
+    EXPECT_EQ(calls({"report", "-o", "pages", database_}).status, 0);
+    return whole_file("pages/index.html");
+  };
+  EXPECT_EQ(overview().find("say when"), std::string::npos);
+  change("UPDATE runs SET started = NULL WHERE name = 'run-1'");
+  EXPECT_NE(overview().find("1 run does not say when it began and is not in this plot."), std::string::npos);
+  change("UPDATE runs SET started = NULL WHERE name = 'run-2'");
+  EXPECT_NE(overview().find("2 runs do not say when they began and are not in this plot."),
+            std::string::npos);
+  change("UPDATE runs SET started = NULL");
+  EXPECT_EQ(overview().find("not in this plot"), std::string::npos);  // there is none
+  change("DELETE FROM runs");
+  const std::string empty = overview();
+  EXPECT_NE(empty.find("There are no runs."), std::string::npos);
+  EXPECT_EQ(empty.find("Every run passed"), std::string::npos);
+}
+
 TEST_P(ProgramReport, ShowsSentencesWholeOnTheRunsPage) {
   make_runs("runs", 4, 1);
   ASSERT_EQ(collects({"runs"}).status, 0);

@@ -102,6 +102,18 @@ TEST(ReportFigures, HaveNoPlaceInTimeForARunThatDoesNotSayWhen) {
   EXPECT_TRUE(figures.periods().empty());
 }
 
+TEST(ReportFigures, CountOfAUnitTheFirstRunThatSaysWhenWhereThereIsOne) {
+  report::Figures figures;
+  figures.take(run({"", "02:00:00:00:00:01", "failed"}));
+  figures.take(run({"", kOther, "failed"}));
+  figures.take(run({"", "02:00:00:00:00:01"}));
+  figures.take(run({"2026-11-22T03:12:40.123Z"}));
+  figures.take(run({"2026-11-22T03:12:41.123Z", "02:00:00:00:00:01", "failed"}));
+  EXPECT_EQ(figures.all().units, 2U);
+  EXPECT_EQ(figures.all().units_passed, 1U);
+  EXPECT_EQ(figures.periods().front().tally.units_passed, 1U);
+}
+
 TEST(ReportFigures, TellStationsApart) {
   report::Figures figures;
   database::Run bad = run({"2026-11-22T03:12:40.123Z", kOther, "failed", 9, "two"});

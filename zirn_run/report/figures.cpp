@@ -84,13 +84,26 @@ void Figures::take(const database::Run& run) {
   kept.is_passed = run.verdict == "passed";
   kept.is_failed = run.verdict == "failed";
   if (run.unit_mac) {
-    kept.is_first_of_unit = units_.insert(std::hash<std::string>()(*run.unit_mac)).second;
+    kept.is_first_of_unit = is_first(std::hash<std::string>()(*run.unit_mac), kept.at.has_value());
   } else {
     ++without_identity_;
   }
   if (run.fault_owner != "none") ++causes_[{run.fault_owner, run.fault_cause}];
   if (run.failed_step) ++steps_[*run.failed_step];
   runs_.push_back(kept);
+}
+
+// Those that do not say when come before all others, and give their place up.
+bool Figures::is_first(std::size_t unit, bool has_time) {
+  if (units_.insert(unit).second) {
+    if (!has_time) undated_[unit] = runs_.size();
+    return true;
+  }
+  const auto undated = has_time ? undated_.find(unit) : undated_.end();
+  if (undated == undated_.end()) return false;
+  runs_[undated->second].is_first_of_unit = false;
+  undated_.erase(undated);
+  return true;
 }
 
 Tally Figures::all() const {

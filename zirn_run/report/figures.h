@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -40,7 +41,8 @@ struct CauseCount {
 // The sums over all runs, which are told one by one in the order of their beginnings. About forty bytes are kept of each
 // run, and as many of each unit.
 //
-// A unit is known by its MAC. A run that does not show one is in no first-pass figure.
+// A unit is known by its MAC. A run that does not show one is in no first-pass figure. One that does not say when it
+// began is its unit's first where no other is.
 class Figures {
  public:
   static constexpr std::int64_t kMostPeriods = 48;
@@ -70,8 +72,12 @@ class Figures {
   };
   class Sum;
 
+  bool is_first(std::size_t unit, bool has_time);
+
   std::vector<Kept> runs_;
   std::unordered_set<std::size_t> units_;  // hashes
+  // Of the units whose first run so far does not say when: its place.
+  std::unordered_map<std::size_t, std::size_t> undated_;
   std::map<std::string, std::uint32_t> stations_;
   std::map<std::pair<std::string, std::string>, std::uint64_t> causes_;  // by owner and cause
   std::map<std::string, std::uint64_t> steps_;

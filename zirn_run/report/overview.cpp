@@ -64,6 +64,19 @@ std::string tiles(const Overview& overview) {
   return html + "</dl>\n";
 }
 
+std::string yield_of(const Figures& figures) {
+  const std::vector<Period> periods = figures.periods();
+  const std::uint64_t without = periods.empty() ? 0 : figures.without_time();
+  std::string html = "<section aria-labelledby=\"yield\">\n<h2 id=\"yield\">First-pass yield</h2>\n" +
+                     yield_plot(periods, figures.seconds_of_a_period());
+  if (without > 0)
+    html += "<p class=\"soft\">" + in_thousands(without) +
+            (without == 1 ? " run does not say when it began and is"
+                          : " runs do not say when they began and are") +
+            " not in this plot.</p>\n";
+  return html + "</section>\n";
+}
+
 // A link to the runs of the table that have this value; the value is escaped for an address.
 std::string filter_link(const std::string& key, const std::string& value, const std::string& words) {
   static const char* const kDigits = "0123456789ABCDEF";
@@ -132,7 +145,10 @@ std::string causes_of(const Overview& overview) {
   const std::vector<CauseCount> causes = overview.figures.causes();
   std::string html =
       "<section aria-labelledby=\"causes\">\n<h2 id=\"causes\">Causes, by who is to act</h2>\n";
-  if (causes.empty()) return html + "<p>Every run passed without a fault.</p>\n</section>\n";
+  if (causes.empty())
+    return html + "<p>" +
+           (overview.table.empty() ? "There are no runs." : "Every run passed without a fault.") +
+           "</p>\n</section>\n";
   std::uint64_t total = 0;
   for (const CauseCount& one : causes) total += one.runs;
   Pareto pareto(causes.front().runs, total);
@@ -342,10 +358,8 @@ std::string unreadable_of(const Overview& overview) {
 
 std::string html_of(const Overview& overview) {
   return page_head("Test runs", "", {"report.css"}, "overview.js") + "<h1>Test runs</h1>\n<main>\n" +
-         tiles(overview) + "<section aria-labelledby=\"yield\">\n<h2 id=\"yield\">First-pass yield</h2>\n" +
-         yield_plot(overview.figures.periods(), overview.figures.seconds_of_a_period()) + "</section>\n" +
-         causes_of(overview) + steps_of(overview) + stations_of(overview) + table_of(overview) +
-         unreadable_of(overview) + "</main>\n" + page_foot();
+         tiles(overview) + yield_of(overview.figures) + causes_of(overview) + steps_of(overview) +
+         stations_of(overview) + table_of(overview) + unreadable_of(overview) + "</main>\n" + page_foot();
 }
 
 }  // namespace report
