@@ -10,6 +10,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+from html.parser import HTMLParser
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
@@ -25,6 +26,30 @@ HOSTILE = '<script>document.title="taken"</script>"\'><img src=x onerror=documen
 def text_of(path):
     with open(path, encoding='utf-8') as file:
         return file.read()
+
+
+class Elements(HTMLParser):
+    """What a page opens and does not close, and the other way round."""
+
+    def __init__(self, text):
+        super().__init__()
+        self.opened, self.wrong = [], []
+        self.feed(text)
+        self.close()
+        self.wrong += self.opened
+
+    def handle_starttag(self, tag, attrs):
+        if tag not in ('meta', 'link', 'br', 'input'):
+            self.opened.append(tag)
+
+    def handle_startendtag(self, tag, attrs):
+        pass
+
+    def handle_endtag(self, tag):
+        if self.opened[-1:] == [tag]:
+            self.opened.pop()
+        else:
+            self.wrong.append('%s at line %d' % (tag, self.getpos()[0]))
 
 
 class Pages(unittest.TestCase):
@@ -357,6 +382,10 @@ class Everywhere(Pages):
             self.assertEqual(nameless, [], page)
             headings = self.browser.run('[...document.querySelectorAll("h1, h2")].map(one => one.tagName)')
             self.assertEqual((headings[0], headings.count('H1')), ('H1', 1))
+
+    def test_close_what_they_open(self):
+        for page in self.pages():
+            self.assertEqual(Elements(text_of(self.out + '/' + page)).wrong, [], page)
 
     def test_are_the_same_bytes_for_the_same_runs(self):
         pages = self.pages()

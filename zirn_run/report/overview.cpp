@@ -165,7 +165,7 @@ std::string causes_of(const Overview& overview) {
     const auto& [owner, cause, runs] = causes[i];
     const std::string color = color_of(owner);
     html += "<tr><td class=\"owner " + color + "\">" +
-            filter_link("owner", owner, isolated(owner_in_words(owner))) + "</b></td><th scope=\"row\">" +
+            filter_link("owner", owner, isolated(owner_in_words(owner))) + "</td><th scope=\"row\">" +
             filter_link("cause", cause, isolated(cause)) + "<br><span class=\"soft\">" +
             frames::markup(meaning_of(cause)) + "</span></th>" + pareto.cells(runs, color) + "</tr>\n";
   }
