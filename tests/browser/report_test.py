@@ -211,6 +211,32 @@ class Overview(Pages):
         self.assertLess(few, 500)
         self.browser.wait('(() => { scrollTo(0, document.body.scrollHeight); return %s.length === 1001 })()' % ROWS)
 
+    def rows_on_paper(self):
+        return len(re.findall(rb'/S /TR\b', self.browser.printed()))
+
+    def test_prints_rows_that_were_not_scrolled_to(self):
+        self.report(rows=made_runs.many(1500))
+        self.open('index.html#verdict=none')
+        others = self.rows_on_paper()  # of tables that do not depend on what is chosen
+        self.open()
+        drawn = self.browser.run(ROWS + '.length')
+        self.assertLess(drawn, 500)
+        self.browser.call('Emulation.setEmulatedMedia', media='print')
+        self.assertEqual(self.browser.run('document.getElementById("more").getClientRects().length'), 0)
+        self.browser.call('Emulation.setEmulatedMedia', media='')
+        self.assertGreaterEqual(self.rows_on_paper(), others + 1501)
+
+    def test_says_on_paper_which_part_of_very_many_runs_is_there(self):
+        self.report(rows=made_runs.many(2100))
+        self.open()
+        self.browser.run('addEventListener("beforeprint", () => { '
+                         'window.said = document.getElementById("on-paper").textContent })')
+        rows = self.rows_on_paper()
+        self.assertGreaterEqual(rows, 2000)
+        self.assertLess(rows, 2100)
+        self.assertEqual(self.browser.run('said'), 'The first 2,000 of 2,101 runs are on paper.')
+        self.assertEqual(self.browser.run('document.getElementById("on-paper").textContent'), '')
+
     def test_says_which_part_of_very_many_runs_is_in_the_table(self):
         self.report(rows=made_runs.many(20100))
         self.open()

@@ -327,7 +327,8 @@ std::string table_of(const Overview& overview) {
   return html +
          "<noscript><p>The table needs the page's own script.</p></noscript>\n<div id=\"table\" hidden>\n" +
          filter_of(data) +
-         "<p role=\"status\" id=\"shown\"></p>\n<div class=\"wide\"><table id=\"runs\">\n"
+         "<p role=\"status\" id=\"shown\"></p>\n<p id=\"on-paper\"></p>\n<div class=\"wide\"><table "
+         "id=\"runs\">\n"
          "<caption class=\"aside\">Runs; the buttons in the head sort</caption>\n<thead><tr>" +
          column("start", "start (UTC)", "") + column("name", "run", "") +
          column("station", "station", "less") + column("unit", "unit", "less") +

@@ -3,6 +3,7 @@
 'use strict';
 
 const kRowsAtOnce = 100;
+const kRowsOnPaper = 2000;
 const data = JSON.parse(document.getElementById('data').textContent);
 const columns = ['start', 'name', 'station', 'unit', 'verdict', 'fault', 'step', 'duration', 'lost', 'repeated'];
 const runs = data.runs.map((run, place) => {
@@ -23,6 +24,7 @@ const stations = compared ? [...compared.tBodies[0].rows] : [];
 let stations_by = null;
 const form = document.getElementById('filter');
 const more = document.getElementById('more');
+const on_paper = document.getElementById('on-paper');
 let chosen = [];
 let drawn = 0;
 
@@ -89,11 +91,15 @@ function draw_row(run) {
   drawn += 1;
 }
 
-function draw_more() {
-  const end = Math.min(drawn + kRowsAtOnce, chosen.length);
+function draw_up_to(most) {
+  const end = Math.min(most, chosen.length);
   while (drawn < end) draw_row(chosen[drawn]);
   more.hidden = drawn >= chosen.length;
   more.textContent = `Show more: ${drawn} of ${chosen.length} are drawn`;
+}
+
+function draw_more() {
+  draw_up_to(drawn + kRowsAtOnce);
 }
 
 function compare(one, other, key) {
@@ -193,6 +199,12 @@ if (compared) {
   });
 }
 more.addEventListener('click', draw_more);
+addEventListener('beforeprint', () => {
+  draw_up_to(kRowsOnPaper);
+  on_paper.textContent = more.hidden ? '' :
+    `The first ${drawn.toLocaleString('en')} of ${chosen.length.toLocaleString('en')} runs are on paper.`;
+});
+addEventListener('afterprint', () => on_paper.textContent = '');
 
 // Looks again each time: whoever scrolls fast is at the new end before it was out of view.
 const observer = new IntersectionObserver(seen => {
