@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <csignal>
+#include <ctime>
 #include <sstream>
 #include <string>
 
+#include "support/test_network.h"
 #include "zirn_run/recording.h"
 
 // Where the recorder writes, and what becomes of that when it is disturbed.
@@ -139,19 +141,32 @@ TEST_F(RecorderOutput, APipeWithoutAReaderEndsIt) {
   EXPECT_EQ(whole_file("errors"), "zirn-run: -: Broken pipe; nothing more is recorded\n");
 }
 
-TEST_F(RecorderOutput, AFullDiskEndsTheFileAtAWholeBlockThatSaysSo) {
-  ASSERT_EQ(mkdir("disk", 0755), 0);
-  ASSERT_EQ(mount("tmpfs", "disk", "tmpfs", 0, "size=512k"), 0);
-  options_.output = "disk/run.pcapng";
-  options_.is_whole = true;
+class RecorderOnAFullDisk : public RecorderOutput {
+ protected:
+  void SetUp() override {
+    RecorderOutput::SetUp();
+    if (IsSkipped()) return;
+    ASSERT_EQ(mkdir("disk", 0755), 0);
+    ASSERT_EQ(mount("tmpfs", "disk", "tmpfs", 0, "size=512k"), 0);
+    options_.output = "disk/run.pcapng";
+    options_.is_whole = true;
+  }
+  void TearDown() override { umount("disk"); }
+
+  const std::string said_ = "zirn-run: disk/run.pcapng: No space left on device; nothing more is recorded\n";
+  void fill_the_disk() const {
+    ASSERT_TRUE(wait_until([&] {
+      send_many(50);
+      usleep(20000);
+      return whole_file("errors") == said_;
+    })) << whole_file("errors");
+  }
+};
+
+TEST_F(RecorderOnAFullDisk, TheFileEndsAtAWholeBlockThatSaysSo) {
   Recording recording(options_);
   ASSERT_TRUE(recording.works()) << whole_file("errors");
-  const std::string said = "zirn-run: disk/run.pcapng: No space left on device; nothing more is recorded\n";
-  EXPECT_TRUE(wait_until([&] {
-    send_many(50);
-    usleep(20000);
-    return whole_file("errors") == said;
-  })) << whole_file("errors");
+  fill_the_disk();
   const Recorded full = recorded("disk/run.pcapng.part");
   EXPECT_NE(full.problem.find("the record breaks off"), std::string::npos) << full.problem;
   EXPECT_GT(full.count("yyy"), 300U);
@@ -159,9 +174,27 @@ TEST_F(RecorderOutput, AFullDiskEndsTheFileAtAWholeBlockThatSaysSo) {
                                  "No space left on device"});
   send_many(50);
   EXPECT_EQ(recording.stops(), 3);
-  EXPECT_EQ(whole_file("errors"), said);
+  EXPECT_EQ(whole_file("errors"), said_);
   EXPECT_EQ(recorded("disk/run.pcapng").frames.size(), full.frames.size());
-  umount("disk");
+}
+
+TEST_F(RecorderOnAFullDisk, ALinkThatComesLeavesTheProcessorAlone) {
+  Recording recording(options_);
+  ASSERT_TRUE(recording.works()) << whole_file("errors");
+  fill_the_disk();
+  ip("link add lan7 type veth peer name far-lan7");
+  usleep(200000);
+  clockid_t clock = 0;  // of the recorder's processor time
+  timespec before = {};
+  timespec after = {};
+  ASSERT_EQ(clock_getcpuclockid(recording.pid(), &clock), 0);
+  ASSERT_EQ(clock_gettime(clock, &before), 0);
+  sleep(1);
+  ASSERT_EQ(clock_gettime(clock, &after), 0);
+  const auto milliseconds =
+      (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
+  EXPECT_LT(milliseconds, 50);
+  EXPECT_EQ(recording.stops(), 3);
 }
 
 }  // namespace

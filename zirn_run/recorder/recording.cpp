@@ -291,11 +291,9 @@ void Recording::wait() {
   for (const Source& source : sources_) events.push_back({source.link.descriptor(), POLLIN, 0});
   poll(events.data(), events.size(), kTickMilliseconds);
   if (const int signal = signals_.came(); signal != 0) stop_wanted(signal);
-  if (is_full_) return;
-  if (events[1].revents != 0) {
-    news_.clear();
-    look_at_links();
-  }
+  if (events[1].revents == 0) return;
+  news_.clear();
+  if (!is_full_) look_at_links();
 }
 
 void Recording::receive() {
