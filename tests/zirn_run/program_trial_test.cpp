@@ -290,6 +290,34 @@ TEST_F(ProgramTrial, RunsOnWhereTheDiskIsFull) {
   EXPECT_EQ(result, "none\n");
 }
 
+TEST_F(ProgramTrial, ExplainsAsWellWhatTheRecordHasNoRoomFor) {
+  std::filesystem::create_directory("small");
+  ASSERT_EQ(mount("none", "small", "tmpfs", 0, "size=64k"), 0);
+  write_whole_file("kernel.img", std::string(5000, 'k'));
+  begins({ZIRN_RUN_PROGRAM, "test", "--record", "small/run.pcapng", "--", "-o", TestNetwork::kStation});
+  serves();
+  std::ofstream("small/filling") << std::string(100000, 'x');
+  network->at_unit([] {
+    const Sender unit(TestNetwork::kStation, 9);
+    for (int i = 0; i < 10; ++i) unit.sends(std::string(1000, 'x'));
+  });
+  ASSERT_TRUE(
+      wait_until([] { return whole_file("errors").find("nothing more is recorded") != std::string::npos; }));
+  usleep(500000);
+  network->at_unit([] {
+    UdpPeer unit(TestNetwork::kUnit);
+    unit.aims_at(TestNetwork::kStation, 69);
+    unit.sends(tftp::rrq("kernel.img"));
+    unit.expects(tftp::data(1, std::string(512, 'k')));
+    unit.sends(tftp::error(3, "no room"));
+  });
+  usleep(500000);
+  program->send_signal(SIGTERM);
+  EXPECT_EQ(ends(), 4);
+  umount("small");
+  EXPECT_NE(output.find("(read.given-up)"), std::string::npos) << output;
+}
+
 TEST_F(ProgramTrial, KeepsItsRecordsInOneFolder) {
   std::filesystem::create_directories("/var/lib/zirn-runs");
   ASSERT_EQ(mount("none", "/var/lib/zirn-runs", "tmpfs", 0, nullptr), 0);

@@ -293,7 +293,7 @@ void Recording::wait() {
   if (const int signal = signals_.came(); signal != 0) stop_wanted(signal);
   if (events[1].revents == 0) return;
   news_.clear();
-  if (!is_full_) look_at_links();
+  look_at_links();
 }
 
 void Recording::receive() {
@@ -389,9 +389,6 @@ void Recording::flush() {
   if (record_->file.problem().empty() || is_full_) return;
   is_full_ = true;
   say(record_name_ + ": " + record_->file.problem() + "; nothing more is recorded");
-  for (Source& source : sources_) {
-    if (source.link.is_open()) source.link.close();
-  }
   if (options_.output == "-") end_by(now());
 }
 
