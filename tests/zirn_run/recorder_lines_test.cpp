@@ -144,6 +144,13 @@ class RecorderJournal : public RecorderLines {
   static void systemd_says(const std::string& message_id) {
     journal_gets("UNIT=zirn-test-station.service\nMESSAGE_ID=" + message_id + "\nMESSAGE=a message");
   }
+  static Strings records() {
+    Strings names;
+    for (const auto& entry : std::filesystem::directory_iterator("runs"))
+      names.push_back(entry.path().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
   static void run_has_status(const std::string& status) {
     std::filesystem::create_directories("/run/zirn-test-station");
     std::ofstream("/run/zirn-test-station/exit_status") << status << "\n";
@@ -274,13 +281,6 @@ TEST_F(RecorderJournal, ARunThatBeginsBehindTheOneBeforeIsARecordOfItsOwn) {
   systemd_says(kStarting);
   station_prints("second");
   Sender("127.0.0.1", 12345).sends("of the second");
-  const auto records = [] {
-    Strings names;
-    for (const auto& entry : std::filesystem::directory_iterator("runs"))
-      names.push_back(entry.path().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  };
   EXPECT_TRUE(wait_until([&] { return records().size() == 2; }));
   usleep(300000);
   EXPECT_EQ(recording.stops(), 0) << whole_file("errors");
@@ -290,6 +290,35 @@ TEST_F(RecorderJournal, ARunThatBeginsBehindTheOneBeforeIsARecordOfItsOwn) {
   EXPECT_EQ(recorded(records()[1]).lines(), Strings{"second"});
   EXPECT_EQ(recorded(records()[1]).count("of the second"), 1U);
   EXPECT_EQ(recorded(records()[1]).count("of the first"), 0U);
+}
+
+TEST_F(RecorderJournal, TheNextRunIsRecordedWhereThereIsRoomAgain) {
+  options_.output.clear();
+  options_.is_service = true;
+  options_.folder = "runs";
+  ASSERT_EQ(mkdir("runs", 0755), 0);
+  ASSERT_EQ(mount("tmpfs", "runs", "tmpfs", 0, "size=64k"), 0);
+  Recording recording(options_);
+  EXPECT_TRUE(wait_until([] { return !whole_file("called").empty() && records().size() == 1; }));
+  usleep(300000);
+  std::ofstream("runs/filling") << std::string(100000, 'x');
+  station_prints(std::string(10000, 'x'));
+  EXPECT_TRUE(
+      wait_until([] { return whole_file("errors").find("nothing more is recorded") != std::string::npos; }));
+  std::filesystem::remove("runs/filling");
+  systemd_says(kSuccess);
+  usleep(5000);
+  systemd_says(kStarting);
+  station_prints("second");
+  Sender("127.0.0.1", 12345).sends("of the second");
+  EXPECT_TRUE(wait_until([&] { return records().size() == 2; }));
+  usleep(300000);
+  EXPECT_EQ(recording.stops(), 3);
+  ASSERT_EQ(records().size(), 2U);
+  EXPECT_EQ(recorded(records()[0]).lines(), Strings());
+  EXPECT_EQ(recorded(records()[1]).lines(), Strings{"second"});
+  EXPECT_EQ(recorded(records()[1]).count("of the second"), 1U);
+  umount("runs");
 }
 
 TEST_F(RecorderJournal, WhatCannotBeReadIsPassedOver) {

@@ -182,7 +182,7 @@ bool Recording::run() {
   if (lines_) lines_->finish([this](const record::Entry& entry) { take(entry); });
   if (next_run_) begin_next_run();
   end_record(kNever);
-  return !is_full_;
+  return is_whole_;
 }
 
 // A run begins once there is a record that would survive us.
@@ -236,7 +236,6 @@ void Recording::end_record(record::Nanoseconds until) {
 void Recording::begin_next_run() {
   const record::Nanoseconds at = *next_run_;
   next_run_.reset();
-  if (is_full_) return;
   end_record(at);
   begin_record(at);
 }
@@ -386,8 +385,9 @@ void Recording::tell_drops(record::Nanoseconds time) {
 
 void Recording::flush() {
   record_->file.flush();
-  if (record_->file.problem().empty() || is_full_) return;
-  is_full_ = true;
+  if (record_->file.problem().empty() || record_->is_full) return;
+  record_->is_full = true;
+  is_whole_ = false;
   say(record_name_ + ": " + record_->file.problem() + "; nothing more is recorded");
   if (options_.output == "-") end_by(now());
 }

@@ -55,6 +55,7 @@ class Recording {
     std::ostream stream{&file};
     record::Writer writer;
     bool has_lines = false;
+    bool is_full = false;  // which is said
   };
   struct Source {
     Link link;
@@ -117,7 +118,7 @@ class Recording {
   bool is_stop_wanted_ = false;
   bool is_stopping_ = false;  // the station
   bool has_ended_ = false;    // the station
-  bool is_full_ = false;
+  bool is_whole_ = true;      // so far, each record
 };
 
 }  // namespace recorder
