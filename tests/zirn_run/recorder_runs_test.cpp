@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -178,6 +179,31 @@ TEST_F(RecorderRuns, OneThatIsBeingWrittenIsLeftAlone) {
   recorder::complete_runs(".");
   EXPECT_EQ(files(), Strings{"run.pcapng.part"});
   close(descriptor);
+}
+
+TEST_F(RecorderRuns, WhatCannotBeCompletedOrRemovedKeepsNoOtherFromIt) {
+  NEEDS_SANDBOX();
+  const Strings fixed = {"1.pcapng.part", "1.pcapng", "2.pcapng"};
+  make_run("1.pcapng.part", {});
+  make_run("1.pcapng", {"Cmd received: F_l_m_02PPT_PASSED"});
+  make_run("2.pcapng", {});
+  make_run("3.pcapng.part", {});
+  make_run("4.pcapng", {});
+  for (const std::string& name : fixed) {
+    ASSERT_EQ(mount(name.c_str(), name.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount(nullptr, name.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+  }
+  testing::internal::CaptureStderr();
+  recorder::complete_runs(".");
+  recorder::limit_runs(".", 0, 2 * std::filesystem::file_size("4.pcapng"));
+  const std::string said = testing::internal::GetCapturedStderr();
+  for (const std::string& name : fixed) umount(name.c_str());
+  EXPECT_EQ(files(), (Strings{"1.pcapng", "1.pcapng.part", "2.pcapng"}));
+  EXPECT_EQ(said,
+            "zirn-run: ./1.pcapng.part: Read-only file system\n"
+            "zirn-run: ./1.pcapng: Device or resource busy\n"
+            "zirn-run: ./1.pcapng: Device or resource busy\n"
+            "zirn-run: ./2.pcapng: Device or resource busy\n");
 }
 
 class RecorderService : public RecorderRuns {

@@ -26,6 +26,7 @@
 #include "record/run_entry.h"
 #include "recorder/clock.h"
 #include "recorder/file.h"
+#include "recorder/recording.h"
 
 namespace recorder {
 
@@ -63,7 +64,8 @@ std::string station_name() {
 std::vector<fs::path> files_in(const std::string& folder, const std::string& ending) {
   std::vector<fs::path> files;
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-    if (entry.path().extension() == ending && entry.is_regular_file()) files.push_back(entry.path());
+    std::error_code none;
+    if (entry.path().extension() == ending && entry.is_regular_file(none)) files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
   return files;
@@ -114,6 +116,14 @@ void complete(const fs::path& part) {
   if (error && error != std::errc::no_such_file_or_directory) throw std::system_error(error, part);
 }
 
+// False: it is still there, which is said.
+bool remove_run(const fs::path& run) {
+  std::error_code error;
+  fs::remove(run, error);
+  if (error) say(run.string() + ": " + error.message());
+  return !error;
+}
+
 // The line of an entry's block; empty: it is none.
 std::string line_in(std::string_view block) {
   if (record::number_at<std::uint32_t>(block, 0) != pcapng::kJournalExport) return {};
@@ -138,13 +148,19 @@ std::string name_of_run(const std::string& folder, record::Nanoseconds start) {
 }
 
 void complete_runs(const std::string& folder) {
-  for (const fs::path& part : files_in(folder, kPart)) complete(part);
+  for (const fs::path& part : files_in(folder, kPart)) {
+    try {
+      complete(part);
+    } catch (const std::system_error& error) {
+      say(error.what());
+    }
+  }
 }
 
 void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes) {
   const std::vector<fs::path> runs = files_in(folder, kEnding);
   for (std::size_t i = 0; i + kept < runs.size(); ++i) {
-    if (has_passed(runs[i])) fs::remove(runs[i]);
+    if (has_passed(runs[i])) remove_run(runs[i]);
   }
   std::vector<std::pair<fs::path, std::uint64_t>> sizes;
   std::uint64_t sum = 0;
@@ -156,8 +172,7 @@ void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes
     sum += size;
   }
   for (std::size_t i = 0; sum > bytes && i < sizes.size(); ++i) {
-    sum -= sizes[i].second;
-    fs::remove(sizes[i].first);
+    if (remove_run(sizes[i].first)) sum -= sizes[i].second;
   }
 }
 
