@@ -161,6 +161,14 @@ TEST_F(RecorderRuns, AnUnfinishedOneIsCompletedAsFarAsItGoesAndMarked) {
   EXPECT_EQ(cut.gaps().size(), 1U);
 }
 
+TEST_F(RecorderRuns, WhatIsNoRecordIsLeftAlone) {
+  for (const char* const name : {".pcapng.part", "film.part", "part", "run.pcapng.part.part"})
+    std::ofstream(name) << "of somebody else";
+  const Strings before = files();
+  recorder::complete_runs(".");
+  EXPECT_EQ(files(), before);
+}
+
 TEST_F(RecorderRuns, AnUnfinishedOneIsMarkedWithTheTimeOfItsLastWriting) {
   make_run("run.pcapng.part", {"first"});
   const timespec yesterday = {kAt / 1000000000, 500000000};

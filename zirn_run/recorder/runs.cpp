@@ -36,7 +36,7 @@ namespace fs = std::filesystem;
 namespace pcapng = record::pcapng;
 
 constexpr char kEnding[] = ".pcapng";
-constexpr char kPart[] = ".part";
+constexpr char kPart[] = ".pcapng.part";
 constexpr char kVerdict[] = "Cmd received: ";
 constexpr char kPassed[] = "PPT_PASSED";
 constexpr std::streamoff kBytesWithTheVerdict = std::streamoff{1} << 20;
@@ -64,8 +64,11 @@ std::string station_name() {
 std::vector<fs::path> files_in(const std::string& folder, const std::string& ending) {
   std::vector<fs::path> files;
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    const std::string name = entry.path().filename();
+    const bool is_one =
+        name.size() > ending.size() && name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
     std::error_code none;
-    if (entry.path().extension() == ending && entry.is_regular_file(none)) files.push_back(entry.path());
+    if (is_one && entry.is_regular_file(none)) files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
   return files;
@@ -142,8 +145,8 @@ std::string name_of_run(const std::string& folder, record::Nanoseconds start) {
   const std::string station = station_name();
   for (;; start += kSecond) {
     std::string name = start_text(start) + "-" + station;
-    const fs::path file = fs::path(folder) / (name + kEnding);
-    if (!fs::exists(file) && !fs::exists(file.string() + kPart)) return name;
+    const fs::path file = fs::path(folder) / name;
+    if (!fs::exists(file.string() + kEnding) && !fs::exists(file.string() + kPart)) return name;
   }
 }
 
