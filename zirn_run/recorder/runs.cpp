@@ -39,6 +39,7 @@ constexpr char kEnding[] = ".pcapng";
 constexpr char kPart[] = ".pcapng.part";
 constexpr char kVerdict[] = "Cmd received: ";
 constexpr char kPassed[] = "PPT_PASSED";
+constexpr std::streamoff kBytesAtFirst = std::streamoff{32} << 10;  // where the verdict mostly is
 constexpr std::streamoff kBytesWithTheVerdict = std::streamoff{1} << 20;
 constexpr std::size_t kLengthBytes = sizeof(std::uint32_t);
 
@@ -139,6 +140,18 @@ std::string line_in(std::string_view block) {
   return line == nullptr ? "" : line->text;
 }
 
+// The last line in these bytes, which end a record, that tells a verdict; empty: there is none.
+std::string last_verdict(std::string_view bytes) {
+  while (bytes.size() >= pcapng::kFrameBytes) {  // backwards, by the length at each block's end
+    const auto length = record::number_at<std::uint32_t>(bytes, bytes.size() - kLengthBytes);
+    if (length < pcapng::kFrameBytes || length > bytes.size()) break;
+    std::string line = line_in(bytes.substr(bytes.size() - length));
+    if (line.compare(0, sizeof kVerdict - 1, kVerdict) == 0) return line;
+    bytes.remove_suffix(length);
+  }
+  return {};
+}
+
 }  // namespace
 
 std::string name_of_run(const std::string& folder, record::Nanoseconds start) {
@@ -161,10 +174,6 @@ void complete_runs(const std::string& folder) {
 }
 
 void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes) {
-  const std::vector<fs::path> runs = files_in(folder, kEnding);
-  for (std::size_t i = 0; i + kept < runs.size(); ++i) {
-    if (has_passed(runs[i])) remove_run(runs[i]);
-  }
   std::vector<std::pair<fs::path, std::uint64_t>> sizes;
   std::uint64_t sum = 0;
   for (const fs::path& run : files_in(folder, kEnding)) {
@@ -177,24 +186,24 @@ void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes
   for (std::size_t i = 0; sum > bytes && i < sizes.size(); ++i) {
     if (remove_run(sizes[i].first)) sum -= sizes[i].second;
   }
+  const std::vector<fs::path> runs = files_in(folder, kEnding);
+  for (std::size_t i = 0; i + kept < runs.size(); ++i) {
+    if (has_passed(runs[i])) remove_run(runs[i]);
+  }
 }
 
 bool has_passed(const std::string& name) {
   std::ifstream file(name, std::ios::binary | std::ios::ate);
   const std::streamoff size = file.tellg();
-  const std::streamoff from = std::max<std::streamoff>(size - kBytesWithTheVerdict, 0);
-  if (size <= 0) return false;
-  std::string bytes(static_cast<std::size_t>(size - from), '\0');
-  file.seekg(from).read(bytes.data(), size - from);
-  std::string_view rest = bytes;
-  while (rest.size() >= pcapng::kFrameBytes) {  // backwards, by the length at each block's end
-    const auto length = record::number_at<std::uint32_t>(rest, rest.size() - kLengthBytes);
-    if (length < pcapng::kFrameBytes || length > rest.size()) return false;
-    const std::string line = line_in(rest.substr(rest.size() - length));
-    if (line.compare(0, sizeof kVerdict - 1, kVerdict) == 0) return line.find(kPassed) != std::string::npos;
-    rest.remove_suffix(length);
+  std::string verdict;
+  for (const std::streamoff most : {kBytesAtFirst, kBytesWithTheVerdict}) {
+    const std::streamoff count = std::min(size, most);
+    if (count <= 0 || !verdict.empty()) break;
+    std::string bytes(static_cast<std::size_t>(count), '\0');
+    file.seekg(size - count).read(bytes.data(), count);
+    verdict = last_verdict(bytes);
   }
-  return false;
+  return verdict.find(kPassed) != std::string::npos;
 }
 
 }  // namespace recorder
