@@ -332,6 +332,26 @@ TEST_F(ProgramTrial, KeepsItsRecordsInOneFolder) {
   EXPECT_NE(output.find("record: " + files.front() + "\n"), std::string::npos) << output;
 }
 
+TEST_F(ProgramTrial, AnswersBeforeItKeepsTheFolderInOrder) {
+  std::filesystem::create_directories("/var/lib/zirn-runs");
+  ASSERT_EQ(mount("none", "/var/lib/zirn-runs", "tmpfs", 0, nullptr), 0);
+  const char* const left = "/var/lib/zirn-runs/20200101T000000Z-left.pcapng.part";
+  write_whole_file(left, "");
+  ASSERT_EQ(mount(left, left, nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, left, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+  begins({ZIRN_RUN_PROGRAM, "test", "--", "-o", TestNetwork::kStation},
+         [] { dup2(STDOUT_FILENO, STDERR_FILENO); });
+  serves();
+  unit_gives("F_l_m_02PPT_PASSED");
+  EXPECT_EQ(ends(), 0);
+  umount(left);
+  umount("/var/lib/zirn-runs");
+  const auto answer = output.find("  Exit status: 2");
+  const auto trouble = output.find(left + std::string(": Read-only file system\n"));
+  EXPECT_LT(answer, trouble) << output;
+  EXPECT_NE(trouble, std::string::npos) << output;
+}
+
 TEST_F(ProgramTrial, RefusesAWrongCall) {
   EXPECT_EQ(calls({"test", "--timeout", "0"}).status, 2);
   EXPECT_EQ(calls({"test", "--programs"}).status, 2);

@@ -115,8 +115,9 @@ int test_unit(const Options& options, Voice* voice) {
   story::Story story;
   trial::test(run, station.get(), listener, &story);
   voice->say("record: " + record);
+  const int status = answer(explanation::explain(story.reading()), options, record, voice);
   if (options.record.empty()) keep_folder_in_order();
-  return answer(explanation::explain(story.reading()), options, record, voice);
+  return status;
 }
 
 int test(const Options& options) {
