@@ -352,6 +352,20 @@ TEST_F(ProgramTrial, AnswersBeforeItKeepsTheFolderInOrder) {
   EXPECT_NE(trouble, std::string::npos) << output;
 }
 
+TEST_F(ProgramTrial, HasTheOnlyRecordOfItsRun) {
+  begins(call());
+  serves();
+  Process recorder({ZIRN_RUN_PROGRAM, "record", "--service", "--folder", "runs", "-i", "lan0"},
+                   [] { append_errors_to("errors of the recorder"); });
+  const auto end = recorder.wait_for_end();
+  if (!end) recorder.send_signal(SIGTERM);
+  EXPECT_TRUE(end && status_number(end) == 0);
+  EXPECT_EQ(whole_file("errors of the recorder"), "zirn-run: zirn-run test records this run itself\n");
+  EXPECT_FALSE(std::filesystem::exists("runs"));
+  unit_gives("F_l_m_02PPT_PASSED");
+  EXPECT_EQ(ends(), 0);
+}
+
 TEST_F(ProgramTrial, RefusesAWrongCall) {
   EXPECT_EQ(calls({"test", "--timeout", "0"}).status, 2);
   EXPECT_EQ(calls({"test", "--programs"}).status, 2);

@@ -34,6 +34,9 @@ struct Options {
 // before. What went wrong and what the kernel dropped is told on standard error.
 int record(const Options& options);
 
+// Tells systemd, where it has started us, that the service is ready: it records, or leaves that to another.
+void notify_ready();
+
 class Run;
 
 // Begins the run and records it until its end. Of the options links, unit (whose journal the run's lines are), station,

@@ -74,21 +74,6 @@ constexpr char kUnitStopping[] = "de5b426a63be47a7b6ac3eaac82e2f6f";
 constexpr std::array<std::string_view, 2> kUnitEnded = {"7ad2d189f7e94e70a38c781354912448",   // well
                                                         "d9b373ed55a64feb8242e02dbe79a49c"};  // badly
 
-// Tells systemd, where it has started us.
-void notify_ready() {
-  const char* const name = std::getenv("NOTIFY_SOCKET");
-  sockaddr_un address = {};
-  if (name == nullptr || std::strlen(name) >= sizeof address.sun_path) return;
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, name);
-  if (*name == '@') address.sun_path[0] = '\0';
-  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name));
-  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  constexpr std::string_view kReady = "READY=1";
-  sendto(descriptor, kReady.data(), kReady.size(), 0, reinterpret_cast<const sockaddr*>(&address), size);
-  close(descriptor);
-}
-
 record::Maker this_machine() {
   utsname name = {};
   uname(&name);
@@ -137,6 +122,20 @@ Filter filter_of(const Options& options, const Words& station_options) {
 }
 
 }  // namespace
+
+void notify_ready() {
+  const char* const name = std::getenv("NOTIFY_SOCKET");
+  sockaddr_un address = {};
+  if (name == nullptr || std::strlen(name) >= sizeof address.sun_path) return;
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, name);
+  if (*name == '@') address.sun_path[0] = '\0';
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name));
+  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  constexpr std::string_view kReady = "READY=1";
+  sendto(descriptor, kReady.data(), kReady.size(), 0, reinterpret_cast<const sockaddr*>(&address), size);
+  close(descriptor);
+}
 
 void say(const std::string& text) {
   std::cerr << "zirn-run: " << frames::printable_sentence(text) << std::endl;

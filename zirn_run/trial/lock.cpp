@@ -91,6 +91,10 @@ Lock::~Lock() {
   close(socket_);
 }
 
+bool Lock::is_held() {
+  return holder() != 0;
+}
+
 void Lock::answer() const {
   for (int who; (who = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) close(who);
 }

@@ -21,6 +21,8 @@ class Lock {
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
 
+  // Whether another process has it.
+  static bool is_held();
   // Lets those go who wanted to know who has it. Call it now and then.
   void answer() const;
 
