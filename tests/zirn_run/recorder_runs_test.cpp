@@ -296,6 +296,19 @@ TEST_F(RecorderService, LeavesNothingWhereNothingCame) {
   EXPECT_EQ(runs(), Strings());
 }
 
+TEST_F(RecorderService, LeavesNothingWhereThereIsNoRoom) {
+  std::filesystem::create_directory("runs");
+  ASSERT_EQ(mount("tmpfs", "runs", "tmpfs", 0, "size=64k"), 0);
+  std::ofstream("runs/filling") << std::string(100000, 'x');
+  Recording recording(options_);
+  EXPECT_TRUE(wait_until([] { return !whole_file("errors").empty(); }));
+  EXPECT_EQ(recording.stops(), 3);
+  EXPECT_NE(whole_file("errors").find("No space left on device; nothing more is recorded"),
+            std::string::npos);
+  EXPECT_EQ(runs(), Strings{"runs/filling"});
+  umount("runs");
+}
+
 TEST_F(RecorderService, TellsSystemdWhenItRecords) {
   const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un address = {};

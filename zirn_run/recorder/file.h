@@ -29,6 +29,8 @@ class RecordFile : public std::streambuf {
   void flush();
   // Why no more can be written; empty: it can.
   const std::string& problem() const { return problem_; }
+  // Whether nothing has been written.
+  bool is_empty() const { return at_ == 0; }
   // Writes the rest, and gives the file its name. Throws std::system_error.
   void finish();
   // Removes what is there.

@@ -227,7 +227,7 @@ void Recording::end_record(record::Nanoseconds until) {
   }
   if (run_ == nullptr && isatty(STDERR_FILENO) != 0) std::cerr << "\n";
   flush();
-  const bool has_anything = record_->has_lines || held_.frames() > 0;
+  const bool has_anything = (record_->has_lines || held_.frames() > 0) && !record_->file.is_empty();
   has_anything || !options_.is_service ? record_->file.finish() : record_->file.discard();
 }
 
