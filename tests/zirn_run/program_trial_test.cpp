@@ -352,16 +352,36 @@ TEST_F(ProgramTrial, AnswersBeforeItKeepsTheFolderInOrder) {
   EXPECT_NE(trouble, std::string::npos) << output;
 }
 
-TEST_F(ProgramTrial, HasTheOnlyRecordOfItsRun) {
-  begins(call());
+const std::vector<std::string> kStationsRecorder = {ZIRN_RUN_PROGRAM, "record", "--service", "--folder",
+                                                    "runs",           "-i",     "lan0"};
+
+TEST_F(ProgramTrial, HasTheOnlyRecordOfItsRunInTheFolder) {
+  std::filesystem::create_directories("/var/lib/zirn-runs");
+  ASSERT_EQ(mount("none", "/var/lib/zirn-runs", "tmpfs", 0, nullptr), 0);
+  begins({ZIRN_RUN_PROGRAM, "test", "--", "-o", TestNetwork::kStation});
   serves();
-  Process recorder({ZIRN_RUN_PROGRAM, "record", "--service", "--folder", "runs", "-i", "lan0"},
-                   [] { append_errors_to("errors of the recorder"); });
+  Process recorder(kStationsRecorder, [] { append_errors_to("errors of the recorder"); });
   const auto end = recorder.wait_for_end();
   if (!end) recorder.send_signal(SIGTERM);
   EXPECT_TRUE(end && status_number(end) == 0);
   EXPECT_EQ(whole_file("errors of the recorder"), "zirn-run: zirn-run test records this run itself\n");
   EXPECT_FALSE(std::filesystem::exists("runs"));
+  unit_gives("F_l_m_02PPT_PASSED");
+  EXPECT_EQ(ends(), 0);
+  umount("/var/lib/zirn-runs");
+}
+
+TEST_F(ProgramTrial, LeavesTheFolderToTheStationsRecorderWhereItsOwnRecordIsElsewhere) {
+  begins(call());
+  serves();
+  std::filesystem::create_directory("runs");
+  Process recorder(kStationsRecorder, [] { append_errors_to("errors of the recorder"); });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (std::filesystem::is_empty("runs") && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_FALSE(std::filesystem::is_empty("runs")) << whole_file("errors of the recorder");
+  recorder.send_signal(SIGTERM);
+  recorder.wait_for_end();
   unit_gives("F_l_m_02PPT_PASSED");
   EXPECT_EQ(ends(), 0);
 }

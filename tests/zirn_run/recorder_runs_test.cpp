@@ -132,8 +132,7 @@ long read_so_far() {
 TEST_F(RecorderRuns, LittleIsReadToKeepTheFolderInOrder) {
   constexpr int kRuns = 20;
   constexpr int kFramesOfAMiB = 7500;
-  for (int i = 0; i < kRuns / 2; ++i) make_run(std::to_string(100 + i) + ".pcapng", {}, kFramesOfAMiB);
-  for (int i = kRuns / 2; i < kRuns; ++i) {
+  for (int i = 0; i < kRuns; ++i) {
     const std::string name = std::to_string(100 + i) + ".pcapng";
     make_run(name, {}, kFramesOfAMiB);
     std::ofstream file(name, std::ios::binary | std::ios::app);
@@ -143,7 +142,7 @@ TEST_F(RecorderRuns, LittleIsReadToKeepTheFolderInOrder) {
   const auto size = std::filesystem::file_size("119.pcapng");
   const long before = read_so_far();
   recorder::limit_runs(".", 0, size * kRuns / 2);
-  EXPECT_LT(read_so_far() - before, 1 << 20) << "neither what goes by its size nor a whole record";
+  EXPECT_LT(read_so_far() - before, 1 << 20) << "of each the end";
   EXPECT_GT(before, 0);
   EXPECT_EQ(files().size(), kRuns / 2);
 }
@@ -238,8 +237,8 @@ TEST_F(RecorderRuns, WhatCannotBeCompletedOrRemovedKeepsNoOtherFromIt) {
   EXPECT_EQ(said,
             "zirn-run: ./1.pcapng.part: Read-only file system\n"
             "zirn-run: ./1.pcapng: Device or resource busy\n"
-            "zirn-run: ./2.pcapng: Device or resource busy\n"
-            "zirn-run: ./1.pcapng: Device or resource busy\n");
+            "zirn-run: ./1.pcapng: Device or resource busy\n"
+            "zirn-run: ./2.pcapng: Device or resource busy\n");
 }
 
 class RecorderService : public RecorderRuns {

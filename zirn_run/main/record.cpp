@@ -10,7 +10,8 @@ namespace {
 
 // A run has one record.
 int record_run(const recorder::Options& options) {
-  if (!options.is_service || !trial::Lock::is_held()) return recorder::record(options);
+  if (!options.is_service || !trial::Lock::is_held(trial::Lock::Of::kFolder))
+    return recorder::record(options);
   recorder::notify_ready();
   std::cerr << "zirn-run: zirn-run test records this run itself" << std::endl;
   return kDone;

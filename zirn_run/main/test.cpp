@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 
 #include "check/check.h"
 #include "explanation/text.h"
@@ -95,7 +96,9 @@ int answer(const explanation::Explanation& told, const Options& options, const s
 }
 
 int test_unit(const Options& options, Voice* voice) {
-  const trial::Lock lock;
+  const trial::Lock lock(trial::Lock::Of::kStation);
+  std::optional<trial::Lock> folder;
+  if (options.record.empty()) folder.emplace(trial::Lock::Of::kFolder);
   check::Setup setup = check::setup_of(options.station, std::nullopt);
   if (!options.program.empty()) setup.rights.reset();  // it has those of this process
   if (!is_ready(setup, voice) && !options.is_anyway) return kNotPossible;
@@ -110,6 +113,7 @@ int test_unit(const Options& options, Voice* voice) {
   };
   listener.progress = [&](const std::string& text) {
     lock.answer();
+    if (folder) folder->answer();
     voice->show(text);
   };
   story::Story story;

@@ -174,6 +174,10 @@ void complete_runs(const std::string& folder) {
 }
 
 void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes) {
+  const std::vector<fs::path> runs = files_in(folder, kEnding);
+  for (std::size_t i = 0; i + kept < runs.size(); ++i) {
+    if (has_passed(runs[i])) remove_run(runs[i]);
+  }
   std::vector<std::pair<fs::path, std::uint64_t>> sizes;
   std::uint64_t sum = 0;
   for (const fs::path& run : files_in(folder, kEnding)) {
@@ -185,10 +189,6 @@ void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes
   }
   for (std::size_t i = 0; sum > bytes && i < sizes.size(); ++i) {
     if (remove_run(sizes[i].first)) sum -= sizes[i].second;
-  }
-  const std::vector<fs::path> runs = files_in(folder, kEnding);
-  for (std::size_t i = 0; i + kept < runs.size(); ++i) {
-    if (has_passed(runs[i])) remove_run(runs[i]);
   }
 }
 

@@ -19,7 +19,7 @@ std::string name_of_run(const std::string& folder, record::Nanoseconds start);
 // stays. Throws std::system_error where the folder cannot be read.
 void complete_runs(const std::string& folder);
 
-// Removes runs, the oldest first: what goes beyond so many bytes; then those that passed, but the newest `kept`. What
+// Removes runs, the oldest first: those that passed, but the newest `kept`; then what goes beyond so many bytes. What
 // cannot be removed is said, and stays. Throws std::system_error where the folder cannot be read.
 void limit_runs(const std::string& folder, std::size_t kept, std::uint64_t bytes);
 

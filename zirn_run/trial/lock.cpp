@@ -8,35 +8,41 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <optional>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 namespace trial {
 
 namespace {
 
-constexpr char kName[] = "zirn-run test";  // behind a NUL, which keeps it out of the file system
+// Behind a NUL, which keeps it out of the file system.
+constexpr std::string_view name_of(Lock::Of what) {
+  return what == Lock::Of::kStation ? "zirn-run test" : "zirn-run test, its record";
+}
+
 constexpr int kKind = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
 constexpr int kWaiting = 128;  // that are not answered yet
 
 struct Address {
   sockaddr_un text = {};
-  socklen_t size = offsetof(sockaddr_un, sun_path) + sizeof kName;
-  Address() {
+  socklen_t size = 0;
+  explicit Address(Lock::Of what) {
+    const std::string_view name = name_of(what);
     text.sun_family = AF_UNIX;
-    std::memcpy(text.sun_path + 1, kName, sizeof kName - 1);
+    name.copy(text.sun_path + 1, name.size());
+    size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
   }
   const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&text); }
 };
 
 // Whoever made the socket; 0: not to be seen from here.
-pid_t holder() {
+pid_t holder(Lock::Of what) {
   const int socket = ::socket(AF_UNIX, kKind, 0);
-  const Address address;
+  const Address address(what);
   ucred about = {};
   socklen_t size = sizeof about;
   if (connect(socket, address.get(), address.size) == 0)
@@ -66,8 +72,8 @@ std::optional<std::string> beginning_of(pid_t process) {
   return time.data();
 }
 
-std::string who_has_it() {
-  const pid_t process = holder();
+std::string who_has_it(Lock::Of what) {
+  const pid_t process = holder(what);
   if (process == 0) return "another process tests a unit here";
   const auto since = beginning_of(process);
   const std::string name = "process " + std::to_string(process);
@@ -77,13 +83,13 @@ std::string who_has_it() {
 
 }  // namespace
 
-Lock::Lock() : socket_(socket(AF_UNIX, kKind, 0)) {
-  const Address address;
+Lock::Lock(Of what) : socket_(socket(AF_UNIX, kKind, 0)) {
+  const Address address(what);
   if (socket_ >= 0 && bind(socket_, address.get(), address.size) == 0 && listen(socket_, kWaiting) == 0)
     return;
   const int error = errno;
   close(socket_);
-  if (error == EADDRINUSE) throw Held(who_has_it());
+  if (error == EADDRINUSE) throw Held(who_has_it(what));
   throw std::system_error(error, std::generic_category(), "the lock of the station");
 }
 
@@ -91,8 +97,8 @@ Lock::~Lock() {
   close(socket_);
 }
 
-bool Lock::is_held() {
-  return holder() != 0;
+bool Lock::is_held(Of what) {
+  return holder(what) != 0;
 }
 
 void Lock::answer() const {

@@ -15,14 +15,19 @@ struct Held : std::runtime_error {
 // process that has it, however that ends. Processes that this one forks have it, too; programs that it starts do not.
 class Lock {
  public:
+  enum class Of {
+    kStation,
+    kFolder,  // of runs, where the station's recorder would put the same run: the one that has it puts it there
+  };
+
   // Throws Held, and std::system_error where no socket can be made.
-  Lock();
+  explicit Lock(Of what);
   ~Lock();
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
 
-  // Whether another process has it.
-  static bool is_held();
+  // Whether a process has it.
+  static bool is_held(Of what);
   // Lets those go who wanted to know who has it. Call it now and then.
   void answer() const;
 
