@@ -102,6 +102,27 @@ TEST_P(ProgramCollect, NotesWhyAFileCannotBeReadUntilItCan) {
   EXPECT_EQ(count("runs"), "2");
 }
 
+// What keeps root from a file as well: a program that has lost the right to pass over them.
+TEST_P(ProgramCollect, TakesAFileOnceItMayBeOpened) {
+  make_runs("runs", 0, 1);
+  make_old("runs/run-0.pcapng");
+  ASSERT_EQ(chmod("runs/run-0.pcapng", 0), 0);
+  const std::string closed = directory_.file("runs/run-0.pcapng: Permission denied");
+  std::vector<std::string> words = {ZIRN_RUN_PROGRAM, "collect", "--into", database_, "runs"};
+  if (geteuid() == 0)
+    words.insert(words.begin(), {"setpriv", "--bounding-set=-dac_override,-dac_read_search"});
+  for (int i = 0; i < 2; ++i) {
+    Program collector(words);
+    EXPECT_EQ(collector.exit_status(kPatience), 0);
+    EXPECT_NE(collector.output().find("; 1 file noted as unreadable"), std::string::npos)
+        << collector.output();
+    EXPECT_EQ(rows("SELECT reason FROM unreadable"), std::vector<std::string>{closed});
+  }
+  ASSERT_EQ(chmod("runs/run-0.pcapng", 0644), 0);
+  EXPECT_EQ(collects({"runs"}).output, "1 new run in " + database::Database::shown(database_) + "\n");
+  EXPECT_EQ(count("unreadable"), "0");
+}
+
 TEST_P(ProgramCollect, LeavesWhatIsBeingWrittenForLater) {
   make_runs("runs", 0, 4);
   fs::rename("runs/run-0.pcapng", "runs/run-0.pcapng.part");

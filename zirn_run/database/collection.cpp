@@ -28,6 +28,7 @@ constexpr char kPart[] = ".part";
 constexpr std::size_t kFilesAtOnce = 1000;
 constexpr long long kNanoseconds = 1'000'000'000;
 constexpr long long kFreshSeconds = 60;
+constexpr long long kSizeNotRead = -1;  // in the database: no file has it, so that it is tried again
 
 bool ends_with(const std::string& text, const std::string& ending) {
   return text.size() >= ending.size() &&
@@ -124,7 +125,8 @@ class Collector {
   struct Look {
     std::string content;
     std::optional<Told> told;
-    std::string reason;  // why it is no run
+    std::string reason;    // why it is no run
+    bool was_read = true;  // else the reason may go without the file being written to
   };
 
   Look look_into(const std::string& path) {
@@ -133,6 +135,7 @@ class Collector {
       look.content = content_of(path);
     } catch (const std::system_error& error) {
       look.reason = frames::printable(path) + ": " + error.code().message();
+      look.was_read = false;
     } catch (const std::exception& error) {
       look.reason = frames::printable(path) + ": " + error.what();
     }
@@ -165,6 +168,7 @@ class Collector {
       put_run(look, &file);
     } else {
       file.reason = look.reason;
+      if (!look.was_read) file.size = kSizeNotRead;
       database_->ask([&](soci::session& session) { put(session, file); });
       ++collected_->unreadable;
       listener_.on_unreadable(look.reason);

@@ -144,7 +144,7 @@ struct Finding {
 struct File {
   std::string host;
   std::string path;
-  long long size = 0;      // bytes
+  long long size = 0;      // bytes; -1: it could not be opened or read
   long long modified = 0;  // nanoseconds since 1970
   std::optional<long long> run;
   std::optional<std::string> reason;
