@@ -212,6 +212,18 @@ TEST_P(ProgramReport, ShowsSentencesWholeOnTheRunsPage) {
   EXPECT_NE(whole_file("pages/index.html").find("\"" + name.substr(0, 201) + "...\""), std::string::npos);
 }
 
+TEST_P(ProgramReport, CountsWhatIsBeingWrittenInAFolderAsItIs) {
+  make_runs("runs", 0, 3);
+  const std::ofstream writer("runs/run-1.pcapng", std::ios::app);
+  write_whole_file("runs/run-2.pcapng", run(2).substr(0, run(2).size() - 10));
+  write_whole_file("runs/text.pcapng", "This is no record.");
+  write_whole_file("runs/run-4.pcapng.part", run(4));
+  const Result result = calls({"report", "--junit", "runs"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.output.find("<testsuites tests=\"4\" failures=\"0\" errors=\"1\""), std::string::npos)
+      << result.output;
+}
+
 // All of the runs would take more than it may have.
 TEST_P(ProgramReport, HoldsNoMoreOfManyRunsThanOfFew) {
   constexpr int kRuns = kSanitized ? 10000 : 100000;

@@ -89,8 +89,11 @@ std::string host_name() {
 
 class Collector {
  public:
-  Collector(const Listener& listener, Database* database, Collected* collected)
-      : listener_(listener), database_(database), collected_(collected) {}
+  Collector(Unfinished unfinished, const Listener& listener, Database* database, Collected* collected)
+      : waits_(unfinished == Unfinished::kLater),
+        listener_(listener),
+        database_(database),
+        collected_(collected) {}
 
   void take(const std::vector<std::string>& files) {
     for (std::size_t i = 0; i < files.size(); i += kFilesAtOnce)
@@ -155,11 +158,11 @@ class Collector {
   }
 
   void take_file(const std::string& path, const Version& version) {
-    const bool is_open = is_open_for_writing(path);
+    const bool is_open = waits_ && is_open_for_writing(path);
     const Look look = is_open ? Look() : look_into(path);
     const bool is_whole = look.reason.empty() && !(look.told && look.told->is_cut_short);
     const auto after = version_of(path);
-    if (is_open || !after || !(*after == version) || (!is_whole && is_fresh(version))) {
+    if (is_open || !after || (waits_ && (!(*after == version) || (!is_whole && is_fresh(version))))) {
       ++collected_->later;
       return;
     }
@@ -192,6 +195,7 @@ class Collector {
     ++(is_gone ? collected_->later : is_new ? collected_->runs : collected_->known);
   }
 
+  const bool waits_;  // for who writes
   const Listener& listener_;
   Database* const database_;
   Collected* const collected_;
@@ -235,10 +239,10 @@ std::vector<std::string> files_in(const std::vector<std::string>& names, std::ve
   return files;
 }
 
-void collect(const std::vector<std::string>& files, const Listener& listener, Database* database,
-             Collected* collected) {
+void collect(const std::vector<std::string>& files, Unfinished unfinished, const Listener& listener,
+             Database* database, Collected* collected) {
   database->ask([](soci::session&) {});  // it is there from the first call on, also without a run
-  Collector(listener, database, collected).take(files);
+  Collector(unfinished, listener, database, collected).take(files);
 }
 
 }  // namespace database

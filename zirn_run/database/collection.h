@@ -30,7 +30,7 @@ struct Collected {
   std::size_t known = 0;       // files whose run was there already
   std::size_t seen = 0;        // files that were looked into by an earlier call, and are the same still
   std::size_t unreadable = 0;  // files whose reason was written down
-  std::size_t later = 0;       // files that are being written
+  std::size_t later = 0;       // files that are being written, or went
   std::size_t done() const { return runs + known + seen + unreadable + later; }
 };
 
@@ -46,11 +46,17 @@ struct Listener {
 // there goes to `missing`.
 std::vector<std::string> files_in(const std::vector<std::string>& names, std::vector<std::string>* missing);
 
+// What becomes of files that are open for writing, that change meanwhile, or that were written to in the last minute and
+// are not whole.
+enum class Unfinished {
+  kLater,  // they are left for a later call
+  kAsItIs,
+};
+
 // Brings the files (sorted) into the database, each in one transaction, and counts as it goes, so that `collected` also
-// holds after an exception. Left for a later call are files that are open for writing, that change meanwhile, or that
-// were written to in the last minute and are not whole. Throws NotReached and NotUsable.
-void collect(const std::vector<std::string>& files, const Listener& listener, Database* database,
-             Collected* collected);
+// holds after an exception. Throws NotReached and NotUsable.
+void collect(const std::vector<std::string>& files, Unfinished unfinished, const Listener& listener,
+             Database* database, Collected* collected);
 
 }  // namespace database
 

@@ -30,7 +30,7 @@ int collect(const Options& options) {
   database::Database database(name, database::Database::Use::kWrite,
                               manners_of(database::Database::shown(name), options.patience));
   database::Collected collected;
-  const bool is_all_there = collect_files(options.names, &database, &collected);
+  const bool is_all_there = collect_files(options.names, database::Unfinished::kLater, &database, &collected);
   std::cout << text_of(collected, database.name()) << std::endl;
   return is_all_there ? kDone : kNotPossible;
 }

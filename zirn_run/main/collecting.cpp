@@ -35,8 +35,8 @@ std::string progress_of(const database::Collected& collected, std::size_t files)
 
 }  // namespace
 
-bool collect_files(const std::vector<std::string>& names, database::Database* database,
-                   database::Collected* collected) {
+bool collect_files(const std::vector<std::string>& names, database::Unfinished unfinished,
+                   database::Database* database, database::Collected* collected) {
   std::signal(SIGIO, SIG_IGN);  // sent where somebody begins to write to a file while it is tried for that
   std::vector<std::string> missing;
   const std::vector<std::string> files = database::files_in(names, &missing);
@@ -57,7 +57,7 @@ bool collect_files(const std::vector<std::string>& names, database::Database* da
                        frames::counted(files.size(), "file") + " not delivered");
   };
   try {
-    database::collect(files, listener, database, collected);
+    database::collect(files, unfinished, listener, database, collected);
   } catch (const database::NotReached& error) {
     throw not_delivered(error.what());
   } catch (const database::NotUsable& error) {

@@ -9,8 +9,8 @@
 // Brings the files behind the names into the database, with a line of progress on a terminal, and says on standard error
 // what cannot be read or is not there. Counts into `collected`, and returns whether all names were there. Throws
 // NotPossible where the database cannot be reached or used: that says how many files are not delivered.
-bool collect_files(const std::vector<std::string>& names, database::Database* database,
-                   database::Collected* collected);
+bool collect_files(const std::vector<std::string>& names, database::Unfinished unfinished,
+                   database::Database* database, database::Collected* collected);
 
 // What Database says while it waits.
 database::Database::Manners manners_of(const std::string& name, double patience_seconds);

@@ -39,7 +39,7 @@ std::unique_ptr<Database> database_of(const Options& options) {
   if (folders > 0 && folders == static_cast<std::ptrdiff_t>(sources.size())) {
     auto scratch = std::make_unique<Database>("", Database::Use::kWrite, Database::Manners());
     database::Collected collected;
-    collect_files(sources, scratch.get(), &collected);
+    collect_files(sources, database::Unfinished::kAsItIs, scratch.get(), &collected);
     return scratch;
   }
   if (sources.size() > 1)
