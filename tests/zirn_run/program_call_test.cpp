@@ -90,4 +90,18 @@ TEST_F(ProgramCall, NamesAFileThatCannotBeUsed) {
   }
 }
 
+// The last one's record goes on.
+TEST_F(ProgramCall, SaysThatStandardOutputCannotBeWritten) {
+  const std::string run = MadeCapture().verdict("F_l_m_02PPT_PASSED", 2002).contents();
+  write_whole_file("run", run);
+  for (const char* const call :
+       {"draw run", "explain run", "explain --json run run", "explain --result run", "explain --causes",
+        "scenario run", "collect --into runs.db run", "report --csv runs.db", "watch run", "watch -"}) {
+    Process program({"sh", "-c", "exec '" ZIRN_RUN_PROGRAM "' " + std::string(call) + " 2>&1 >/dev/full"});
+    program.write_text(run);
+    EXPECT_EQ(status_number(program.wait_for_end(kPatience)), 3) << call;
+    EXPECT_EQ(program.read_text(), "zirn-run: standard output: No space left on device\n") << call;
+  }
+}
+
 }  // namespace

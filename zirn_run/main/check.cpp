@@ -1,12 +1,10 @@
 #include "check/check.h"
 
-#include <cerrno>
-#include <cstring>
-#include <iostream>
 #include <memory>
 
 #include "main/commands.h"
 #include "main/exit_status.h"
+#include "main/print.h"
 
 namespace {
 
@@ -15,21 +13,16 @@ struct Options {
   station::Words station;
 };
 
-void print(const std::string& line) {
-  if (!(std::cout << line << std::endl))
-    throw NotPossible(std::string("standard output: ") + std::strerror(errno));
-}
-
 int check_station(const Options& options) {
   const check::Setup setup = check::setup_of(options.station, options.folder);
   int wrong = 0;
   for (const check::Point& point : check::points()) {
     const check::Finding finding = point.look(setup);
     if (finding.state == check::State::kWrong) ++wrong;
-    print(check::text_of(point, finding));
+    print(check::text_of(point, finding) + "\n");
   }
-  print(wrong == 0 ? "the station is ready"
-                   : "the station is not ready: " + std::to_string(wrong) + " wrong");
+  print(wrong == 0 ? "the station is ready\n"
+                   : "the station is not ready: " + std::to_string(wrong) + " wrong\n");
   return wrong == 0 ? kDone : kNotPossible;
 }
 

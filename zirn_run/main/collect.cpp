@@ -1,10 +1,8 @@
-#include <cmath>
-#include <iostream>
-
 #include "frames/words.h"
 #include "main/collecting.h"
 #include "main/commands.h"
 #include "main/exit_status.h"
+#include "main/print.h"
 
 namespace {
 
@@ -31,7 +29,7 @@ int collect(const Options& options) {
                               manners_of(database::Database::shown(name), options.patience));
   database::Collected collected;
   const bool is_all_there = collect_files(options.names, database::Unfinished::kLater, &database, &collected);
-  std::cout << text_of(collected, database.name()) << std::endl;
+  print(text_of(collected, database.name()) + "\n");
   return is_all_there ? kDone : kNotPossible;
 }
 

@@ -5,6 +5,7 @@
 #include "main/commands.h"
 #include "main/exit_status.h"
 #include "main/explanation_json.h"
+#include "main/print.h"
 #include "main/run_options.h"
 
 namespace {
@@ -18,37 +19,36 @@ struct Options {
   bool is_causes = false;
 };
 
-// Whether the run passed. Throws NotPossible.
-bool answer(const run_files::Files& files, const Options& options) {
+explanation::Explanation explanation_of(const run_files::Files& files) {
   story::Story story;
   tell_run(files, &story);
-  const explanation::Explanation told = explanation::explain(story.reading());
-  const std::string file =
-      !files.record.empty() ? files.record : files.journal.value_or(files.log.value_or(""));
-  if (options.is_result) {
-    std::cout << explanation::name_of(told.verdict) << '\n';
-  } else if (options.is_json) {
-    std::cout << json_of(told, file, name_in(file)) << '\n';
-  } else {
-    std::cout << explanation::text_of(told, name_in(file));
-  }
-  return told.verdict == explanation::Outcome::kPassed;
+  return explanation::explain(story.reading());
+}
+
+std::string answer(const explanation::Explanation& told, const std::string& file, const Options& options) {
+  if (options.is_result) return std::string(explanation::name_of(told.verdict)) + '\n';
+  if (options.is_json) return json_of(told, file, name_in(file)) + '\n';
+  return explanation::text_of(told, name_in(file));
 }
 
 int explain(const Options& options) {
   if (options.is_causes) {
-    std::cout << (options.is_json ? json_of_causes() + "\n" : explanation::text_of_causes());
+    print(options.is_json ? json_of_causes() + "\n" : explanation::text_of_causes());
     return kDone;
   }
   int status = kDone;
   const std::vector<std::string> lines_alone = {""};
   for (const std::string& file : options.files.empty() ? lines_alone : options.files) {
+    explanation::Explanation told;
     try {
-      if (!answer({file, options.journal, options.log}, options) && status == kDone) status = kNotPassed;
+      told = explanation_of({file, options.journal, options.log});
     } catch (const NotPossible& error) {
       std::cerr << "zirn-run: " << error.what() << std::endl;
       status = kNotPossible;
+      continue;
     }
+    print(answer(told, !file.empty() ? file : options.journal.value_or(options.log.value_or("")), options));
+    if (told.verdict != explanation::Outcome::kPassed && status == kDone) status = kNotPassed;
   }
   return status;
 }

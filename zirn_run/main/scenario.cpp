@@ -1,7 +1,5 @@
 #include "scenario/scenario.h"
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -13,6 +11,7 @@
 #include "frames/words.h"
 #include "main/commands.h"
 #include "main/exit_status.h"
+#include "main/print.h"
 #include "main/replay.h"
 #include "main/run_options.h"
 #include "scenario/contents.h"
@@ -38,11 +37,6 @@ int status_of(const scenario::Scenario& written) {
   std::cerr << "zirn-run: the scenario lacks " << frames::counted(written.left_out, "thing")
             << " of the run; its comments say which" << std::endl;
   return kNotPossible;
-}
-
-void print(const std::string& text) {
-  if (!(std::cout << text << std::flush))
-    throw NotPossible(std::string("standard output: ") + std::strerror(errno));
 }
 
 std::string name_of_run(const Options& options) {

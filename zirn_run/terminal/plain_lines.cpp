@@ -1,6 +1,7 @@
 #include "terminal/plain_lines.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "picture/row.h"
 #include "picture/telling.h"
@@ -24,7 +25,7 @@ bool is_end_told(const Transfer& transfer) {
 }  // namespace
 
 void PlainLines::print(const std::string& time, const std::string& text) {
-  out_ << time << "  " << text << std::endl;
+  if (error_ == 0 && !(out_ << time << "  " << text << std::endl)) error_ = errno;
 }
 
 void PlainLines::look() {

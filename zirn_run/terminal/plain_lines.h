@@ -23,6 +23,8 @@ class PlainLines {
   void tell(const Judgement& judgement);
   // The last lines: how the run came out.
   void finish(const Judgement& judgement);
+  // errno of what kept a line from being written, after which there are none; 0: nothing.
+  int error() const { return error_; }
 
  private:
   void look_at_step(std::size_t place);
@@ -37,6 +39,7 @@ class PlainLines {
   std::size_t gaps_ = 0;
   std::uint64_t revision_ = 0;
   std::string fault_;
+  int error_ = 0;
 };
 
 }  // namespace terminal

@@ -138,7 +138,7 @@ class Watch {
   bool is_live() const { return !options_.recorder.empty(); }
   std::string name() const;
   void open();
-  bool may_go_on() const { return !is_quit_ && signal_that_came == 0; }
+  bool may_go_on() const { return !is_quit_ && signal_that_came == 0 && lines_.error() == 0; }
   bool wait(int descriptor);
   void wait_for_keys(milliseconds most);
   void rest_while_paused();
@@ -221,6 +221,8 @@ void Watch::run() {
   }
   if (may_go_on()) show_end(reader->problem());
   display_.reset();
+  if (lines_.error() != 0)
+    throw NotWatchable(std::string("standard output: ") + std::strerror(lines_.error()));
 }
 
 void Watch::take(const record::Item& item) {

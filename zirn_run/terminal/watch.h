@@ -16,7 +16,7 @@ struct Options {
   std::optional<double> speed;        // a file at its own pace, so many times as fast; absent: at once
 };
 
-// One sentence that names what cannot be read; empty: somebody else has said it.
+// One sentence that names what cannot be read or written; empty: somebody else has said it.
 struct NotWatchable : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
