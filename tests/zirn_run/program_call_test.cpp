@@ -4,6 +4,8 @@
 
 namespace {
 
+using Words = std::vector<std::string>;
+
 class ProgramCall : public CalledProgram {};
 
 TEST_F(ProgramCall, SaysItsVersionAndHowItIsCalled) {
@@ -22,8 +24,6 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
   expect_refused({"draw", "a", "--fold", "--unfold"}, 2, "--fold excludes --unfold");
   expect_refused({"draw", "a", "--journal", "b", "--log", "c"}, 2, "--journal excludes --log");
   expect_refused({"draw", "a", "--unit", "5"}, 2, "--unit: expected an address as 172.40.0.2, found 5");
-  EXPECT_EQ(calls({"draw", "a", "--from", "-1"}).status, 2);
-  EXPECT_EQ(calls({"draw", "a", "--until", "soon"}).status, 2);
   for (const char* const command : {"draw", "explain", "scenario"}) {
     expect_refused({command, "-", "--log", "a"}, 2,
                    "--log: expected a FILE beside it, found standard input, which cannot be read twice");
@@ -40,6 +40,24 @@ TEST_F(ProgramCall, RefusesAWrongCall) {
   expect_refused({"record", "-i", "lo", "-o", "a", "--pid", "5"}, 2, "--pid requires --log");
   expect_refused({"record", "-i", "lo", "-o", "a", "--limit", "2G"}, 2, "--limit requires --service");
   expect_refused({"record", "-i", "lo", "--service", "-o", "a"}, 2, "--output excludes --service");
+}
+
+TEST_F(ProgramCall, RefusesANumberThatIsNone) {
+  for (const char* const number : {"nan", "-nan", "inf", "-1", "1e300", "soon"}) {
+    const auto expect = [&](Words call, const std::string& option, const std::string& range) {
+      call.insert(call.end(), {option, number});
+      expect_refused(call, 2, option + ": expected a number from " + range + ", found " + number);
+    };
+    expect({"draw", "a"}, "--from", "0 to 1000000000");
+    expect({"draw", "a"}, "--until", "0 to 1000000000");
+    expect({"watch", "a"}, "--speed", "0.001 to 1000000");
+    expect({"collect", "a"}, "--patience", "0 to 86400");
+    expect({"test"}, "--timeout", "0.001 to 1000000000");
+  }
+  for (const char* const size : {"-1", " -1", "-0", "-1G"})
+    expect_refused({"record", "-i", "lo", "--service", "--folder", "a", "--limit", size}, 2,
+                   std::string("--limit: expected a size as 2G, found ") + size);
+  EXPECT_EQ(calls({"record", "-i", "lo", "--service", "--limit", "nan"}).status, 2);
 }
 
 // A name from outside may hold what a terminal obeys.

@@ -2,6 +2,7 @@
 #include "main/collecting.h"
 #include "main/commands.h"
 #include "main/exit_status.h"
+#include "main/number.h"
 #include "main/print.h"
 
 namespace {
@@ -45,7 +46,7 @@ Work collect_command(CLI::App& app) {
   app.add_option("--patience", options->patience, "For how long in a row the database may not be reached")
       ->type_name("SECONDS")
       ->capture_default_str()
-      ->check(CLI::Range(0.0, kLongest).description(""));
+      ->check(number_in(0, kLongest));
   app.footer(
       "Exit status: 0 what was found is in the database; 2 the call was wrong; 3 a file is not there, or the "
       "database was not reached: what was not delivered goes with the next call");

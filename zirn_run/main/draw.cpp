@@ -11,6 +11,7 @@
 #include "frames/words.h"
 #include "main/commands.h"
 #include "main/exit_status.h"
+#include "main/number.h"
 #include "main/run_options.h"
 #include "picture/picture.h"
 
@@ -131,10 +132,10 @@ Work draw_command(CLI::App& app) {
   const char* const kSeconds = "SECONDS";
   app.add_option("--from", options->from, "Only what is later than so long after the run's first moment")
       ->type_name(kSeconds)
-      ->check(CLI::Range(0.0, kLongest).description(""));
+      ->check(number_in(0, kLongest));
   app.add_option("--until", options->until, "Only what is earlier than that")
       ->type_name(kSeconds)
-      ->check(CLI::Range(0.0, kLongest).description(""));
+      ->check(number_in(0, kLongest));
   app.add_option("--unit", options->unit, "Only the unit with this address")
       ->type_name("ADDRESS")
       ->check(wrong_in_address);

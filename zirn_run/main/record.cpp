@@ -17,6 +17,11 @@ int record_run(const recorder::Options& options) {
   return kDone;
 }
 
+// To CLI11 -1 is the largest size that there is.
+std::string wrong_in_size(const std::string& text) {
+  return text.find('-') == std::string::npos ? "" : "expected a size as 2G, found " + text;
+}
+
 }  // namespace
 
 Work record_command(CLI::App& app) {
@@ -43,6 +48,7 @@ Work record_command(CLI::App& app) {
   app.add_option("--limit", options->limit, "Bytes that the folder may have, as 2G")
       ->needs(service)
       ->transform(CLI::AsSizeValue(false).description(""))
+      ->transform(CLI::Validator(wrong_in_size, ""))  // comes first
       ->type_name("SIZE");
   app.add_option("OPTION", options->station,
                  "The station's own options, behind \"--\"; without them, those of the unit")

@@ -10,6 +10,7 @@
 #include "main/commands.h"
 #include "main/exit_status.h"
 #include "main/explanation_json.h"
+#include "main/number.h"
 #include "main/programs.h"
 #include "main/voice.h"
 #include "recorder/clock.h"
@@ -141,13 +142,15 @@ int test(const Options& options) {
 
 Work test_command(CLI::App& app) {
   const auto options = std::make_shared<Options>();
+  constexpr double kShortest = 0.001;  // seconds
+  constexpr double kLongest = 1e9;     // the same
   app.add_option("--program", options->program,
                  "The station's program, instead of the service or the one that is found")
       ->type_name("FILE");
   app.add_option("--record", options->record, std::string("The record; without it, one in ") + kFolder)
       ->type_name("FILE");
   app.add_option("--timeout", options->longest, "End the run after so long")
-      ->check(CLI::PositiveNumber.description(""))
+      ->check(number_in(kShortest, kLongest))
       ->type_name("SECONDS");
   app.add_flag("--json", options->is_json,
                "The result as one object of JSON, in a line; all else goes to standard error");

@@ -4,6 +4,7 @@
 
 #include "main/commands.h"
 #include "main/exit_status.h"
+#include "main/number.h"
 
 namespace {
 
@@ -70,6 +71,6 @@ Work watch_command(CLI::App& app) {
   app.add_option("--speed", options->speed,
                  "Play a file at its own pace, so many times as fast; without it, at once")
       ->type_name("TIMES")
-      ->check(CLI::Range(kSlowest, kFastest).description(""));
+      ->check(number_in(kSlowest, kFastest));
   return [options] { return watch(*options); };
 }
