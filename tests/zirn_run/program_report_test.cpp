@@ -288,6 +288,49 @@ TEST_F(ProgramReportCall, MakesNoDatabase) {
                  "zirn-run: runs.db: expected a database of runs, found no tables of one");
 }
 
+// In a folder that may not be written to. What keeps root from that as well: to have lost the right to pass over rights.
+class ProgramReportOfKept : public CalledProgram {
+ protected:
+  static constexpr char kName[] = "odd %20?a=#\xff.db";
+
+  void SetUp() override {
+    std::filesystem::create_directory("kept");
+    {
+      database::Database made("made.db", database::Database::Use::kWrite, {});
+      fill_with_runs(&made, 1000);
+    }
+    std::filesystem::rename("made.db", std::string("kept/") + kName);
+    std::filesystem::permissions("kept", std::filesystem::perms(0555));
+  }
+  void TearDown() override { std::filesystem::permissions("kept", std::filesystem::perms(0755)); }
+
+  // In a shell: the call, whose output something else reads. The exit status.
+  static int reports_to(const std::string& reader) {
+    const std::string less = geteuid() == 0 ? "setpriv --bounding-set=-dac_override " : "";
+    Program shell({"sh", "-c",
+                   "{ " + less +
+                       "'" ZIRN_RUN_PROGRAM "' report --csv \"kept/$0\" 2>errors; echo $? >status; } | " +
+                       reader,
+                   kName});
+    EXPECT_EQ(shell.exit_status(kPatience), 0) << shell.output();
+    return std::stoi(whole_file("status"));
+  }
+};
+
+TEST_F(ProgramReportOfKept, IsAsOfAnyOther) {
+  EXPECT_EQ(reports_to("cat >runs.csv"), 0) << whole_file("errors");
+  const std::string csv = whole_file("runs.csv");
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1001);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator("kept"), {}), 1);
+}
+
+// What is read then may belong to different times.
+TEST_F(ProgramReportOfKept, FailsWhereSomebodyWritesMeanwhile) {
+  EXPECT_EQ(reports_to("{ read -r line; touch \"kept/$0\"; cat >/dev/null; }"), 3);
+  EXPECT_EQ(whole_file("errors"),
+            "zirn-run: kept/odd %20?a=#\\xff.db: somebody wrote to it while it was read\n");
+}
+
 TEST_F(ProgramReportCall, LeavesAPipeWhereItIs) {
   write_whole_file("run.pcapng", MadeCapture().verdict("F_l_m_02PPT_PASSED", 2002).contents());
   ASSERT_EQ(calls({"collect", "--into", "runs.db", "run.pcapng"}).status, 0);

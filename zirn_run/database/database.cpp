@@ -1,5 +1,7 @@
 #include "database/database.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <thread>
@@ -11,6 +13,7 @@ namespace database {
 
 namespace {
 
+namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kFirstPause{100};
@@ -62,6 +65,23 @@ std::string sqlite_parameters(const std::string& file) {
   return "dbname=\"" + file + "\"";
 }
 
+// SQLite puts others beside a file that it reads, unless it is told that nobody writes to it meanwhile. Whether it must be
+// told: this user may put none there, and no writer has.
+bool stands_alone(const std::string& file) {
+  std::error_code none;
+  const fs::path path = fs::canonical(file, none);
+  return access(path.parent_path().c_str(), W_OK) != 0 && !fs::exists(path.string() + "-wal", none);
+}
+
+std::string parameters_of_unchanging(const std::string& file) {
+  return "dbname=\"file:%" + frames::hexadecimal(file, "%") + "?immutable=1\"";
+}
+
+fs::file_time_type written_at(const std::string& file) {
+  std::error_code none;
+  return fs::last_write_time(file, none);
+}
+
 }  // namespace
 
 const char kProgram[] = "zirn-run " ZIRN_RUN_VERSION;
@@ -90,9 +110,12 @@ std::string Database::shown(const std::string& name) {
 }
 
 void Database::open_sqlite() {
-  if (use_ == Use::kRead && !name_.empty() && !std::filesystem::exists(name_))
-    throw NotUsable("No such file or directory");
-  session_->open("sqlite3", sqlite_parameters(name_));
+  unchanged_since_.reset();
+  if (use_ == Use::kRead && !name_.empty()) {
+    if (!fs::exists(name_)) throw NotUsable("No such file or directory");
+    if (stands_alone(name_)) unchanged_since_ = written_at(name_);
+  }
+  session_->open("sqlite3", unchanged_since_ ? parameters_of_unchanging(name_) : sqlite_parameters(name_));
   *session_ << "PRAGMA busy_timeout = " + std::to_string(manners_.patience.count());
   *session_ << "PRAGMA foreign_keys = ON";
   std::string mode;
@@ -170,6 +193,8 @@ void Database::read(const Work& work) {
     session_.reset();
     throw NotReached(sentence_of(error));
   }
+  if (unchanged_since_ && written_at(name_) != *unchanged_since_)
+    throw NotReached("somebody wrote to it while it was read");
 }
 
 }  // namespace database

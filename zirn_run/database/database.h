@@ -2,8 +2,10 @@
 #define DATABASE_DATABASE_H
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -78,6 +80,8 @@ class Database {
   const Manners manners_;
   const std::vector<Migration>& schema_;
   std::unique_ptr<soci::session> session_;  // null: not open
+  // When the file was written to last, where SQLite was told that this does not happen while it is open.
+  std::optional<std::filesystem::file_time_type> unchanged_since_;
 };
 
 }  // namespace database
