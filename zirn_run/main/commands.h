@@ -5,7 +5,7 @@
 #include <functional>
 
 // The program's commands. Each adds its options to what CLI11 gives it and returns what it does once they are read:
-// that returns the exit status. What it cannot do it throws (failure.h).
+// that returns the exit status. What it cannot do it throws (exit_status.h).
 using Work = std::function<int()>;
 
 struct Command {
