@@ -9,7 +9,7 @@
 // What came from the wire, as text that is safe on a page and in a terminal.
 namespace frames {
 
-constexpr std::size_t kMostBytesOfAName = 300;
+inline constexpr std::size_t kMostBytesOfAName = 300;
 
 // UTF-8 as it is, without what moves a cursor, changes the direction of reading or cannot be seen: such
 // characters, and bytes that are no UTF-8, as \xNN. Of more than `most` bytes the beginning, up to the end of a letter, and

@@ -7,6 +7,7 @@
 #include "recorder/clock.h"
 #include "recorder/recording.h"
 #include "recorder/runs.h"
+#include "recorder/say.h"
 
 namespace recorder {
 

@@ -21,7 +21,7 @@
 #include <iostream>
 #include <thread>
 
-#include "frames/words.h"
+#include "recorder/say.h"
 
 namespace recorder {
 
@@ -135,10 +135,6 @@ void notify_ready() {
   constexpr std::string_view kReady = "READY=1";
   sendto(descriptor, kReady.data(), kReady.size(), 0, reinterpret_cast<const sockaddr*>(&address), size);
   close(descriptor);
-}
-
-void say(const std::string& text) {
-  std::cerr << "zirn-run: " << frames::printable_sentence(text) << std::endl;
 }
 
 Recording::Record::Record(const std::string& name, int gives_up)

@@ -30,9 +30,6 @@ struct Unusable : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// On standard error.
-void say(const std::string& text);
-
 // The work of one call: links and lines into a record, until the end. Where the station begins another run at once, as
 // a service does, another record is begun with what belongs to it.
 class Recording {

@@ -26,7 +26,7 @@
 #include "record/run_entry.h"
 #include "recorder/clock.h"
 #include "recorder/file.h"
-#include "recorder/recording.h"
+#include "recorder/say.h"
 
 namespace recorder {
 

@@ -119,7 +119,7 @@ States write_queries(const std::string& lasting, Wire* wire, Writing* writing) {
   States states;
   std::set<std::string> heard;
   for (const story::Verdict& verdict : writing->reading.verdicts) {
-    if (!writing->is_said(verdict.unit)) continue;
+    if (!writing->awaits(verdict.unit)) continue;
     for (const std::size_t place : verdict.queries) {
       const Transfer& query = writing->reading.transfers[place];
       const State state = lasting.empty() ? state_in(query, is_first, *writing) : now;
@@ -146,7 +146,7 @@ bool is_relay_closed(const story::Relayed& relayed, const story::Reading& readin
 
 void write_relayed(const States& states, Writing* writing) {
   for (const story::Relayed& relayed : writing->reading.relayed) {
-    if (!writing->is_said(relayed.unit)) continue;
+    if (!writing->awaits(relayed.unit)) continue;
     const Nanoseconds at = relayed.passed_on_at.value_or(relayed.until);
     const auto next = states.upper_bound(at);
     const bool is_there = next == states.begin() || std::prev(next)->second != kRefuses;

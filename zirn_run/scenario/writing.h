@@ -27,7 +27,7 @@ struct Writing {
   bool has_cause(std::string_view id) const { return claim_of(id) != nullptr; }
   bool has_unit(std::size_t party) const;
   // Whether what came of it is awaited: of one of these units, or of one that no frame shows.
-  bool is_said(std::size_t party) const { return party == story::kNone || has_unit(party); }
+  bool awaits(std::size_t party) const { return party == story::kNone || has_unit(party); }
   // A step's form, which begins with "unit", as one of this unit's: "unit b reads NAME".
   std::string of_unit(std::size_t party, const std::string& form) const;
 };
