@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -472,13 +473,23 @@ TEST_F(Bench, TriesAsOftenAsItIsTold) {
   EXPECT_EQ(result_.output.find("unit     reads a\n", second + 1), std::string::npos) << result_.output;
 }
 
+// Of sixteen blocks each takes 0.8 s.
+TEST_F(Bench, WaitsForAReadThatIsSlow) {
+  const Result& result = plays(
+      "file a is 16 KiB\nstation starts\nwire delays 400 ms\nunit begins reading a blksize 512\n"
+      "unit has read 8 KiB\nwire is whole\nunit ends reading\nstation gets SIGKILL\nstation exits 137\n");
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
 TEST_F(Bench, WaitsUntilSoMuchIsRead) {
   const Result& result = plays(
       "file a is 100 KiB\nstation starts\nwire delays 10 ms\nunit begins reading a blksize 8192\n"
       "unit has read 40 KiB\nwire is whole\nunit ends reading\nstation gets SIGKILL\nstation exits 137\n");
   EXPECT_EQ(result.status, 0) << result.output;
+  const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(goes_wrong("file a is 1 KiB\nstation starts\nunit begins reading a\nunit has read 2 KiB\n"),
             "WRONG: line 4, unit has read 2 KiB: it has read less");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(100)) << "the read had ended";
   EXPECT_EQ(goes_wrong("station starts\nunit has read 2 KiB\n"),
             "WRONG: line 2, unit has read 2 KiB: nothing is read; expected \"unit begins reading\" before");
 }

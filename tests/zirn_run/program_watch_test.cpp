@@ -288,6 +288,12 @@ TEST_F(ProgramWatchInTerminal, NamesATerminalThatIsNotKnown) {
   EXPECT_TRUE(terminal_->shows("status 3\n")) << terminal_->screen();
 }
 
+TEST_F(ProgramWatchInTerminal, SaysThatThereIsNoTerminalToReadKeysFrom) {
+  terminal_->runs("clear; setsid --wait zirn-run watch - < run; echo status $?");
+  EXPECT_TRUE(terminal_->shows("zirn-run: /dev/tty, where the keys are read: ")) << terminal_->screen();
+  EXPECT_TRUE(terminal_->shows("status 3\n")) << terminal_->screen();
+}
+
 TEST_F(ProgramWatchInTerminal, IsStoppedAndGoesOnWhereItWas) {
   terminal_->runs("clear; echo bef'ore'; zirn-run watch run");
   ASSERT_TRUE(terminal_->shows("ended"));
@@ -323,6 +329,12 @@ TEST_F(ProgramWatchInTerminal, HasColoursUnlessTheyAreNotWanted) {
   ASSERT_TRUE(terminal_->shows("ended"));
   for (const char* const colour : {"[31m", "[32m", "[35m"})
     EXPECT_EQ(terminal_->screen(true).find(colour), std::string::npos) << terminal_->screen(true);
+  terminal_->presses({"q"});
+  ASSERT_TRUE(terminal_->no_longer_shows("ended"));
+  terminal_->runs("clear; NO_COLOR= zirn-run watch run");
+  ASSERT_TRUE(terminal_->shows("ended"));
+  EXPECT_NE(terminal_->screen(true).find("\x1b[32mthe unit PASSED"), std::string::npos)
+      << terminal_->screen(true);
 }
 
 TEST_F(ProgramWatchInTerminal, IsNotMovedByWhatComesFromTheWire) {

@@ -151,6 +151,20 @@ class RecorderJournal : public RecorderLines {
     std::sort(names.begin(), names.end());
     return names;
   }
+  void records_into_a_folder() {
+    options_.output.clear();
+    options_.is_service = true;
+    options_.folder = "runs";
+  }
+  static void the_next_run_begins_at_once() {
+    systemd_says(kSuccess);
+    usleep(5000);
+    systemd_says(kStarting);
+    station_prints("second");
+    Sender("127.0.0.1", 12345).sends("of the second");
+    EXPECT_TRUE(wait_until([] { return records().size() == 2; }));
+    usleep(300000);
+  }
   static void run_has_status(const std::string& status) {
     std::filesystem::create_directories("/run/zirn-test-station");
     std::ofstream("/run/zirn-test-station/exit_status") << status << "\n";
@@ -267,22 +281,14 @@ TEST_F(RecorderJournal, WithoutAJournalctlTheFramesAreRecordedAndOneGapSaysSo) {
 }
 
 TEST_F(RecorderJournal, ARunThatBeginsBehindTheOneBeforeIsARecordOfItsOwn) {
-  options_.output.clear();
-  options_.is_service = true;
-  options_.folder = "runs";
+  records_into_a_folder();
   Recording recording(options_);
   EXPECT_TRUE(wait_until([] { return !whole_file("called").empty(); }));
   usleep(300000);
   station_prints("first");
   Sender("127.0.0.1", 12345).sends("of the first");
   usleep(5000);
-  systemd_says(kSuccess);
-  usleep(5000);
-  systemd_says(kStarting);
-  station_prints("second");
-  Sender("127.0.0.1", 12345).sends("of the second");
-  EXPECT_TRUE(wait_until([&] { return records().size() == 2; }));
-  usleep(300000);
+  the_next_run_begins_at_once();
   EXPECT_EQ(recording.stops(), 0) << whole_file("errors");
   ASSERT_EQ(records().size(), 2U);
   EXPECT_EQ(recorded(records()[0]).lines(), Strings{"first"});
@@ -293,9 +299,7 @@ TEST_F(RecorderJournal, ARunThatBeginsBehindTheOneBeforeIsARecordOfItsOwn) {
 }
 
 TEST_F(RecorderJournal, TheNextRunIsRecordedWhereThereIsRoomAgain) {
-  options_.output.clear();
-  options_.is_service = true;
-  options_.folder = "runs";
+  records_into_a_folder();
   ASSERT_EQ(mkdir("runs", 0755), 0);
   ASSERT_EQ(mount("tmpfs", "runs", "tmpfs", 0, "size=64k"), 0);
   Recording recording(options_);
@@ -306,13 +310,7 @@ TEST_F(RecorderJournal, TheNextRunIsRecordedWhereThereIsRoomAgain) {
   EXPECT_TRUE(
       wait_until([] { return whole_file("errors").find("nothing more is recorded") != std::string::npos; }));
   std::filesystem::remove("runs/filling");
-  systemd_says(kSuccess);
-  usleep(5000);
-  systemd_says(kStarting);
-  station_prints("second");
-  Sender("127.0.0.1", 12345).sends("of the second");
-  EXPECT_TRUE(wait_until([&] { return records().size() == 2; }));
-  usleep(300000);
+  the_next_run_begins_at_once();
   EXPECT_EQ(recording.stops(), 3);
   ASSERT_EQ(records().size(), 2U);
   EXPECT_EQ(recorded(records()[0]).lines(), Strings());
